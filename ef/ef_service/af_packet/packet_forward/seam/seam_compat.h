@@ -1,0 +1,90 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Kernel differences, 4.19 to 6.12. The only place with version numbers.
+ * Where a later kernel has no equal, what a caller observes stays that of 4.19.
+ */
+#ifndef SEAM_COMPAT_H
+#define SEAM_COMPAT_H
+
+#include <linux/version.h>
+#include <net/sock.h>
+
+/* setsockopt's argument became a sockptr_t in 5.9. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 9, 0)
+#include <linux/sockptr.h>
+#define SEAM_OPTVAL sockptr_t
+#define seam_optval_copy(to, from, len) copy_from_sockptr(to, from, len)
+#else
+#define SEAM_OPTVAL char __user *
+#define seam_optval_copy(to, from, len) copy_from_user(to, from, len)
+#endif
+
+/* The socket layer reads timestamps itself, through gettstamp, since 5.2. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 2, 0)
+#define SEAM_GETTSTAMP .gettstamp = sock_gettstamp,
+#define seam_compat_get_timestamp(sk, to) (-ENOIOCTLCMD)
+#define seam_compat_get_timestampns(sk, to) (-ENOIOCTLCMD)
+#else
+#define SEAM_GETTSTAMP
+#define seam_compat_get_timestamp(sk, to) sock_get_timestamp(sk, to)
+#define seam_compat_get_timestampns(sk, to) sock_get_timestampns(sk, to)
+#endif
+
+/* sendpage left the operations table in 6.5. */
+#if LINUX_VERSION_CODE < KERNEL_VERSION(6, 5, 0)
+#define SEAM_SENDPAGE .sendpage = sock_no_sendpage,
+#else
+#define SEAM_SENDPAGE
+#endif
+
+/* skb_recv_datagram lost its separate non-blocking argument in 5.18. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 18, 0)
+#define seam_compat_recv_datagram(sk, flags, err) skb_recv_datagram(sk, flags, err)
+#else
+#define seam_compat_recv_datagram(sk, flags, err) \
+	skb_recv_datagram(sk, flags, (flags) & MSG_DONTWAIT, err)
+#endif
+
+/* The control buffer may be a kernel one since 5.8, and is told apart by a bit. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 8, 0)
+#define seam_control_is_kernel(msg) (!(msg)->msg_control_is_user)
+#else
+#define seam_control_is_kernel(msg) false
+#endif
+
+/* recvmsg's helpers were gathered into sock_recv_cmsgs in 5.19; timestamps alone keep their name. */
+#define seam_compat_recv_timestamp(msg, sk, skb) sock_recv_timestamp(msg, sk, skb)
+
+/* 4.20 made synchronize_rcu wait for disabled bottom halves too. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(4, 20, 0)
+#define seam_compat_wait_for_hooks() synchronize_rcu()
+#else
+#define seam_compat_wait_for_hooks() \
+	do {                         \
+		synchronize_rcu();   \
+		synchronize_rcu_bh(); \
+		synchronize_sched(); \
+	} while (0)
+#endif
+
+/*
+ * sched_setscheduler is not exported since 5.9. The request made here is one
+ * that 4.19 refuses, so leaving it out leaves the same thread.
+ */
+#if LINUX_VERSION_CODE < KERNEL_VERSION(5, 9, 0)
+#include <linux/sched.h>
+#include <uapi/linux/sched/types.h>
+#define seam_compat_set_normal(task, prio)                              \
+	do {                                                            \
+		struct sched_param param = { .sched_priority = (prio) }; \
+		sched_setscheduler(task, SCHED_NORMAL, &param);         \
+	} while (0)
+#else
+#define seam_compat_set_normal(task, prio) \
+	do {                               \
+		(void)(task);              \
+		(void)(prio);              \
+	} while (0)
+#endif
+
+#endif

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: GPL-2.0
+/* Memory, user memory and the current task. */
+#include <linux/dcache.h>
+#include <linux/fs_struct.h>
+#include <linux/kernel.h>
+#include <linux/path.h>
+#include <linux/sched.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+#include <linux/uaccess.h>
+#include <linux/vmalloc.h>
+
+#include "seam.h"
+#include "seam_compat.h"
+#include "seam_uptr.h"
+
+void *seam_kzalloc(size_t size)
+{
+	return kzalloc(size, GFP_KERNEL);
+}
+
+void seam_kfree(void *block)
+{
+	kfree(block);
+}
+
+void *seam_vzalloc(size_t size)
+{
+	return vzalloc(size);
+}
+
+void seam_vfree(void *block)
+{
+	vfree(block);
+}
+
+struct kmem_cache *seam_cache_create(const char *name, size_t size)
+{
+	return kmem_cache_create(name, size, 0, 0, NULL);
+}
+
+void seam_cache_destroy(struct kmem_cache *cache)
+{
+	kmem_cache_destroy(cache);
+}
+
+void *seam_cache_alloc(struct kmem_cache *cache)
+{
+	return kmem_cache_alloc(cache, GFP_ATOMIC);
+}
+
+void seam_cache_free(struct kmem_cache *cache, void *object)
+{
+	kmem_cache_free(cache, object);
+}
+
+int seam_copy_from_uptr(void *to, const struct seam_uptr *from, size_t len)
+{
+	return seam_optval_copy(to, from->value, len) ? -EFAULT : 0;
+}
+
+int seam_copy_to_user(void *user_to, const void *from, size_t len)
+{
+	return copy_to_user((void __user *)user_to, from, len) ? -EFAULT : 0;
+}
+
+int seam_get_user_int(int *to, const int *user_from)
+{
+	return get_user(*to, (const int __user *)user_from);
+}
+
+int seam_put_user_int(int value, int *user_to)
+{
+	return put_user(value, (int __user *)user_to);
+}
+
+s32 seam_current_pid(void)
+{
+	return task_pid_nr(current);
+}
+
+void seam_current_comm(char name[16])
+{
+	BUILD_BUG_ON(TASK_COMM_LEN != 16);
+	memset(name, 0, TASK_COMM_LEN);
+	strscpy(name, current->comm, TASK_COMM_LEN);
+}
+
+char *seam_cwd_path(char *buf, size_t size)
+{
+	struct path pwd;
+	char *text;
+
+	spin_lock_bh(&current->fs->lock);
+	pwd = current->fs->pwd;
+	path_get(&pwd);
+	spin_unlock_bh(&current->fs->lock);
+	text = d_path(&pwd, buf, size);
+	path_put(&pwd);
+	return IS_ERR(text) ? NULL : text;
+}
+
+unsigned long seam_strtoul10(const char *text)
+{
+	return simple_strtoul(text, NULL, 10);
+}

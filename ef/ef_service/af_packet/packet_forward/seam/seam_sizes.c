@@ -1,0 +1,49 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Sizes that the kernel's configuration decides, told to the C++ units.
+ *
+ * Compiled to assembly only; Kbuild turns the marker lines into
+ * record_sizes.h, as the kernel does for its own asm-offsets.
+ */
+#include <linux/kbuild.h>
+#include <linux/poison.h>
+
+#include "../mox_ef_socket.h"
+
+int main(void);
+
+int main(void)
+{
+	DEFINE(SEAM_SOCK_SIZE, sizeof(seam_sock));
+	DEFINE(SEAM_SOCK_ALIGN, __alignof__(seam_sock));
+	DEFINE(SEAM_SPINLOCK_SIZE, sizeof(seam_spinlock));
+	DEFINE(SEAM_SPINLOCK_ALIGN, __alignof__(seam_spinlock));
+	DEFINE(SEAM_RWLOCK_SIZE, sizeof(seam_rwlock));
+	DEFINE(SEAM_RWLOCK_ALIGN, __alignof__(seam_rwlock));
+	DEFINE(SEAM_MUTEX_SIZE, sizeof(seam_mutex));
+	DEFINE(SEAM_MUTEX_ALIGN, __alignof__(seam_mutex));
+	DEFINE(SEAM_WAITQUEUE_SIZE, sizeof(seam_waitqueue));
+	DEFINE(SEAM_WAITQUEUE_ALIGN, __alignof__(seam_waitqueue));
+	DEFINE(SEAM_LIST_POISON1, (unsigned long)LIST_POISON1);
+	DEFINE(SEAM_LIST_POISON2, (unsigned long)LIST_POISON2);
+
+	/* The two views of each shared record, compared by the C++ units. */
+	DEFINE(SEAM_PO_SIZE, sizeof(struct mox_packet_sock));
+	DEFINE(SEAM_PO_FILTER_DROPS, offsetof(struct mox_packet_sock, filter_drops));
+	DEFINE(SEAM_PO_VSD, offsetof(struct mox_packet_sock, vsd));
+	DEFINE(SEAM_PO_REGULAR, offsetof(struct mox_packet_sock, regular));
+	DEFINE(SEAM_PO_BIND_LOCK, offsetof(struct mox_packet_sock, bind_lock));
+	DEFINE(SEAM_PO_PG_VEC_LOCK, offsetof(struct mox_packet_sock, pg_vec_lock));
+	DEFINE(SEAM_PO_FLAGS, offsetof(struct mox_packet_sock, flags));
+	DEFINE(SEAM_PO_IFINDEX, offsetof(struct mox_packet_sock, ifindex));
+	DEFINE(SEAM_PO_PROTOCOL, offsetof(struct mox_packet_sock, protocol));
+	DEFINE(SEAM_PO_RULE_LOCK, offsetof(struct mox_packet_sock, rule_lock));
+	DEFINE(SEAM_LIB_SIZE, sizeof(struct packet_regular_lib));
+	DEFINE(SEAM_LIB_FILTER_LIST, offsetof(struct packet_regular_lib, filter_list));
+	DEFINE(SEAM_QUEUE_SIZE, sizeof(struct efbuff_queue));
+	DEFINE(SEAM_QUEUE_LOCK, offsetof(struct efbuff_queue, lock));
+	DEFINE(SEAM_TOP_SIZE, sizeof(struct packet_thread_top));
+	DEFINE(SEAM_TOP_WAIT_QUEUE, offsetof(struct packet_thread_top, wait_queue));
+	DEFINE(SEAM_TOP_PENDING, offsetof(struct packet_thread_top, pending));
+	return 0;
+}

@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: GPL-2.0
+/* Sockets, their receive queues, and messages. */
+#include <linux/filter.h>
+#include <linux/net.h>
+#include <linux/skbuff.h>
+#include <linux/socket.h>
+#include <linux/uaccess.h>
+#include <net/sock.h>
+
+#include "seam.h"
+#include "seam_compat.h"
+
+struct sock *seam_socket_sk(struct socket *socket)
+{
+	return socket->sk;
+}
+
+void seam_socket_clear_sk(struct socket *socket)
+{
+	socket->sk = NULL;
+}
+
+int seam_socket_type(const struct socket *socket)
+{
+	return socket->type;
+}
+
+int seam_sk_type(const struct sock *sk)
+{
+	return sk->sk_type;
+}
+
+void seam_sock_hold(struct sock *sk)
+{
+	sock_hold(sk);
+}
+
+void seam_sock_put(struct sock *sk)
+{
+	sock_put(sk);
+}
+
+u32 seam_sk_refcnt(const struct sock *sk)
+{
+	return refcount_read(&sk->sk_refcnt);
+}
+
+void seam_sock_orphan(struct sock *sk)
+{
+	sock_orphan(sk);
+}
+
+int seam_sk_dead(const struct sock *sk)
+{
+	return sock_flag(sk, SOCK_DEAD);
+}
+
+int seam_sk_rmem(const struct sock *sk)
+{
+	return atomic_read(&sk->sk_rmem_alloc);
+}
+
+int seam_sk_wmem(const struct sock *sk)
+{
+	return sk_wmem_alloc_get(sk);
+}
+
+int seam_sk_rcvbuf(const struct sock *sk)
+{
+	return READ_ONCE(sk->sk_rcvbuf);
+}
+
+void seam_warn(const char *what)
+{
+	WARN(1, "mox_ef_socket: %s\n", what);
+}
+
+void seam_rcvq_lock(struct sock *sk)
+{
+	spin_lock_bh(&sk->sk_receive_queue.lock);
+}
+
+void seam_rcvq_unlock(struct sock *sk)
+{
+	spin_unlock_bh(&sk->sk_receive_queue.lock);
+}
+
+u32 seam_rcvq_len(const struct sock *sk)
+{
+	return skb_queue_len(&sk->sk_receive_queue);
+}
+
+u32 seam_writeq_len(const struct sock *sk)
+{
+	return skb_queue_len(&sk->sk_write_queue);
+}
+
+struct sk_buff *seam_rcvq_peek(struct sock *sk)
+{
+	return skb_peek(&sk->sk_receive_queue);
+}
+
+void seam_rcvq_purge(struct sock *sk)
+{
+	skb_queue_purge(&sk->sk_receive_queue);
+}
+
+void seam_rcvq_append(struct sock *sk, struct sk_buff *skb)
+{
+	skb_queue_tail(&sk->sk_receive_queue, skb);
+}
+
+void seam_sk_data_ready(struct sock *sk)
+{
+	sk->sk_data_ready(sk);
+}
+
+int seam_sock_get_timestamp(struct sock *sk, void *user_to)
+{
+	return seam_compat_get_timestamp(sk, (void __user *)user_to);
+}
+
+int seam_sock_get_timestampns(struct sock *sk, void *user_to)
+{
+	return seam_compat_get_timestampns(sk, (void __user *)user_to);
+}
+
+int seam_sk_has_filter(struct sock *sk)
+{
+	int attached;
+
+	rcu_read_lock_bh();
+	attached = rcu_access_pointer(sk->sk_filter) != NULL;
+	rcu_read_unlock_bh();
+	return attached;
+}
+
+int seam_sk_filter_trim_cap(struct sock *sk, struct sk_buff *skb, u32 cap)
+{
+	return sk_filter_trim_cap(sk, skb, cap);
+}
+
+struct sk_buff *seam_recv_datagram(struct sock *sk, int flags, int *error)
+{
+	return seam_compat_recv_datagram(sk, flags, error);
+}
+
+void seam_free_datagram(struct sock *sk, struct sk_buff *skb)
+{
+	skb_free_datagram(sk, skb);
+}
+
+int seam_copy_datagram(struct sk_buff *skb, struct msghdr *msg, size_t len)
+{
+	return skb_copy_datagram_msg(skb, 0, msg, len);
+}
+
+void seam_recv_timestamp(struct msghdr *msg, struct sock *sk, struct sk_buff *skb)
+{
+	seam_compat_recv_timestamp(msg, sk, skb);
+}
+
+void seam_msg_set_namelen(struct msghdr *msg, int len)
+{
+	msg->msg_namelen = len;
+}
+
+void *seam_msg_name(struct msghdr *msg)
+{
+	return msg->msg_name;
+}
+
+void seam_msg_add_flags(struct msghdr *msg, int flags)
+{
+	msg->msg_flags |= flags;
+}
+
+void seam_msg_set_controllen(struct msghdr *msg, size_t len)
+{
+	msg->msg_controllen = len;
+}
+
+void *seam_msg_control(struct msghdr *msg)
+{
+	return msg->msg_control;
+}
+
+int seam_msg_put_control(struct msghdr *msg, const void *from, size_t len)
+{
+	if (seam_control_is_kernel(msg)) {
+		memcpy(msg->msg_control, from, len);
+		return 0;
+	}
+	return copy_to_user((void __user *)msg->msg_control, from, len) ? -EFAULT : 0;
+}

@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: GPL-2.0
+/* Processors, barriers and locks. docs/locking.md tells the story of each lock. */
+#include <linux/cpumask.h>
+#include <linux/percpu.h>
+#include <linux/rcupdate.h>
+#include <linux/smp.h>
+
+#include "seam.h"
+#include "seam_compat.h"
+
+DECLARE_PER_CPU(unsigned long, efmp_cpu_buffer_cache);
+
+int seam_cpu(void)
+{
+	return raw_smp_processor_id();
+}
+
+int seam_next_present_cpu(int cpu)
+{
+	return cpumask_next(cpu, cpu_present_mask);
+}
+
+int seam_nr_cpu_ids(void)
+{
+	BUILD_BUG_ON(NR_CPUS > CPU_QUEUE_SLOTS);
+	return nr_cpu_ids;
+}
+
+unsigned long seam_current_efbuff(void)
+{
+	return this_cpu_read(efmp_cpu_buffer_cache);
+}
+
+void seam_smp_mb(void)
+{
+	smp_mb();
+}
+
+void seam_smp_wmb(void)
+{
+	smp_wmb();
+}
+
+void seam_wait_for_hooks(void)
+{
+	seam_compat_wait_for_hooks();
+}
+
+void seam_po_locks_init(struct mox_packet_sock *po)
+{
+	spin_lock_init(&po->bind_lock);
+	mutex_init(&po->pg_vec_lock);
+	spin_lock_init(&po->rule_lock);
+}
+
+void seam_lib_lock_init(struct packet_regular_lib *lib)
+{
+	rwlock_init(&lib->lock);
+}
+
+void seam_queue_lock_init(struct efbuff_queue *queue)
+{
+	spin_lock_init(&queue->lock);
+}
+
+void seam_hook_lock_init(seam_spinlock *lock)
+{
+	spin_lock_init(lock);
+}
+
+void seam_spin_lock(seam_spinlock *lock)
+{
+	spin_lock(lock);
+}
+
+void seam_spin_unlock(seam_spinlock *lock)
+{
+	spin_unlock(lock);
+}
+
+void seam_spin_lock_bh(seam_spinlock *lock)
+{
+	spin_lock_bh(lock);
+}
+
+void seam_spin_unlock_bh(seam_spinlock *lock)
+{
+	spin_unlock_bh(lock);
+}
+
+void seam_read_lock_bh(seam_rwlock *lock)
+{
+	read_lock_bh(lock);
+}
+
+void seam_read_unlock_bh(seam_rwlock *lock)
+{
+	read_unlock_bh(lock);
+}
+
+void seam_write_lock_bh(seam_rwlock *lock)
+{
+	write_lock_bh(lock);
+}
+
+void seam_write_unlock_bh(seam_rwlock *lock)
+{
+	write_unlock_bh(lock);
+}
+
+void seam_lock_sock(struct sock *sk)
+{
+	lock_sock(sk);
+}
+
+void seam_release_sock(struct sock *sk)
+{
+	release_sock(sk);
+}
