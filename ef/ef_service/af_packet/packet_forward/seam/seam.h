@@ -239,7 +239,8 @@ int seam_msg_put_control(struct msghdr *msg, const void *from, size_t len);
 
 /* ---- the copy thread --------------------------------------------------------------- */
 
-void seam_waitqueue_init(struct packet_thread_top *top);
+/** Initialise g_packet_thread_top's wait queue. */
+void seam_waitqueue_init(void);
 /**
  * Sleep interruptibly until *word is not 0 or the thread is asked to stop.
  * 0, or a negative errno when a signal came first. Process.
@@ -261,6 +262,8 @@ void seam_thread_wake(struct task_struct *task);
 /** Ask the thread to stop and wait for its end. Process. */
 void seam_thread_stop(struct task_struct *task);
 int seam_thread_should_stop(void);
+
+extern struct packet_thread_top g_packet_thread_top;
 
 /* ---- what the kernel calls in the C++ units ------------------------------------------ */
 

@@ -8,9 +8,9 @@
 #include "seam.h"
 #include "seam_compat.h"
 
-void seam_waitqueue_init(struct packet_thread_top *top)
+void seam_waitqueue_init(void)
 {
-	init_waitqueue_head(&top->wait_queue);
+	init_waitqueue_head(&g_packet_thread_top.wait_queue);
 }
 
 int seam_wait_interruptible(seam_waitqueue *queue, const u32 *word)

@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "hooks.hpp"
+
+#include "log.hpp"
+#include "receive.hpp"
+
+extern "C" {
+constinit packet_module g_lev2_packet_module{
+	0, "PACKET-LEV2-MODULE", { 0, mox_packet_lev2_rcv, 0xFFFFFFFFu, 0x00, 0x17, 0 }
+};
+constinit packet_module g_ipv4_packet_module{
+	0, "PACKET-IPV4-MODULE", { 0, mox_packet_ipv4_rcv, 0xFFFFFFFFu, 0x02, 0x14, 0 }
+};
+constinit packet_module g_ipv6_packet_module{
+	0, "PACKET-IPV6-MODULE", { 0, mox_packet_ipv6_rcv, 0xFFFFFFFFu, 0x04, 0x0A, 0 }
+};
+constinit packet_module g_wlan_packet_module{
+	0, "PACKET-WLAN-MODULE", { 0, mox_packet_wlan_in_rcv, 0xFFFFFFFFu, 0x06, 0x06, 0 }
+};
+}
+
+namespace {
+
+/*
+ * Guards the registrations. Two sockets may change the same library at once;
+ * the count is read and acted upon under this lock, so that the last one to
+ * act always saw the last count.
+ */
+constinit seam_spinlock g_hook_lock{};
+
+/** What a location registers: a module record, an output function, a receive function. */
+struct LocationHooks {
+	packet_module *module;
+	efmp_pkt_func output;
+	efmp_pkt_func recv;
+};
+
+constexpr LocationHooks kHooks[] = {
+	/* PACKET_NONE_LOC */ { nullptr, nullptr, nullptr },
+	/* PACKET_LOCAL_LOC */ { nullptr, mox_packet_local_rcv, nullptr },
+	/* PACKET_LEV2_LOC */ { &g_lev2_packet_module, nullptr, nullptr },
+	/* PACKET_IPv4_LOC */ { &g_ipv4_packet_module, nullptr, nullptr },
+	/* PACKET_IPv6_LOC */ { &g_ipv6_packet_module, nullptr, nullptr },
+	/* MPLS and TRILL have receivers that no path registers. */
+	/* PACKET_MPLS_LOC */ { nullptr, nullptr, nullptr },
+	/* PACKET_TRILL_LOC */ { nullptr, nullptr, nullptr },
+	/* PACKET_RESV_LOC */ { nullptr, nullptr, mox_packet_resv_rcv },
+	/* PACKET_WLAN_LOC */ { &g_wlan_packet_module, mox_packet_wlan_out_rcv, nullptr },
+	/* PACKET_LEV2_RESV_LOC */ { nullptr, nullptr, mox_packet_resv_rcv },
+	/* PACKET_LEV3_RESV_LOC */ { nullptr, nullptr, mox_packet_resv_rcv },
+};
+
+void register_hooks(const LocationHooks &hooks)
+{
+	if (hooks.module)
+		mox_packet_reg_module(hooks.module);
+	if (hooks.output)
+		efmp_reg_output_pkt_func(hooks.output, platform::kOutputPoint);
+	if (hooks.recv)
+		efmp_reg_recv_pkt_func(hooks.recv, platform::kRecvPoint);
+}
+
+void deregister_hooks(const LocationHooks &hooks)
+{
+	if (hooks.module)
+		mox_packet_dereg_module(hooks.module);
+	if (hooks.output)
+		efmp_dereg_output_pkt_func(hooks.output, platform::kOutputPoint);
+	if (hooks.recv)
+		efmp_dereg_recv_pkt_func(hooks.recv, platform::kRecvPoint);
+}
+
+u32 regular_count(packet_regular_lib *lib)
+{
+	ReadGuard guard(&lib->lock);
+	return lib->regular_count;
+}
+
+} // namespace
+
+void hook_lock_init()
+{
+	seam_hook_lock_init(&g_hook_lock);
+}
+
+void hook_follow_library(u32 location, packet_regular_lib *lib)
+{
+	const LocationHooks &hooks = kHooks[location];
+	SpinGuard guard(&g_hook_lock);
+
+	/* Also when already registered: the platform may have refused before. */
+	if (regular_count(lib) != 0)
+		register_hooks(hooks);
+	else
+		deregister_hooks(hooks);
+}
+
+extern "C" {
+
+int mox_packet_reg_module(packet_module *module)
+{
+	if (module->registered)
+		return 0;
+	int result = efmp_reg_module(&module->descriptor);
+	if (result != 0) {
+		mox_printk("reg %s failed\n", module->name);
+		return result;
+	}
+	module->registered = 1;
+	return 0;
+}
+
+void mox_packet_dereg_module(packet_module *module)
+{
+	if (!module->registered)
+		return;
+	efmp_dereg_module(&module->descriptor);
+	module->registered = 0;
+}
+
+void mox_packet_flush_input_mclist(void)
+{
+}
+
+void mox_packet_flush_output_mclist(void)
+{
+}
+} // extern "C"

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "vsd.hpp"
+
+#include "log.hpp"
+
+namespace {
+
+constexpr size_t kPathSize = 4096;
+constexpr char kPrefix[] = MOX_VSD_PREFIX;
+constexpr size_t kPrefixLen = sizeof(kPrefix) - 1;
+static_assert(kPrefixLen == 18);
+
+u32 vsd_of_path(const char *path)
+{
+	if (__builtin_strncmp(path, kPrefix, kPrefixLen) != 0)
+		return 0;
+	s32 number = static_cast<s32>(seam_strtoul10(path + kPrefixLen));
+	return number < 0 ? 0 : static_cast<u32>(number);
+}
+
+} // namespace
+
+extern "C" int simple_getcwd(char *buf)
+{
+	char *path = seam_cwd_path(buf, kPathSize);
+	if (path)
+		__builtin_memmove(buf, path, __builtin_strlen(path) + 1);
+	else
+		buf[0] = '\0';
+	return 0;
+}
+
+u32 current_vsd()
+{
+	auto *buf = static_cast<char *>(seam_kzalloc(kPathSize));
+	if (!buf) {
+		mox_printk(MOX_KERN_EMERG "Failed to kmalloc buf.\n");
+		return 0;
+	}
+	simple_getcwd(buf);
+	u32 vsd = vsd_of_path(buf);
+	seam_kfree(buf);
+	return vsd;
+}
