@@ -20,9 +20,9 @@ refuse() {
 }
 
 # KASAN describes an object's variables to the kernel in constructors of its
-# own (_sub_I_00099_*, _sub_D_00099_*): where those are, the sections may be.
+# own (_sub_I_*, _sub_D_*): where those are, the sections may be.
 symbols=$($nm -P "$object" | awk '$2 != "U" { print $1 }')
-sanitizer=$(printf '%s\n' "$symbols" | grep -c '^_sub_[ID]_00099_' || true)
+sanitizer=$(printf '%s\n' "$symbols" | grep -c '^_sub_[ID]_[0-9]*_' || true)
 
 sections=$($objdump -h "$object" | awk '{ print $2 }')
 for section in $sections; do
