@@ -10,6 +10,7 @@ inline constexpr int kInval = -22;
 inline constexpr int kNoProtoOpt = -92;
 inline constexpr int kSockTNoSupport = -94;
 inline constexpr int kOpNotSupp = -95;
+inline constexpr int kAfNoSupport = -97;
 inline constexpr int kNoBufs = -105;
 inline constexpr int kNoIoctlCmd = -515; /* never seen by user space: the socket layer goes on */
 } // namespace err

@@ -4,6 +4,7 @@
 #include "list.hpp"
 #include "log.hpp"
 #include "socket.hpp"
+#include "thread.hpp"
 #include "vsd.hpp"
 
 extern "C" {
@@ -12,6 +13,8 @@ constinit u32 g_free_skb_num = 0;
 }
 
 namespace {
+
+constinit bool g_pernet_registered = false;
 
 /**
  * Give a new socket the rule of the protocol it was created with: one
@@ -103,8 +106,8 @@ int mox_packet_family_init(void)
 		seam_proto_unregister();
 		return error;
 	}
-	/* Without it the initial namespace still works, so a failure is no reason to fail. */
-	seam_pernet_register();
+	/* An init that cannot fail leaves nothing to look at but what to take back. */
+	g_pernet_registered = seam_pernet_register() == 0;
 	mox_packet_family_init_ok = 1;
 	return 0;
 }
@@ -113,7 +116,9 @@ void mox_packet_family_deinit(void)
 {
 	if (!mox_packet_family_init_ok)
 		return;
-	seam_pernet_unregister();
+	if (g_pernet_registered)
+		seam_pernet_unregister();
+	g_pernet_registered = false;
 	seam_family_unregister();
 	seam_proto_unregister();
 	mox_packet_family_init_ok = 0;
@@ -143,6 +148,12 @@ int mox_packet_create(net *net, struct socket *socket, int protocol, int)
 		MOX_DEBUG("SOCK TYPE is not SOCK_DGRAM, SOCK_RAW or SOCK_PACKET\n");
 		return err::kSockTNoSupport;
 	}
+	/*
+	 * The thread comes up last. Until then the load may still fail, and
+	 * would leave an early socket without code: there is no family yet.
+	 */
+	if (!mox_packet_thread_had_init())
+		return err::kAfNoSupport;
 	sock *sk = seam_sk_alloc(net);
 	if (!sk) {
 		MOX_DEBUG("Can not alloc sock\n");
