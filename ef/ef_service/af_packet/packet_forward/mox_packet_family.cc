@@ -209,7 +209,8 @@ void mox_packet_sock_destruct(sock *sk)
 {
 	if (seam_sk_rmem(sk) != 0)
 		seam_warn("a packet socket is freed with receive memory charged");
-	if (seam_sk_wmem(sk) != 0)
+	/* The last put has taken the socket's own share already. */
+	if (seam_sk_wmem_charged(sk) != 0)
 		seam_warn("a packet socket is freed with send memory charged");
 	if (!seam_sk_dead(sk))
 		mox_printk(MOX_KERN_ERR "Attempt to release alive packet socket: %p\n", sk);

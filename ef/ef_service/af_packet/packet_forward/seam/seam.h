@@ -163,6 +163,8 @@ int seam_sk_dead(const struct sock *sk);
 int seam_sk_rmem(const struct sock *sk);
 int seam_sk_wmem(const struct sock *sk);
 int seam_sk_rcvbuf(const struct sock *sk);
+/** Send memory as charged, the socket's own 1 included while the socket lives. */
+u32 seam_sk_wmem_charged(const struct sock *sk);
 /** A kernel warning with a backtrace. Any. */
 void seam_warn(const char *what);
 

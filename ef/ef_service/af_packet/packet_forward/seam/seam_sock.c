@@ -65,6 +65,11 @@ int seam_sk_wmem(const struct sock *sk)
 	return sk_wmem_alloc_get(sk);
 }
 
+u32 seam_sk_wmem_charged(const struct sock *sk)
+{
+	return refcount_read(&sk->sk_wmem_alloc);
+}
+
 int seam_sk_rcvbuf(const struct sock *sk)
 {
 	return READ_ONCE(sk->sk_rcvbuf);
