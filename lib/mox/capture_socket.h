@@ -1,0 +1,134 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A capture socket of family 17.
+ *
+ * Set the rules, the control information and the treatment before the location: the module captures from the
+ * moment the location is set, and a frame queued earlier than a rule or option would be there without it.
+ *
+ *     mox::CaptureSocket socket(mox::SocketKind::raw);
+ *     socket.set_control_info(true);
+ *     socket.add_rule(mox::Rule::parse("eth=arp", mox::system_interface_index));
+ *     socket.set_treatment(PACKET_COPY);
+ *     socket.set_location(PACKET_LEV2_LOC);
+ *     while (auto frame = socket.receive(buffer)) ...
+ *
+ * Unless said otherwise functions throw SocketError when the kernel refuses. Nothing here is shared between
+ * threads; the kernel allows any number of readers on one socket.
+ */
+#ifndef MOX_CAPTURE_SOCKET_H
+#define MOX_CAPTURE_SOCKET_H
+
+#include "mox/rule.h"
+#include "mox_packet.h"
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace mox {
+
+/** The system calls that a capture socket makes; tests put their own in place. Results and errno as in libc. */
+class SocketCalls {
+public:
+    virtual ~SocketCalls() = default;
+    virtual int socket(int family, int type, int protocol);
+    virtual int bind(int fd, const sockaddr* address, socklen_t length);
+    virtual int setsockopt(int fd, int level, int option, const void* value, socklen_t length);
+    virtual int getsockopt(int fd, int level, int option, void* value, socklen_t* length);
+    virtual ssize_t recvmsg(int fd, msghdr* message, int flags);
+    virtual int close(int fd);
+
+    /** The operating system's. */
+    static SocketCalls& system();
+};
+
+enum class SocketKind {
+    raw,      /**< frames with their layer-2 header */
+    datagram, /**< frames without it */
+};
+
+/** One received frame. */
+struct Frame {
+    std::span<const std::uint8_t> bytes; /**< what fitted into the buffer */
+    std::size_t length = 0;              /**< full length of the frame, as it stood in the queue */
+    std::uint32_t ifindex = 0;           /**< interface it came in on */
+    std::optional<mox_packet_ctrl_info> control; /**< when control information is on */
+
+    bool truncated() const { return bytes.size() < length; }
+};
+
+/** Index of an interface name, 0 when there is none. */
+std::uint32_t system_interface_index(const std::string& name);
+
+class CaptureSocket {
+public:
+    /**
+     * Opens a socket. protocol is an EtherType in host order; other than 0 it becomes the socket's first rule
+     * (3 stands for any). Refuses, with a text, when family 17 belongs to somebody else than mox_ef_socket.
+     */
+    explicit CaptureSocket(SocketKind kind, std::uint16_t protocol = 0,
+                           SocketCalls& calls = SocketCalls::system());
+    ~CaptureSocket();
+    CaptureSocket(CaptureSocket&& other) noexcept;
+    CaptureSocket(const CaptureSocket&) = delete;
+    CaptureSocket& operator=(const CaptureSocket&) = delete;
+    CaptureSocket& operator=(CaptureSocket&&) = delete;
+
+    /** For poll; stays owned by this object. */
+    int fd() const { return fd_; }
+
+    /**
+     * Names the socket's interface (0: all) and, with a protocol other than 0, adds an EtherType rule. The
+     * interface has to exist on the platform. Binding does not narrow the capture to the interface: that takes
+     * a PACKET_SRC_INTF_EQUAL rule.
+     */
+    void bind(std::uint32_t ifindex, std::uint16_t protocol = 0);
+
+    void set_location(std::uint32_t location);
+    void set_treatment(std::uint32_t treatment);
+    /** Whether frames come with their control record. */
+    void set_control_info(bool on);
+    void add_rule(const Rule& rule);
+    /** Deletes the rule's values; values that the socket does not have are passed over. */
+    void delete_rule(const Rule& rule);
+    /** SO_RCVBUF; the kernel doubles the number and holds it between its own limits. */
+    void set_receive_buffer(int bytes);
+
+    /**
+     * The next frame, its first bytes stored in buffer. Waits for one when wait is true. Nothing when there is
+     * none, or when a signal interrupted the wait.
+     */
+    std::optional<Frame> receive(std::span<std::uint8_t> buffer, bool wait = false);
+
+    /** The counters since the previous reading: the kernel clears them as it answers. */
+    mox_packet_stats take_statistics();
+
+private:
+    void set_u32(int option, std::uint32_t value, const char* what);
+    void change_rule(int option, const Rule& rule, const char* what);
+
+    SocketCalls& calls_;
+    int fd_ = -1;
+    bool control_info_ = false;
+};
+
+/** Adds up readings of take_statistics, since each one starts again from 0. */
+class StatisticsSum {
+public:
+    void add(const mox_packet_stats& reading);
+    /** Frames that rules matched, the dropped ones included. */
+    std::uint64_t packets() const { return packets_; }
+    std::uint64_t drops() const { return drops_; }
+
+private:
+    std::uint64_t packets_ = 0;
+    std::uint64_t drops_ = 0;
+};
+
+} // namespace mox
+
+#endif

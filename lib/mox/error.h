@@ -1,0 +1,33 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The two ways in which the library refuses. Both carry a text fit to be shown to an operator as it stands.
+ */
+#ifndef MOX_ERROR_H
+#define MOX_ERROR_H
+
+#include <stdexcept>
+#include <string>
+
+namespace mox {
+
+/** A name or value that the caller gave does not exist; the text names it and lists what is allowed. */
+class UsageError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/** The kernel refused a socket call; the text names the call, the reason and the remedy. */
+class SocketError : public std::runtime_error {
+public:
+    SocketError(const std::string& text, int error) : std::runtime_error(text), error_(error) {}
+
+    /** The positive errno value of the refused call. */
+    int error() const { return error_; }
+
+private:
+    int error_;
+};
+
+} // namespace mox
+
+#endif

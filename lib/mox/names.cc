@@ -1,0 +1,151 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+#include "mox/names.h"
+
+#include "mox/error.h"
+#include "mox_packet.h"
+
+#include <cctype>
+
+namespace mox {
+namespace {
+
+constexpr Name location_table[] = {
+    {PACKET_NONE_LOC, "PACKET_NONE_LOC", "none", "nowhere"},
+    {PACKET_LOCAL_LOC, "PACKET_LOCAL_LOC", "local", "frames about to leave"},
+    {PACKET_LEV2_LOC, "PACKET_LEV2_LOC", "lev2 l2", "every frame that comes in"},
+    {PACKET_IPv4_LOC, "PACKET_IPv4_LOC", "ipv4 ip", "IPv4 packets"},
+    {PACKET_IPv6_LOC, "PACKET_IPv6_LOC", "ipv6 ip6", "IPv6 packets"},
+    {PACKET_MPLS_LOC, "PACKET_MPLS_LOC", "mpls", "MPLS, refused by the module"},
+    {PACKET_TRILL_LOC, "PACKET_TRILL_LOC", "trill", "TRILL, refused by the module"},
+    {PACKET_RESV_LOC, "PACKET_RESV_LOC", "resv", "frames to reserved multicast addresses"},
+    {PACKET_WLAN_LOC, "PACKET_WLAN_LOC", "wlan", "frames from and to WLAN interfaces"},
+    {PACKET_LEV2_RESV_LOC, "PACKET_LEV2_RESV_LOC", "l2resv", "resv, reserved layer-2 addresses only"},
+    {PACKET_LEV3_RESV_LOC, "PACKET_LEV3_RESV_LOC", "l3resv", "resv, reserved layer-3 addresses only"},
+};
+
+constexpr Name treatment_table[] = {
+    {PACKET_TREATMENT_NONE, "PACKET_TREATMENT_NONE", "none", "nothing"},
+    {PACKET_COPY, "PACKET_COPY", "copy", "the frame goes its way, every matching socket gets a copy"},
+    {PACKET_FETCH, "PACKET_FETCH", "fetch", "the frame is taken, every matching socket gets a copy"},
+    {PACKET_TRAP, "PACKET_TRAP", "trap", "the frame is taken for the first matching socket alone"},
+    {PACKET_COPY_LOCAL, "PACKET_COPY_LOCAL", "copy-local",
+     "a copy of frames that some other rule of the location captures"},
+    {PACKET_FETCH_LOCAL, "PACKET_FETCH_LOCAL", "fetch-local",
+     "as copy-local, placed among the rules that come first"},
+};
+
+constexpr std::string_view prefix = "PACKET_";
+
+char folded(char c)
+{
+    return c == '-' ? '_' : static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+}
+
+bool allowed_location(const Name& row)
+{
+    return row.value != PACKET_NONE_LOC && location_is_open(row.value);
+}
+
+bool allowed_treatment(const Name& row)
+{
+    return row.value != PACKET_TREATMENT_NONE;
+}
+
+std::uint32_t parse(std::string_view what, std::span<const Name> table, bool (*allowed)(const Name&),
+                    std::string_view text)
+{
+    auto row = find_name(table, text);
+    if (row && allowed(*row))
+        return row->value;
+
+    std::string message = std::string(what) + " \"" + std::string(text) + "\" " +
+                          (row ? "cannot capture" : "is unknown") + "; allowed:";
+    for (const Name& each : table)
+        if (allowed(each))
+            message += std::string("\n  ") + std::string(each.alias()) + " (" + std::string(each.full) + "): " +
+                       std::string(each.meaning);
+    throw UsageError(message);
+}
+
+std::string_view name_of(std::span<const Name> table, std::uint32_t value)
+{
+    return value < table.size() ? table[value].full : std::string_view("Unknown");
+}
+
+} // namespace
+
+bool same_name(std::string_view a, std::string_view b)
+{
+    if (a.size() != b.size())
+        return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (folded(a[i]) != folded(b[i]))
+            return false;
+    return true;
+}
+
+std::string_view without_prefix(std::string_view text)
+{
+    if (text.size() > prefix.size() && same_name(text.substr(0, prefix.size()), prefix))
+        text.remove_prefix(prefix.size());
+    return text;
+}
+
+bool in_word_list(std::string_view words, std::string_view text)
+{
+    while (!words.empty()) {
+        std::size_t end = words.find(' ');
+        if (same_name(words.substr(0, end), text))
+            return true;
+        if (end == std::string_view::npos)
+            break;
+        words.remove_prefix(end + 1);
+    }
+    return false;
+}
+
+std::span<const Name> locations()
+{
+    return location_table;
+}
+
+std::span<const Name> treatments()
+{
+    return treatment_table;
+}
+
+std::optional<Name> find_name(std::span<const Name> table, std::string_view text)
+{
+    std::string_view bare = without_prefix(text);
+    for (const Name& row : table) {
+        std::string_view full = without_prefix(row.full);
+        if (same_name(full, bare) || in_word_list(row.aliases, text))
+            return row;
+        // "lev2-resv" for PACKET_LEV2_RESV_LOC: the suffix says nothing that the option does not say already.
+        if (full.ends_with("_LOC") && same_name(full.substr(0, full.size() - 4), bare))
+            return row;
+    }
+    return std::nullopt;
+}
+
+std::uint32_t parse_location(std::string_view text)
+{
+    return parse("location", location_table, allowed_location, text);
+}
+
+std::uint32_t parse_treatment(std::string_view text)
+{
+    return parse("treatment", treatment_table, allowed_treatment, text);
+}
+
+std::string_view location_name(std::uint32_t location)
+{
+    return name_of(location_table, location);
+}
+
+std::string_view treatment_name(std::uint32_t treatment)
+{
+    return name_of(treatment_table, treatment);
+}
+
+} // namespace mox

@@ -1,0 +1,67 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Names of the numbers in mox_packet.h: locations, treatments and rule types, with the short aliases that
+ * command lines use.
+ *
+ * Looking a name up ignores case, takes '_' and '-' for the same, and lets the prefix "PACKET_" be left out.
+ */
+#ifndef MOX_NAMES_H
+#define MOX_NAMES_H
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace mox {
+
+/** One row of a name table. */
+struct Name {
+    std::uint32_t value;
+    std::string_view full;    /**< as in mox_packet.h */
+    std::string_view aliases; /**< separated by spaces; the first one is the one to show */
+    std::string_view meaning; /**< half a sentence for help texts */
+
+    /** The first alias. */
+    constexpr std::string_view alias() const { return aliases.substr(0, aliases.find(' ')); }
+};
+
+/** All locations in the order of their numbers; those that PACKET_LOCATION refuses are included. */
+std::span<const Name> locations();
+/** All treatments in the order of their numbers. */
+std::span<const Name> treatments();
+
+/** Whether a socket can be set to the location (MPLS and TRILL have names but no receiver). */
+constexpr bool location_is_open(std::uint32_t location)
+{
+    return location != 5 && location != 6;
+}
+
+/** The row that a full name or an alias means; nothing when there is none. */
+std::optional<Name> find_name(std::span<const Name> table, std::string_view text);
+
+/**
+ * The number of a location that captures. Throws UsageError listing the allowed names for an unknown name, for
+ * "none" and for the locations that the module refuses.
+ */
+std::uint32_t parse_location(std::string_view text);
+
+/** The number of a treatment that captures (not "none"). Throws UsageError listing the allowed names. */
+std::uint32_t parse_treatment(std::string_view text);
+
+/** Full name of a location, "Unknown" beyond the table, as the module prints it. */
+std::string_view location_name(std::uint32_t location);
+/** Full name of a treatment, "Unknown" beyond the table. */
+std::string_view treatment_name(std::uint32_t treatment);
+
+/** Whether two names are the same but for case and '_' against '-'. */
+bool same_name(std::string_view a, std::string_view b);
+/** The text without a leading "PACKET_" in any case. */
+std::string_view without_prefix(std::string_view text);
+/** Whether the text is one of the words of a space-separated list (compared with same_name). */
+bool in_word_list(std::string_view words, std::string_view text);
+
+} // namespace mox
+
+#endif

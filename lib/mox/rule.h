@@ -1,0 +1,106 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Rule records: what MOX_PACKET_ADD_RULE and MOX_PACKET_DEL_RULE take.
+ *
+ * A socket captures a frame when every rule type it has holds (AND), and a type holds when one of its values
+ * does (OR). A Rule is one type with its values, already laid out as the module reads them.
+ */
+#ifndef MOX_RULE_H
+#define MOX_RULE_H
+
+#include "mox/values.h"
+#include "mox_packet.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace mox {
+
+/** How the text of one value becomes the bytes of one element. */
+enum class ValueKind {
+    none,         /**< no value; one element of no bytes */
+    all,          /**< no value and no element */
+    code,         /**< code[.sub-code], each 0 to 255 */
+    mac,          /**< 6 bytes as in the frame */
+    ether_type,   /**< u16, network order */
+    port,         /**< u16, network order */
+    ip_protocol,  /**< one byte */
+    interface_index, /**< u32, host order */
+    icmpv6_type,  /**< one byte */
+    eapol_type,   /**< one byte */
+    filler,       /**< one byte that the module does not compare; may be left out */
+    attribute,    /**< u32, host order; "any" is 0xffffffff */
+    arp_operation, /**< u16, network order */
+};
+
+/** One row of the table of rule types. */
+struct RuleType {
+    std::uint16_t value;
+    std::string_view full;    /**< as in mox_packet.h */
+    std::string_view aliases; /**< separated by spaces; the first one is the one to show */
+    ValueKind kind;
+    std::string_view meaning; /**< half a sentence for help texts, with an example value */
+
+    constexpr std::string_view alias() const { return aliases.substr(0, aliases.find(' ')); }
+};
+
+/** All rule types in the order of their numbers. */
+std::span<const RuleType> rule_types();
+
+/** The row of a name or alias. Throws UsageError listing the allowed names. */
+const RuleType& find_rule_type(std::string_view text);
+
+/** Bytes of one element of the kind, as the module strides over them. */
+std::size_t element_size(ValueKind kind);
+
+/** One rule type with its values. */
+class Rule {
+public:
+    /** A rule without values yet. Throws UsageError for a number that is no rule type. */
+    explicit Rule(std::uint32_t type);
+
+    /**
+     * Parses "NAME" or "NAME=VALUE[,VALUE...]". lookup resolves interface names. Throws UsageError naming what
+     * is wrong and listing what is allowed, also when a value is missing or there is one too many.
+     */
+    static Rule parse(std::string_view text, const InterfaceLookup& lookup);
+
+    const RuleType& type() const { return *type_; }
+    std::size_t count() const { return count_; }
+
+    /**
+     * Adds one value given as text / as the element's bytes. Throws UsageError for a value that the type does
+     * not take, for bytes of another length than the type's element, and beyond 65535 values.
+     */
+    void add_value(std::string_view text, const InterfaceLookup& lookup);
+    void add_element(std::span<const std::uint8_t> element);
+
+    /** The whole record for setsockopt: the head and count elements of the type's own size. */
+    std::vector<std::uint8_t> record() const;
+
+private:
+    const RuleType* type_;
+    std::size_t count_ = 0;
+    std::vector<std::uint8_t> elements_;
+};
+
+/**
+ * The rules in an order, and with the additions, that make the module look for the frames they describe; what
+ * they match is unchanged:
+ *
+ *  - The module files a socket under its first type (its key). ARP operations are looked up there by one byte
+ *    only and would never be found, so they go last, and behind "eth=arp" when they would come first.
+ *  - Exclusions are no key at all: alone they get "all" in front.
+ *  - No rules would match nothing: they become "all".
+ *
+ * protocol_given says that the socket was opened with a protocol, which is a first EtherType rule already.
+ */
+std::vector<Rule> in_filing_order(std::vector<Rule> rules, bool protocol_given);
+
+} // namespace mox
+
+#endif
