@@ -1,0 +1,168 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A kernel made of vectors: it writes down every call, answers as told, and hands out queued frames. Its
+ * descriptor is an event counter that is readable while frames are queued, so that waiting works for real.
+ */
+#ifndef FAKE_CALLS_H
+#define FAKE_CALLS_H
+
+#include "mox/capture_socket.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+struct OptionCall {
+    int level;
+    int option;
+    std::vector<std::uint8_t> value;
+
+    std::uint32_t u32() const
+    {
+        std::uint32_t number = 0;
+        EXPECT_EQ(value.size(), sizeof(number));
+        std::memcpy(&number, value.data(), std::min(value.size(), sizeof(number)));
+        return number;
+    }
+};
+
+struct QueuedFrame {
+    std::vector<std::uint8_t> bytes;
+    mox_packet_ctrl_info control{};
+};
+
+class FakeCalls : public mox::SocketCalls {
+public:
+    ~FakeCalls() override { EXPECT_EQ(open_, 0) << "a socket was left open, or closed twice"; }
+
+    // What to answer: an errno instead of success, by option number (setsockopt) or call.
+    int socket_error = 0, bind_error = 0, receive_error = 0, statistics_error = 0;
+    bool linux_packet_sockets = false;
+    std::map<int, int> option_errors;
+    mox_packet_stats statistics{};
+    std::function<void(const OptionCall&)> on_option;
+    std::function<void()> on_receive; // called after a frame was handed out
+
+    // What happened.
+    int family = -1, type = -1, protocol = -1;
+    std::vector<std::uint8_t> bound_to;
+    std::vector<OptionCall> options;
+    std::vector<int> receive_flags;
+    int statistics_reads = 0;
+
+    void queue(QueuedFrame frame)
+    {
+        frames_.push_back(std::move(frame));
+        std::uint64_t one = 1;
+        ASSERT_EQ(write(fd_, &one, sizeof(one)), static_cast<ssize_t>(sizeof(one)));
+    }
+    std::size_t queued() const { return frames_.size(); }
+
+    std::vector<int> option_order() const
+    {
+        std::vector<int> order;
+        for (const OptionCall& each : options)
+            order.push_back(each.option);
+        return order;
+    }
+
+    int socket(int a_family, int a_type, int a_protocol) override
+    {
+        family = a_family;
+        type = a_type;
+        protocol = a_protocol;
+        if (socket_error)
+            return fail(socket_error);
+        ++open_;
+        return fd_ = eventfd(0, EFD_SEMAPHORE | EFD_NONBLOCK);
+    }
+    int bind(int, const sockaddr* address, socklen_t length) override
+    {
+        auto bytes = reinterpret_cast<const std::uint8_t*>(address);
+        bound_to.assign(bytes, bytes + length);
+        return bind_error ? fail(bind_error) : 0;
+    }
+    int setsockopt(int, int level, int option, const void* value, socklen_t length) override
+    {
+        auto bytes = static_cast<const std::uint8_t*>(value);
+        options.push_back({level, option, std::vector<std::uint8_t>(bytes, bytes + length)});
+        if (on_option)
+            on_option(options.back());
+        auto error = option_errors.find(option);
+        return error != option_errors.end() ? fail(error->second) : 0;
+    }
+    int getsockopt(int, int level, int option, void* value, socklen_t* length) override
+    {
+        EXPECT_EQ(level, 263);
+        if (option == 10 && linux_packet_sockets)
+            return 0;
+        if (option != 6)
+            return fail(ENOPROTOOPT);
+        if (statistics_error)
+            return fail(statistics_error);
+        ++statistics_reads;
+        EXPECT_EQ(*length, sizeof(statistics));
+        std::memcpy(value, &statistics, sizeof(statistics));
+        statistics = {};
+        return 0;
+    }
+    ssize_t recvmsg(int, msghdr* message, int flags) override
+    {
+        receive_flags.push_back(flags);
+        if (receive_error)
+            return fail(receive_error);
+        if (frames_.empty())
+            return fail(EAGAIN);
+        std::uint64_t taken;
+        EXPECT_EQ(read(fd_, &taken, sizeof(taken)), static_cast<ssize_t>(sizeof(taken)));
+        QueuedFrame frame = std::move(frames_.front());
+        frames_.pop_front();
+
+        // As the module does: a 26-byte name whose tail belongs to no field, and the record laid down raw.
+        std::uint8_t name[26] = {17, 0, 0x08, 0x06};
+        std::memcpy(name + 4, &frame.control.pkt_ifx, 4);
+        EXPECT_GE(message->msg_namelen, sizeof(name));
+        std::memcpy(message->msg_name, name, sizeof(name));
+        message->msg_namelen = sizeof(name);
+        EXPECT_GE(message->msg_controllen, sizeof(frame.control));
+        std::memcpy(message->msg_control, &frame.control, sizeof(frame.control));
+        message->msg_controllen = 0;
+
+        std::size_t copied = std::min(frame.bytes.size(), message->msg_iov[0].iov_len);
+        std::memcpy(message->msg_iov[0].iov_base, frame.bytes.data(), copied);
+        if (copied < frame.bytes.size())
+            message->msg_flags |= MSG_TRUNC;
+        if (on_receive)
+            on_receive();
+        return static_cast<ssize_t>(flags & MSG_TRUNC ? frame.bytes.size() : copied);
+    }
+    int close(int fd) override
+    {
+        EXPECT_EQ(fd, fd_);
+        --open_;
+        return ::close(fd);
+    }
+
+private:
+    static int fail(int error)
+    {
+        errno = error;
+        return -1;
+    }
+
+    int fd_ = -1;
+    int open_ = 0;
+    std::deque<QueuedFrame> frames_;
+};
+
+#endif

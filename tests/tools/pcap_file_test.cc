@@ -1,0 +1,169 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Files are read back with libpcap: what counts is what other programs see. */
+#include "pcap_file.h"
+
+#include "expect_error.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct StoredFrame {
+    pcap_pkthdr head;
+    Bytes bytes;
+};
+
+struct StoredFile {
+    int link_type = -1;
+    int snap = 0;
+    std::vector<StoredFrame> frames;
+};
+
+StoredFile read_back(const std::string& path)
+{
+    StoredFile file;
+    char error[PCAP_ERRBUF_SIZE] = "";
+    pcap_t* pcap = pcap_open_offline(path.c_str(), error);
+    EXPECT_NE(pcap, nullptr) << error;
+    if (!pcap)
+        return file;
+    file.link_type = pcap_datalink(pcap);
+    file.snap = pcap_snapshot(pcap);
+    pcap_pkthdr* head;
+    const u_char* bytes;
+    int result;
+    while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
+        file.frames.push_back({*head, Bytes(bytes, bytes + head->caplen)});
+    EXPECT_EQ(result, PCAP_ERROR_BREAK) << pcap_geterr(pcap); // which is how the end of a file is told
+    pcap_close(pcap);
+    return file;
+}
+
+class PcapFileTest : public testing::Test {
+protected:
+    PcapFileTest()
+    {
+        char name[] = "/tmp/moxcap_test_XXXXXX";
+        int fd = mkstemp(name);
+        EXPECT_GE(fd, 0);
+        close(fd);
+        path = name;
+    }
+    ~PcapFileTest() override { std::filesystem::remove(path); }
+
+    std::string path;
+};
+
+TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
+{
+    Bytes first(60), second(1514);
+    for (std::size_t i = 0; i < second.size(); ++i)
+        second[i] = static_cast<std::uint8_t>(i * 7);
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+        file.write({1700000000, 123456789}, first, first.size(), 0x0806);
+        file.write({1700000001, 0}, second, second.size(), 0x0800);
+    }
+    StoredFile stored = read_back(path);
+    EXPECT_EQ(stored.link_type, DLT_EN10MB);
+    EXPECT_GE(stored.snap, 65535);
+    ASSERT_EQ(stored.frames.size(), 2u);
+    EXPECT_EQ(stored.frames[0].bytes, first);
+    EXPECT_EQ(stored.frames[1].bytes, second);
+    EXPECT_EQ(stored.frames[0].head.ts.tv_sec, 1700000000);
+    EXPECT_EQ(stored.frames[0].head.ts.tv_usec, 123456);
+    EXPECT_EQ(stored.frames[1].head.len, 1514u);
+}
+
+TEST_F(PcapFileTest, a_cut_frame_keeps_its_full_length)
+{
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 20);
+        file.write({0, 0}, Bytes(20, 1), 100, 0);
+    }
+    StoredFile stored = read_back(path);
+    ASSERT_EQ(stored.frames.size(), 1u);
+    EXPECT_EQ(stored.frames[0].head.caplen, 20u);
+    EXPECT_EQ(stored.frames[0].head.len, 100u);
+}
+
+TEST_F(PcapFileTest, a_frame_can_be_read_while_the_file_is_still_open)
+{
+    moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+    file.write({0, 0}, Bytes(60, 1), 60, 0);
+    EXPECT_EQ(read_back(path).frames.size(), 1u);
+    file.write({0, 0}, Bytes(60, 2), 60, 0);
+    EXPECT_EQ(read_back(path).frames.size(), 2u);
+}
+
+TEST_F(PcapFileTest, a_frame_without_its_header_gets_one_of_zeroes_and_the_EtherType)
+{
+    Bytes packet = {0x45, 1, 2, 3};
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+        file.write({0, 0}, packet, 200, 0x0800, false);
+    }
+    StoredFile stored = read_back(path);
+    ASSERT_EQ(stored.frames.size(), 1u);
+    EXPECT_EQ(stored.frames[0].bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 1, 2, 3}));
+    EXPECT_EQ(stored.frames[0].head.len, 214u);
+}
+
+TEST_F(PcapFileTest, datagrams_are_stored_cooked)
+{
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::network, 65535);
+        file.write({0, 0}, Bytes{0x45, 1}, 2, 0x0800);
+        file.write({0, 0}, Bytes{9}, 1, 0x88cc);
+    }
+    StoredFile stored = read_back(path);
+    EXPECT_EQ(stored.link_type, DLT_LINUX_SLL);
+    ASSERT_EQ(stored.frames.size(), 2u);
+    EXPECT_EQ(stored.frames[0].bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 1}));
+    EXPECT_EQ(stored.frames[1].bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x88, 0xcc, 9}));
+}
+
+TEST_F(PcapFileTest, management_frames_have_their_own_link_type)
+{
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::wlan, 65535);
+        file.write({0, 0}, Bytes(24, 0x80), 24, 0);
+    }
+    StoredFile stored = read_back(path);
+    EXPECT_EQ(stored.link_type, DLT_IEEE802_11);
+    ASSERT_EQ(stored.frames.size(), 1u);
+    EXPECT_EQ(stored.frames[0].bytes, Bytes(24, 0x80));
+}
+
+TEST_F(PcapFileTest, an_empty_capture_is_a_valid_file)
+{
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+    }
+    EXPECT_EQ(read_back(path).frames.size(), 0u);
+}
+
+TEST_F(PcapFileTest, a_file_that_cannot_be_made_is_named)
+{
+    expect_error<moxcap::FileError>(
+        [] { moxcap::PcapFile file("/nonexistent/dir/a.pcap", moxcap::Layout::ethernet, 100); },
+        {"/nonexistent/dir/a.pcap", "No such file"});
+}
+
+TEST_F(PcapFileTest, a_full_disk_is_told)
+{
+    if (access("/dev/full", W_OK) != 0)
+        GTEST_SKIP() << "no /dev/full here";
+    // The file's head waits in a buffer, so making the file succeeds and the first frame fails.
+    moxcap::PcapFile file("/dev/full", moxcap::Layout::ethernet, 100);
+    expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); }, {"/dev/full", "disk full"});
+}
+
+} // namespace
