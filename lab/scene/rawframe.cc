@@ -1,0 +1,143 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A station that sends single frames: the other end of a TAP device is its wire. In a kernel whose packet sockets are
+ * the capture sockets this is how a program gets a frame of its own making onto a port.
+ */
+#include <fcntl.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+struct KnownFrame {
+    std::string_view name;
+    std::string_view what;
+    std::string_view hex; // blanks are left out; padded to the shortest Ethernet frame
+};
+
+#define STATION "020000000301 "
+
+constexpr KnownFrame known_frames[] = {
+    {"lldp", "LLDP: chassis 02:00:00:00:03:01, port eth0, system switch",
+     "0180c200000e " STATION "88cc 0207 04 020000000301 0405 05 65746830 0602 0078 0a06 737769746368 0000"},
+    {"eapol-start", "EAPOL-Start, as a supplicant opens", "0180c2000003 " STATION "888e 01 01 0000"},
+    {"eapol-logoff", "EAPOL-Logoff", "0180c2000003 " STATION "888e 01 02 0000"},
+};
+
+constexpr std::size_t shortest_frame = 60, longest_frame = 1514, header = 14;
+
+int usage(std::FILE* out, int status)
+{
+    std::fputs("usage: rawframe TAP FRAME...\n\n"
+               "Sends frames into the port whose device is the TAP device TAP (made with: ip tuntap add dev TAP mode "
+               "tap).\nFRAME is hexadecimal from the destination address on, or one of:\n",
+               out);
+    for (const KnownFrame& each : known_frames)
+        std::fprintf(out, "  %-14.*s %.*s\n", static_cast<int>(each.name.size()), each.name.data(),
+                     static_cast<int>(each.what.size()), each.what.data());
+    return status;
+}
+
+int nibble(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    c |= 0x20;
+    return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+/** The frame's bytes, padded; empty when the text is no frame. */
+std::vector<std::uint8_t> frame_of(std::string_view text)
+{
+    for (const KnownFrame& each : known_frames)
+        if (each.name == text)
+            text = each.hex;
+
+    std::vector<std::uint8_t> bytes;
+    int high = -1;
+    for (char c : text) {
+        if (c == ' ')
+            continue;
+        int value = nibble(c);
+        if (value < 0)
+            return {};
+        if (high >= 0)
+            bytes.push_back(static_cast<std::uint8_t>(high << 4 | value));
+        high = high < 0 ? value : -1;
+    }
+    if (high >= 0 || bytes.size() < header || bytes.size() > longest_frame)
+        return {};
+    if (bytes.size() < shortest_frame)
+        bytes.resize(shortest_frame);
+    return bytes;
+}
+
+int open_tap(const char* name)
+{
+    ifreq request{};
+    if (std::strlen(name) >= sizeof(request.ifr_name)) {
+        errno = ENODEV;
+        return -1;
+    }
+    std::strcpy(request.ifr_name, name);
+    request.ifr_flags = IFF_TAP | IFF_NO_PI;
+    int fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+    if (fd >= 0 && ioctl(fd, TUNSETIFF, &request) != 0) {
+        int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc == 2 && (std::string_view(argv[1]) == "--help" || std::string_view(argv[1]) == "-h"))
+        return usage(stdout, 0);
+    if (argc < 3)
+        return usage(stderr, 2);
+
+    std::vector<std::vector<std::uint8_t>> frames;
+    for (int i = 2; i < argc; ++i) {
+        frames.push_back(frame_of(argv[i]));
+        if (frames.back().empty()) {
+            std::fprintf(stderr, "rawframe: \"%s\" is no frame: a name, or %zu to %zu bytes in hexadecimal\n", argv[i],
+                         header, longest_frame);
+            return usage(stderr, 2);
+        }
+    }
+
+    // Opening a device that is not there would make one, which nobody has made a port.
+    if (if_nametoindex(argv[1]) == 0) {
+        std::fprintf(stderr, "rawframe: there is no device %s: ip tuntap add dev %s mode tap\n", argv[1], argv[1]);
+        return 1;
+    }
+    int fd = open_tap(argv[1]);
+    if (fd < 0) {
+        std::fprintf(stderr, "rawframe: cannot use %s: %s (is it a TAP device, and not in use?)\n", argv[1],
+                     std::strerror(errno));
+        return 1;
+    }
+    int status = 0;
+    for (const auto& frame : frames)
+        if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size())) {
+            std::fprintf(stderr, "rawframe: cannot send on %s: %s (is the device up?)\n", argv[1],
+                         std::strerror(errno));
+            status = 1;
+        }
+    close(fd);
+    return status;
+}
