@@ -12,9 +12,16 @@ constexpr int kNameLen = 26;
 /* PACKET_OTHERHOST, for every packet: the platform's classes are not the kernel's. */
 constexpr u8 kOtherHost = 3;
 
+/**
+ * Fill the caller's name buffer, if there is one. Without one the length must
+ * stay 0: older kernels look at the caller's length again after this call, and
+ * would hand out as much of a buffer that nobody filled.
+ */
 void fill_name(msghdr *msg, sk_buff *skb, const mox_packet_ctrl_info &ctrl)
 {
 	void *name = seam_msg_name(msg);
+
+	seam_msg_set_namelen(msg, name ? kNameLen : 0);
 	if (!name)
 		return;
 	link_layer_address addr{};
@@ -32,7 +39,6 @@ int hand_out(sock *sk, sk_buff *skb, msghdr *msg, size_t len, int flags)
 	u32 full = seam_skb_len(skb);
 	size_t copied = full;
 
-	seam_msg_set_namelen(msg, kNameLen);
 	if (copied > len) {
 		copied = len;
 		seam_msg_add_flags(msg, msg::kTrunc);

@@ -186,7 +186,7 @@ bool key_passes(const pkt_info &info, const filter_list_data &key)
 {
 	switch (key.type) {
 	case PACKET_ICMPV6_TYPE_EQUAL:
-		/* Also type 0, which packets without ICMPv6 have: the copy decides. */
+		/* Also 0, which every packet without ICMPv6 has. */
 		return key.value[0] == info.icmpv6_type;
 	case PACKET_IPv4_MCAST_TRAFFIC:
 		return ipv4_mcast_traffic(info);

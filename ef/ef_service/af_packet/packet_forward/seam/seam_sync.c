@@ -8,6 +8,10 @@
 #include "seam.h"
 #include "seam_compat.h"
 
+#if defined(CONFIG_64BIT) || !defined(__LITTLE_ENDIAN)
+#error "The platform's records exist on 32-bit little-endian kernels only: build for ARMv7"
+#endif
+
 DECLARE_PER_CPU(unsigned long, efmp_cpu_buffer_cache);
 
 int seam_cpu(void)
