@@ -1,0 +1,529 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * buff.c - efbuffs, every one accounted for by owner.
+ *
+ * What the accounts know stands in a record of its own, found by address, so
+ * that a stray write cannot forge it and an address that is no efbuff is never
+ * read. A freed buffer's record stays for a while, and with it either the
+ * poisoned memory, to see late writes, or only the address, where KASAN watches
+ * the memory.
+ */
+#include <linux/hash.h>
+#include <linux/kallsyms.h>
+#include <linux/ktime.h>
+#include <linux/list.h>
+#include <linux/module.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+#include "efmp.h"
+
+#define TABLE_BITS 10
+#define ROOM_MAX (MOXLAB_FRAME_MAX + 4096)
+#define REDZONE_BYTE 0xeb
+#define POISON_BYTE 0x6b
+#define UNUSED_BYTE 0x5c /* memory without a meaning: not zero, and no LLC/SNAP */
+
+struct track {
+	struct hlist_node hash;
+	struct list_head list; /* live, or quarantine once dead */
+	struct efbuff *buf;
+	u32 seq;
+	u32 size;     /* bytes, header included, guard left out */
+	u32 redzone;  /* guard bytes behind them */
+	u32 mac_offset; /* at birth */
+	u8 owner;
+	bool cloned;
+	bool offered; /* in a hook just now */
+	bool dead;
+	bool held;    /* dead, memory kept and poisoned */
+	void *creator;
+	u64 born_ns;
+	u8 last[MOXLAB_HEADER_LEN]; /* the header as it was freed */
+};
+
+static struct kmem_cache *track_cache;
+static DEFINE_SPINLOCK(buffer_lock); /* everything below, interrupts off */
+static struct hlist_head table[1 << TABLE_BITS];
+static LIST_HEAD(live); /* ascending sequence numbers */
+static LIST_HEAD(quarantine);
+static u32 quarantined;
+static u32 live_count;
+static u32 last_seq;
+static struct moxlab_balance accounts[256];
+
+static struct {
+	u32 redzone;
+	u32 quarantine;
+	bool hold_memory;
+} settings = {
+	.redzone = IS_ENABLED(CONFIG_KASAN) ? 0 : 32,
+	.quarantine = 128,
+	.hold_memory = !IS_ENABLED(CONFIG_KASAN),
+};
+
+struct failpoint efmp_alloc_fail = FAILPOINT_INIT(efmp_alloc_fail);
+struct failpoint efmp_clone_fail = FAILPOINT_INIT(efmp_clone_fail);
+
+static struct hlist_head *bucket(const void *buf)
+{
+	return &table[hash_ptr((void *)buf, TABLE_BITS)];
+}
+
+static struct track *find_live(const void *buf)
+{
+	struct track *t;
+
+	hlist_for_each_entry(t, bucket(buf), hash)
+		if (t->buf == buf && !t->dead)
+			return t;
+	return NULL;
+}
+
+static struct track *find_seq(const void *buf, u32 seq)
+{
+	struct track *t;
+
+	hlist_for_each_entry(t, bucket(buf), hash)
+		if (t->buf == buf && t->seq == seq)
+			return t;
+	return NULL;
+}
+
+static bool was_freed(const void *buf)
+{
+	struct track *t;
+
+	hlist_for_each_entry(t, bucket(buf), hash)
+		if (t->buf == buf && t->dead)
+			return true;
+	return false;
+}
+
+static void set_owner(struct track *t, u8 owner)
+{
+	accounts[t->owner].given++;
+	accounts[t->owner].live--;
+	accounts[owner].adopted++;
+	accounts[owner].live++;
+	t->owner = owner;
+}
+
+static void count_failed(u8 owner)
+{
+	unsigned long flags;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	accounts[owner].failed++;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+}
+
+/* Memory with its record, known to nobody yet. */
+static struct track *make(u32 size)
+{
+	u32 redzone = READ_ONCE(settings.redzone);
+	struct track *t = kmem_cache_zalloc(track_cache, GFP_ATOMIC | __GFP_NOWARN);
+
+	if (!t)
+		return NULL;
+	t->buf = kmalloc(size + redzone, GFP_ATOMIC | __GFP_NOWARN);
+	if (!t->buf) {
+		kmem_cache_free(track_cache, t);
+		return NULL;
+	}
+	t->size = size;
+	t->redzone = redzone;
+	t->born_ns = ktime_get_mono_fast_ns();
+	memset((u8 *)t->buf + size, REDZONE_BYTE, redzone);
+	return t;
+}
+
+/* Publishes it; the sequence number, for it may be freed before we look again. */
+static u32 account(struct track *t, u8 owner, bool cloned, void *creator)
+{
+	unsigned long flags;
+	u32 seq;
+
+	t->owner = owner;
+	t->cloned = cloned;
+	t->creator = creator;
+	t->mac_offset = t->buf->mac_offset;
+	spin_lock_irqsave(&buffer_lock, flags);
+	t->seq = seq = ++last_seq;
+	hlist_add_head(&t->hash, bucket(t->buf));
+	list_add_tail(&t->list, &live);
+	live_count++;
+	accounts[owner].live++;
+	if (cloned)
+		accounts[owner].cloned++;
+	else
+		accounts[owner].allocated++;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	return seq;
+}
+
+static struct efbuff *buff_new(u32 mac_offset, u32 room, u8 owner, u32 *seq,
+			       void *creator)
+{
+	struct efbuff *b;
+	struct track *t;
+
+	if (room > ROOM_MAX || mac_offset < EFBUFF_HEADER || mac_offset > U16_MAX)
+		goto fail;
+	room = max_t(u32, room, EFBUFF_MAC_READABLE);
+	t = make(mac_offset + room);
+	if (!t)
+		goto fail;
+	b = t->buf;
+	memset(b, 0, EFBUFF_HEADER);
+	memset(b + 1, UNUSED_BYTE, t->size - EFBUFF_HEADER);
+	b->mac_offset = mac_offset;
+	*seq = account(t, owner, false, creator);
+	return b;
+fail:
+	count_failed(owner);
+	return NULL;
+}
+
+struct efbuff *efmp_buff_new(u32 mac_offset, u32 room, u32 owner, u32 *seq)
+{
+	return buff_new(mac_offset, room, owner, seq, __builtin_return_address(0));
+}
+
+void *efmp_buff_alloc_sw_with_owner(u32 length, u32 owner)
+{
+	u32 seq;
+
+	if (failpoint_hit(&efmp_alloc_fail, NULL)) {
+		count_failed(owner);
+		return NULL;
+	}
+	/* Room for the 24 bytes of a network header after a 14-byte MAC header
+	 * is within the least room that every buffer has. */
+	BUILD_BUG_ON(ETH_HLEN + EFBUFF_NET_READABLE > EFBUFF_MAC_READABLE);
+	return buff_new(EFBUFF_FRAME, length, owner, &seq, __builtin_return_address(0));
+}
+EXPORT_SYMBOL(efmp_buff_alloc_sw_with_owner);
+
+void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
+{
+	struct track *t, *origin;
+	unsigned long flags;
+	bool freed = false;
+	u32 size = 0;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	origin = find_live(efbuff);
+	if (origin)
+		size = origin->size;
+	else
+		freed = was_freed(efbuff);
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	if (!size) {
+		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "clone of %px for owner 0x%02x, %s, by %pS",
+			    efbuff, owner, freed ? "which was freed" : "which is no efbuff",
+			    __builtin_return_address(0));
+		return NULL;
+	}
+	if (failpoint_hit(&efmp_clone_fail, NULL))
+		goto fail;
+	t = make(size);
+	if (!t)
+		goto fail;
+	memcpy(t->buf, efbuff, size);
+	account(t, owner, true, __builtin_return_address(0));
+	return t->buf;
+fail:
+	count_failed(owner);
+	return NULL;
+}
+EXPORT_SYMBOL(efmp_buff_clone_with_owner);
+
+/* Memory that nobody knows any more: look whether it was written late. */
+static void bury(struct track *t)
+{
+	if (t->held) {
+		u8 *bad = memchr_inv(t->buf, POISON_BYTE, t->size);
+
+		if (bad)
+			efmp_misuse(MOXLAB_MISUSE_AFTER_FREE,
+				    "efbuff %u at %px of owner 0x%02x, made by %pS: byte %u was written after it was freed",
+				    t->seq, t->buf, t->owner, t->creator,
+				    (u32)(bad - (u8 *)t->buf));
+		kfree(t->buf);
+	}
+	kmem_cache_free(track_cache, t);
+}
+
+/* Makes the quarantine @limit records long at most. */
+static void shrink_quarantine(u32 limit)
+{
+	struct track *t, *next;
+	unsigned long flags;
+	LIST_HEAD(gone);
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	while (quarantined > limit) {
+		t = list_first_entry(&quarantine, struct track, list);
+		hlist_del(&t->hash);
+		list_move_tail(&t->list, &gone);
+		quarantined--;
+	}
+	spin_unlock_irqrestore(&buffer_lock, flags);
+
+	list_for_each_entry_safe(t, next, &gone, list)
+		bury(t);
+}
+
+/*
+ * The second half of freeing: @t is dead, out of the live list and still found
+ * by address, so that a second free in this moment is seen for what it is.
+ */
+static void retire(struct track *t)
+{
+	unsigned long flags;
+	u8 *bad = memchr_inv((u8 *)t->buf + t->size, REDZONE_BYTE, t->redzone);
+
+	if (bad)
+		efmp_misuse(MOXLAB_MISUSE_OVERRUN,
+			    "efbuff %u at %px of owner 0x%02x, made by %pS: written %u bytes past its %u bytes of room",
+			    t->seq, t->buf, t->owner, t->creator,
+			    (u32)(bad - (u8 *)t->buf) - t->size,
+			    t->size - t->mac_offset);
+	t->held = READ_ONCE(settings.hold_memory);
+	if (t->held)
+		memset(t->buf, POISON_BYTE, t->size);
+	else
+		kfree(t->buf);
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	list_add_tail(&t->list, &quarantine);
+	quarantined++;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	shrink_quarantine(READ_ONCE(settings.quarantine));
+}
+
+static void buff_free(void *efbuff, u8 owner, void *caller)
+{
+	enum moxlab_misuse_kind kind;
+	unsigned long flags;
+	struct track *t;
+	u32 seq = 0;
+	u8 actual = 0;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = find_live(efbuff);
+	if (!t) {
+		kind = was_freed(efbuff) ? MOXLAB_MISUSE_DOUBLE_FREE : MOXLAB_MISUSE_UNKNOWN;
+		goto misuse;
+	}
+	/* A hook that takes a buffer may see it freed before it has answered. */
+	if (t->offered && owner == MOXLAB_OWNER_MODULE)
+		set_owner(t, owner);
+	if (t->owner != owner) {
+		kind = MOXLAB_MISUSE_WRONG_OWNER;
+		seq = t->seq;
+		actual = t->owner;
+		goto misuse;
+	}
+	t->dead = true;
+	memcpy(t->last, t->buf, sizeof(t->last));
+	list_del(&t->list);
+	live_count--;
+	accounts[owner].live--;
+	accounts[owner].freed++;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	retire(t);
+	return;
+
+misuse:
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	switch (kind) {
+	case MOXLAB_MISUSE_WRONG_OWNER:
+		efmp_misuse(kind, "efbuff %u at %px is owner 0x%02x's but freed as 0x%02x's by %pS; not freed",
+			    seq, efbuff, actual, owner, caller);
+		break;
+	case MOXLAB_MISUSE_DOUBLE_FREE:
+		efmp_misuse(kind, "efbuff at %px freed again, as owner 0x%02x's, by %pS",
+			    efbuff, owner, caller);
+		break;
+	default:
+		efmp_misuse(kind, "free of %px, which is no efbuff, as owner 0x%02x's, by %pS",
+			    efbuff, owner, caller);
+	}
+}
+
+void efmp_buff_free_sw_with_owner(void *efbuff, u32 owner)
+{
+	buff_free(efbuff, owner, __builtin_return_address(0));
+}
+EXPORT_SYMBOL(efmp_buff_free_sw_with_owner);
+
+void efmp_buff_free(struct efbuff *b)
+{
+	buff_free(b, MOXLAB_OWNER_PLATFORM, __builtin_return_address(0));
+}
+
+void efmp_buff_offer(struct efbuff *b, u32 seq)
+{
+	unsigned long flags;
+	struct track *t;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = find_seq(b, seq);
+	if (t)
+		t->offered = true;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+}
+
+bool efmp_buff_settle(struct efbuff *b, u32 seq, bool taken)
+{
+	unsigned long flags;
+	struct track *t;
+	bool alive;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = find_seq(b, seq);
+	alive = t && !t->dead;
+	if (alive) {
+		t->offered = false;
+		if (taken)
+			set_owner(t, MOXLAB_OWNER_MODULE);
+	}
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	if (!taken && !alive)
+		efmp_misuse(MOXLAB_MISUSE_NOT_TAKEN,
+			    "efbuff %u at %px was freed by a hook that did not take it",
+			    seq, b);
+	return alive && !taken;
+}
+
+bool efmp_buff_adopt(struct efbuff *b, u32 *seq, u32 *size)
+{
+	unsigned long flags;
+	struct track *t;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = find_live(b);
+	if (t) {
+		if (t->owner != MOXLAB_OWNER_PLATFORM)
+			set_owner(t, MOXLAB_OWNER_PLATFORM);
+		*seq = t->seq;
+		*size = t->size;
+	}
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	if (!t)
+		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "%px was handed over, which is no live efbuff", b);
+	return t;
+}
+
+u32 efmp_buff_size(struct efbuff *b)
+{
+	unsigned long flags;
+	struct track *t;
+	u32 size;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = find_live(b);
+	size = t && t->owner == MOXLAB_OWNER_PLATFORM ? t->size : 0;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	return size;
+}
+
+bool efmp_buff_peek(struct efbuff *b, u32 seq, u8 *header)
+{
+	unsigned long flags;
+	struct track *t;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = find_seq(b, seq);
+	if (t)
+		memcpy(header, t->dead ? (void *)t->last : b, MOXLAB_HEADER_LEN);
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	return t;
+}
+
+void efmp_buff_balance(struct moxlab_balance *balance)
+{
+	u32 owner = balance->owner;
+	unsigned long flags;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	*balance = accounts[owner];
+	balance->owner = owner;
+	balance->live_all = live_count;
+	spin_unlock_irqrestore(&buffer_lock, flags);
+}
+
+int efmp_buff_read_live(struct moxlab_read *read)
+{
+	struct moxlab_live_rec rec;
+	unsigned long flags;
+	struct track *t;
+	void *creator;
+	int err;
+
+	for (;;) {
+		memset(&rec, 0, sizeof(rec));
+		spin_lock_irqsave(&buffer_lock, flags);
+		list_for_each_entry(t, &live, list)
+			if (t->seq >= read->from && t->seq >= read->next)
+				break;
+		if (&t->list == &live) {
+			spin_unlock_irqrestore(&buffer_lock, flags);
+			return 0;
+		}
+		rec.rec.seq = t->seq;
+		rec.rec.time_ns = t->born_ns;
+		rec.owner = t->owner;
+		rec.length = t->size - t->mac_offset;
+		rec.cloned = t->cloned;
+		rec.offered = t->offered;
+		creator = t->creator;
+		spin_unlock_irqrestore(&buffer_lock, flags);
+
+		snprintf(rec.creator, sizeof(rec.creator), "%pS", creator);
+		err = efmp_read_put(read, &rec.rec, sizeof(rec));
+		if (err)
+			return err < 0 ? err : 0;
+	}
+}
+
+void efmp_buff_settings(struct moxlab_settings *s)
+{
+	if (s->set) {
+		WRITE_ONCE(settings.redzone, s->redzone);
+		WRITE_ONCE(settings.quarantine, s->quarantine);
+		WRITE_ONCE(settings.hold_memory, s->hold_memory);
+		shrink_quarantine(s->quarantine);
+	}
+	s->redzone = settings.redzone;
+	s->quarantine = settings.quarantine;
+	s->hold_memory = settings.hold_memory;
+}
+
+int efmp_buff_init(void)
+{
+	efbuff_check_layout();
+	track_cache = kmem_cache_create("efmp_track", sizeof(struct track), 0, 0, NULL);
+	return track_cache ? 0 : -ENOMEM;
+}
+
+/*
+ * At unload: nobody is left who could free what is alive. Each is named, and its
+ * memory given back.
+ */
+void efmp_buff_exit(void)
+{
+	struct track *t, *next;
+
+	list_for_each_entry_safe(t, next, &live, list) {
+		efmp_misuse(MOXLAB_MISUSE_LEAK,
+			    "efbuff %u at %px is still alive at unload: owner 0x%02x, %s by %pS, %u bytes of room",
+			    t->seq, t->buf, t->owner, t->cloned ? "cloned" : "made",
+			    t->creator, t->size - t->mac_offset);
+		kfree(t->buf);
+		kmem_cache_free(track_cache, t);
+	}
+	shrink_quarantine(0);
+	kmem_cache_destroy(track_cache);
+}

@@ -1,0 +1,43 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * compat.h - what differs between the kernels that the lab runs on, 4.19 to 6.12.
+ */
+#ifndef EFMP_COMPAT_H
+#define EFMP_COMPAT_H
+
+#include <linux/etherdevice.h>
+#include <linux/netdevice.h>
+#include <linux/version.h>
+
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 5, 0)
+#include <net/gso.h>
+#endif
+
+/* Device addresses became read-only to drivers in 5.15. */
+#if LINUX_VERSION_CODE < KERNEL_VERSION(5, 15, 0)
+static inline void efmp_set_mac(struct net_device *dev, const u8 *mac)
+{
+	ether_addr_copy(dev->dev_addr, mac);
+}
+#else
+static inline void efmp_set_mac(struct net_device *dev, const u8 *mac)
+{
+	eth_hw_addr_set(dev, mac);
+}
+#endif
+
+/*
+ * No transmit lock of the device's own (its transmit function nests inside other
+ * devices'), and fixed to its namespace. Feature bits until 6.12.
+ */
+static inline void efmp_set_nested_xmit(struct net_device *dev)
+{
+#if LINUX_VERSION_CODE < KERNEL_VERSION(6, 12, 0)
+	dev->features |= NETIF_F_LLTX | NETIF_F_NETNS_LOCAL;
+#else
+	dev->lltx = true;
+	dev->netns_local = true;
+#endif
+}
+
+#endif /* EFMP_COMPAT_H */
