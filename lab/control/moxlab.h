@@ -95,6 +95,8 @@ enum moxlab_point {
 #define MOXLAB_INJ_TAG_SET 0x2u   /* ... set; neither: the platform alternates */
 #define MOXLAB_INJ_HARD_SOFTIRQ 0x4u /* run inside a softirq proper, not merely
 				      * with bottom halves disabled */
+#define MOXLAB_INJ_CALL 0x8u      /* call the function at address function instead
+				   * of what is registered at the point */
 
 /* What became of an injected frame. */
 enum moxlab_outcome {
@@ -149,7 +151,8 @@ struct moxlab_inject {
 	__u8 radio_id;      /* 144 */
 	__u8 code;          /* 184 */
 	__u8 sub_code;      /* 185 */
-	__u8 reserved[2];   /* 0 */
+	__u8 reserved[6];   /* 0 */
+	__u64 function;     /* INJ_CALL: a function of mox_ef_socket's */
 	char symbol[MOXLAB_SYMBOL_LEN]; /* not empty: only the function of that
 					 * name, "mox_packet_local_rcv" */
 	__u8 header[MOXLAB_HEADER_LEN]; /* MOXLAB_SET_HEADER; the pointers at 4
@@ -484,6 +487,19 @@ struct moxlab_settings {
 	__u32 reserved;
 };
 
+/* ------------------------------------------------------------------------
+ * MEMORY: globals of mox_ef_socket and of efmp, by the address that
+ * /proc/kallsyms gives; ENOENT for any other. efmp has two drop services that a
+ * test may put into the module's pointers: moxlab_rnfp and moxlab_rnfp_wlan,
+ * returning moxlab_rnfp_result[] and counting moxlab_rnfp_calls[].
+ */
+struct moxlab_memory {
+	__u64 address;
+	__u32 length; /* 1 to 64 */
+	__u32 write;  /* 1: bytes go there; 0: they come from there */
+	__u8 bytes[64];
+};
+
 #define MOXLAB_IOC 0xB7
 
 #define MOXLAB_INJECT _IOWR(MOXLAB_IOC, 1, struct moxlab_inject)
@@ -505,5 +521,6 @@ struct moxlab_settings {
 #define MOXLAB_SYNC _IO(MOXLAB_IOC, 16)
 /* Forgets every learned MAC address. */
 #define MOXLAB_FDB_FLUSH _IO(MOXLAB_IOC, 17)
+#define MOXLAB_MEMORY _IOWR(MOXLAB_IOC, 18, struct moxlab_memory)
 
 #endif /* MOXLAB_H */

@@ -214,6 +214,11 @@ static int do_sync(void *arg)
 	return 0;
 }
 
+static int do_memory(void *arg)
+{
+	return efmp_memory(arg);
+}
+
 static int do_fdb_flush(void *arg)
 {
 	efmp_fdb_flush(NULL);
@@ -241,6 +246,7 @@ static const struct verb {
 	{ MOXLAB_SETTINGS, do_settings },
 	{ MOXLAB_SYNC, do_sync },
 	{ MOXLAB_FDB_FLUSH, do_fdb_flush },
+	{ MOXLAB_MEMORY, do_memory },
 };
 
 /* Runs a verb on a kernel copy of its structure, zeroed where nothing came in. */

@@ -121,6 +121,7 @@ struct efmp_run {
 	/* Which functions are to run: all, or the nth, or those so named. */
 	u32 nth;
 	const char *symbol;
+	u32 (*call)(void); /* not null: this one only, registered or not */
 	u32 tag;       /* enum moxlab_tag_mode, for this frame */
 	/* What came of it. */
 	u32 hooks_run;
@@ -256,6 +257,18 @@ enum efmp_stat { /* in the order of struct moxlab_stats */
 void efmp_count(u32 stat);
 void efmp_stats_read(struct moxlab_stats *s);
 void efmp_stats_clear(void);
+
+/* ---- memory.c: the globals of the capture module and of this one ---------- */
+
+bool efmp_memory_allowed(u64 address);
+int efmp_memory(struct moxlab_memory *m);
+
+/* Tests find these by name, in /proc/kallsyms. */
+extern int moxlab_rnfp_result[2];
+extern u32 moxlab_rnfp_calls[2];
+extern u8 moxlab_last_freed[MOXLAB_HEADER_LEN];
+int moxlab_rnfp(void *efbuff);
+int moxlab_rnfp_wlan(void *efbuff);
 
 /* ---- inject.c, ctl.c ------------------------------------------------------ */
 

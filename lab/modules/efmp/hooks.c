@@ -342,11 +342,23 @@ static enum efmp_verdict run_hook(struct hook *h, struct efmp_run *run)
 	return verdict;
 }
 
-enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point)
+/* A function that need not be registered, answering as those at @point do. */
+static enum efmp_verdict run_unregistered(struct efmp_run *run, u32 point)
+{
+	struct hook once = {
+		.func = run->call,
+		.call = point == MOXLAB_POINT_RESV ? MOXLAB_REG_RECV : MOXLAB_REG_MODULE,
+	};
+
+	strcpy(once.symbol, "an unregistered function");
+	return run_hook(&once, run);
+}
+
+static enum efmp_verdict run_registered(struct efmp_run *run, u32 point)
 {
 	enum efmp_verdict verdict = EFMP_GO_ON;
-	u32 before = run->hooks_run, n = 0;
 	struct hook *h;
+	u32 n = 0;
 
 	list_for_each_entry_rcu(h, &lists[point], node) {
 		n++;
@@ -358,6 +370,15 @@ enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point)
 		if (verdict != EFMP_GO_ON)
 			break;
 	}
+	return verdict;
+}
+
+enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point)
+{
+	u32 before = run->hooks_run;
+	enum efmp_verdict verdict = run->call ? run_unregistered(run, point) :
+						run_registered(run, point);
+
 	if (run->hooks_run != before)
 		efmp_count(EFMP_POINT_FRAMES + point);
 	if (verdict != EFMP_GO_ON)

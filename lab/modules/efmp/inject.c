@@ -51,6 +51,11 @@ static bool valid(const struct moxlab_inject *in)
 		return false;
 	if (in->options & MOXLAB_INJ_TAG_CLEAR && in->options & MOXLAB_INJ_TAG_SET)
 		return false;
+	/* A single function has its place at a point, not all along the road. */
+	if (in->options & MOXLAB_INJ_CALL &&
+	    (in->point == MOXLAB_POINT_PIPELINE || in->point == MOXLAB_POINT_SEND ||
+	     !efmp_memory_allowed(in->function)))
+		return false;
 	return strnlen(in->symbol, sizeof(in->symbol)) < sizeof(in->symbol);
 }
 
@@ -180,6 +185,8 @@ static void inject_one(struct job *job)
 		.run = {
 			.nth = in->nth,
 			.symbol = in->symbol[0] ? in->symbol : NULL,
+			.call = in->options & MOXLAB_INJ_CALL ?
+				(void *)(unsigned long)in->function : NULL,
 			.tag = tag_of(in),
 		},
 		.dst_fixed = in->set & MOXLAB_SET_DST,
