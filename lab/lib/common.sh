@@ -1,0 +1,30 @@
+# shellcheck shell=bash
+# What every script of the lab begins with: where things are, how it speaks, how it gives up.
+
+ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+# LAB_BUILD moves everything the lab makes to another place (a bigger disk, a directory that CI keeps).
+BUILD=${LAB_BUILD:-$ROOT/build}
+CROSS=arm-linux-gnueabi-        # kernel and modules: soft float
+CROSS_VM=arm-linux-gnueabihf    # programs in the virtual machine
+JOBS=${JOBS:-$(nproc)}
+# shellcheck disable=SC2034  # for the scripts that source this file
+readonly ROOT BUILD CROSS CROSS_VM JOBS
+
+say() { printf '%s\n' "$*"; }
+step() { printf '== %s\n' "$*"; }
+warn() { printf 'lab: warning: %s\n' "$*" >&2; }
+
+# die MESSAGE [REMEDY...]: the error, one line of remedy each, exit code 1.
+die() {
+	printf 'lab: error: %s\n' "$1" >&2
+	shift
+	local line
+	for line in "$@"; do printf '     %s\n' "$line" >&2; done
+	exit 1
+}
+
+need_program() {
+	command -v "$1" >/dev/null || die "program '$1' is missing" "run ./lab/setup: it installs what the lab needs"
+}
+
+mmss() { printf '%d:%02d' $(($1 / 60)) $(($1 % 60)); }
