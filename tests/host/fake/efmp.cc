@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "efmp.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "kernel.h"
+#include "platform.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/asan_interface.h>
+#else
+#define ASAN_POISON_MEMORY_REGION(at, size) ((void)(at), (void)(size))
+#define ASAN_UNPOISON_MEMORY_REGION(at, size) ((void)(at), (void)(size))
+#endif
+
+// Receive functions, as far as the program under test has them.
+#define HOOK(name) extern "C" u32 name(void) __attribute__((weak))
+HOOK(mox_packet_lev2_rcv);
+HOOK(mox_packet_ipv4_rcv);
+HOOK(mox_packet_ipv6_rcv);
+HOOK(mox_packet_wlan_in_rcv);
+HOOK(mox_packet_wlan_out_rcv);
+HOOK(mox_packet_local_rcv);
+HOOK(mox_packet_resv_rcv);
+
+namespace fake {
+namespace {
+
+// All platform memory is one low arena: the module keeps platform addresses in
+// 32-bit words. Freed efbuffs stay poisoned until the arena starts over.
+class Arena {
+public:
+    Arena()
+    {
+        base_ = static_cast<uint8_t *>(mmap(nullptr, kSize, PROT_READ | PROT_WRITE,
+                                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_32BIT | MAP_NORESERVE, -1, 0));
+        if (base_ == MAP_FAILED)
+            abort();
+        ASAN_POISON_MEMORY_REGION(base_, kSize);
+    }
+    void *take(size_t size)
+    {
+        size = (size + 63) & ~size_t{63};
+        if (used_ + size + kGap > kSize)
+            return nullptr;
+        void *p = base_ + used_;
+        used_ += size + kGap;
+        return p;
+    }
+    void start_over()
+    {
+        ASAN_POISON_MEMORY_REGION(base_, used_);
+        used_ = 0;
+    }
+    bool half_full() const { return used_ > kSize / 2; }
+
+private:
+    static constexpr size_t kSize = 96u << 20, kGap = 64;
+    uint8_t *base_;
+    size_t used_ = 0;
+};
+
+Arena &efbuff_arena()
+{
+    static Arena arena;
+    return arena;
+}
+
+Arena &interface_arena()
+{
+    static Arena arena;
+    return arena;
+}
+
+template <typename T>
+T read(const void *base, size_t at)
+{
+    T v;
+    std::memcpy(&v, static_cast<const uint8_t *>(base) + at, sizeof v);
+    return v;
+}
+
+// Opens exactly what the contract lets a module touch: the header but for the
+// platform's own bytes, and the frame, of which at least 64 bytes from the MAC
+// header and 24 from the network header.
+void open_window(void *efbuff, uint32_t size)
+{
+    auto *p = static_cast<uint8_t *>(efbuff);
+    auto open = [&](uint32_t from, uint32_t len) {
+        if (from < size)
+            ASAN_UNPOISON_MEMORY_REGION(p + from, std::min(len, size - from));
+    };
+    open(0, 256);
+    uint32_t mac = read<uint16_t>(p, 22), net = read<uint16_t>(p, 24), total = read<uint32_t>(p, 164);
+    ASAN_POISON_MEMORY_REGION(p + 192, 64);
+    if (mac >= 256)
+        open(mac, std::max(total, 64u));
+    if (net >= 256)
+        open(net, 24);
+}
+
+std::string target(u32 (*func)(void))
+{
+    struct { u32 (*func)(void); const char *name; } const known[] = {
+        {mox_packet_lev2_rcv, "lev2"}, {mox_packet_ipv4_rcv, "ipv4"}, {mox_packet_ipv6_rcv, "ipv6"},
+        {mox_packet_wlan_in_rcv, "wlan"}, {mox_packet_wlan_out_rcv, "wlan_out"},
+        {mox_packet_local_rcv, "local"}, {mox_packet_resv_rcv, "resv"},
+    };
+    for (auto &k : known)
+        if (k.func && k.func == func)
+            return k.name;
+    return "unknown";
+}
+
+int registration(const char *call, const std::string &target, bool on)
+{
+    efmp().registrations.push_back(std::string(call) + " " + target);
+    kernel().event(call, nullptr);
+    if (kernel().failing(call)) {
+        int given = kernel().error[call];
+        return given ? given : -5;
+    }
+    efmp().registered[target] = on;
+    return 0;
+}
+
+}  // namespace
+
+Efmp &efmp()
+{
+    static Efmp the_efmp;
+    return the_efmp;
+}
+
+uint32_t word(const void *p)
+{
+    auto v = reinterpret_cast<uintptr_t>(p);
+    if (v >> 32)
+        breach("platform address beyond 32 bits");
+    return static_cast<uint32_t>(v);
+}
+
+void *pointer(uint32_t w) { return reinterpret_cast<void *>(static_cast<uintptr_t>(w)); }
+
+void *Efmp::efbuff(const std::vector<uint8_t> &content, Owner owner)
+{
+    if (live.empty() && efbuff_arena().half_full())
+        efbuff_arena().start_over();
+    uint32_t size = std::max<uint32_t>(content.size(), 512);
+    void *p = efbuff_arena().take(size);
+    if (!p) {
+        ADD_FAILURE() << "efbuff arena exhausted";
+        abort();
+    }
+    ASAN_UNPOISON_MEMORY_REGION(p, size);
+    std::memset(p, 0xee, size);
+    std::memcpy(p, content.data(), content.size());
+    ASAN_POISON_MEMORY_REGION(p, size);
+    open_window(p, size);
+    live[word(p)] = {size, owner, false};
+    return p;
+}
+
+void Efmp::drop(void *efbuff)
+{
+    auto it = live.find(word(efbuff));
+    if (it == live.end() || it->second.owner != Owner::kPlatform)
+        return breach("the platform's efbuff is not the platform's any more");
+    ASAN_POISON_MEMORY_REGION(efbuff, it->second.size);
+    live.erase(it);
+}
+
+void *Efmp::add_interface(uint32_t ifindex, const std::string &name, const uint8_t mac[6])
+{
+    void *p = interface_arena().take(384);
+    ASAN_UNPOISON_MEMORY_REGION(p, 364);
+    auto *b = static_cast<uint8_t *>(p);
+    std::memset(b, 0, 364);
+    std::memcpy(b, &ifindex, 4);
+    std::memcpy(b + 4, mac, 6);
+    b[12] = 1;
+    std::memcpy(b + 332, name.c_str(), std::min<size_t>(name.size(), 31));
+    interfaces[ifindex] = p;
+    return p;
+}
+
+uint32_t Efmp::call(uint32_t (*hook)(void), void *efbuff, uint32_t taken_answer, int cpu)
+{
+    Kernel &k = kernel();
+    auto it = live.find(word(efbuff));
+    if (it == live.end() || it->second.owner != Owner::kPlatform) {
+        breach("hook called on an efbuff that is not the platform's");
+        return ~1u;
+    }
+    it->second.owner = Owner::kHook;
+    int old_cpu = k.cpu;
+    size_t locks = k.held.size();
+    bool nested = k.in_hook;
+    k.cpu = cpu;
+    k.bh_disabled++;
+    k.in_hook = true;
+    k.cpu_efbuff[cpu] = word(efbuff) | 1u;
+    uint32_t answer = hook();
+    k.in_hook = nested;
+    if (k.held.size() != locks)
+        breach("hook returned with a lock held");
+    if (--k.bh_disabled < 0)
+        breach("hook returned with bottom halves on");
+    k.cpu = old_cpu;
+    it = live.find(word(efbuff));
+    if (it == live.end()) {
+        if (answer != taken_answer)
+            breach("efbuff freed by a hook that did not take it");
+        return answer;
+    }
+    it->second.owner = answer == taken_answer ? Owner::kModule : Owner::kPlatform;
+    return answer;
+}
+
+void Efmp::reset()
+{
+    for (auto &[address, e] : live)
+        ASAN_POISON_MEMORY_REGION(pointer(address), e.size);
+    *this = Efmp{};
+    efbuff_arena().start_over();
+    interface_arena().start_over();
+}
+
+void Efmp::audit()
+{
+    for (auto &[address, e] : live)
+        if (e.owner != Owner::kPlatform)
+            ADD_FAILURE() << "efbuff left with the module" << (e.clone ? " (a clone)" : "");
+    for (auto &[name, on] : registered)
+        EXPECT_FALSE(on) << "hook " << name << " left registered";
+}
+
+}  // namespace fake
+
+using fake::breach;
+using fake::kernel;
+using fake::Owner;
+using fake::efmp;
+
+void *lsm_get_intfcb(u32 ifindex)
+{
+    auto it = efmp().interfaces.find(ifindex);
+    return it == efmp().interfaces.end() ? nullptr : it->second;
+}
+
+int efmp_reg_module(void *descriptor)
+{
+    return fake::registration("reg_module",
+                              fake::target(static_cast<platform::descriptor *>(descriptor)->receive), true);
+}
+
+int efmp_dereg_module(void *descriptor)
+{
+    return fake::registration("dereg_module",
+                              fake::target(static_cast<platform::descriptor *>(descriptor)->receive), false);
+}
+
+static void check_point(u32 point, u32 wanted)
+{
+    if (point != wanted)
+        breach("registration at point " + std::to_string(point));
+}
+
+int efmp_reg_recv_pkt_func(efmp_pkt_func func, u32 point)
+{
+    check_point(point, 2);
+    return fake::registration("reg_recv", fake::target(func), true);
+}
+
+int efmp_dereg_recv_pkt_func(efmp_pkt_func func, u32 point)
+{
+    check_point(point, 2);
+    return fake::registration("dereg_recv", fake::target(func), false);
+}
+
+int efmp_reg_output_pkt_func(efmp_pkt_func func, u32 point)
+{
+    check_point(point, 1);
+    return fake::registration("reg_output", fake::target(func), true);
+}
+
+int efmp_dereg_output_pkt_func(efmp_pkt_func func, u32 point)
+{
+    check_point(point, 1);
+    return fake::registration("dereg_output", fake::target(func), false);
+}
+
+void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
+{
+    auto it = efmp().live.find(fake::word(efbuff));
+    if (it == efmp().live.end()) {
+        breach("clone of no efbuff");
+        return nullptr;
+    }
+    if (owner != 147)
+        breach("clone with owner " + std::to_string(owner));
+    if (kernel().failing("clone"))
+        return nullptr;
+    uint32_t size = it->second.size;
+    std::vector<uint8_t> content(size);
+    auto *from = static_cast<uint8_t *>(efbuff);
+    ASAN_UNPOISON_MEMORY_REGION(from, size);
+    std::memcpy(content.data(), from, size);
+    ASAN_POISON_MEMORY_REGION(from, size);
+    fake::open_window(from, size);
+    void *copy = efmp().efbuff(content, Owner::kModule);
+    efmp().live[fake::word(copy)].clone = true;
+    efmp().clones++;
+    return copy;
+}
+
+void efmp_buff_free_sw_with_owner(void *efbuff, u32 owner)
+{
+    auto it = efmp().live.find(fake::word(efbuff));
+    if (it == efmp().live.end())
+        return breach("free of no efbuff, or a second free");
+    if (owner != 147)
+        breach("efbuff freed with owner " + std::to_string(owner));
+    if (it->second.owner == Owner::kPlatform)
+        breach("the module frees an efbuff of the platform");
+    ASAN_POISON_MEMORY_REGION(efbuff, it->second.size);
+    efmp().live.erase(it);
+    efmp().freed++;
+}

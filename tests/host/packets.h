@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: GPL-2.0
+// Frames as efbuffs of the fake platform.
+#pragma once
+
+#include "fake/efmp.h"
+#include "oracle/frames.h"
+#include "oracle/packet.h"
+#include "receive.hpp"
+
+namespace packets {
+
+using namespace oracle;
+
+// A frame in an efbuff of the platform; the fields that no rule reads carry marks.
+inline void *make(const Meta &meta, const Bytes &frame) { return fake::efmp().efbuff(efbuff(meta, frame)); }
+
+// The reference's reading of an efbuff that stands in the fake platform. Copies
+// what may be read, so that the reference cannot trip over poisoned bytes.
+Packet read(const void *efbuff);
+WlanPacket read_wlan(const void *efbuff);
+
+}  // namespace packets

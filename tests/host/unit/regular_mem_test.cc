@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "rules_fixture.h"
+
+namespace {
+
+class RegularMem : public RulesTest {};
+
+TEST_F(RegularMem, init__creates_four_caches_in_order)
+{
+    const std::vector<std::string> wanted{"cache+ pkt_regular_data", "cache+ pkt_item_mem",
+                                          "cache+ pkt_flt_mem", "cache+ pkt_match_mem"};
+    EXPECT_EQ(kernel().journal, wanted);
+    EXPECT_EQ(mox_packet_regular_inited, 1);
+}
+
+TEST_F(RegularMem, init__object_sizes_are_those_of_the_records)
+{
+    std::map<std::string, size_t> sizes;
+    for (auto *c : kernel().caches)
+        sizes[c->name] = c->size;
+    EXPECT_EQ(sizes["pkt_regular_data"], sizeof(regular_data));
+    EXPECT_EQ(sizes["pkt_item_mem"], sizeof(regular_item));
+    EXPECT_EQ(sizes["pkt_flt_mem"], sizeof(filter_list_data));
+    EXPECT_EQ(sizes["pkt_match_mem"], sizeof(packet_regular));
+}
+
+TEST_F(RegularMem, init__second_call_creates_nothing)
+{
+    EXPECT_EQ(mox_packet_regular_init(), 0);
+    EXPECT_EQ(kernel().caches.size(), 4u);
+}
+
+TEST_F(RegularMem, deinit__destroys_in_creation_order_and_once)
+{
+    kernel().journal.clear();
+    mox_packet_regular_deinit();
+    const std::vector<std::string> wanted{"cache- pkt_regular_data", "cache- pkt_item_mem",
+                                          "cache- pkt_flt_mem", "cache- pkt_match_mem"};
+    EXPECT_EQ(kernel().journal, wanted);
+    EXPECT_EQ(mox_packet_regular_inited, 0);
+    mox_packet_regular_deinit();
+    EXPECT_EQ(kernel().journal.size(), 4u);
+}
+
+TEST_F(RegularMem, init__failure_of_each_cache)
+{
+    const char *const lines[] = {
+        "MOX-PACKET-REGULAR-INIT: failed to create pkt_regular_data_cache.\n",
+        "MOX-PACKET-REGULAR-INIT: failed to create pkt_regular_item_cache.\n",
+        "MOX-PACKET-REGULAR-INIT: failed to create pkt_filter_list_cache.\n",
+        "MOX-PACKET-REGULAR-INIT: failed to create pkt_match_list_cache.\n",
+    };
+    mox_packet_regular_deinit();
+    for (int nth = 1; nth <= 4; nth++) {
+        SCOPED_TRACE(nth);
+        kernel().log.clear();
+        kernel().fail("cache_create", nth);
+        EXPECT_EQ(mox_packet_regular_init(), -1);
+        EXPECT_EQ(kernel().text(), lines[nth - 1]);
+        EXPECT_TRUE(kernel().caches.empty());
+        EXPECT_EQ(mox_packet_regular_inited, 0);
+    }
+    EXPECT_EQ(mox_packet_regular_init(), 0);
+}
+
+TEST_F(RegularMem, init_regular_lib__empty_with_a_ready_lock)
+{
+    packet_regular_lib lib;
+    memset(&lib, 0x5a, sizeof lib);
+    mox_packet_init_regular_lib(&lib);
+    EXPECT_EQ(lib.regular_count, 0u);
+    EXPECT_EQ(lib.filter_count, 0u);
+    EXPECT_EQ(lib.regulars.next, &lib.regulars);
+    EXPECT_EQ(lib.filter_list.prev, &lib.filter_list);
+    seam_write_lock_bh(&lib.lock);
+    seam_write_unlock_bh(&lib.lock);
+}
+
+TEST_F(RegularMem, data__counted_by_type_and_zeroed)
+{
+    for (u32 type = 0; type < 20; type++) {
+        regular_data *d = mox_packet_alloc_init_data(type);
+        ASSERT_NE(d, nullptr);
+        EXPECT_EQ(d->type, type);
+        EXPECT_EQ(d->node.next, &d->node);
+        for (unsigned char b : d->value)
+            EXPECT_EQ(b, 0);
+        EXPECT_EQ(g_regular_data_stats[type], 1u);
+        mox_packet_free_data(d);
+        EXPECT_EQ(g_regular_data_stats[type], 0u);
+    }
+}
+
+TEST_F(RegularMem, item__counted_by_type)
+{
+    for (u32 type = 0; type < 20; type++) {
+        regular_item *item = mox_packet_alloc_init_item(type);
+        ASSERT_NE(item, nullptr);
+        EXPECT_EQ(item->type, type);
+        EXPECT_TRUE(mox_packet_item_empty(item));
+        EXPECT_EQ(g_regular_item_stats[type], 1u);
+        mox_packet_free_item(item);
+        EXPECT_EQ(g_regular_item_stats[type], 0u);
+    }
+}
+
+TEST_F(RegularMem, entry_and_copy__counted_in_20_and_21)
+{
+    const u8 value[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    filter_list_data *e = pkt_alloc_filter_list_data(PACKET_SRC_MAC_EQUAL, value);
+    EXPECT_EQ(memcmp(e->value, value, 8), 0);
+    EXPECT_EQ(e->match_list.next, &e->match_list);
+    EXPECT_EQ(e->local_match_list.next, &e->local_match_list);
+    packet_regular *copy = pkt_alloc_regular_data();
+    EXPECT_EQ(copy->items.next, &copy->items);
+    EXPECT_EQ(copy->lib_node.next, &copy->lib_node);
+    EXPECT_EQ(g_regular_data_stats[20], 1u);
+    EXPECT_EQ(g_regular_data_stats[21], 1u);
+    ASSERT_EQ(mox_packet_add_data_to_regular(datum(PACKET_ETH_PROT_EQUAL, {8, 0}), copy), 0);
+    pkt_free_regular_data(copy);
+    pkt_free_filter_list_data(e);
+    EXPECT_EQ(counters(), oracle::Counters{});
+}
+
+TEST_F(RegularMem, failures__counted_in_22_and_told_while_debugging)
+{
+    struct {
+        const char *cache;
+        std::function<void *()> make;
+        u32 *counter;
+        const char *line;
+    } const cases[] = {
+        {"pkt_regular_data", [] { return mox_packet_alloc_init_data(3); }, &g_regular_data_stats[22],
+         "[MOX-PACKET(2)]: MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n"},
+        {"pkt_item_mem", [] { return mox_packet_alloc_init_item(3); }, &g_regular_item_stats[22],
+         "[MOX-PACKET(2)]: MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n"},
+        {"pkt_flt_mem", [] { return pkt_alloc_filter_list_data(3, nullptr); }, &g_regular_data_stats[22],
+         "[MOX-PACKET(2)]: PKT-ALLOC-FILTER-LIST-DATA: alloc failed!\n"},
+        {"pkt_match_mem", [] { return pkt_alloc_regular_data(); }, &g_regular_data_stats[22],
+         "[MOX-PACKET(2)]: PKT-ALLOC-REGULAR-DATA: alloc failed!\n"},
+    };
+    kernel().cpu = 2;
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.cache);
+        u32 before = *c.counter;
+        for (u8 debug : {0, 1}) {
+            mox_packet_debug[0] = debug;
+            kernel().log.clear();
+            kernel().fail(std::string("cache_alloc:") + c.cache);
+            EXPECT_EQ(c.make(), nullptr);
+            EXPECT_EQ(kernel().text(), debug ? c.line : "");
+        }
+        EXPECT_EQ(*c.counter, before + 2);
+    }
+    EXPECT_EQ(g_regular_data_stats[3], 0u);
+    EXPECT_EQ(g_regular_item_stats[3], 0u);
+    EXPECT_EQ(g_regular_item_stats[20], 0u);
+    EXPECT_EQ(g_regular_item_stats[21], 0u);
+}
+
+TEST_F(RegularMem, empty_regular_and_match_regular__free_everything)
+{
+    for (auto empty : {mox_packet_empty_regular, mox_packet_empty_match_regular}) {
+        Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+        rule.data(PACKET_ETH_PROT_EQUAL, {8, 0}).data(PACKET_ETH_PROT_EQUAL, {8, 6});
+        rule.data(PACKET_PID_T, {1, 0, 0, 0}).item(PACKET_ALL);
+        EXPECT_EQ(g_regular_data_stats[PACKET_PID_T], 1u);
+        EXPECT_EQ(g_regular_item_stats[PACKET_ALL], 1u);
+        empty(&rule.regular());
+        EXPECT_EQ(counters(), oracle::Counters{});
+        EXPECT_EQ(rule.regular().items.next, &rule.regular().items);
+    }
+}
+
+TEST_F(RegularMem, list__operations_publish_with_a_full_barrier)
+{
+    list_head head{&head, &head}, a, b, c;
+    int barriers = 0;
+    kernel().at["mb"] = [&](const void *) { barriers++; };
+    mox_packet_list_add_tail_safe(&a, &head);
+    mox_packet_list_add_tail_safe(&b, &head);
+    mox_packet_list_ins_head_safe(&c, &head);
+    EXPECT_EQ(head.next, &c);
+    EXPECT_EQ(c.next, &a);
+    EXPECT_EQ(a.next, &b);
+    EXPECT_EQ(head.prev, &b);
+    mox_packet_list_del_safe(&a);
+    EXPECT_EQ(c.next, &b);
+    EXPECT_EQ(b.prev, &c);
+    EXPECT_GE(barriers, 4);
+}
+
+// --------------------------------------------------------------------------
+// Equality and edits
+
+TEST_F(RegularMem, data_match__widths_and_missing_values)
+{
+    static const size_t width[20] = {2, 6, 6, 2, 2, 1, 1, 2, 2, 2, 4, 1, 0, 0, 1, 1, 0, 4, 0, 2};
+    const u8 a[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (u32 type = 0; type < 20; type++) {
+        SCOPED_TRACE(type);
+        bool any = width[type] == 0;
+        EXPECT_TRUE(pkt_regular_data_match(type, a, a));
+        EXPECT_EQ(pkt_regular_data_match(type, nullptr, a), any);
+        EXPECT_EQ(pkt_regular_data_match(type, a, nullptr), any);
+        EXPECT_EQ(pkt_regular_data_match(type, nullptr, nullptr), any);
+        for (size_t i = 0; i < 8; i++) {
+            u8 b[8];
+            memcpy(b, a, 8);
+            b[i] ^= 0x80;
+            EXPECT_EQ(pkt_regular_data_match(type, a, b), i >= width[type]) << "byte " << i;
+        }
+    }
+}
+
+TEST_F(RegularMem, data_match__illegal_type_is_never_equal_and_told)
+{
+    const u8 a[8] = {};
+    EXPECT_FALSE(pkt_regular_data_match(20, a, a));
+    EXPECT_TRUE(kernel().log.empty());
+    mox_packet_debug[0] = 1;
+    EXPECT_FALSE(pkt_regular_data_match(0xffffffff, a, a));
+    EXPECT_EQ(kernel().text(), "[MOX-PACKET(0)]: MOX-PACKET-SEARCH-DATA-FROME-ITEM: illegal type\n");
+}
+
+TEST_F(RegularMem, add_data__same_value_twice_keeps_one)
+{
+    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+    rule.data(PACKET_ETH_PROT_EQUAL, {8, 0}).data(PACKET_ETH_PROT_EQUAL, {8, 0, 9});
+    EXPECT_EQ(g_regular_data_stats[PACKET_ETH_PROT_EQUAL], 1u);
+    EXPECT_EQ(g_regular_item_stats[PACKET_ETH_PROT_EQUAL], 1u);
+}
+
+TEST_F(RegularMem, add_data__items_and_values_keep_their_order)
+{
+    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+    rule.data(PACKET_IPv4_PROT_EQUAL, {6}).data(PACKET_ETH_PROT_EQUAL, {8, 0});
+    rule.data(PACKET_IPv4_PROT_EQUAL, {17});
+    EXPECT_EQ(view(rule.regular()).items,
+              (std::vector<std::pair<u32, std::vector<oracle::Value>>>{
+                  {PACKET_IPv4_PROT_EQUAL, {oracle::bytes_value({6}), oracle::bytes_value({17})}},
+                  {PACKET_ETH_PROT_EQUAL, {oracle::bytes_value({8, 0})}}}));
+}
+
+TEST_F(RegularMem, add_data__without_an_item_leaves_the_datum_with_the_caller)
+{
+    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+    mox_packet_debug[0] = 1;
+    kernel().fail("cache_alloc:pkt_item_mem");
+    regular_data *d = datum(PACKET_ETH_PROT_EQUAL, {8, 0});
+    EXPECT_EQ(mox_packet_add_data_to_regular(d, &rule.regular()), -ENOMEM);
+    EXPECT_TRUE(kernel().said("[MOX-PACKET(0)]: MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"));
+    EXPECT_EQ(rule.regular().items.next, &rule.regular().items);
+    mox_packet_free_data(d);
+}
+
+TEST_F(RegularMem, del_data__missing_item_or_value_changes_nothing)
+{
+    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+    rule.data(PACKET_ETH_PROT_EQUAL, {8, 0});
+    rule.del(PACKET_ETH_PROT_EQUAL, {8, 1}).del(PACKET_SRC_MAC_EQUAL, {8, 0});
+    EXPECT_EQ(g_regular_data_stats[PACKET_ETH_PROT_EQUAL], 1u);
+    rule.del(PACKET_ETH_PROT_EQUAL, {8, 0});
+    EXPECT_EQ(counters(), oracle::Counters{});
+    EXPECT_EQ(rule.regular().items.next, &rule.regular().items);
+}
+
+TEST_F(RegularMem, del_data__item_stays_until_its_last_value)
+{
+    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+    rule.data(PACKET_IPv4_PROT_EQUAL, {6}).data(PACKET_IPv4_PROT_EQUAL, {17});
+    rule.del(PACKET_IPv4_PROT_EQUAL, {6});
+    EXPECT_EQ(g_regular_item_stats[PACKET_IPv4_PROT_EQUAL], 1u);
+    rule.del(PACKET_IPv4_PROT_EQUAL, {17});
+    EXPECT_EQ(g_regular_item_stats[PACKET_IPv4_PROT_EQUAL], 0u);
+}
+
+}  // namespace
