@@ -225,6 +225,7 @@ void RulesTest::SetUp()
 
 void RulesTest::TearDown()
 {
+    kernel().at.clear();
     if (mox_packet_regular_inited)
         for (u32 location = 1; location <= 8; location++) {
             verify(kLibs[location]);
