@@ -22,7 +22,9 @@
 namespace fake {
 
 // Kinds of locks, in the order in which they may be taken: a lock may be taken
-// only while every lock held is of an earlier kind.
+// only while every lock held is of an earlier kind. Besides, bind and rule lock are
+// never held together, nor library and queue lock, and a library is only read under
+// the hook lock. docs/locking.md has the reasons.
 enum class LockKind {
     kNone, kNsMutex, kNsMutexNested, kSock, kBind, kRule, kHook, kLib, kQueue, kReceiveQueue, kMutex,
 };

@@ -53,7 +53,9 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
     for (auto &[other, kind] : held) {
         if (other == lock)
             breach(std::string(call) + ": the " + name(as) + " is held already");
-        else if (kind >= as)
+        else if (kind >= as || (kind == LockKind::kBind && as == LockKind::kRule) ||
+                 (kind == LockKind::kLib && as == LockKind::kQueue) ||
+                 (kind == LockKind::kHook && as == LockKind::kLib && write))
             breach(std::string(call) + ": the " + name(as) + " after the " + name(kind));
     }
     if (lock->writers || (write && lock->readers))
