@@ -65,21 +65,27 @@ enum mox_packet_sock_flags {
 	PO_CTRL_INFO = 0x8, /* control records come with received frames */
 };
 
-/** The counters that reading PACKET_STATISTICS clears, all of them together. */
-struct mox_packet_counters {
-	u32 filter_drops;
-	u32 rcvbuf_full_drops;
-	u32 trim_fail_drops;
-	u32 recv_packets;
-	u32 sendmsg_ill_fails;
-	u32 macfunc_ill_fails;
-	u32 dstintf_ill_fails;
-	u32 srcintf_ill_fails;
-	u32 intf_linkdown_fails;
-	u32 alloc_efbuff_fails;
-	u32 pkt_copy_fails;
-	u32 ef_send_fails;
+/*
+ * The counters, in an order that is fixed. They are fields of the socket, and
+ * as one block what reading PACKET_STATISTICS clears.
+ */
+#define MOX_PACKET_COUNTERS               \
+	u32 filter_drops;                 \
+	u32 rcvbuf_full_drops;            \
+	u32 trim_fail_drops;              \
+	u32 recv_packets;                 \
+	u32 sendmsg_ill_fails;            \
+	u32 macfunc_ill_fails;            \
+	u32 dstintf_ill_fails;            \
+	u32 srcintf_ill_fails;            \
+	u32 intf_linkdown_fails;          \
+	u32 alloc_efbuff_fails;           \
+	u32 pkt_copy_fails;               \
+	u32 ef_send_fails;                \
 	u32 send_packets;
+
+struct mox_packet_counters {
+	MOX_PACKET_COUNTERS
 };
 
 /** The packet socket. The kernel allocates it as one object with its sock. */
@@ -88,19 +94,7 @@ struct mox_packet_sock {
 	union {
 		struct mox_packet_counters counters;
 		struct {
-			u32 filter_drops;
-			u32 rcvbuf_full_drops;
-			u32 trim_fail_drops;
-			u32 recv_packets;
-			u32 sendmsg_ill_fails;
-			u32 macfunc_ill_fails;
-			u32 dstintf_ill_fails;
-			u32 srcintf_ill_fails;
-			u32 intf_linkdown_fails;
-			u32 alloc_efbuff_fails;
-			u32 pkt_copy_fails;
-			u32 ef_send_fails;
-			u32 send_packets;
+			MOX_PACKET_COUNTERS
 		};
 	};
 	u32 vsd;
