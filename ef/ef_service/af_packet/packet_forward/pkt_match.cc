@@ -154,13 +154,13 @@ bool item_passes(const pkt_wlan_info &info, const regular_item &item)
 			return wlan_eapol_type_matches(info, value);
 		});
 	case PACKET_EAPOL_TYPE_WPS:
-		return !list_empty(&item.datas) && wlan_wps(info);
+		return wlan_wps(info);
 	case PACKET_ALL:
 		return true;
 	case PACKET_PID_T:
 		return not_excluded(item, info.attr);
 	case PACKET_WLAN_MGNT:
-		return !list_empty(&item.datas) && wlan_mgmt(info);
+		return wlan_mgmt(info);
 	default:
 		return false;
 	}
