@@ -91,7 +91,8 @@ struct Kernel {
     std::map<std::string, int> error;  // errno of a failing registration, by point
 
     // ---- the other CPU: run at an exact point of the code under test
-    // "lock", "unlock" (with the lock), "wake", "schedule", "wait", "mb", "stop".
+    // "locking" (about to), "lock" (held now), "unlock" (with the lock), "wake",
+    // "schedule", "wait", "mb", "stop", "orphan", "recv".
     std::map<std::string, std::function<void(const void *)>> at;
     void event(const char *point, const void *what = nullptr);
 

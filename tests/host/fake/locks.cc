@@ -46,6 +46,7 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
 {
     if (lock->magic != kMagic)
         return breach(std::string(call) + " of a lock never initialised");
+    event("locking", lock);
     if (as == LockKind::kNone)
         as = lock->kind;
     if (sleeping_kind(as))

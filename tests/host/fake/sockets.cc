@@ -87,11 +87,8 @@ int seam_pernet_register(void)
 
 void seam_pernet_unregister(void)
 {
-    // The kernel forgives the removal of what failed to register; the order is journalled.
-    bool was = kernel().pernet_registered;
-    kernel().pernet_registered = true;
     fake::unregistration("pernet_unregister", kernel().pernet_registered, "pernet-");
-    if (was && mox_packet_net_exit)
+    if (mox_packet_net_exit)
         mox_packet_net_exit(&fake::init_net());
 }
 
@@ -218,7 +215,11 @@ void seam_sock_orphan(sock *sk)
 
 int seam_sk_dead(const sock *sk) { return sk->dead; }
 int seam_sk_rmem(const sock *sk) { return sk->rmem; }
-int seam_sk_wmem(const sock *sk) { return sk->wmem; }
+
+// One share is the socket's own; the last put has taken it when the destructor runs.
+u32 seam_sk_wmem_charged(const sock *sk) { return sk->wmem + (sk->refs ? 1 : 0); }
+int seam_sk_wmem(const sock *sk) { return static_cast<int>(seam_sk_wmem_charged(sk)) - 1; }
+
 int seam_sk_rcvbuf(const sock *sk) { return sk->rcvbuf; }
 void seam_warn(const char *what) { kernel().warnings.push_back(what); }
 
