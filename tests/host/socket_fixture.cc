@@ -71,6 +71,19 @@ Strings SocketTest::lines()
     return out;
 }
 
+void SocketTest::on_other_cpu(const std::function<void()> &act)
+{
+    auto held = std::move(kernel().held);
+    int bh_disabled = kernel().bh_disabled;
+    kernel().held.clear();
+    kernel().bh_disabled = 0;
+    act();
+    EXPECT_TRUE(kernel().held.empty());
+    EXPECT_EQ(kernel().bh_disabled, 0);
+    kernel().held = std::move(held);
+    kernel().bh_disabled = bh_disabled;
+}
+
 size_t SocketTest::interleave(Sock &s, const std::function<void()> &prepare,
                               const std::function<void()> &call,
                               const std::function<void()> &other,
@@ -89,7 +102,7 @@ size_t SocketTest::interleave(Sock &s, const std::function<void()> &prepare,
                 late = true;
             } else {
                 played = true;
-                other();
+                on_other_cpu(other);
             }
         };
         for (const char *point : {"locking", "lock", "unlock"})

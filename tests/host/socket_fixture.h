@@ -53,6 +53,10 @@ protected:
     static bool hooked(const std::string &name) { return efmp().registered[name] != 0; }
     static Items items(Sock &s) { return view(s.po().regular).items; }
 
+    // Runs act() as another CPU does: with none of this one's locks, and bottom
+    // halves on.
+    static void on_other_cpu(const std::function<void()> &act);
+
     // Runs call() once for every lock step n of it, with other() played by
     // another CPU there; where that CPU would wait for the socket lock, it is
     // played right behind the call. check() sees the outcome of each.
