@@ -174,7 +174,6 @@ struct moxlab_inject {
 
 	/* out, about all frames */
 	__u32 outcomes[MOXLAB_OUT_COUNT]; /* how many ended in each outcome */
-	__u32 reserved_out;
 };
 
 /* ------------------------------------------------------------------------
