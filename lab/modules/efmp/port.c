@@ -95,8 +95,11 @@ void efmp_port_detach(struct efmp_port *port)
 
 static bool xmit_device(struct efmp_port *port, struct sk_buff *skb)
 {
+	int result;
+
 	skb->dev = port->dev;
-	return net_xmit_eval(dev_queue_xmit(skb)) == 0;
+	result = dev_queue_xmit(skb);
+	return net_xmit_eval(result) == 0;
 }
 
 /* One linear frame, checksums done; consumed. */
