@@ -1,0 +1,194 @@
+// SPDX-License-Identifier: GPL-2.0
+// The debug lines of setsockopt, letter by letter: operators search logs for them, spelling mistakes included.
+#include <cerrno>
+#include <string>
+
+#include "support/fixture.h"
+
+namespace {
+
+using namespace vm;
+
+class OptionText : public VmTest {
+protected:
+    void SetUp() override
+    {
+        VmTest::SetUp();
+        pin(1);
+    }
+    void TearDown() override
+    {
+        pin(-1);
+        VmTest::TearDown();
+    }
+    /// The lines of one call with the switch on.
+    template <class Call>
+    std::vector<std::string> lines_of(Call call)
+    {
+        DebugOn debug;
+        call();
+        return lab::printk_lines();
+    }
+    Socket socket_;
+    uint32_t word_ = 1;
+};
+
+TEST_F(OptionText, foreign_level)
+{
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(0, 15, &word_, 4); }),
+                        "PACKET-SETSOCKOPT: level is not SOL_PACKET!", 1));
+}
+
+TEST_F(OptionText, short_words)
+{
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, PACKET_TREATMENT, &word_, 3); }),
+                        "SETSOCKOPT: PACKET_TREATMENT len error.", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, PACKET_CTRL_INFO, &word_, 3); }),
+                        "SETSOCKOPT: PACKET_CTRL_INFO len error", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, PACKET_LOCATION, &word_, 3); }),
+                        "SETSOCKOPT: PACKET_LOCATION len error", 1));
+}
+
+TEST_F(OptionText, unreadable_words)
+{
+    for (int option : {PACKET_TREATMENT, PACKET_CTRL_INFO, PACKET_LOCATION}) {
+        int error = 0;
+        auto lines =
+            lines_of([&] { error = socket_.option_raw(MOX_SOL_PACKET, option, reinterpret_cast<void *>(8), 4); });
+        EXPECT_EQ(error, EFAULT) << option;
+        EXPECT_TRUE(HasLine(lines, "SETSOCKOPT: copy from user failed", 1)) << option;
+    }
+}
+
+TEST_F(OptionText, treatments_by_name)
+{
+    const char *names[] = {"PACKET_TREATMENT_NONE", "PACKET_COPY",       "PACKET_FETCH",
+                           "PACKET_TRAP",           "PACKET_COPY_LOCAL", "PACKET_FETCH_LOCAL"};
+    for (uint32_t value = 0; value <= 5; ++value)
+        EXPECT_TRUE(HasLine(lines_of([&] { socket_.treatment(value); }),
+                            std::string("SETSOCKOPT: process: ") + names[value], 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.treatment(6); }), "SETSOCKOPT: PACKET_TREATMENT type illegal.", 1));
+}
+
+TEST_F(OptionText, locations_by_name)
+{
+    struct Row {
+        uint32_t value;
+        const char *name;
+    };
+    for (Row row : {Row{0, "PACKET_NONE_LOC"}, {1, "PACKET_LOCAL_LOC"}, {2, "PACKET_LEV2_LOC"}, {3, "PACKET_IPv4_LOC"},
+                    {4, "PACKET_IPv6_LOC"}, {7, "PACKET_RESV_LOC"}, {8, "PACKET_WLAN_LOC"}, {9, "PACKET_LEV2_RESV_LOC"},
+                    {10, "PACKET_LEV3_RESV_LOC"}, {11, "Unknown"}, {0xffffffff, "Unknown"}})
+        EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(row.value); }),
+                            std::string("SETSOCKOPT: PACKET_LOCATION ") + row.name, 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(5); }), "SETSOCKOPT: PACKET_LOCATION location type 5 error", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(6); }), "SETSOCKOPT: PACKET_LOCATION location type 6 error", 1));
+}
+
+TEST_F(OptionText, a_location_out_of_range_is_told_by_the_library)
+{
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(11); }), "MOX-PACKET-HANDLE-REGULAR: location illegal!", 1));
+}
+
+TEST_F(OptionText, control_records_on_and_off)
+{
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.ctrl(true); }), "SETSOCKOPT: PACKET_CTRL_INFO require", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.ctrl(false); }), "SETSOCKOPT: PACKET_CTRL_INFO unrequire", 1));
+}
+
+TEST_F(OptionText, success_of_every_type_for_add_and_delete)
+{
+    struct Row {
+        Rule rule;
+        const char *line;
+    };
+    const Row rows[] = {
+        {le16s(0, {0x0102}), "ADD-REGUALR: type PACKET_PACKET_CODE_EQUAL success"},
+        {rule(1, {Bytes(6, 1)}), "ADD-REGUALR: PACKET_DEST_MAC_EQUAL success"},
+        {rule(2, {Bytes(6, 1)}), "ADD-REGUALR: PACKET_SRC_MAC_EQUAL success"},
+        {le16s(3, {1}), "ADD-REGUALR: type PACKET_ETH_PROT_EQUAL success"},
+        {le16s(4, {1}), "ADD-REGUALR: type PACKET_SNAP_ETH_TYPE_EQUAL success"},
+        {u8s(5, {1}), "ADD-REGUALR: type PACKET_IPv4_PROT_EQUAL success"},
+        {u8s(6, {1}), "ADD-REGUALR: type PACKET_IPv6_PROT_EQUAL success"},
+        {le16s(7, {1}), "ADD-REGUALR: type PACKET_IPv4_DEST_PORT_EQUAL success"},
+        {le16s(8, {1}), "ADD-REGUALR: type PACKET_IPv4_SRC_PORT_EQUAL success"},
+        {le16s(9, {1}), "ADD-REGUALR: type PACKET_IPv6_DEST_PORT_EQUAL success"},
+        {u32s(10, {1}), "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success"},
+        {u8s(11, {1}), "ADD-REGUALR: type PACKET_ICMPV6_TYPE_EQUAL success"},
+        {flag(12), "ADD-REGUALR: type PACKET_IPv4_MCAST_TRAFFIC success"},
+        {flag(13), "ADD-REGUALR: type PACKET_IPv6_MCAST_TRAFFIC success"},
+        {u8s(14, {1}), "ADD-REGUALR: type PACKET_EAPOL_TYPE_EQUAL success"},
+        {u8s(15, {1}), "ADD-REGUALR: type PACKET_EAPOL_TYPE_WPS success"},
+        {all(), "ADD-REGUALR: type PACKET_ALL success"},
+        {u32s(17, {1}), "ADD-REGUALR: type PACKET_PID_T success"},
+        {flag(18), "ADD-REGUALR: type PACKET_WLAN_MGNT success"},
+        {le16s(19, {1}), "ADD-REGUALR: type PACKET_ARP_TYPE success"},
+    };
+    for (const Row &row : rows) {
+        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.add(row.rule), 0); }), row.line, 1));
+        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.del(row.rule), 0); }), row.line, 1)) << "deleting";
+        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.del(row.rule), 0); }), row.line, 1)) << "deleting nothing";
+    }
+}
+
+TEST_F(OptionText, refused_rule_records)
+{
+    uint8_t record[16] = {3, 0, 2, 0, 9, 0};
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, 11, record, 5); }),
+                        "PACKET-SETSOCKOPT: optlen illegal, optlen: 5", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, 12, record, 0); }),
+                        "PACKET-SETSOCKOPT: optlen illegal, optlen: 0", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, 11, record, 16); }),
+                        "PACKET-SETSOCKOPT: optlen illegal, optlen: 16", 1))
+        << "nine elements of two bytes do not fit";
+    record[2] = 0;
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, 11, record, 16); }),
+                        "PACKET-SETSOCKOPT: optlen illegal, optlen: 16", 1))
+        << "nor do they with the type's own stride";
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.option_raw(MOX_SOL_PACKET, 11, reinterpret_cast<void *>(8), 16); }),
+                        "PACKET-SETSOCKOPT: copy from user failed", 1));
+    EXPECT_TRUE(HasLine(lines_of([&] { socket_.add(Rule{20, 0, 0, {}}); }), "ADD-REGUALR: type error", 1));
+}
+
+TEST_F(OptionText, a_record_that_no_memory_holds)
+{
+    int error = 0;
+    uint8_t record[8] = {16};
+    auto lines = lines_of([&] { error = socket_.option_raw(MOX_SOL_PACKET, 11, record, 0x7fffffff); });
+    EXPECT_EQ(error, ENOMEM);
+    EXPECT_TRUE(HasLine(lines, "PACKET-SETSOCKOPT: ENOMEM", 1));
+}
+
+TEST_F(OptionText, filing_and_unfiling_rules)
+{
+    Socket one = capture(PACKET_LEV2_LOC, PACKET_COPY, ethertype(0x0806));
+    Socket two;
+    ASSERT_EQ(two.add(ethertype(0x0806)), 0);
+    ASSERT_EQ(two.treatment(PACKET_COPY), 0);
+    EXPECT_TRUE(HasLine(lines_of([&] { two.location(PACKET_LEV2_LOC); }),
+                        "PKT-ADD-REGULAR-TO-FILTER-LIST: same regular data", 1));
+    auto lines = lines_of([&] { two.location(0); });
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-REGULAR-FROM-FILTER-LIST: same data in lib", 1));
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-REGULAR-FROM-FILTER-LIST: same data in match list, del", 1));
+    lines = lines_of([&] { one.location(0); });
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-RULE-FROM-FILTER-LIST: same data in filter list, del", 1));
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-RULE-FROM-FILTER-LIST: same data in filter list, empty match list", 1));
+}
+
+TEST_F(OptionText, filing_and_unfiling_rules_without_values)
+{
+    Socket one = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
+    Socket two;
+    ASSERT_EQ(two.add(all()), 0);
+    ASSERT_EQ(two.treatment(PACKET_COPY), 0);
+    EXPECT_TRUE(HasLine(lines_of([&] { two.location(PACKET_LEV2_LOC); }),
+                        "PKT-ADD-REGULAR-TO-FILTER-LIST: same regular data", 1));
+    auto lines = lines_of([&] { two.location(0); });
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-REGULAR-FROM-FILTER-LIST: same item in lib", 1));
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-REGULAR-FROM-FILTER-LIST: same item data in match list, del", 1));
+    lines = lines_of([&] { one.location(0); });
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-RULE-FROM-FILTER-LIST: same item data in filter list, del", 1));
+    EXPECT_TRUE(HasLine(lines, "PKT-DEL-RULE-FROM-FILTER-LIST: same item data in filter list, empty match list", 1));
+}
+
+}  // namespace

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "support/module.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+namespace vm {
+
+static std::string file_of(const std::string &name)
+{
+    const char *directory = std::getenv("MOX_MODULES");
+    return std::string(directory ? directory : "/modules") + "/" + name + ".ko";
+}
+
+int load_module(const std::string &name)
+{
+    int fd = ::open(file_of(name).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return errno;
+    int error = ::syscall(SYS_finit_module, fd, "", 0) ? errno : 0;
+    ::close(fd);
+    return error;
+}
+
+int unload_module(const std::string &name)
+{
+    return ::syscall(SYS_delete_module, name.c_str(), O_NONBLOCK) ? errno : 0;
+}
+
+bool module_present(const std::string &name)
+{
+    std::ifstream modules("/proc/modules");
+    for (std::string line; std::getline(modules, line);)
+        if (line.compare(0, name.size() + 1, name + " ") == 0)
+            return true;
+    return false;
+}
+
+bool module_shipped(const std::string &name) { return ::access(file_of(name).c_str(), R_OK) == 0; }
+
+}  // namespace vm
