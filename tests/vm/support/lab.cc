@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "support/lab.h"
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -17,6 +16,8 @@
 #include <sys/ioctl.h>
 
 #include <gtest/gtest.h>
+
+#include "support/symbols.h"
 
 #include "moxlab.h"
 
@@ -43,6 +44,8 @@ void verb(unsigned long request, void *argument, const char *name)
     if (::ioctl(device(), request, argument))
         throw std::system_error(errno, std::generic_category(), name);
 }
+
+std::atomic<uint8_t> forward_reason;
 
 struct Place {
     uint32_t point;
@@ -128,23 +131,9 @@ void read_all(uint32_t what, Each each)
         ADD_FAILURE() << "the lab lost " << read.lost << " records of kind " << what;
 }
 
-/// Where a symbol of the module or of the platform lies now; it moves with every load.
-uint64_t address_of(const char *sym)
-{
-    std::ifstream symbols("/proc/kallsyms");
-    for (std::string line; std::getline(symbols, line);) {
-        std::istringstream fields(line);
-        std::string address, kind, name, module;
-        fields >> address >> kind >> name >> module;
-        if (name == sym && (module == "[mox_ef_socket]" || module == "[efmp]"))
-            return std::stoull(address, nullptr, 16);
-    }
-    throw std::runtime_error(std::string("no symbol ") + sym);
-}
-
 void memory(const char *sym, uint32_t offset, void *bytes, uint32_t length, bool write)
 {
-    // Looking an address up costs a walk over all of the kernel's symbols: it is kept until the module is loaded anew.
+    // Looking an address up reads the module's file: it is kept until the module is loaded anew.
     static std::map<std::string, uint64_t> known;
     static std::mutex lock;
     moxlab_memory request{};
@@ -157,7 +146,7 @@ void memory(const char *sym, uint32_t offset, void *bytes, uint32_t length, bool
             std::lock_guard<std::mutex> guard(lock);
             auto found = known.find(sym);
             if (fresh || found == known.end())
-                found = known.insert_or_assign(sym, address_of(sym)).first;
+                found = known.insert_or_assign(sym, vm::symbol_address(sym)).first;
             request.address = found->second + offset;
         }
         if (::ioctl(device(), MOXLAB_MEMORY, &request) == 0) {
@@ -189,6 +178,9 @@ uint32_t inject(Hook hook, const Frame &frame, int cpu)
     if (cpu >= 0) {
         EXPECT_EQ(in.ran_on_cpu, uint32_t(cpu));
     }
+    if (!in.header_valid)
+        throw std::runtime_error("the lab lost sight of the frame");
+    forward_reason = in.header_out[43];
     return in.answer;
 }
 
@@ -196,7 +188,7 @@ uint32_t inject_unregistered(Hook hook, const Frame &frame, int cpu)
 {
     moxlab_inject in = request_of(hook, frame, cpu);
     in.options |= MOXLAB_INJ_CALL;
-    in.function = address_of(symbol(hook));
+    in.function = vm::symbol_address(symbol(hook));
     verb(MOXLAB_INJECT, &in, symbol(hook));
     return in.answer;
 }
@@ -347,7 +339,7 @@ void poke8(const char *sym, uint32_t offset, uint8_t value) { memory(sym, offset
 
 void set_rnfp(bool wlan, int result)
 {
-    uint32_t function = result < 0 ? 0 : uint32_t(address_of(wlan ? "moxlab_rnfp_wlan" : "moxlab_rnfp"));
+    uint32_t function = result < 0 ? 0 : uint32_t(vm::symbol_address(wlan ? "moxlab_rnfp_wlan" : "moxlab_rnfp"));
     uint32_t none = 0;
     memory("moxlab_rnfp_calls", wlan * 4, &none, 4, true);
     memory("moxlab_rnfp_result", wlan * 4, &result, 4, true);
@@ -356,7 +348,7 @@ void set_rnfp(bool wlan, int result)
 
 uint64_t rnfp_calls(bool wlan) { return peek32("moxlab_rnfp_calls", wlan * 4); }
 
-uint8_t last_forward_reason() { return peek8("moxlab_last_freed", 43); }
+uint8_t last_forward_reason() { return forward_reason; }
 
 void reset()
 {

@@ -101,7 +101,7 @@ struct Books {
 Books books();
 /// Waits until the module holds no efbuff: everything queued has been delivered and freed. False after the time.
 bool settle(int milliseconds = 5000);
-/// The forward reason (header byte 43) of the efbuff the module freed last.
+/// The forward reason (header byte 43) that the hook left in the frame injected last.
 uint8_t last_forward_reason();
 
 enum class Fail { Clone, RegModule, RegRecv, RegOutput, GetService, RegServHandler };

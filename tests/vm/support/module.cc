@@ -11,7 +11,7 @@
 
 namespace vm {
 
-static std::string file_of(const std::string &name)
+std::string module_file(const std::string &name)
 {
     const char *directory = std::getenv("MOX_MODULES");
     return std::string(directory ? directory : "/modules") + "/" + name + ".ko";
@@ -19,7 +19,7 @@ static std::string file_of(const std::string &name)
 
 int load_module(const std::string &name)
 {
-    int fd = ::open(file_of(name).c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = ::open(module_file(name).c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0)
         return errno;
     int error = ::syscall(SYS_finit_module, fd, "", 0) ? errno : 0;
@@ -41,6 +41,6 @@ bool module_present(const std::string &name)
     return false;
 }
 
-bool module_shipped(const std::string &name) { return ::access(file_of(name).c_str(), R_OK) == 0; }
+bool module_shipped(const std::string &name) { return ::access(module_file(name).c_str(), R_OK) == 0; }
 
 }  // namespace vm

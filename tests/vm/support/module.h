@@ -6,6 +6,8 @@
 
 namespace vm {
 
+/// The module's file in the image: $MOX_MODULES or /modules.
+std::string module_file(const std::string &name);
 /// 0, or the errno of init_module(2).
 int load_module(const std::string &name);
 /// 0, or the errno of delete_module(2) (never waits for users to go).

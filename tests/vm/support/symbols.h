@@ -1,0 +1,13 @@
+// SPDX-License-Identifier: GPL-2.0
+// Where the globals of a loaded module lie.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vm {
+
+/// The address of a symbol of mox_ef_socket or efmp as loaded now; it moves with every load. Throws when there is none.
+uint64_t symbol_address(const std::string &symbol);
+
+}  // namespace vm
