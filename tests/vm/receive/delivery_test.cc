@@ -2,6 +2,7 @@
 // From the queue to the socket: what a frame becomes, and the three ways a socket loses one.
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 #include <linux/filter.h>
 
@@ -178,7 +179,7 @@ TEST_F(Delivery, a_filter_drop_is_this_sockets_alone)
 TEST_F(Delivery, a_full_receive_buffer_drops_and_counts)
 {
     Socket socket = socket_of();
-    int little = 1;  // the kernel keeps its minimum
+    int little = 4096;  // room for a few of these frames
     ASSERT_EQ(::setsockopt(socket.fd(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little), 0);
     for (int i = 0; i < 50; ++i)
         put(Hook::Lev2, plain(0x88b5, 1000));
@@ -280,6 +281,29 @@ TEST_F(Delivery, more_than_a_thousand_frames_at_once)
     EXPECT_EQ(stats.packets, 2500u);
     EXPECT_EQ(socket.drain(), 2500u - stats.drops);
     EXPECT_EQ(stats.drops, 0u);
+}
+
+TEST_F(Delivery, a_hook_that_finds_the_thread_running_says_so_under_its_locations_switch)
+{
+    Socket socket = socket_of();
+    lab::poke8("mox_packet_debug", 0, 1);
+    lab::poke8("mox_packet_debug", PACKET_LEV2_LOC, 1);
+    lab::clear_printk();
+    bool found = false;
+    for (int round = 0; round < 50 && !found; ++round) {
+        std::vector<std::thread> floods;
+        for (int cpu = 0; cpu < 4; ++cpu)
+            floods.emplace_back([cpu] { lab::inject_many(Hook::Lev2, plain(), 30, cpu); });
+        for (std::thread &flood : floods)
+            flood.join();
+        ASSERT_TRUE(lab::settle());
+        found = bool(HasLine(lab::printk_lines(), "THREAD-ACTION: copy-task is running"));
+        lab::clear_printk();
+        socket.drain();
+    }
+    lab::poke8("mox_packet_debug", 0, 0);
+    lab::poke8("mox_packet_debug", PACKET_LEV2_LOC, 0);
+    EXPECT_TRUE(found);
 }
 
 TEST_F(Delivery, the_copy_threads_counters)

@@ -25,7 +25,7 @@ TEST_F(Ipv6, extension_headers_are_walked_through)
              row("authentication: units of four bytes", port(53), ipv6(51, authentication(17, 4, datagram)), true),
              row("authentication of 12 bytes", port(53), ipv6(51, authentication(17, 1, datagram)), true),
              row("all of them", port(53),
-                 ipv6(0, extension(43, 0, extension(60, 1, authentication(44, 2, fragment(17, 0, true, datagram))))), true),
+                 ipv6(0, extension(43, 0, extension(60, 0, extension(51, 1, authentication(44, 2, fragment(17, 0, true, datagram)))))), true),
              row("the protocol is the last one's", proto(17), ipv6(0, extension(17, 0, datagram)), true),
              row("and not the first's", proto(0), ipv6(0, extension(17, 0, datagram)), false)});
 }

@@ -259,7 +259,7 @@ TEST_F(Recvmsg, four_readers_share_the_frames)
 TEST_F(Recvmsg, a_timestamp_when_the_socket_asks_for_one)
 {
     int on = 1;
-    ASSERT_EQ(::setsockopt(socket_.fd(), SOL_SOCKET, 63 /* SO_TIMESTAMP, 64 bit */, &on, sizeof on), 0);
+    ASSERT_EQ(::setsockopt(socket_.fd(), SOL_SOCKET, SO_TIMESTAMP, &on, sizeof on), 0);
     frame();
     uint8_t byte;
     alignas(8) uint8_t control[128];
@@ -273,8 +273,8 @@ TEST_F(Recvmsg, a_timestamp_when_the_socket_asks_for_one)
     cmsghdr *head = CMSG_FIRSTHDR(&message_);
     ASSERT_NE(head, nullptr);
     EXPECT_EQ(head->cmsg_level, SOL_SOCKET);
-    EXPECT_EQ(head->cmsg_type, 63);
-    int64_t seconds;
+    EXPECT_EQ(head->cmsg_type, SO_TIMESTAMP);
+    int32_t seconds;  // the old layout: two words
     std::memcpy(&seconds, CMSG_DATA(head), sizeof seconds);
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
