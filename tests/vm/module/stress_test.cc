@@ -103,7 +103,9 @@ TEST_F(Stress, floods_on_four_cpus_while_everything_changes)
             std::minstd_rand random(seed + unsigned(cpu));
             while (!stop) {
                 const Traffic &one = traffic()[random() % traffic().size()];
-                frames_sent += lab::flood(one.hook, one.frame, 1 + uint32_t(random() % 32), cpu);
+                Frame frame = one.frame;
+                frame.softirq = random() % 2;
+                frames_sent += lab::flood(one.hook, frame, 1 + uint32_t(random() % 32), cpu);
             }
         });
         threads.emplace_back([&, cpu] {

@@ -113,6 +113,25 @@ TEST_F(Hooks, a_taker_makes_no_clone)
     socket.drain();
 }
 
+TEST_F(Hooks, the_tag_in_the_buffer_word_and_the_context_change_nothing)
+{
+    for (Point point : kTakers)
+        for (uint32_t treatment : {PACKET_COPY, PACKET_FETCH}) {
+            Socket socket = capture(point.location, treatment, all());
+            for (int tag : {0, 1})
+                for (bool softirq : {false, true}) {
+                    Frame frame = plain();
+                    frame.tag = tag;
+                    frame.softirq = softirq;
+                    EXPECT_EQ(put(point.hook, frame, 1), treatment == PACKET_FETCH ? lab::kTaken : lab::kGoOn)
+                        << lab::symbol(point.hook) << " tag " << tag << " softirq " << softirq;
+                    auto packet = socket.receive();
+                    ASSERT_TRUE(packet);
+                    EXPECT_EQ(packet->bytes, frame.bytes);
+                }
+        }
+}
+
 TEST_F(Hooks, an_unmatched_frame_costs_no_clone)
 {
     Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, ethertype(0x0806));

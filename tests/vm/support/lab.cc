@@ -106,6 +106,10 @@ moxlab_inject request_of(Hook hook, const Frame &frame, int cpu)
     in.code = frame.code;
     in.sub_code = frame.sub_code;
     in.half188 = frame.half188;
+    if (frame.tag >= 0)
+        in.options |= frame.tag ? MOXLAB_INJ_TAG_SET : MOXLAB_INJ_TAG_CLEAR;
+    if (frame.softirq)
+        in.options |= MOXLAB_INJ_HARD_SOFTIRQ;
     return in;
 }
 

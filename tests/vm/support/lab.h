@@ -52,6 +52,10 @@ struct Frame {
     uint8_t code = 0;
     uint8_t sub_code = 0;
     uint16_t half188 = 0;
+    /// Bit 0 of the CPU's buffer word, a tag that hooks must not mind: 0, 1, or -1 to have the lab alternate.
+    int tag = -1;
+    /// Run the hook in a softirq proper and not merely with bottom halves disabled.
+    bool softirq = false;
 };
 
 enum class Hook { Local, Lev2, Ipv4, Ipv6, Mpls, Trill, Resv, WlanIn, WlanOut };
