@@ -200,7 +200,23 @@ summary() {
 		[ "$1" -eq $(($2 - $3)) ] || fail "$name has lost frames: $2 matched, $3 dropped, $1 captured"
 		dropped_by_sockets=$((dropped_by_sockets + $3))
 	done
+
+	step "The platform's books"
+	live=$(balance_of live_all)
+	printf '   %-38s %d\n' \
+		"frames seen" "$(platform_count seen)" \
+		"copied for the capturing processes" "$(balance_of cloned)" \
+		"taken by fetch and trap" "$(platform_count taken)" \
+		"delivered to one port" "$(platform_count forwarded)" \
+		"delivered to every other port" "$(platform_count flooded)" \
+		"dropped for want of memory" "$(platform_count no_memory)" \
+		"dropped by full sockets" "$dropped_by_sockets" \
+		"efbuffs live" "$live"
+	[ "$live" -eq 0 ] || fail "$live efbuffs are still alive"
 }
+
+platform_count() { moxlab stats | sed -n "s/^$1[ =:]*//p"; }
+balance_of() { moxlab balance 0x93 | sed -n "s/^$1[ =:]*//p"; }
 
 tear_down() {
 	for pid in $helpers; do kill "$pid" 2>/dev/null; done
