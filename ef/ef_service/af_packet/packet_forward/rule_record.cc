@@ -131,12 +131,13 @@ int RuleRecord::apply(mox_packet_sock *po, bool add) const
 		if (error)
 			return error;
 	} else {
-		const u8 *element = elements();
-		for (u32 left = head_.count; left != 0; left--) {
+		const u32 stride = stride_of(head_.type);
+		/* Without a value every element says the same: one does for all. */
+		u32 left = stride == 0 && head_.count > 1 ? 1 : head_.count;
+		for (const u8 *element = elements(); left != 0; left--, element += stride) {
 			int error = apply_datum(po, element, add);
 			if (error)
 				return error;
-			element += stride_of(head_.type);
 		}
 	}
 	log_success(head_.type);
