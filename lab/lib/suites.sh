@@ -1,0 +1,24 @@
+# shellcheck shell=bash
+# The book-keeping of lab/test: every suite ends in a line "N passed, N failed", and nothing is taken for granted.
+
+PASSED=0
+FAILED=0
+SUMMARY=()
+
+# account NAME STATUS LOG ALLOW_NONE: adds what LOG's last line counts. A suite that ends badly without a failed test,
+# or without a count, is one failure; one without any test too, unless ALLOW_NONE (a filter may match nothing).
+account() {
+	local name=$1 status=$2 log=$3 allow_none=$4 last p=0 f=0
+	last=$(tail -n 1 "$log" 2>/dev/null || true)
+	if [[ $last =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed ]]; then
+		p=${BASH_REMATCH[1]} f=${BASH_REMATCH[2]}
+		if [ "$f" -eq 0 ] && [ "$status" -ne 0 ] && { [ "$p" -gt 0 ] || [ -z "$allow_none" ]; }; then
+			f=1
+		fi
+	else
+		f=1
+		last="no result (status $status)"
+	fi
+	PASSED=$((PASSED + p)) FAILED=$((FAILED + f))
+	SUMMARY+=("$(printf '%-28s %s' "$name" "$last")")
+}
