@@ -356,11 +356,11 @@ TEST_F(Platform, SurvivesFloodsOnAllCpusAtOnce)
                            .source(MOXLAB_NO_BLOCK)
                            .destination(kB)
                            .cpu(cpu)
-                           .repeat(500));
+                           .repeat(200));
         });
     for (auto &t : threads)
         t.join();
-    EXPECT_EQ(lab.stats().injected - injected, 500u * cpus);
+    EXPECT_EQ(lab.stats().injected - injected, 200u * cpus);
     EXPECT_EQ(lab.balance(MOXLAB_OWNER_PLATFORM).live, 0u);
 }
 

@@ -15,9 +15,11 @@
 #include <linux/module.h>
 #include <linux/slab.h>
 #include <linux/string.h>
+#include <linux/vmalloc.h>
 #include "efmp.h"
 
 #define TABLE_BITS 10
+#define TRACKS 16384 /* efbuffs alive and remembered; none beyond them */
 #define ROOM_MAX (MOXLAB_FRAME_MAX + 4096)
 #define REDZONE_BYTE 0xeb
 #define POISON_BYTE 0x6b
@@ -41,8 +43,14 @@ struct track {
 	u8 last[MOXLAB_HEADER_LEN]; /* the header as it was freed */
 };
 
-static struct kmem_cache *track_cache;
+/*
+ * Records come from a pool of our own: under KASAN and kmemleak each allocation
+ * saves the stack, and on ARM that takes one lock for every function of a module
+ * in it. With all CPUs at it, the records alone would cost more than the frames.
+ */
+static struct track *pool_memory;
 static DEFINE_SPINLOCK(buffer_lock); /* everything below, interrupts off */
+static LIST_HEAD(pool);
 static struct hlist_head table[1 << TABLE_BITS];
 static LIST_HEAD(live); /* ascending sequence numbers */
 static LIST_HEAD(quarantine);
@@ -119,17 +127,41 @@ static void count_failed(u8 owner)
 	spin_unlock_irqrestore(&buffer_lock, flags);
 }
 
+static struct track *track_get(void)
+{
+	unsigned long flags;
+	struct track *t;
+
+	spin_lock_irqsave(&buffer_lock, flags);
+	t = list_first_entry_or_null(&pool, struct track, list);
+	if (t)
+		list_del(&t->list);
+	spin_unlock_irqrestore(&buffer_lock, flags);
+	return t;
+}
+
+static void track_put(struct track *t)
+{
+	unsigned long flags;
+
+	/* Or kmemleak would think that freed memory is still known. */
+	memset(t, 0, sizeof(*t));
+	spin_lock_irqsave(&buffer_lock, flags);
+	list_add_tail(&t->list, &pool);
+	spin_unlock_irqrestore(&buffer_lock, flags);
+}
+
 /* Memory with its record, known to nobody yet. */
 static struct track *make(u32 size)
 {
 	u32 redzone = READ_ONCE(settings.redzone);
-	struct track *t = kmem_cache_zalloc(track_cache, GFP_ATOMIC | __GFP_NOWARN);
+	struct track *t = track_get();
 
 	if (!t)
 		return NULL;
 	t->buf = kmalloc(size + redzone, GFP_ATOMIC | __GFP_NOWARN);
 	if (!t->buf) {
-		kmem_cache_free(track_cache, t);
+		track_put(t);
 		return NULL;
 	}
 	t->size = size;
@@ -253,7 +285,7 @@ static void bury(struct track *t)
 				    (u32)(bad - (u8 *)t->buf));
 		kfree(t->buf);
 	}
-	kmem_cache_free(track_cache, t);
+	track_put(t);
 }
 
 /* Makes the quarantine @limit records long at most. */
@@ -507,9 +539,15 @@ void efmp_buff_settings(struct moxlab_settings *s)
 
 int efmp_buff_init(void)
 {
+	int i;
+
 	efbuff_check_layout();
-	track_cache = kmem_cache_create("efmp_track", sizeof(struct track), 0, 0, NULL);
-	return track_cache ? 0 : -ENOMEM;
+	pool_memory = vzalloc(array_size(TRACKS, sizeof(*pool_memory)));
+	if (!pool_memory)
+		return -ENOMEM;
+	for (i = 0; i < TRACKS; i++)
+		list_add_tail(&pool_memory[i].list, &pool);
+	return 0;
 }
 
 /*
@@ -518,16 +556,15 @@ int efmp_buff_init(void)
  */
 void efmp_buff_exit(void)
 {
-	struct track *t, *next;
+	struct track *t;
 
-	list_for_each_entry_safe(t, next, &live, list) {
+	list_for_each_entry(t, &live, list) {
 		efmp_misuse(MOXLAB_MISUSE_LEAK,
 			    "efbuff %u at %px is still alive at unload: owner 0x%02x, %s by %pS, %u bytes of room",
 			    t->seq, t->buf, t->owner, t->cloned ? "cloned" : "made",
 			    t->creator, t->size - t->mac_offset);
 		kfree(t->buf);
-		kmem_cache_free(track_cache, t);
 	}
 	shrink_quarantine(0);
-	kmem_cache_destroy(track_cache);
+	vfree(pool_memory);
 }

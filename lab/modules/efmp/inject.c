@@ -238,6 +238,9 @@ static void inject_batch(struct job *job)
 		inject_one(job);
 		rcu_read_unlock();
 		local_bh_enable();
+		/* Many checked frames take long; a softirq must bear it. */
+		if (!in_interrupt())
+			cond_resched();
 	}
 }
 
