@@ -141,13 +141,13 @@ start_dhcp_server() {
 		max_leases 10
 		option subnet 255.255.255.0
 	CONF
-	env LD_PRELOAD=/usr/bin/station_socket.so udhcpd -f -a 0 "$work/udhcpd.conf" >"$work/udhcpd.log" 2>&1 &
+	env LD_PRELOAD="$here/station_socket.so" udhcpd -f -a 0 "$work/udhcpd.conf" >"$work/udhcpd.log" 2>&1 &
 	helpers="$helpers $!"
 	within 5 grep -q started "$work/udhcpd.log" || fail "udhcpd does not start: $(cat "$work/udhcpd.log")"
 }
 
 get_lease() {
-	at "$1" env LD_PRELOAD=/usr/bin/station_socket.so \
+	at "$1" env LD_PRELOAD="$here/station_socket.so" \
 		udhcpc -i eth0 -B -n -q -f -t 5 -T 3 -s "$here/lease" >"$work/udhcpc-$1.log" 2>&1
 }
 
