@@ -11,6 +11,7 @@
 #include "thread.hpp"
 
 using Bytes = std::vector<u8>;
+using oracle::operator+;
 
 inline constexpr int kDgram = 2, kRaw = 3;
 

@@ -78,6 +78,7 @@ struct Kernel {
     std::string cwd = "/root";
     bool cwd_renders = true;
     bool in_hook = false;
+    bool nonlinear_skbs = false;  // new buffers are fragmented
     std::map<int, unsigned long> cpu_efbuff;  // efmp_cpu_buffer_cache
 
     // ---- faults

@@ -43,6 +43,7 @@ sk_buff *seam_skb_alloc(u32 len)
     skb->room.assign(len, 0xa5);
     std::memset(skb->cb, 0xa5, sizeof skb->cb);
     skb->truesize = fake::truesize(len);
+    skb->nonlinear = kernel().nonlinear_skbs;
     kernel().skbs.insert(skb);
     return skb;
 }
