@@ -171,14 +171,19 @@ serve() { # serve STATION PORT
 
 listens() { at "$1" netstat -ltn | grep -q ":$2 "; }
 
-try_send() { printf '%s\n' "$4" | at "$1" nc -w 2 "$2" "$3" >/dev/null 2>&1; }
+try_send() { # try_send STATION ADDRESS PORT LINE [SECONDS]
+	printf '%s\n' "$4" | at "$1" nc -w "${5:-3}" "$2" "$3" >/dev/null 2>&1
+}
 
 sends() { # sends STATION ADDRESS PORT LINE: and it arrives
 	try_send "$@" || return 1
 	within 3 grep -qxF "$4" "$work/got-$3"
 }
 
-does_not_send() { ! try_send "$@" && ! grep -qxF "$4" "$work/got-$3"; }
+does_not_send() { ! try_send "$@" 1 && ! grep -qxF "$4" "$work/got-$3"; }
+
+# left_by_ports COUNT ADDRESS: by how many ports frames to the address (12 digits) left since recording began.
+left_by_ports() { [ "$(moxlab left | tr -d ' :' | grep -c "length[0-9]*$2")" -eq "$1" ]; }
 
 # --- the end --------------------------------------------------------------------------------------------------
 

@@ -32,7 +32,11 @@ constexpr KnownFrame known_frames[] = {
      "0180c200000e " STATION "88cc 0207 04 020000000301 0405 05 65746830 0602 0078 0a06 737769746368 0000"},
     {"eapol-start", "EAPOL-Start, as a supplicant opens", "0180c2000003 " STATION "888e 01 01 0000"},
     {"eapol-logoff", "EAPOL-Logoff", "0180c2000003 " STATION "888e 01 02 0000"},
+    {"bpdu", "spanning tree: a configuration BPDU of root 8000.020000000301",
+     "0180c2000000 " STATION "0026 424203 0000 00 00 00 8000020000000301 00000000 8000020000000301 8001 0000 1400 0200 "
+     "0f00"},
 };
+#undef STATION
 
 constexpr std::size_t shortest_frame = 60, longest_frame = 1514, header = 14;
 
