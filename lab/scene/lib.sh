@@ -11,7 +11,8 @@ step() { printf '\n== %s\n' "$*"; }
 fail() {
 	printf '\n   FAILED: %s\n' "$*"
 	for name in $captures; do
-		printf '   %-14s captured %s; %s\n' "$name" "$(count_of "$name")" "$(tail -n 1 "$work/$name.err")"
+		count=$(count_of "$name")
+		printf '   %-14s captured %s; %s\n' "$name" "${count:-(not shown)}" "$(tail -n 1 "$work/$name.err")"
 	done
 	moxlab stats
 	exit 1
