@@ -247,6 +247,22 @@ TEST_F(Thread, active__running_thread_is_not_woken)
     memset(top.pending, 0, sizeof top.pending);
 }
 
+// Both switches are asked: the general one and the location's own.
+TEST_F(Thread, active__lines_need_the_general_switch_and_the_locations)
+{
+    top.running = 1;
+    for (u8 general : {0, 1})
+        for (u8 own : {0, 1}) {
+            kernel().log.clear();
+            mox_packet_debug[0] = general;
+            mox_packet_debug[PACKET_IPv4_LOC] = own;
+            mox_packet_thread_active(PACKET_IPv4_LOC);
+            EXPECT_EQ(kernel().count_said("copy-task is running"), general && own ? 1u : 0u);
+        }
+    top.running = 0;
+    memset(top.pending, 0, sizeof top.pending);
+}
+
 TEST_F(Thread, task__drains_in_queue_order_and_cpus_ascending)
 {
     kernel().present_cpus = {0, 2, 3};

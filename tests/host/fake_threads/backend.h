@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: GPL-2.0
+// A second kernel for tests, made of real threads: locks are pthread locks, a CPU is
+// a thread, and ThreadSanitizer watches. It keeps no books beyond counting, because a
+// book-keeping lock would order what the module must order by itself.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <pthread.h>
+#include <vector>
+
+#include "seam/seam.h"
+
+// Waits like the kernel's: a thread that holds it keeps others out for good.
+struct PthreadLock {
+    pthread_mutex_t mutex;
+};
+
+struct net {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    std::vector<struct sock *> list;
+    std::atomic<int> refs{1};
+};
+
+struct sk_buff {
+    std::vector<uint8_t> room;
+    uint32_t begin = 0, len = 0;
+    std::atomic<uint32_t> users{1};
+    struct sock *owner = nullptr;
+    alignas(8) uint8_t cb[48] = {};
+};
+
+struct socket {
+    struct sock *sk = nullptr;
+    int type = 3;
+};
+
+struct sock {
+    std::atomic<uint32_t> refs;
+    int type;
+    bool dead;
+    std::atomic<int> rmem;
+    int rcvbuf;
+    struct net *ns;
+    bool listed;
+    pthread_mutex_t lock, queue_lock;
+    std::deque<sk_buff *> *queue;
+};
+static_assert(sizeof(sock) <= SEAM_SOCK_SIZE);
+
+struct msghdr {
+    std::vector<uint8_t> data;
+    void *name = nullptr;
+    int flags = 0;
+};
+
+struct seam_uptr {
+    const void *from;
+};
+
+namespace threads {
+
+// What exists at this moment; all zero at the end of a test.
+struct Live {
+    std::atomic<long> blocks, objects, caches, socks, skbs, efbuffs, tasks;
+};
+Live &live();
+net &init_net();
+
+// The CPU that this thread is, and the efbuff that it processes.
+void become_cpu(int cpu);
+
+// An efbuff of the platform; given back with drop() unless a hook takes it.
+void *efbuff(const std::vector<uint8_t> &content);
+void drop(void *efbuff);
+
+// Runs every hook that is registered at a location on a copy of the frame.
+// Counts what hooks took.
+void inject(uint32_t location, const std::vector<uint8_t> &content);
+bool registered(uint32_t location);
+
+uint32_t interface_word();
+
+}  // namespace threads
