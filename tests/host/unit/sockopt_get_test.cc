@@ -1,161 +1,315 @@
 // SPDX-License-Identifier: GPL-2.0
-// What a process may ask of its socket: getname, ioctl, getsockopt.
-#include "module_fixture.h"
+// getsockopt, getname and ioctl.
+#include "socket_fixture.h"
 
 namespace {
 
-class SockoptGet : public ModuleTest {
+class SockoptGet : public SocketTest {
 protected:
-    static int getsockopt(Sock &s, int option, Bytes *value, int *len, int level = MOX_SOL_PACKET)
+    void SetUp() override
     {
-        fake::UserBuf user(*value), user_len(4);
-        user_len.put(0, *len);
-        int result = mox_packet_getsockopt(&s.socket, level, option, reinterpret_cast<char *>(user.data()),
-                                           reinterpret_cast<int *>(user_len.data()));
-        *value = user.bytes;
-        *len = user_len.get<int>();
-        return result;
+        SocketTest::SetUp();
+        debug();
+        ASSERT_EQ(s.create(), 0);
+        lines();
     }
-    static std::pair<u32, u32> statistics(Sock &s)
+    void TearDown() override
     {
-        Bytes value(8, 0);
-        int len = 8;
-        EXPECT_EQ(getsockopt(s, 6, &value, &len), 0);
-        std::pair<u32, u32> out;
-        memcpy(&out.first, &value[0], 4);
-        memcpy(&out.second, &value[4], 4);
-        return out;
+        EXPECT_EQ(lines(), Strings{}) << "asking says nothing";
+        debug(false);
+        s.release();
+        SocketTest::TearDown();
     }
+    // The call's result; the user's buffer and length are left in value and len.
+    int get(int option, int wanted, int level = MOX_SOL_PACKET)
+    {
+        len.put(0, wanted);
+        return mox_packet_getsockopt(&s.socket, level, option,
+                                     reinterpret_cast<char *>(value.data()),
+                                     reinterpret_cast<int *>(len.data()));
+    }
+    void count_everything()
+    {
+        u32 *counter = &s.po().filter_drops;
+        for (u32 i = 0; i < 13; i++)
+            counter[i] = i + 1;
+    }
+    sk_buff *queue(u32 size)
+    {
+        sk_buff *skb = seam_skb_alloc(size);
+        memset(seam_skb_put(skb, size), 0x11, size);
+        seam_skb_set_meta(skb, 0, 7, 0);
+        seam_skb_set_owner_r(skb, s.sk);
+        seam_rcvq_append(s.sk, skb);
+        return skb;
+    }
+
+    Sock s;
+    fake::UserBuf value{16, 0xcc}, len{sizeof(int)};
 };
 
-TEST_F(SockoptGet, getname__unbound_bound_and_peer)
+// ---- getsockopt ---------------------------------------------------------------------
+
+TEST_F(SockoptGet, getsockopt__every_option_and_level)
 {
-    Sock s;
-    s.create();
-    Bytes name(128, 0xcc);
-    auto call = [&](int peer) { return mox_packet_getname(&s.socket, reinterpret_cast<sockaddr *>(name.data()), peer); };
-    EXPECT_EQ(call(1), -95);
-    EXPECT_EQ(call(0), 12);
-    EXPECT_EQ(Bytes(name.begin(), name.begin() + 10), (Bytes{17, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(name[11], 0);
-    ASSERT_EQ(s.bind(7), 0);
-    EXPECT_EQ(call(0), 18);
-    EXPECT_EQ(Bytes(name.begin(), name.begin() + 10), (Bytes{17, 0, 0, 0, 7, 0, 0, 0, 0, 0}));
-    EXPECT_EQ(Bytes(name.begin() + 11, name.begin() + 18), (Bytes{6, 2, 0, 0, 0, 0, 9}));
-    const u8 mac[6] = {1, 2, 3, 4, 5, 6};
-    ASSERT_EQ(s.bind(0), 0);
-    efmp().add_interface(0, "zero", mac);
-    EXPECT_EQ(call(0), 18);
-    EXPECT_EQ(Bytes(name.begin() + 12, name.begin() + 18), (Bytes{1, 2, 3, 4, 5, 6}));
+    for (int option = 0; option <= 25; option++)
+        EXPECT_EQ(get(option, 8), option == 6 || option == 8 || option == 9 ? 0 : -92) << option;
+    for (int level : {0, 1, 262, 264, -1})
+        for (int option : {6, 8, 9, 15})
+            EXPECT_EQ(get(option, 8, level), -92);
 }
 
-TEST_F(SockoptGet, ioctl__queues_and_stamps)
+TEST_F(SockoptGet, statistics__packets_include_drops)
 {
-    Sock s;
-    s.capture(PACKET_LEV2_LOC, PACKET_COPY);
-    fake::UserBuf out(8);
-    auto call = [&](unsigned cmd) {
-        return mox_packet_ioctl(&s.socket, cmd, reinterpret_cast<unsigned long>(out.data()));
+    s.po().filter_drops = 1;
+    s.po().rcvbuf_full_drops = 20;
+    s.po().trim_fail_drops = 300;
+    s.po().recv_packets = 4000;
+    EXPECT_EQ(get(6, 8), 0);
+    EXPECT_EQ(value.get<u32>(0), 4321u);
+    EXPECT_EQ(value.get<u32>(4), 321u);
+    EXPECT_EQ(len.get<int>(), 8);
+}
+
+TEST_F(SockoptGet, statistics__reading_clears_all_thirteen_counters)
+{
+    count_everything();
+    s.po().vsd = 5;
+    EXPECT_EQ(get(6, 8), 0);
+    EXPECT_EQ(value.get<u32>(0), 4u + 6u);
+    const u32 *counter = &s.po().filter_drops;
+    for (u32 i = 0; i < 13; i++)
+        EXPECT_EQ(counter[i], 0u) << i;
+    EXPECT_EQ(&s.po().send_packets, counter + 12);
+    EXPECT_EQ(s.po().vsd, 5u) << "what follows the counters stays";
+}
+
+TEST_F(SockoptGet, statistics__second_reading_shows_what_came_in_between)
+{
+    s.po().recv_packets = 7;
+    EXPECT_EQ(get(6, 8), 0);
+    s.po().recv_packets += 2;
+    s.po().filter_drops += 1;
+    EXPECT_EQ(get(6, 8), 0);
+    EXPECT_EQ(value.get<u32>(0), 3u);
+    EXPECT_EQ(value.get<u32>(4), 1u);
+    EXPECT_EQ(get(6, 8), 0);
+    EXPECT_EQ(value.get<u32>(0), 0u);
+}
+
+TEST_F(SockoptGet, statistics__drops_wrap_as_words_do)
+{
+    s.po().filter_drops = 0xffffffff;
+    s.po().rcvbuf_full_drops = 3;
+    s.po().recv_packets = 5;
+    EXPECT_EQ(get(6, 8), 0);
+    EXPECT_EQ(value.get<u32>(0), 7u);
+    EXPECT_EQ(value.get<u32>(4), 2u);
+}
+
+TEST_F(SockoptGet, statistics__read_and_cleared_under_the_receive_queues_lock)
+{
+    LockTrace trace;
+    EXPECT_EQ(get(6, 8), 0);
+    EXPECT_EQ(trace.steps, (Strings{"+rcvq", "-rcvq"}));
+}
+
+TEST_F(SockoptGet, length__is_capped_and_told_and_no_byte_more_is_written)
+{
+    struct {
+        int option, wanted, told;
+    } const cases[] = {
+        {6, 0, 0}, {6, 1, 1}, {6, 3, 3}, {6, 7, 7}, {6, 8, 8}, {6, 9, 8}, {6, 0x7fffffff, 8},
+        {8, 0, 0}, {8, 3, 3}, {8, 4, 4}, {8, 5, 4}, {9, 2, 2}, {9, 4, 4}, {9, 100, 4},
     };
-    EXPECT_EQ(call(0x541b), 0);
-    EXPECT_EQ(out.get<int>(), 0);
-    frame(PACKET_LEV2_LOC, {}, packets::eth(1) + Bytes(86, 0));
-    frame(PACKET_LEV2_LOC, {}, packets::eth(1));
-    EXPECT_EQ(call(0x541b), 0);
-    EXPECT_EQ(out.get<int>(), 100);
-    EXPECT_EQ(s.queued(), 2u);
-    s.sk->wmem = 77;
-    EXPECT_EQ(call(0x5411), 0);
-    EXPECT_EQ(out.get<int>(), 77);
-    s.sk->wmem = 0;
-    EXPECT_EQ(call(0x8906), 0);
-    EXPECT_EQ(out.get<int>(4), 4);
-    EXPECT_EQ(call(0x8907), 0);
-    EXPECT_EQ(out.get<int>(4), 9);
-    for (unsigned cmd : {0x8912u, 0x5412u, 0u})
-        EXPECT_EQ(call(cmd), -515);
-    out.fault_at = 0;
-    EXPECT_EQ(call(0x541b), -14);
-    EXPECT_EQ(call(0x5411), -14);
-    EXPECT_EQ(call(0x8906), -14);
-}
-
-TEST_F(SockoptGet, getsockopt__errors)
-{
-    Sock s;
-    s.create();
-    Bytes value(8, 0xcc);
-    int len = 8;
-    EXPECT_EQ(getsockopt(s, 6, &value, &len, 1), -92);
-    for (int option : {0, 1, 5, 7, 10, 11, 15, 16, 17, 19, 100}) {
-        len = 8;
-        EXPECT_EQ(getsockopt(s, option, &value, &len), -92) << option;
-    }
-    len = -1;
-    EXPECT_EQ(getsockopt(s, 6, &value, &len), -22);
-    EXPECT_EQ(getsockopt(s, 100, &value, &len), -22);
-    fake::UserBuf user(8), user_len(4);
-    user_len.put(0, 8);
-    auto call = [&](int option) {
-        return mox_packet_getsockopt(&s.socket, MOX_SOL_PACKET, option, reinterpret_cast<char *>(user.data()),
-                                     reinterpret_cast<int *>(user_len.data()));
-    };
-    user.fault_at = 3;
-    for (int option : {6, 8, 9})
-        EXPECT_EQ(call(option), -14);
-    user_len.fault_at = 2;
-    for (int option : {6, 8, 100})
-        EXPECT_EQ(call(option), -14);
-    user.fault_at = user_len.fault_at = SIZE_MAX;
-    kernel().fail("put_user");
-    EXPECT_EQ(call(6), -14);
-}
-
-TEST_F(SockoptGet, getsockopt__lengths_are_capped_and_told)
-{
-    Sock s;
-    s.create();
-    const struct { int option, asked, told; } cases[] = {{6, 100, 8}, {6, 8, 8}, {6, 5, 5}, {6, 0, 0},
-                                                         {8, 100, 4}, {9, 4, 4}, {9, 1, 1}};
     for (auto &c : cases) {
-        Bytes value(100, 0xcc);
-        int len = c.asked;
-        EXPECT_EQ(getsockopt(s, c.option, &value, &len), 0);
-        EXPECT_EQ(len, c.told);
-        for (int i = 0; i < 100; i++)
-            EXPECT_EQ(value[i], i < c.told ? 0 : 0xcc);
+        SCOPED_TRACE(testing::Message() << c.option << " with " << c.wanted);
+        std::fill(value.bytes.begin(), value.bytes.end(), 0xcc);
+        s.po().recv_packets = 0x04030201;
+        EXPECT_EQ(get(c.option, c.wanted), 0);
+        EXPECT_EQ(len.get<int>(), c.told);
+        const u8 statistics[8] = {1, 2, 3, 4, 0, 0, 0, 0};
+        for (int i = 0; i < 16; i++)
+            EXPECT_EQ(value.bytes[i], i >= c.told ? 0xcc : c.option == 6 ? statistics[i] : 0) << i;
+        EXPECT_EQ(s.po().recv_packets, c.option == 6 ? 0u : 0x04030201u);
     }
 }
 
-TEST_F(SockoptGet, getsockopt__statistics_are_what_arrived_since_the_last_reading)
+TEST_F(SockoptGet, length__negative)
 {
-    Sock s;
-    s.capture(PACKET_LEV2_LOC, PACKET_COPY);
-    mox_packet_sock &po = s.po();
-    for (u32 i = 0; i < 13; i++)
-        (&po.filter_drops)[i] = 1u << i;
-    EXPECT_EQ(statistics(s), (std::pair<u32, u32>{8 + 7, 7}));
-    for (u32 i = 0; i < 13; i++)
-        EXPECT_EQ((&po.filter_drops)[i], 0u) << i;
-    EXPECT_EQ(statistics(s), (std::pair<u32, u32>{0, 0}));
-    frame(PACKET_LEV2_LOC, {}, packets::eth(1));
-    s.sk->rcvbuf = 1;
-    frame(PACKET_LEV2_LOC, {}, packets::eth(1));
-    frame(PACKET_LEV2_LOC, {}, packets::eth(1));
-    EXPECT_EQ(statistics(s), (std::pair<u32, u32>{3, 2}));
+    s.po().recv_packets = 3;
+    for (int option : {6, 8, 9, 15})
+        for (int wanted : {-1, -8, -0x7fffffff - 1})
+            EXPECT_EQ(get(option, wanted), -22);
+    EXPECT_EQ(s.po().recv_packets, 3u) << "not read, not cleared";
 }
 
-TEST_F(SockoptGet, getsockopt__auxdata_and_origdev_read_0)
+TEST_F(SockoptGet, fault__at_the_length)
 {
-    Sock s;
-    s.capture(PACKET_LEV2_LOC, PACKET_COPY);
-    s.set(PACKET_CTRL_INFO, 1);
+    s.po().recv_packets = 3;
+    len.fault_at = 2;
+    for (int option : {6, 8, 9, 15})
+        EXPECT_EQ(get(option, 8), -14);
+    EXPECT_EQ(s.po().recv_packets, 3u);
+    EXPECT_EQ(value.bytes, Bytes(16, 0xcc));
+}
+
+TEST_F(SockoptGet, fault__while_the_length_is_written_back)
+{
+    for (int option : {6, 8, 9}) {
+        kernel().fail("put_user");
+        EXPECT_EQ(get(option, 8), -14);
+        EXPECT_EQ(value.bytes, Bytes(16, 0xcc)) << "the value comes behind it";
+    }
+}
+
+TEST_F(SockoptGet, fault__at_the_value)
+{
+    value.fault_at = 3;
+    s.po().recv_packets = 3;
+    EXPECT_EQ(get(8, 4), -14);
+    EXPECT_EQ(get(9, 4), -14);
+    EXPECT_EQ(get(6, 8), -14);
+    EXPECT_EQ(s.po().recv_packets, 0u) << "read and cleared before";
+    EXPECT_EQ(len.get<int>(), 8);
+}
+
+TEST_F(SockoptGet, auxdata_and_origdev__are_0_whatever_else_is_set)
+{
+    ASSERT_EQ(s.set(PACKET_CTRL_INFO, 1), 0);
+    ASSERT_EQ(s.set(PACKET_LOCATION, 2), 0);
+    lines();
+    ASSERT_EQ(s.po().flags, PO_CTRL_INFO | PO_RUNNING);
     for (int option : {8, 9}) {
-        Bytes value(4, 0xcc);
-        int len = 4;
-        EXPECT_EQ(getsockopt(s, option, &value, &len), 0);
-        EXPECT_EQ(value, (Bytes{0, 0, 0, 0}));
+        EXPECT_EQ(get(option, 4), 0);
+        EXPECT_EQ(value.get<u32>(), 0u);
     }
+}
+
+// No option sets these bits; if one ever does, each answers for its own.
+TEST_F(SockoptGet, auxdata_and_origdev__read_their_own_bits)
+{
+    s.po().flags = PO_AUXDATA;
+    EXPECT_EQ(get(8, 4), 0);
+    EXPECT_EQ(value.get<u32>(), 1u);
+    EXPECT_EQ(get(9, 4), 0);
+    EXPECT_EQ(value.get<u32>(), 0u);
+    s.po().flags = PO_ORIGDEV;
+    EXPECT_EQ(get(8, 4), 0);
+    EXPECT_EQ(value.get<u32>(), 0u);
+    EXPECT_EQ(get(9, 4), 0);
+    EXPECT_EQ(value.get<u32>(), 1u);
+    s.po().flags = 0;
+}
+
+// ---- getname ---------------------------------------------------------------------------
+
+struct Name {
+    u8 bytes[128];
+    Name() { memset(bytes, 0x5a, sizeof bytes); }
+    sockaddr *addr() { return reinterpret_cast<sockaddr *>(bytes); }
+    Bytes head(size_t n) const { return Bytes(bytes, bytes + n); }
+};
+
+TEST_F(SockoptGet, getname__peer_is_refused_and_nothing_is_written)
+{
+    for (int peer : {1, 2}) {
+        Name name;
+        EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), peer), -95);
+        EXPECT_EQ(name.head(128), Bytes(128, 0x5a));
+    }
+}
+
+TEST_F(SockoptGet, getname__unbound_has_no_hardware_address)
+{
+    Name name;
+    EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), 0), 12);
+    // Family 17, the rest zero: the packet type too, as the buffer is old kernel stack.
+    EXPECT_EQ(name.head(12), (Bytes{17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(name.bytes[20], 0x5a);
+}
+
+TEST_F(SockoptGet, getname__bound)
+{
+    const u8 mac[6] = {2, 1, 0xaa, 0xbb, 0xcc, 0xdd};
+    efmp().add_interface(0x01020304, "far", mac);
+    ASSERT_EQ(s.bind(0x01020304, 0x0608), 0);
+    lines();
+    Name name;
+    EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), 0), 18);
+    // The protocol stays 0, whatever the socket has.
+    EXPECT_EQ(name.head(18), (Bytes{17, 0, 0, 0, 4, 3, 2, 1, 0, 0, 0, 6, 2, 1, 0xaa, 0xbb, 0xcc, 0xdd}));
+    EXPECT_EQ(name.bytes[20], 0x5a);
+}
+
+TEST_F(SockoptGet, getname__interface_that_has_gone)
+{
+    ASSERT_EQ(s.bind(7), 0);
+    lines();
+    efmp().interfaces.clear();
+    Name name;
+    EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), 0), 12);
+    EXPECT_EQ(name.head(12), (Bytes{17, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(SockoptGet, getname__unbound_where_the_platform_knows_interface_0)
+{
+    const u8 mac[6] = {6, 5, 4, 3, 2, 1};
+    efmp().add_interface(0, "zero", mac);
+    Name name;
+    EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), 0), 18);
+    EXPECT_EQ(name.head(18), (Bytes{17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 6, 6, 5, 4, 3, 2, 1}));
+}
+
+// ---- ioctl -------------------------------------------------------------------------------
+
+unsigned long user(fake::UserBuf &buf) { return reinterpret_cast<unsigned long>(buf.data()); }
+
+TEST_F(SockoptGet, ioctl__send_memory_less_the_sockets_own_share)
+{
+    for (int in_use : {0, 1, 4000}) {
+        s.sk->wmem = in_use;
+        EXPECT_EQ(mox_packet_ioctl(&s.socket, 0x5411, user(value)), 0);
+        EXPECT_EQ(value.get<int>(), in_use);
+    }
+    s.sk->wmem = 0;
+}
+
+TEST_F(SockoptGet, ioctl__length_of_the_first_queued_buffer)
+{
+    EXPECT_EQ(mox_packet_ioctl(&s.socket, 0x541B, user(value)), 0);
+    EXPECT_EQ(value.get<int>(), 0);
+    queue(61);
+    queue(1500);
+    LockTrace trace;
+    EXPECT_EQ(mox_packet_ioctl(&s.socket, 0x541B, user(value)), 0);
+    EXPECT_EQ(value.get<int>(), 61);
+    EXPECT_EQ(trace.steps, (Strings{"+rcvq", "-rcvq"}));
+    EXPECT_EQ(s.queued(), 2u) << "only looked at";
+}
+
+TEST_F(SockoptGet, ioctl__time_stamps)
+{
+    EXPECT_EQ(mox_packet_ioctl(&s.socket, 0x8906, user(value)), 0);
+    EXPECT_EQ(value.get<u32>(4), 4u) << "the fake's microseconds";
+    EXPECT_EQ(mox_packet_ioctl(&s.socket, 0x8907, user(value)), 0);
+    EXPECT_EQ(value.get<u32>(4), 9u) << "the fake's nanoseconds";
+}
+
+TEST_F(SockoptGet, ioctl__faults)
+{
+    value.fault_at = 2;
+    for (unsigned int command : {0x5411, 0x541B, 0x8906, 0x8907})
+        EXPECT_EQ(mox_packet_ioctl(&s.socket, command, user(value)), -14) << command;
+}
+
+// The socket layer goes on with the generic device commands.
+TEST_F(SockoptGet, ioctl__any_other_command)
+{
+    for (unsigned int command : {0u, 0x5410u, 0x5412u, 0x541Au, 0x541Cu, 0x8905u, 0x8908u, 0x8910u,
+                                 0x8972u, 0xffffffffu})
+        EXPECT_EQ(mox_packet_ioctl(&s.socket, command, user(value)), -515) << command;
+    EXPECT_EQ(value.bytes, Bytes(16, 0xcc));
 }
 
 }  // namespace
