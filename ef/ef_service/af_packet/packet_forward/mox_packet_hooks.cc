@@ -4,19 +4,26 @@
 #include "log.hpp"
 #include "receive.hpp"
 
+namespace {
+
+constexpr packet_module record(const char *name, efmp_pkt_func receive,
+			       platform::record_numbers numbers)
+{
+	return { 0, name,
+		 { 0, receive, platform::kRecordMask, numbers.point, numbers.priority, 0 } };
+}
+
+} // namespace
+
 extern "C" {
-constinit packet_module g_lev2_packet_module{
-	0, "PACKET-LEV2-MODULE", { 0, mox_packet_lev2_rcv, 0xFFFFFFFFu, 0x00, 0x17, 0 }
-};
-constinit packet_module g_ipv4_packet_module{
-	0, "PACKET-IPV4-MODULE", { 0, mox_packet_ipv4_rcv, 0xFFFFFFFFu, 0x02, 0x14, 0 }
-};
-constinit packet_module g_ipv6_packet_module{
-	0, "PACKET-IPV6-MODULE", { 0, mox_packet_ipv6_rcv, 0xFFFFFFFFu, 0x04, 0x0A, 0 }
-};
-constinit packet_module g_wlan_packet_module{
-	0, "PACKET-WLAN-MODULE", { 0, mox_packet_wlan_in_rcv, 0xFFFFFFFFu, 0x06, 0x06, 0 }
-};
+constinit packet_module g_lev2_packet_module =
+	record("PACKET-LEV2-MODULE", mox_packet_lev2_rcv, platform::kLev2Record);
+constinit packet_module g_ipv4_packet_module =
+	record("PACKET-IPV4-MODULE", mox_packet_ipv4_rcv, platform::kIpv4Record);
+constinit packet_module g_ipv6_packet_module =
+	record("PACKET-IPV6-MODULE", mox_packet_ipv6_rcv, platform::kIpv6Record);
+constinit packet_module g_wlan_packet_module =
+	record("PACKET-WLAN-MODULE", mox_packet_wlan_in_rcv, platform::kWlanRecord);
 }
 
 namespace {

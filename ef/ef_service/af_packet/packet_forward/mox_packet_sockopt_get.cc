@@ -14,15 +14,30 @@ constexpr unsigned int kGetStamp = 0x8906;
 constexpr unsigned int kGetStampNs = 0x8907;
 } // namespace cmd
 
+/* All of them: the send counters go with the others. */
+constexpr u32 mox_packet_counters::*kCounters[] = {
+	&mox_packet_counters::filter_drops,      &mox_packet_counters::rcvbuf_full_drops,
+	&mox_packet_counters::trim_fail_drops,   &mox_packet_counters::recv_packets,
+	&mox_packet_counters::sendmsg_ill_fails, &mox_packet_counters::macfunc_ill_fails,
+	&mox_packet_counters::dstintf_ill_fails, &mox_packet_counters::srcintf_ill_fails,
+	&mox_packet_counters::intf_linkdown_fails, &mox_packet_counters::alloc_efbuff_fails,
+	&mox_packet_counters::pkt_copy_fails,    &mox_packet_counters::ef_send_fails,
+	&mox_packet_counters::send_packets,
+};
+static_assert(sizeof(kCounters) / sizeof(kCounters[0]) * sizeof(u32) == sizeof(mox_packet_counters));
+
 /** Read and clear, as one block, the counters of the socket: the send counters go too. */
 mox_packet_stats take_statistics(sock *sk)
 {
 	mox_packet_sock *po = po_of(sk);
 	ReceiveQueueGuard guard(sk);
 
-	u32 drops = po->filter_drops + po->rcvbuf_full_drops + po->trim_fail_drops;
-	u32 packets = po->recv_packets;
-	po->counters = mox_packet_counters{};
+	/* Delivery counts without a lock: each word is read and cleared by itself. */
+	u32 drops = load(po->filter_drops) + load(po->rcvbuf_full_drops) +
+		    load(po->trim_fail_drops);
+	u32 packets = load(po->recv_packets);
+	for (u32 mox_packet_counters::*counter : kCounters)
+		store(po->counters.*counter, 0u);
 	return { packets + drops, drops };
 }
 

@@ -10,7 +10,11 @@
 #define MOX_PLATFORM_H
 
 #ifndef __cplusplus
+#include <linux/percpu.h>
 #include <linux/types.h>
+
+/* The address of the efbuff that a CPU is processing, with a tag in bit 0. */
+DECLARE_PER_CPU(unsigned long, efmp_cpu_buffer_cache);
 #else
 #include "seam/seam_types.h"
 extern "C" {
@@ -119,6 +123,17 @@ inline constexpr u8 kReasonKind2 = 13;
 /* VLAN word as a little-endian u32: the id bits of the outer tag (bytes 18-19). */
 inline constexpr u32 kVlanIdMask = 0xFF0F0000u;
 } // namespace ef
+
+/** What the module records say of themselves; the platform owns the meaning. */
+struct record_numbers {
+	u8 point;
+	u8 priority;
+};
+inline constexpr u32 kRecordMask = 0xFFFFFFFFu;
+inline constexpr record_numbers kLev2Record{ 0x00, 0x17 };
+inline constexpr record_numbers kIpv4Record{ 0x02, 0x14 };
+inline constexpr record_numbers kIpv6Record{ 0x04, 0x0A };
+inline constexpr record_numbers kWlanRecord{ 0x06, 0x06 };
 
 /** The part of a module record that efmp_reg_module gets. */
 struct descriptor {

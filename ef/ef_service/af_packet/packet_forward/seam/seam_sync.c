@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0
 /* Processors, barriers and locks. docs/locking.md tells the story of each lock. */
 #include <linux/cpumask.h>
-#include <linux/percpu.h>
 #include <linux/rcupdate.h>
 #include <linux/smp.h>
 
+#include "../platform.h"
 #include "seam.h"
 #include "seam_compat.h"
 
 #if defined(CONFIG_64BIT) || !defined(__LITTLE_ENDIAN)
 #error "The platform's records exist on 32-bit little-endian kernels only: build for ARMv7"
 #endif
-
-DECLARE_PER_CPU(unsigned long, efmp_cpu_buffer_cache);
 
 int seam_cpu(void)
 {
