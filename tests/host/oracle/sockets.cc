@@ -120,7 +120,9 @@ int Sockets::edit(int id, bool add, uint32_t type, uint32_t count,
             model.del_item(s.regular, kAll);
     } else {
         uint32_t stride = element_stride(type);
-        for (uint32_t i = 0; i < count; i++) {
+        // Elements without a value all say the same: one stands for them.
+        uint32_t wanted = stride == 0 ? std::min(count, 1u) : count;
+        for (uint32_t i = 0; i < wanted; i++) {
             if (!model.take_data(type))
                 return -ENOMEM;
             Value value = bytes_value({elements.begin() + i * stride,
