@@ -337,6 +337,25 @@ TEST_F(Thread, task__location_marked_during_a_drain)
     EXPECT_EQ(g_packet_thread_debug.scheduled, 1u);
 }
 
+// A packet that comes behind the detaching of its own queue sets the byte again; a
+// thread that cleared the byte only after the drain would forget it.
+TEST_F(Thread, task__byte_is_cleared_before_its_queues_are_drained)
+{
+    bool played = false;
+    kernel().at["unlock"] = [&](const void *lock) {
+        if (lock != &g_cpu_pkt_que[1][kQueueLev2].lock || played)
+            return;
+        played = true;
+        queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
+        mox_packet_thread_active(PACKET_LEV2_LOC);
+    };
+    mox_packet_thread_active(PACKET_LEV2_LOC);
+    kernel().run_thread();
+    ASSERT_TRUE(played);
+    EXPECT_EQ(g_cpu_pkt_que[0][kQueueLev2].count, 0u);
+    EXPECT_EQ(top.pending[kQueueLev2], 0);
+}
+
 // The window between the last look at the bytes and the clearing of running: a
 // hook that marks there must not leave its packet to the next one's wake-up.
 TEST_F(Thread, task__mark_in_every_barrier_window_is_drained)
