@@ -21,7 +21,7 @@ kernel_version_of() { # of a source tree, from the head of its Makefile
 kernel_id() {
 	local tar id
 	if [ -n "${KERNEL_SRC:-}" ]; then
-		[ -f "$KERNEL_SRC/Makefile" ] && [ -d "$KERNEL_SRC/arch/arm" ] ||
+		[ -d "$KERNEL_SRC/arch/arm" ] ||
 			die "KERNEL_SRC=$KERNEL_SRC is not a kernel source tree" "give the directory that holds the kernel's top Makefile"
 		printf '%s-%s\n' "$(basename "$(realpath "$KERNEL_SRC")")" "$(kernel_version_of "$KERNEL_SRC")"
 		return
