@@ -77,15 +77,15 @@ TEST_F(AllocFailure, create_with_a_protocol)
 TEST_F(AllocFailure, the_path_buffer_is_missed_at_emergency_level_and_counts_as_vsd_0)
 {
     bool created_without_buffer = false;
-    with_each_failure(
-        [&] {
-            lab::clear_printk();
-            Socket socket(SOCK_RAW, 0);
-            for (const std::string &line : lab::printk_lines())
-                if (line == "\1" "0Failed to kmalloc buf.\n")
-                    created_without_buffer |= socket.error() == 0;
-        },
-        [](bool) {});
+    int error = 0;
+    lab::clear_printk();
+    with_each_failure([&] { error = Socket(SOCK_RAW, 0).error(); },
+                      [&](bool) {
+                          for (const std::string &line : lab::printk_lines())
+                              if (line == "\1" "0Failed to kmalloc buf.\n")
+                                  created_without_buffer |= error == 0;
+                          lab::clear_printk();
+                      });
     EXPECT_TRUE(created_without_buffer);
 }
 
@@ -233,11 +233,14 @@ TEST_F(AllocFailure, recvmsg_and_getsockopt)
     Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
     ASSERT_EQ(socket.ctrl(true), 0);
     uint32_t freed = lab::peek32("g_free_skb_num");
-    uint32_t sent = 0, faults = 0;
+    uint32_t sent = 0, faults = 0, reply_faults = 0;
     int injected = with_each_failure(
         [&] {
             uint8_t buffer[100];
-            socket.stats();
+            mox_packet_stats stats;
+            socklen_t length = sizeof stats;
+            if (::getsockopt(socket.fd(), MOX_SOL_PACKET, MOX_PACKET_STATISTICS, &stats, &length) && errno == EFAULT)
+                ++reply_faults;
             if (::recv(socket.fd(), buffer, sizeof buffer, MSG_DONTWAIT) < 0 && errno == EFAULT)
                 ++faults;
         },
@@ -245,9 +248,9 @@ TEST_F(AllocFailure, recvmsg_and_getsockopt)
             ++sent;
             put(Hook::Lev2, plain());
         });
-    // getsockopt's own failures are reported by stats() as test failures unless they are the injected faults.
     EXPECT_GT(injected, 0);
     EXPECT_GT(faults, 0u);
+    EXPECT_GT(reply_faults, 0u);
     socket.drain();
     EXPECT_EQ(lab::peek32("g_free_skb_num"), freed + sent);
 }
@@ -275,20 +278,26 @@ TEST_F(DeliveryFailure, a_socket_buffer_that_cannot_be_had)
     ASSERT_GT(thread, 0) << "no kernel thread named packet-copy";
     Socket first = capture(PACKET_LEV2_LOC, PACKET_COPY, all()), second = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
     FailNth injector(thread);
-    for (unsigned nth : {1u, 2u}) {  // the buffer's head, and its data
+    // The buffer's head and its data at least; a leak checker's own records, which it can do without, may be in between.
+    int missed = 0;
+    for (unsigned nth = 1; nth < 20; ++nth) {
         uint32_t failed = lab::peek32("g_packet_thread_debug", 4);
         lab::Frame frame = plain();
         frame.flags = lab::kTraceMark;
         lab::clear_printk();
         injector.arm(nth);
         EXPECT_EQ(put(Hook::Lev2, frame), lab::kGoOn);
-        ASSERT_EQ(injector.disarm(), 0u);
-        EXPECT_EQ(lab::peek32("g_packet_thread_debug", 4), failed + 1);
-        EXPECT_TRUE(HasLine(lab::printk_lines(), "MOX-PACKET-FW: alloc skb failed."));
-        EXPECT_EQ(first.drain(), 0u) << "this socket gets nothing";
-        EXPECT_EQ(second.drain(), 1u) << "and the walk goes on";
+        if (injector.disarm() != 0)
+            break;
+        uint32_t missing = lab::peek32("g_packet_thread_debug", 4) - failed;
+        EXPECT_EQ(bool(HasLine(lab::printk_lines(), "MOX-PACKET-FW: alloc skb failed.")), missing == 1);
+        EXPECT_EQ(first.drain() + second.drain(), 2 - missing) << "one socket gets nothing and the walk goes on";
+        EXPECT_EQ(first.stats().packets + second.stats().packets, 2 - missing) << "neither received nor dropped";
+        missed += missing;
     }
-    EXPECT_EQ(first.stats().packets, 0u) << "neither received nor dropped";
+    EXPECT_GE(missed, 4) << "two allocations for each of the two sockets";
+    first.drain();
+    second.drain();
 }
 
 TEST_F(DeliveryFailure, a_trap_without_a_buffer_does_not_end_the_walk)
