@@ -52,6 +52,12 @@ enum moxlab_point {
 	MOXLAB_POINT_COUNT = 8,
 };
 
+/*
+ * Headers handed out: a copy of an efbuff's header, but kernel addresses are
+ * nobody's business. The link word is 0; at 4 and 8 stand the interface indexes
+ * of the two blocks, MOXLAB_NO_BLOCK for a null pointer.
+ */
+
 /* ------------------------------------------------------------------------
  * INJECT: one frame, or many, at a point
  */
@@ -170,7 +176,7 @@ struct moxlab_inject {
 	__u32 buffer_seq;   /* sequence number of its efbuff */
 	__u32 header_valid; /* header_out holds it as the hooks left it. A taken
 			     * buffer that was freed long ago is out of reach: 0 */
-	__u8 header_out[MOXLAB_HEADER_LEN];
+	__u8 header_out[MOXLAB_HEADER_LEN]; /* see "Headers handed out" */
 
 	/* out, about all frames */
 	__u32 outcomes[MOXLAB_OUT_COUNT]; /* how many ended in each outcome */
@@ -314,7 +320,7 @@ struct moxlab_left_rec {
 	__u32 length;    /* of the frame */
 	__u32 kept;      /* bytes of it that follow */
 	__u32 reserved;
-	__u8 header[MOXLAB_HEADER_LEN];
+	__u8 header[MOXLAB_HEADER_LEN]; /* see "Headers handed out" */
 	__u8 frame[];    /* as in the efbuff: VLAN tags are in the header */
 };
 

@@ -4,9 +4,13 @@
 #include "moxlab.hpp"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -35,6 +39,45 @@ int errno_of(const auto &call)
         return e.code().value();
     }
     return 0;
+}
+
+/// Announces a kernel warning to whoever judges the console, for as long as it lives, and reads what the kernel said.
+class ExpectedWarning {
+public:
+    ExpectedWarning() : fd_(::open("/dev/kmsg", O_RDWR | O_NONBLOCK | O_CLOEXEC))
+    {
+        ::lseek(fd_, 0, SEEK_END);
+        say("<4>lab: expect-warning begin\n");
+    }
+    ~ExpectedWarning()
+    {
+        say("<4>lab: expect-warning end\n");
+        ::close(fd_);
+    }
+
+    std::string said() const
+    {
+        std::string text;
+        char record[2048];
+        for (ssize_t n; (n = ::read(fd_, record, sizeof record)) > 0 || errno == EPIPE;)
+            if (n > 0)
+                text.append(record, size_t(n));
+        return text;
+    }
+
+private:
+    void say(const char *line) const { EXPECT_GT(::write(fd_, line, std::strlen(line)), 0); }
+
+    int fd_;
+};
+
+bool loaded(const std::string &module)
+{
+    std::ifstream modules("/proc/modules");
+    for (std::string line; std::getline(modules, line);)
+        if (line.starts_with(module + " "))
+            return true;
+    return false;
 }
 
 class Platform : public ::testing::Test {
@@ -67,6 +110,22 @@ protected:
         s.redzone = 32;
         s.hold_memory = 1;
         lab.set(s);
+    }
+
+    uint32_t host_port() const
+    {
+        for (const auto &p : lab.ports().all)
+            if (p.port.flags & MOXLAB_PORT_HOST)
+                return p.port.ifindex;
+        throw std::runtime_error("the platform has no host port");
+    }
+
+    /// The interface index of a block that a header names.
+    static uint32_t block_at(const Bytes &header, size_t offset)
+    {
+        uint32_t ifindex;
+        std::memcpy(&ifindex, &header[offset], sizeof ifindex);
+        return ifindex;
     }
 
     uint32_t seen(uint32_t kind) const { return lab.misuse().seen[kind] - before.seen[kind]; }
@@ -264,11 +323,7 @@ TEST_F(Platform, OverridesTheOutcomeOfSends)
 
 TEST_F(Platform, FloodsFromTheHostPortAndFindsItsWayBack)
 {
-    uint32_t ap0 = 0;
-    for (const auto &p : lab.ports().all)
-        if (p.port.flags & MOXLAB_PORT_HOST)
-            ap0 = p.port.ifindex;
-    ASSERT_NE(ap0, 0u);
+    uint32_t ap0 = host_port();
     // The only port: a frame from it has nowhere to go, one from elsewhere goes there.
     auto reply = lab.inject(Injection(MOXLAB_POINT_PIPELINE, frame({2, 0, 0, 0, 0, 1}, 0x0800, 60)).port(ap0));
     if (lab.ports().all.size() == 1)
@@ -281,10 +336,7 @@ TEST_F(Platform, FloodsFromTheHostPortAndFindsItsWayBack)
 
 TEST_F(Platform, TakesVlanTagsOffAFrameFromAPort)
 {
-    uint32_t ap0 = 0;
-    for (const auto &p : lab.ports().all)
-        if (p.port.flags & MOXLAB_PORT_HOST)
-            ap0 = p.port.ifindex;
+    uint32_t ap0 = host_port();
     Bytes tagged = frame({2, 0, 0, 0, 0, 1}, 0x8100, 68);
     const uint8_t tags[] = {0x81, 0x00, 0xa0, 0x64, 0x81, 0x00, 0x00, 0xc8, 0x86, 0xdd};
     std::copy(std::begin(tags), std::end(tags), tagged.begin() + 12);
@@ -299,26 +351,53 @@ TEST_F(Platform, TakesVlanTagsOffAFrameFromAPort)
     EXPECT_EQ(left[0].bytes[12] << 8 | left[0].bytes[13], 0x86dd);
 }
 
-TEST_F(Platform, NamesTheReservedDestinations)
+/// Addresses and what the platform makes of them: the destination's block, and the outcome of a send.
+struct Reserved {
+    std::initializer_list<uint8_t> dst;
+    uint32_t block;
+    uint32_t outcome;
+};
+
+constexpr uint32_t kNone = MOXLAB_NO_BLOCK;
+const Reserved kReserved[] = {
+    {{0x01, 0x80, 0xc2, 0, 0, 0x00}, 4094, 5},    {{0x01, 0x80, 0xc2, 0, 0, 0x0f}, 4094, 5},
+    {{0x01, 0x80, 0xc2, 0, 0, 0x10}, kNone, 6},   {{0x01, 0x80, 0xc2, 0, 1, 0x0e}, kNone, 6},
+    {{0x01, 0x00, 0x5e, 0, 0, 0xfb}, 4095, 5},    {{0x01, 0x00, 0x5e, 0, 1, 0xfb}, kNone, 6},
+    {{0x33, 0x33, 0, 0, 0, 0x01}, 4095, 5},       {{0x33, 0x33, 0xff, 0, 0, 0x01}, kNone, 6},
+    {{0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, kNone, 4}, {{0x02, 0, 0, 0, 0, 0x01}, kNone, 0},
+};
+
+TEST_F(Platform, KnowsTheReservedDestinations)
 {
-    uint32_t ap0 = 0;
-    for (const auto &p : lab.ports().all)
-        if (p.port.flags & MOXLAB_PORT_HOST)
-            ap0 = p.port.ifindex;
-    // The destination's block cannot be read here; that the frame is offered to the receive functions' point can:
-    // none is registered, or it passes. Its address decides the outcome of a send.
-    auto answer = [&](std::initializer_list<uint8_t> dst) {
-        return lab.inject(Injection(MOXLAB_POINT_SEND, frame(dst, 0x88cc, 60)).source(MOXLAB_NO_BLOCK).destination(kB)).answer;
-    };
-    ASSERT_NE(ap0, 0u);
-    EXPECT_EQ(answer({0x01, 0x80, 0xc2, 0, 0, 0x0e}), 5u);
-    EXPECT_EQ(answer({0x01, 0x80, 0xc2, 0, 0, 0x10}), 6u);
-    EXPECT_EQ(answer({0x01, 0x00, 0x5e, 0, 0, 0xfb}), 5u);
-    EXPECT_EQ(answer({0x01, 0x00, 0x5e, 0, 1, 0xfb}), 6u);
-    EXPECT_EQ(answer({0x33, 0x33, 0, 0, 0, 0x01}), 5u);
-    EXPECT_EQ(answer({0x33, 0x33, 0xff, 0, 0, 0x01}), 6u);
-    EXPECT_EQ(answer({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), 4u);
-    EXPECT_EQ(answer({0x02, 0, 0, 0, 0, 1}), 0u);
+    for (const Reserved &r : kReserved) {
+        SCOPED_TRACE(testing::PrintToString(Bytes(r.dst)));
+        lab.record_left(true);
+        lab.inject(Injection(MOXLAB_POINT_PIPELINE, frame(r.dst, 0x88cc, 60)).port(host_port()));
+        auto left = lab.left().all;
+        ASSERT_FALSE(left.empty());
+        EXPECT_EQ(block_at(left[0].header, 4), host_port());
+        EXPECT_EQ(block_at(left[0].header, 8), r.block);
+
+        Injection send(MOXLAB_POINT_SEND, frame(r.dst, 0x88cc, 60));
+        EXPECT_EQ(lab.inject(send.source(MOXLAB_NO_BLOCK).destination(kB)).answer, r.outcome);
+    }
+}
+
+TEST_F(Platform, FindsALearnedStationByItsPort)
+{
+    // The host's own address needs no learning; whoever else sent through the host port is learned there.
+    lab.flush_fdb();
+    Bytes from_station = frame({0xff, 0xff, 0xff, 0xff, 0xff, 0xff}, 0x0806, 60);
+    lab.inject(Injection(MOXLAB_POINT_PIPELINE, from_station).port(host_port()));
+    EXPECT_EQ(lab.stats().fdb_entries, 1u);
+    lab.record_left(true);
+    lab.inject(Injection(MOXLAB_POINT_PIPELINE, frame({0x02, 0, 0, 0, 0, 0x77}, 0x0800, 60)).port(host_port()));
+    auto left = lab.left().all;
+    ASSERT_EQ(left.size(), 1u);
+    EXPECT_EQ(left[0].outcome, unsigned(MOXLAB_OUT_NOWHERE)) << "never out of the port it came in by";
+    EXPECT_EQ(block_at(left[0].header, 8), host_port());
+    lab.flush_fdb();
+    EXPECT_EQ(lab.stats().fdb_entries, 0u);
 }
 
 TEST_F(Platform, KeepsRemovedInterfacesOutOfTheLookup)
@@ -377,6 +456,41 @@ TEST_F(Platform, PublishesTheLocalMacService)
     EXPECT_EQ(lab.service(s).published, 1);
     s.instance = 9;
     EXPECT_EQ(errno_of([&] { lab.service(s); }), ENOENT);
+}
+
+TEST_F(Platform, WarnsLoudlyOfWhatWasNotAnnounced)
+{
+    std::string said;
+    {
+        ExpectedWarning warning;
+        lab.commit_misuse(MOXLAB_MISUSE_WRONG_OWNER);
+        said = warning.said();
+    }
+    EXPECT_NE(said.find("efmp: wrong owner"), std::string::npos) << said;
+    EXPECT_NE(said.find("is owner 0x93's but freed as 0x01's"), std::string::npos) << said;
+    EXPECT_EQ(lab.misuse().unexpected, before.unexpected + 1);
+    before = lab.misuse();
+}
+
+TEST(Unload, NamesWhatIsStillAlive)
+{
+    bool product = loaded("mox_ef_socket");
+    if (product) {
+        ASSERT_EQ(std::system("rmmod mox_ef_socket"), 0);
+    }
+    Device().commit_misuse(MOXLAB_MISUSE_LEAK);
+    std::string said;
+    {
+        ExpectedWarning warning;
+        EXPECT_EQ(std::system("rmmod efmp"), 0);
+        said = warning.said();
+    }
+    EXPECT_NE(said.find("is still alive at unload: owner 0x93"), std::string::npos) << said;
+    ASSERT_EQ(std::system("insmod /modules/efmp.ko"), 0);
+    if (product) {
+        EXPECT_EQ(std::system("insmod /modules/mox_ef_socket.ko"), 0);
+    }
+    EXPECT_EQ(Device().balance(0).live_all, 0u);
 }
 
 }  // namespace

@@ -223,6 +223,9 @@ void efmp_send_override(const struct moxlab_outcome_override *o);
 
 /* ---- left.c: the record of what left ------------------------------------ */
 
+/* Makes a copied header fit to be handed out, see moxlab.h. */
+void efmp_header_for_user(u8 *header);
+
 int efmp_left_init(void);
 void efmp_left_exit(void);
 void efmp_left_add(struct efbuff *b, u32 ifindex, u32 outcome, bool sent);

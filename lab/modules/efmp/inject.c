@@ -223,9 +223,8 @@ static void inject_one(struct job *job)
 	in->left_ports = road.left_ports;
 	in->buffer_seq = road.run.seq;
 	in->header_valid = b && efmp_buff_peek(b, road.run.seq, in->header_out);
-	/* Link word and blocks: kernel addresses are nobody's business. */
 	if (in->header_valid)
-		memset(in->header_out, 0, offsetof(struct efbuff, word12));
+		efmp_header_for_user(in->header_out);
 }
 
 static void inject_batch(struct job *job)

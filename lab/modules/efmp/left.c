@@ -3,12 +3,29 @@
  * left.c - a record of the frames that left, or found nowhere to go, kept while
  * a test asks for it.
  */
+#include "../lsm_ko/lsm_ko.h"
 #include "efmp.h"
 
 #define FRAMES 256
 
 struct ring efmp_left = RING_INIT(efmp_left);
 static bool enabled;
+
+static void *index_for(const void *block)
+{
+	u32 ifindex = block ? ((const struct lsm_intfcb *)block)->ifindex : MOXLAB_NO_BLOCK;
+
+	return (void *)(unsigned long)ifindex;
+}
+
+void efmp_header_for_user(u8 *header)
+{
+	struct efbuff *b = (struct efbuff *)header;
+
+	b->link = 0;
+	b->src_intf = index_for(b->src_intf);
+	b->dst_intf = index_for(b->dst_intf);
+}
 
 void efmp_left_enable(bool on)
 {
@@ -30,6 +47,7 @@ void efmp_left_add(struct efbuff *b, u32 ifindex, u32 outcome, bool sent)
 	rec->kept = min_t(u32, b->total_len, MOXLAB_LEFT_KEPT);
 	rec->reserved = 0;
 	memcpy(rec->header, b, sizeof(rec->header));
+	efmp_header_for_user(rec->header);
 	memcpy(rec->frame, efbuff_mac(b), rec->kept);
 	ring_commit(&efmp_left, sizeof(*rec) + rec->kept, flags);
 }
