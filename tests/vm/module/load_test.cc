@@ -175,7 +175,7 @@ TEST_F(Load, unload_while_hooks_fire_on_the_other_cpus)
                 std::this_thread::sleep_for(std::chrono::milliseconds(3));
             }
         });
-    for (int rounds = 0; rounds < 6; ++rounds) {
+    for (int rounds = 0; rounds < 3; ++rounds) {
         {
             Socket socket = capture(PACKET_LEV2_LOC, rounds % 2 ? PACKET_FETCH : PACKET_COPY, all());
             std::this_thread::sleep_for(std::chrono::milliseconds(5));

@@ -110,6 +110,9 @@ TEST_F(Stress, floods_on_four_cpus_while_everything_changes)
                 std::this_thread::sleep_for(std::chrono::milliseconds(random() % 4));
             }
         });
+        // Two that change things leave the floods their share of the emulated CPUs.
+        if (cpu >= 2)
+            continue;
         threads.emplace_back([&, cpu] {
             pin(cpu);
             std::minstd_rand random(seed + 100 + unsigned(cpu));
