@@ -329,6 +329,24 @@ TEST_F(PktMatch, fast_filter__first_key_in_type_order_whose_copy_passes_decides)
     EXPECT_EQ(filter(frame(eth(0x88cc))), u32(PACKET_TRAP));
 }
 
+// No rule is filed without a treatment; a copy that had none would leave the
+// decision to the next key, not to the next copy.
+TEST_F(PktMatch, fast_filter__copy_without_treatment_passes_on_to_the_next_key)
+{
+    Rule first(PACKET_LEV2_LOC, PACKET_TRAP), behind(PACKET_LEV2_LOC, PACKET_COPY), next(PACKET_LEV2_LOC, PACKET_FETCH);
+    for (Rule *r : {&first, &behind})
+        r->data(PACKET_ETH_PROT_EQUAL, n16(0x88cc)).add();
+    next.item(PACKET_ALL).add();
+    auto *entry = record_of<filter_list_data, offsetof(filter_list_data, node)>(
+        g_lev2_packet_regular_lib.filter_list.next);
+    auto *copy = record_of<packet_regular, offsetof(packet_regular, lib_node)>(entry->match_list.next);
+    void *e = frame(eth(0x88cc));
+    EXPECT_EQ(filter(e), u32(PACKET_TRAP));
+    copy->treatment = PACKET_TREATMENT_NONE;
+    EXPECT_EQ(filter(e), u32(PACKET_FETCH));
+    copy->treatment = PACKET_TRAP;
+}
+
 TEST_F(PktMatch, fast_filter__trap_before_fetch_before_copy)
 {
     Rule copy(PACKET_LEV2_LOC, PACKET_COPY), fetch(PACKET_LEV2_LOC, PACKET_FETCH),

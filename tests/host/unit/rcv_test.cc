@@ -262,6 +262,26 @@ TEST_F(Rcv, trace__wlan_lines)
         }
 }
 
+// A packet that the device made itself came in on no interface.
+TEST_F(Rcv, source__packet_without_one_is_matched_and_traced_as_interface_0)
+{
+    for (const HookTraits &h : kHooks) {
+        SCOPED_TRACE(h.name);
+        listen(h.location, PACKET_COPY);
+        kernel().log.clear();
+        void *e = make({.flags = ef::kFlagTrace}, eth(0x88cc));
+        EXPECT_EQ(hook(h.func, e), h.go_on);
+        EXPECT_EQ(kernel().count_said("src_intf: , src_ifx: 0"), 1u);
+        EXPECT_EQ(g_cpu_pkt_que[0][h.queue].count, 1u);
+        // The rules at MPLS and TRILL are no socket's.
+        if (!socks.empty()) {
+            drain();
+            EXPECT_EQ(socks.back()->ctrl().pkt_ifx, 0u);
+        }
+        silence();
+    }
+}
+
 // The library lock is let go before the queue lock is taken, and both with
 // bottom halves off; a release on another CPU in between harms nobody.
 TEST_F(Rcv, race__rule_withdrawn_between_filter_and_queue)
