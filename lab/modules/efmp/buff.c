@@ -9,14 +9,13 @@
  * the memory.
  */
 #include <linux/hash.h>
-#include <linux/kallsyms.h>
 #include <linux/ktime.h>
 #include <linux/list.h>
 #include <linux/module.h>
 #include <linux/slab.h>
 #include <linux/string.h>
 #include <linux/vmalloc.h>
-#include "efmp.h"
+#include "track.h"
 
 #define TABLE_BITS 10
 #define TRACKS 16384 /* efbuffs alive and remembered; none beyond them */
@@ -25,47 +24,25 @@
 #define POISON_BYTE 0x6b
 #define UNUSED_BYTE 0x5c /* memory without a meaning: not zero, and no LLC/SNAP */
 
-struct track {
-	struct hlist_node hash;
-	struct list_head list; /* live, or quarantine once dead */
-	struct efbuff *buf;
-	u32 seq;
-	u32 size;     /* bytes, header included, guard left out */
-	u32 redzone;  /* guard bytes behind them */
-	u32 mac_offset; /* at birth */
-	u8 owner;
-	bool cloned;
-	bool offered; /* in a hook just now */
-	bool dead;
-	bool held;    /* dead, memory kept and poisoned */
-	void *creator;
-	u64 born_ns;
-	u8 last[MOXLAB_HEADER_LEN]; /* the header as it was freed */
-};
-
 /*
  * Records come from a pool of our own: under KASAN and kmemleak each allocation
  * saves the stack, and on ARM that takes one lock for every function of a module
  * in it. With all CPUs at it, the records alone would cost more than the frames.
  */
 static struct track *pool_memory;
-static DEFINE_SPINLOCK(buffer_lock); /* everything below, interrupts off */
+DEFINE_SPINLOCK(efmp_buffer_lock); /* everything below, interrupts off */
 static LIST_HEAD(pool);
 static struct hlist_head table[1 << TABLE_BITS];
-static LIST_HEAD(live); /* ascending sequence numbers */
+LIST_HEAD(efmp_live); /* ascending sequence numbers */
 static LIST_HEAD(quarantine);
 static u32 quarantined;
-static u32 live_count;
+u32 efmp_live_count;
 static u32 last_seq;
 /* The header of the buffer that the module freed last; tests find it by name. */
 u8 moxlab_last_freed[MOXLAB_HEADER_LEN];
-static struct moxlab_balance accounts[256];
+struct moxlab_balance efmp_accounts[256];
 
-static struct {
-	u32 redzone;
-	u32 quarantine;
-	bool hold_memory;
-} settings = {
+struct efmp_buff_settings efmp_buff_set = {
 	.redzone = IS_ENABLED(CONFIG_KASAN) ? 0 : 32,
 	.quarantine = 128,
 	.hold_memory = !IS_ENABLED(CONFIG_KASAN),
@@ -89,7 +66,7 @@ static struct track *find_live(const void *buf)
 	return NULL;
 }
 
-static struct track *find_seq(const void *buf, u32 seq)
+struct track *efmp_find_seq(const void *buf, u32 seq)
 {
 	struct track *t;
 
@@ -111,10 +88,10 @@ static bool was_freed(const void *buf)
 
 static void set_owner(struct track *t, u8 owner)
 {
-	accounts[t->owner].given++;
-	accounts[t->owner].live--;
-	accounts[owner].adopted++;
-	accounts[owner].live++;
+	efmp_accounts[t->owner].given++;
+	efmp_accounts[t->owner].live--;
+	efmp_accounts[owner].adopted++;
+	efmp_accounts[owner].live++;
 	t->owner = owner;
 }
 
@@ -122,9 +99,9 @@ static void count_failed(u8 owner)
 {
 	unsigned long flags;
 
-	spin_lock_irqsave(&buffer_lock, flags);
-	accounts[owner].failed++;
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
+	efmp_accounts[owner].failed++;
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 }
 
 static struct track *track_get(void)
@@ -132,11 +109,11 @@ static struct track *track_get(void)
 	unsigned long flags;
 	struct track *t;
 
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	t = list_first_entry_or_null(&pool, struct track, list);
 	if (t)
 		list_del(&t->list);
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	return t;
 }
 
@@ -146,15 +123,15 @@ static void track_put(struct track *t)
 
 	/* Or kmemleak would think that freed memory is still known. */
 	memset(t, 0, sizeof(*t));
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	list_add_tail(&t->list, &pool);
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 }
 
 /* Memory with its record, known to nobody yet. */
 static struct track *make(u32 size)
 {
-	u32 redzone = READ_ONCE(settings.redzone);
+	u32 redzone = READ_ONCE(efmp_buff_set.redzone);
 	struct track *t = track_get();
 
 	if (!t)
@@ -181,17 +158,17 @@ static u32 account(struct track *t, u8 owner, bool cloned, void *creator)
 	t->cloned = cloned;
 	t->creator = creator;
 	t->mac_offset = t->buf->mac_offset;
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	t->seq = seq = ++last_seq;
 	hlist_add_head(&t->hash, bucket(t->buf));
-	list_add_tail(&t->list, &live);
-	live_count++;
-	accounts[owner].live++;
+	list_add_tail(&t->list, &efmp_live);
+	efmp_live_count++;
+	efmp_accounts[owner].live++;
 	if (cloned)
-		accounts[owner].cloned++;
+		efmp_accounts[owner].cloned++;
 	else
-		accounts[owner].allocated++;
-	spin_unlock_irqrestore(&buffer_lock, flags);
+		efmp_accounts[owner].allocated++;
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	return seq;
 }
 
@@ -245,13 +222,13 @@ void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
 	bool freed = false;
 	u32 size = 0;
 
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	origin = find_live(efbuff);
 	if (origin)
 		size = origin->size;
 	else
 		freed = was_freed(efbuff);
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	if (!size) {
 		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "clone of %px for owner 0x%02x, %s, by %pS",
 			    efbuff, owner, freed ? "which was freed" : "which is no efbuff",
@@ -289,20 +266,20 @@ static void bury(struct track *t)
 }
 
 /* Makes the quarantine @limit records long at most. */
-static void shrink_quarantine(u32 limit)
+void efmp_shrink_quarantine(u32 limit)
 {
 	struct track *t, *next;
 	unsigned long flags;
 	LIST_HEAD(gone);
 
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	while (quarantined > limit) {
 		t = list_first_entry(&quarantine, struct track, list);
 		hlist_del(&t->hash);
 		list_move_tail(&t->list, &gone);
 		quarantined--;
 	}
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 
 	list_for_each_entry_safe(t, next, &gone, list)
 		bury(t);
@@ -323,17 +300,17 @@ static void retire(struct track *t)
 			    t->seq, t->buf, t->owner, t->creator,
 			    (u32)(bad - (u8 *)t->buf) - t->size,
 			    t->size - t->mac_offset);
-	t->held = READ_ONCE(settings.hold_memory);
+	t->held = READ_ONCE(efmp_buff_set.hold_memory);
 	if (t->held)
 		memset(t->buf, POISON_BYTE, t->size);
 	else
 		kfree(t->buf);
 
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	list_add_tail(&t->list, &quarantine);
 	quarantined++;
-	spin_unlock_irqrestore(&buffer_lock, flags);
-	shrink_quarantine(READ_ONCE(settings.quarantine));
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
+	efmp_shrink_quarantine(READ_ONCE(efmp_buff_set.quarantine));
 }
 
 static void buff_free(void *efbuff, u8 owner, void *caller)
@@ -344,7 +321,7 @@ static void buff_free(void *efbuff, u8 owner, void *caller)
 	u32 seq = 0;
 	u8 actual = 0;
 
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	t = find_live(efbuff);
 	if (!t) {
 		kind = was_freed(efbuff) ? MOXLAB_MISUSE_DOUBLE_FREE : MOXLAB_MISUSE_UNKNOWN;
@@ -364,15 +341,15 @@ static void buff_free(void *efbuff, u8 owner, void *caller)
 	if (owner == MOXLAB_OWNER_MODULE)
 		memcpy(moxlab_last_freed, t->last, sizeof(moxlab_last_freed));
 	list_del(&t->list);
-	live_count--;
-	accounts[owner].live--;
-	accounts[owner].freed++;
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	efmp_live_count--;
+	efmp_accounts[owner].live--;
+	efmp_accounts[owner].freed++;
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	retire(t);
 	return;
 
 misuse:
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	switch (kind) {
 	case MOXLAB_MISUSE_WRONG_OWNER:
 		efmp_misuse(kind, "efbuff %u at %px is owner 0x%02x's but freed as 0x%02x's by %pS; not freed",
@@ -404,11 +381,11 @@ void efmp_buff_offer(struct efbuff *b, u32 seq)
 	unsigned long flags;
 	struct track *t;
 
-	spin_lock_irqsave(&buffer_lock, flags);
-	t = find_seq(b, seq);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
+	t = efmp_find_seq(b, seq);
 	if (t)
 		t->offered = true;
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 }
 
 bool efmp_buff_settle(struct efbuff *b, u32 seq, bool taken)
@@ -417,15 +394,15 @@ bool efmp_buff_settle(struct efbuff *b, u32 seq, bool taken)
 	struct track *t;
 	bool alive;
 
-	spin_lock_irqsave(&buffer_lock, flags);
-	t = find_seq(b, seq);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
+	t = efmp_find_seq(b, seq);
 	alive = t && !t->dead;
 	if (alive) {
 		t->offered = false;
 		if (taken)
 			set_owner(t, MOXLAB_OWNER_MODULE);
 	}
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	if (!taken && !alive)
 		efmp_misuse(MOXLAB_MISUSE_NOT_TAKEN,
 			    "efbuff %u at %px was freed by a hook that did not take it",
@@ -438,7 +415,7 @@ bool efmp_buff_adopt(struct efbuff *b, u32 *seq, u32 *size)
 	unsigned long flags;
 	struct track *t;
 
-	spin_lock_irqsave(&buffer_lock, flags);
+	spin_lock_irqsave(&efmp_buffer_lock, flags);
 	t = find_live(b);
 	if (t) {
 		if (t->owner != MOXLAB_OWNER_PLATFORM)
@@ -446,95 +423,10 @@ bool efmp_buff_adopt(struct efbuff *b, u32 *seq, u32 *size)
 		*seq = t->seq;
 		*size = t->size;
 	}
-	spin_unlock_irqrestore(&buffer_lock, flags);
+	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	if (!t)
 		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "%px was handed over, which is no live efbuff", b);
 	return t;
-}
-
-u32 efmp_buff_size(struct efbuff *b)
-{
-	unsigned long flags;
-	struct track *t;
-	u32 size;
-
-	spin_lock_irqsave(&buffer_lock, flags);
-	t = find_live(b);
-	size = t && t->owner == MOXLAB_OWNER_PLATFORM ? t->size : 0;
-	spin_unlock_irqrestore(&buffer_lock, flags);
-	return size;
-}
-
-bool efmp_buff_peek(struct efbuff *b, u32 seq, u8 *header)
-{
-	unsigned long flags;
-	struct track *t;
-
-	spin_lock_irqsave(&buffer_lock, flags);
-	t = find_seq(b, seq);
-	if (t)
-		memcpy(header, t->dead ? (void *)t->last : b, MOXLAB_HEADER_LEN);
-	spin_unlock_irqrestore(&buffer_lock, flags);
-	return t;
-}
-
-void efmp_buff_balance(struct moxlab_balance *balance)
-{
-	u32 owner = balance->owner;
-	unsigned long flags;
-
-	spin_lock_irqsave(&buffer_lock, flags);
-	*balance = accounts[owner];
-	balance->owner = owner;
-	balance->live_all = live_count;
-	spin_unlock_irqrestore(&buffer_lock, flags);
-}
-
-int efmp_buff_read_live(struct moxlab_read *read)
-{
-	struct moxlab_live_rec rec;
-	unsigned long flags;
-	struct track *t;
-	void *creator;
-	int err;
-
-	for (;;) {
-		memset(&rec, 0, sizeof(rec));
-		spin_lock_irqsave(&buffer_lock, flags);
-		list_for_each_entry(t, &live, list)
-			if (t->seq >= read->from && t->seq >= read->next)
-				break;
-		if (&t->list == &live) {
-			spin_unlock_irqrestore(&buffer_lock, flags);
-			return 0;
-		}
-		rec.rec.seq = t->seq;
-		rec.rec.time_ns = t->born_ns;
-		rec.owner = t->owner;
-		rec.length = t->size - t->mac_offset;
-		rec.cloned = t->cloned;
-		rec.offered = t->offered;
-		creator = t->creator;
-		spin_unlock_irqrestore(&buffer_lock, flags);
-
-		snprintf(rec.creator, sizeof(rec.creator), "%pS", creator);
-		err = efmp_read_put(read, &rec.rec, sizeof(rec));
-		if (err)
-			return err < 0 ? err : 0;
-	}
-}
-
-void efmp_buff_settings(struct moxlab_settings *s)
-{
-	if (s->set) {
-		WRITE_ONCE(settings.redzone, s->redzone);
-		WRITE_ONCE(settings.quarantine, s->quarantine);
-		WRITE_ONCE(settings.hold_memory, s->hold_memory);
-		shrink_quarantine(s->quarantine);
-	}
-	s->redzone = settings.redzone;
-	s->quarantine = settings.quarantine;
-	s->hold_memory = settings.hold_memory;
 }
 
 int efmp_buff_init(void)
@@ -558,13 +450,13 @@ void efmp_buff_exit(void)
 {
 	struct track *t;
 
-	list_for_each_entry(t, &live, list) {
+	list_for_each_entry(t, &efmp_live, list) {
 		efmp_misuse(MOXLAB_MISUSE_LEAK,
 			    "efbuff %u at %px is still alive at unload: owner 0x%02x, %s by %pS, %u bytes of room",
 			    t->seq, t->buf, t->owner, t->cloned ? "cloned" : "made",
 			    t->creator, t->size - t->mac_offset);
 		kfree(t->buf);
 	}
-	shrink_quarantine(0);
+	efmp_shrink_quarantine(0);
 	vfree(pool_memory);
 }

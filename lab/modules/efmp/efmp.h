@@ -96,9 +96,6 @@ bool efmp_buff_settle(struct efbuff *b, u32 seq, bool taken);
  */
 bool efmp_buff_adopt(struct efbuff *b, u32 *seq, u32 *size);
 
-/* The bytes of a live platform buffer, header included; 0 when it is none. */
-u32 efmp_buff_size(struct efbuff *b);
-
 /* The public header as it is, or was when it was freed. False: out of reach. */
 bool efmp_buff_peek(struct efbuff *b, u32 seq, u8 *header);
 

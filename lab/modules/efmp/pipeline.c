@@ -11,8 +11,13 @@
 #include "efmp.h"
 
 /* What efmp_output_pkt() returns. 2, 3 and 7 never come from this platform. */
-enum { SEND_NORMAL = 0, SEND_DROP = 1, SEND_BROADCAST = 4, SEND_RESV_BROADCAST = 5,
-       SEND_MULTICAST = 6 };
+enum {
+	SEND_NORMAL = 0,
+	SEND_DROP = 1,
+	SEND_BROADCAST = 4,
+	SEND_RESV_BROADCAST = 5,
+	SEND_MULTICAST = 6,
+};
 
 /* ---- Becoming an efbuff -------------------------------------------------- */
 
