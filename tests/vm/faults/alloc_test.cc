@@ -160,18 +160,20 @@ TEST_F(AllocFailure, adding_and_deleting_rules_of_a_running_socket)
     for (int error : errors)
         EXPECT_TRUE(error == 0 || error == ENOMEM || error == EFAULT) << strerror(error);
     EXPECT_TRUE(errors.count(ENOMEM));
-    EXPECT_TRUE(errors.count(EFAULT)) << "the copy from user space";
+    EXPECT_EQ(errors.count(EFAULT) != 0, user_copies_can_fail()) << "the copy from user space";
     EXPECT_GT(failures("g_regular_data_stats"), data);
     EXPECT_GT(failures("g_regular_item_stats"), items);
     auto lines = lab::printk_lines();
     for (const char *text :
-         {"PACKET-SETSOCKOPT: ENOMEM", "PACKET-SETSOCKOPT: copy from user failed",
+         {"PACKET-SETSOCKOPT: ENOMEM",
           "MOX-PACKET-DEAL-REGULAR-DATA: Alloc data failed", "MOX-PACKET-ALLOC-INIT-DATA: alloc failed!",
           "MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!", "PKT-ALLOC-FILTER-LIST-DATA: alloc failed!",
           "PKT-ALLOC-REGULAR-DATA: alloc failed!", "PKT-ADD-REGULAR-TO-FILTER-LIST: add fail, continue!",
           "PKT-ADD-REGULAR-TO-MATCH-LIST: alloc regular failed", "PKT-ADD-REGULAR-TO-MATCH-LIST: alloc item failed",
           "PKT-ADD-REGULAR-TO-MATCH-LIST: alloc data fail"})
         EXPECT_TRUE(HasLine(lines, text));
+    if (user_copies_can_fail())
+        EXPECT_TRUE(HasLine(lines, "PACKET-SETSOCKOPT: copy from user failed"));
 }
 
 TEST_F(AllocFailure, packet_all)
@@ -225,11 +227,13 @@ TEST_F(AllocFailure, moving_between_locations)
         socket.close();
         nothing_left("location");
     }
-    EXPECT_GT(injected, 10);
+    EXPECT_GT(injected, user_copies_can_fail() ? 10 : 5);
 }
 
 TEST_F(AllocFailure, recvmsg_and_getsockopt)
 {
+    if (!user_copies_can_fail())
+        GTEST_SKIP() << "this kernel does not make copies to user space fail, and nothing else can";
     Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
     ASSERT_EQ(socket.ctrl(true), 0);
     uint32_t freed = lab::peek32("g_free_skb_num");

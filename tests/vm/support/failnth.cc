@@ -20,6 +20,11 @@ static bool set(const char *file, const char *value)
     return bool(out << value << std::flush);
 }
 
+bool user_copies_can_fail()
+{
+    return access("/sys/kernel/debug/fail_usercopy", F_OK) == 0;
+}
+
 bool can_inject_failures()
 {
     static const bool able = [] {

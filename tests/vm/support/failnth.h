@@ -9,6 +9,9 @@ namespace vm {
 /// Whether the kernel can do it (the checked one can).
 bool can_inject_failures();
 
+/// Whether copies from and to user space fail, too: kernels since 5.10 do that.
+bool user_copies_can_fail();
+
 /// One file /proc/.../fail-nth: the calling thread's, or another task's.
 class FailNth {
 public:
