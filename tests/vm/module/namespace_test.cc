@@ -19,20 +19,6 @@ using namespace vm;
 using namespace frames;
 using lab::Hook;
 
-/// Sockets of the family in use in the calling thread's namespace.
-long in_use()
-{
-    std::ifstream protocols("/proc/thread-self/net/protocols");
-    for (std::string line; std::getline(protocols, line);) {
-        std::istringstream fields(line);
-        std::string name;
-        long size, sockets;
-        if (fields >> name >> size >> sockets && name == "PACKET")
-            return sockets;
-    }
-    return -1;
-}
-
 class Namespaces : public VmTest {
 protected:
     void SetUp() override
@@ -54,19 +40,19 @@ protected:
 
 TEST_F(Namespaces, a_socket_is_counted_in_its_own)
 {
-    long here = in_use();
+    long here = sockets_in_use();
     elsewhere();
-    EXPECT_EQ(in_use(), 0);
+    EXPECT_EQ(sockets_in_use(), 0);
     Socket socket;
     EXPECT_EQ(socket.error(), 0);
-    EXPECT_EQ(in_use(), 1);
+    EXPECT_EQ(sockets_in_use(), 1);
     int there = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     back();
-    EXPECT_EQ(in_use(), here);
+    EXPECT_EQ(sockets_in_use(), here);
     socket.close();
-    EXPECT_EQ(in_use(), here) << "closed from here, uncounted there";
+    EXPECT_EQ(sockets_in_use(), here) << "closed from here, uncounted there";
     ASSERT_EQ(::setns(there, CLONE_NEWNET), 0);
-    EXPECT_EQ(in_use(), 0);
+    EXPECT_EQ(sockets_in_use(), 0);
     ::close(there);
 }
 

@@ -16,20 +16,6 @@ namespace {
 using namespace vm;
 using Create = VmTest;
 
-/// Sockets of this family in use, by the kernel's own books: the "PACKET" row of /proc/net/protocols, or -1.
-long sockets_in_use()
-{
-    std::ifstream protocols("/proc/net/protocols");
-    for (std::string line; std::getline(protocols, line);) {
-        std::istringstream fields(line);
-        std::string name;
-        long size, sockets;
-        if (fields >> name >> size >> sockets && name == "PACKET")
-            return sockets;
-    }
-    return -1;
-}
-
 TEST_F(Create, raw_and_dgram_are_the_types_there_are)
 {
     EXPECT_EQ(Socket(SOCK_RAW).error(), 0);

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "support/socket.h"
 
+#include <string>
+#include <sstream>
+#include <fstream>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -171,6 +174,19 @@ Socket capture(uint32_t location, uint32_t treatment, const Rule &rule, int type
     EXPECT_EQ(socket.treatment(treatment), 0);
     EXPECT_EQ(socket.location(location), 0);
     return socket;
+}
+
+long sockets_in_use()
+{
+    std::ifstream protocols("/proc/thread-self/net/protocols");
+    for (std::string line; std::getline(protocols, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        long size, sockets;
+        if (fields >> name >> size >> sockets && name == "PACKET")
+            return sockets;
+    }
+    return -1;
 }
 
 }  // namespace vm

@@ -95,4 +95,7 @@ ssize_t raw_recvmsg(int fd, msghdr *message, int flags);
 /// A socket with location, treatment and one rule, ready to capture; fails the test when a step is refused.
 Socket capture(uint32_t location, uint32_t treatment, const Rule &rule, int type = SOCK_RAW);
 
+/// Sockets of the family in use in the calling thread's namespace, by the kernel's own books, or -1.
+long sockets_in_use();
+
 }  // namespace vm
