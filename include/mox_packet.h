@@ -165,6 +165,120 @@ struct mox_packet_ctrl_info {
 	uint16_t reserved46;     /* 0 */
 };
 
+/**
+ * Bits of mox_packet_ctrl_info::flags for sendmsg. One flag sets one bit of the
+ * outgoing buffer; what the platform does with it is the platform's.
+ */
+enum mox_packet_send_flags {
+	MOX_SEND_DEBUG = 0x2,             /* trace this frame; log its outcome as a debug packet's */
+	MOX_SEND_EF_40000 = 0x4,          /* efbuff flag 0x40000 */
+	MOX_SEND_VXLAN_ENCAP = 0x100,     /* send flag 0x1 */
+	MOX_SEND_BLOCK = 0x200,           /* send flag 0x2 */
+	MOX_SEND_400 = 0x400,             /* send flag 0x4 */
+	MOX_SEND_4000 = 0x4000,           /* send flag 0x20 */
+	MOX_SEND_10000 = 0x10000,         /* send flag 0x40 */
+	MOX_SEND_20000 = 0x20000,         /* send flag 0x80 */
+	MOX_SEND_NO_ACL = 0x40000,        /* send flag 0x8: do not match access lists */
+	MOX_SEND_PROXY_CAPTURE = 0x100000, /* send flag 0x10: proxy_capture is valid */
+};
+
+/** Low bits of mox_packet_ctrl_info::vlan and inner_vlan that sendmsg takes: the VLAN id. */
+#define MOX_SEND_VLAN_MASK 0x0fff
+
+/*
+ * The operators' channel: a generic netlink family of the initial network
+ * namespace. A request is command 0 with one attribute that holds a
+ * struct mox_packet_request; only MOX_MSG_TECH is answered, by an empty
+ * attribute. Reports go to the kernel log.
+ */
+#define MOX_PACKET_GENL_NAME "PACKET_GENL"
+#define MOX_PACKET_GENL_VERSION 1
+#define MOX_PACKET_GENL_CMD 0
+#define MOX_PACKET_GENL_ATTR 1
+
+/** mox_packet_request::msg_type. */
+enum mox_packet_msg_type {
+	MOX_MSG_SHOW_FIRST = 0,   /* 0 to 7: report of location msg_type + 1 */
+	MOX_MSG_SHOW_LAST = 7,
+	MOX_MSG_SHOW_ALL = 8,     /* the eight reports in a row */
+	MOX_MSG_SHOW_QUEUES = 9,  /* fill of the per-CPU queues */
+	MOX_MSG_SHOW_MEMORY = 10,
+	MOX_MSG_SHOW_NAME = 11,   /* body: name; the sockets of a process name */
+	MOX_MSG_SHOW_PID = 12,    /* body: pid; the sockets of a process id */
+	MOX_MSG_SHOW_THREAD = 13, /* counters of the copy thread */
+	MOX_MSG_DEBUG = 14,       /* body: debug; a debug switch or a hook */
+	MOX_MSG_FILTER = 15,      /* body: filter */
+	MOX_MSG_TECH = 16,        /* everything into the dump file; answered when done */
+};
+
+/** mox_packet_request::body.debug.type. */
+enum mox_packet_debug_type {
+	MOX_DEBUG_GENERAL = 0,        /* every tagged line hangs on it */
+	MOX_DEBUG_DELIVER_FIRST = 1,  /* 1 to 8: delivery, by location */
+	MOX_DEBUG_DELIVER_LAST = 8,
+	MOX_DEBUG_DELIVER_ALL = 9,
+	MOX_DEBUG_RECEIVE_FIRST = 10, /* 10 to 17: receive hooks, by location + 9 */
+	MOX_DEBUG_RECEIVE_LAST = 17,
+	MOX_DEBUG_RECEIVE_ALL = 18,
+	MOX_DEBUG_HOOK_FIRST = 19,    /* 19 to 26: hooks, by location + 18; 1 takes one away */
+	MOX_DEBUG_HOOK_LAST = 26,
+	MOX_DEBUG_HOOK_ALL = 27,
+};
+
+/** Bits of mox_packet_filter::flags: which fields a packet must match. */
+enum mox_packet_filter_flags {
+	MOX_FILTER_VID = 0x002,
+	MOX_FILTER_SRC_MAC = 0x004,
+	MOX_FILTER_DST_MAC = 0x008,
+	MOX_FILTER_SRC_INTF = 0x010,
+	MOX_FILTER_DST_INTF = 0x020,
+	MOX_FILTER_SRC_IPV4 = 0x040,
+	MOX_FILTER_DST_IPV4 = 0x080,
+	MOX_FILTER_SRC_IPV6 = 0x100,
+	MOX_FILTER_DST_IPV6 = 0x200,
+};
+
+/** The debug packet filter: whole addresses, no masks. */
+struct mox_packet_filter {
+	uint8_t enable;       /* 0: not in force */
+	uint8_t reserved[3];
+	uint32_t flags;       /* enum mox_packet_filter_flags; 0: every packet */
+	uint32_t vid;         /* VLAN id in the low 12 bits */
+	uint8_t src_mac[6];
+	uint8_t dst_mac[6];
+	uint32_t src_intf;
+	uint32_t dst_intf;
+	uint8_t src_ipv4[4];  /* addresses in network order */
+	uint8_t dst_ipv4[4];
+	uint8_t src_ipv6[16];
+	uint8_t dst_ipv6[16];
+};
+
+/** Bytes of a process name, its NUL included. */
+#define MOX_PACKET_NAME_SIZE 16
+
+/** The payload of the request's attribute. Cut it after the body that the type has. */
+struct mox_packet_request {
+	uint16_t msg_type; /* enum mox_packet_msg_type */
+	uint16_t reserved;
+	union {
+		char name[MOX_PACKET_NAME_SIZE];
+		uint32_t pid;
+		struct {
+			uint32_t type;    /* enum mox_packet_debug_type */
+			uint32_t is_open; /* the low byte counts */
+		} debug;
+		struct mox_packet_filter filter;
+	} body;
+};
+
+/**
+ * The file that MOX_MSG_TECH writes: printf format, with the number of the
+ * requester's virtual switch device. The double slash is the name's own. The
+ * directory must be there.
+ */
+#define MOX_PACKET_DUMP_FILE "/tmp/vsd/%d//ef/af_packet/afpacketdump"
+
 /** The 18 characters before a virtual switch device's number in a path. */
 #define MOX_VSD_PREFIX "/data/var/run/vsd/"
 
