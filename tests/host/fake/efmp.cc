@@ -235,6 +235,8 @@ void Efmp::audit()
     for (auto &[address, e] : live)
         if (e.owner != Owner::kPlatform)
             ADD_FAILURE() << "efbuff left with the module" << (e.clone ? " (a clone)" : "");
+    if (change_handler)
+        ADD_FAILURE() << "service change handler left registered";
     for (auto &[name, on] : registered)
         EXPECT_FALSE(on) << "hook " << name << " left registered";
 }
@@ -316,6 +318,53 @@ void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
     efmp().live[fake::word(copy)].clone = true;
     efmp().clones++;
     return copy;
+}
+
+void *efmp_buff_alloc_sw_with_owner(u32 length, u32 owner)
+{
+    if (owner != 147)
+        breach("efbuff allocated with owner " + std::to_string(owner));
+    if (kernel().failing("efbuff_alloc") || length > efmp().longest)
+        return nullptr;
+    // What is not the header is what was there before.
+    const uint16_t room = efmp().room_at;
+    std::vector<uint8_t> content(room + std::max<size_t>(length, 64), 0xee);
+    std::memset(content.data(), 0, 256);
+    std::memcpy(content.data() + 22, &room, 2);
+    std::memcpy(content.data() + 164, &length, 4);  // for the window only
+    void *p = efmp().efbuff(content, Owner::kModule);
+    std::memset(static_cast<uint8_t *>(p) + 164, 0, 4);
+    efmp().allocated++;
+    return p;
+}
+
+int efmp_output_pkt(void *efbuff)
+{
+    auto it = efmp().live.find(fake::word(efbuff));
+    if (it == efmp().live.end()) {
+        breach("output of no efbuff");
+        return 1;
+    }
+    if (it->second.owner != Owner::kModule)
+        breach("output of an efbuff that is not the module's");
+    if (!kernel().held.empty())
+        breach("output with a lock held");
+    const uint32_t size = it->second.size;
+    auto *p = static_cast<uint8_t *>(efbuff);
+    const uint32_t mac = fake::read<uint16_t>(p, 22), total = fake::read<uint32_t>(p, 164);
+    if (mac != efmp().room_at)
+        breach("the frame's place was moved");
+    ASAN_UNPOISON_MEMORY_REGION(p, size);
+    fake::Sent sent{{p, p + 256}, {}};
+    if (mac + total > size)
+        breach("the frame's length is beyond the efbuff");
+    else
+        sent.frame.assign(p + mac, p + mac + total);
+    efmp().sent.push_back(sent);
+    ASAN_POISON_MEMORY_REGION(p, size);
+    efmp().live.erase(it);
+    kernel().event("output", efbuff);
+    return efmp().outcome;
 }
 
 void efmp_buff_free_sw_with_owner(void *efbuff, u32 owner)

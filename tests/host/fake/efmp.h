@@ -19,12 +19,41 @@ struct Efbuff {
     bool clone;
 };
 
+// An efbuff as efmp_output_pkt got it.
+struct Sent {
+    std::vector<uint8_t> header;  // 256 bytes
+    std::vector<uint8_t> frame;   // as long as the header says
+    template <typename T>
+    T field(size_t at) const
+    {
+        T v;
+        __builtin_memcpy(&v, header.data() + at, sizeof v);
+        return v;
+    }
+};
+
 struct Efmp {
     std::map<uint32_t, Efbuff> live;           // by address
     std::map<uint32_t, void *> interfaces;     // by ifindex
     std::vector<std::string> registrations;    // "reg_module lev2", "dereg_output local 1", ...
     std::map<std::string, int> registered;     // how often each target stands registered
-    uint64_t clones = 0, freed = 0;
+    uint64_t clones = 0, allocated = 0, freed = 0;
+
+    // ---- sending
+    uint16_t room_at = 288;                    // offset 22 of a new efbuff
+    uint32_t longest = 64 * 1024;              // frame that a new efbuff can hold
+    int outcome = 0;                           // of efmp_output_pkt
+    std::vector<Sent> sent;
+
+    // ---- services, by class and instance
+    std::map<std::pair<uint32_t, uint32_t>, void *> services;
+    std::vector<std::string> service_calls;    // "get 11 10", "reg", "unreg"
+    void (*change_handler)(uint32_t, void *) = nullptr;
+    // Change the table and tell the handler.
+    void publish(uint32_t service_class, uint32_t instance, void *entry);
+    void withdraw(uint32_t service_class, uint32_t instance);
+    // Tell the handler only.
+    void announce(uint32_t event, uint32_t service_class, uint32_t instance, void *entry);
 
     // An efbuff with that content (header and frame) that the platform owns. The
     // MAC and network offsets and the total length of the header decide what of

@@ -216,6 +216,9 @@ struct msghdr {
     void *control = nullptr;
     size_t controllen = 0;
     int timestamps = 0;
+    std::vector<uint8_t> out;    // what sendmsg sends; cannot be read from out_fault_at on
+    size_t out_fault_at = SIZE_MAX;
+    size_t out_at = 0;
 };
 
 struct task_struct {

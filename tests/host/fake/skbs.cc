@@ -205,3 +205,20 @@ int seam_msg_put_control(msghdr *msg, const void *from, size_t len)
 {
     return seam_copy_to_user(msg->control, from, len);
 }
+
+int seam_msg_namelen(const msghdr *msg) { return msg->namelen; }
+size_t seam_msg_controllen(const msghdr *msg) { return msg->controllen; }
+
+// Nothing is used up when not all can be had; the bytes before the fault have arrived.
+int seam_copy_from_msg(void *to, msghdr *msg, size_t len)
+{
+    kernel().may_sleep("copy_from_msg");
+    size_t readable = std::min(msg->out.size(), msg->out_fault_at);
+    size_t here = std::min(len, readable - std::min(readable, msg->out_at));
+    std::memcpy(to, msg->out.data() + msg->out_at, here);
+    kernel().event("copy_from_msg", msg);
+    if (here < len)
+        return -EFAULT;
+    msg->out_at += len;
+    return 0;
+}

@@ -137,6 +137,18 @@ net &init_net()
     return the_net;
 }
 
+std::atomic<long> &sent()
+{
+    static std::atomic<long> count{0};
+    return count;
+}
+
+change_handler_func &change_handler()
+{
+    static change_handler_func handler = nullptr;
+    return handler;
+}
+
 void become_cpu(int cpu) { t_cpu = cpu; }
 
 void *efbuff(const std::vector<uint8_t> &content)
@@ -215,7 +227,37 @@ void *efmp_buff_clone_with_owner(void *from, u32)
     return efbuff(std::vector<uint8_t>(p, p + 1024));
 }
 
+void *efmp_buff_alloc_sw_with_owner(u32 length, u32)
+{
+    constexpr uint16_t kRoom = 288;
+    if (length > 1024 - kRoom)
+        return nullptr;
+    void *p = efbuff(std::vector<uint8_t>(1024));
+    std::memcpy(static_cast<char *>(p) + 22, &kRoom, 2);
+    return p;
+}
+
 void efmp_buff_free_sw_with_owner(void *p, u32) { drop(p); }
+
+int efmp_output_pkt(void *p)
+{
+    sent()++;
+    drop(p);
+    return 0;
+}
+
+// One handler; a test that publishes and withdraws calls it as the platform would.
+void *efmp_get_service(u32, u32) { return nullptr; }
+int efmp_reg_serv_change_handler(efmp_serv_change_func handler)
+{
+    change_handler() = handler;
+    return 0;
+}
+int efmp_unreg_serv_change_handler(efmp_serv_change_func)
+{
+    change_handler() = nullptr;
+    return 0;
+}
 
 // ---- processor, task, barriers ---------------------------------------------------
 
@@ -477,7 +519,16 @@ void seam_msg_set_namelen(msghdr *, int) {}
 void *seam_msg_name(msghdr *msg) { return msg->name; }
 void seam_msg_add_flags(msghdr *msg, int flags) { msg->flags |= flags; }
 void seam_msg_set_controllen(msghdr *, size_t) {}
-void *seam_msg_control(msghdr *) { return nullptr; }
+void *seam_msg_control(msghdr *msg) { return const_cast<void *>(msg->control); }
+int seam_msg_namelen(const msghdr *msg) { return msg->namelen; }
+size_t seam_msg_controllen(const msghdr *msg) { return msg->controllen; }
+int seam_copy_from_msg(void *to, msghdr *msg, size_t len)
+{
+    if (len > msg->out.size())
+        return -14;
+    std::memcpy(to, msg->out.data(), len);
+    return 0;
+}
 int seam_msg_put_control(msghdr *, const void *, size_t) { return 0; }
 
 // ---- the copy thread -----------------------------------------------------------------------------

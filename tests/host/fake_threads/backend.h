@@ -52,7 +52,11 @@ static_assert(sizeof(sock) <= SEAM_SOCK_SIZE);
 struct msghdr {
     std::vector<uint8_t> data;
     void *name = nullptr;
+    int namelen = 0;
     int flags = 0;
+    const void *control = nullptr;
+    size_t controllen = 0;
+    std::vector<uint8_t> out;  // what sendmsg sends
 };
 
 struct seam_uptr {
@@ -81,5 +85,10 @@ void inject(uint32_t location, const std::vector<uint8_t> &content);
 bool registered(uint32_t location);
 
 uint32_t interface_word();
+
+// What efmp_output_pkt has got, and who follows the services.
+std::atomic<long> &sent();
+using change_handler_func = void (*)(uint32_t event, void *service_record);
+change_handler_func &change_handler();
 
 }  // namespace threads

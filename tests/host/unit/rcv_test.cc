@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The hooks: classify, clone or take, queue, answer; and their trace lines.
 #include "module_fixture.h"
+#include "serv.hpp"
 
 namespace {
 

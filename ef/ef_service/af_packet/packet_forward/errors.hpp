@@ -3,6 +3,7 @@
 #pragma once
 
 namespace err {
+inline constexpr int kNxIo = -6;
 inline constexpr int kNoMem = -12;
 inline constexpr int kFault = -14;
 inline constexpr int kNoDev = -19;
@@ -11,6 +12,8 @@ inline constexpr int kNoProtoOpt = -92;
 inline constexpr int kSockTNoSupport = -94;
 inline constexpr int kOpNotSupp = -95;
 inline constexpr int kAfNoSupport = -97;
+inline constexpr int kNetDown = -100;
+inline constexpr int kNetUnreach = -101;
 inline constexpr int kNoBufs = -105;
 inline constexpr int kNoIoctlCmd = -515; /* never seen by user space: the socket layer goes on */
 } // namespace err

@@ -7,14 +7,10 @@
 #include "log.hpp"
 #include "names.hpp"
 #include "receive.hpp"
+#include "serv.hpp"
 #include "thread.hpp"
 
 using namespace platform;
-
-extern "C" {
-constinit pkt_rnfp_func pkt_rnfp = nullptr;
-constinit pkt_rnfp_func pkt_rnfp_wlan = nullptr;
-}
 
 namespace {
 

@@ -4,11 +4,15 @@
 #include "log.hpp"
 #include "names.hpp"
 #include "rule_record.hpp"
+#include "serv.hpp"
 #include "socket.hpp"
 
 namespace {
 
 constexpr u32 kHighestTreatment = PACKET_FETCH_LOCAL;
+/* The command that handlers of the control hook know, and the bytes that come with it. */
+constexpr unsigned int kControlHookCommand = 0x8972;
+constexpr u32 kControlHookSize = 40;
 
 /** Whether a rule that is out of its library goes back in. */
 enum class ReAdd { kAlways, kWithLocation, kNever };
@@ -119,6 +123,23 @@ int change_rule_data(mox_packet_sock *po, const seam_uptr *value, unsigned int l
 	return result;
 }
 
+/** Pass the argument to the handler that another component has installed, if any. Its result. */
+int control_hook(const seam_uptr *value, unsigned int len)
+{
+	packet_cpp_ioctl_func handler = load(mox_packet_cpp_ioctl_func);
+
+	/* First of all: without a handler even an argument that is too long is no error. */
+	if (!handler)
+		return 0;
+	/* Aligned, because handlers read records from it. */
+	alignas(8) u8 buffer[kControlHookSize]{};
+	if (len > sizeof(buffer))
+		return err::kInval;
+	if (seam_copy_from_uptr(buffer, value, len))
+		return err::kFault;
+	return handler(kControlHookCommand, buffer);
+}
+
 } // namespace
 
 extern "C" int mox_packet_setsockopt(struct socket *socket, int level, int option,
@@ -147,8 +168,7 @@ extern "C" int mox_packet_setsockopt(struct socket *socket, int level, int optio
 		return 0;
 	}
 	case MOX_PACKET_CONTROL_HOOK:
-		/* No handler is registered. */
-		return 0;
+		return control_hook(value, len);
 	/* The kernel's own options that a packet socket of this family does not have. */
 	case 1:
 	case 2:

@@ -38,10 +38,27 @@ int efmp_dereg_recv_pkt_func(efmp_pkt_func func, u32 point);
 int efmp_reg_output_pkt_func(efmp_pkt_func func, u32 point);
 int efmp_dereg_output_pkt_func(efmp_pkt_func func, u32 point);
 
+/**
+ * A new efbuff with room for length bytes of frame, or null. Any context; the
+ * caller owns it. Its header is zero but for ef::kMacOffset, where the room begins.
+ */
+void *efmp_buff_alloc_sw_with_owner(u32 length, u32 owner);
 /** A full copy of an efbuff, header and frame, or null. Any context; the caller owns it. */
 void *efmp_buff_clone_with_owner(void *efbuff, u32 owner);
 /** Give an efbuff back. Any context. */
 void efmp_buff_free_sw_with_owner(void *efbuff, u32 owner);
+/**
+ * Send an efbuff. The outcome's number: what is not the platform's "drop" and
+ * not beyond its last one has been accepted. No lock held; the platform owns
+ * the efbuff from the call on, whatever the outcome.
+ */
+int efmp_output_pkt(void *efbuff);
+
+/** The entry point of a published service, or null. Process. */
+void *efmp_get_service(u32 service_class, u32 instance);
+/** Follow the services: 0 on success. The handler may be called in any context. Process. */
+int efmp_reg_serv_change_handler(efmp_serv_change_func handler);
+int efmp_unreg_serv_change_handler(efmp_serv_change_func handler);
 
 #ifdef __cplusplus
 } /* extern "C" */
@@ -81,6 +98,8 @@ inline constexpr u32 kLink = 0;           /* u32 */
 inline constexpr u32 kSrcIntf = 4;        /* pointer */
 inline constexpr u32 kDstIntf = 8;        /* pointer */
 inline constexpr u32 kVlan = 16;          /* 2 x u16, network order: inner, outer */
+inline constexpr u32 kInnerTag = 16;      /* the first of them */
+inline constexpr u32 kOuterTag = 18;      /* the second */
 inline constexpr u32 kL2Len = 20;         /* u16 */
 inline constexpr u32 kMacOffset = 22;     /* u16 */
 inline constexpr u32 kNetOffset = 24;     /* u16 */
@@ -88,9 +107,11 @@ inline constexpr u32 kFlags = 32;         /* u32 */
 inline constexpr u32 kKind = 40;          /* u8 */
 inline constexpr u32 kForwardReason = 43; /* u8 */
 inline constexpr u32 kWlanFlags = 56;     /* u32 */
+inline constexpr u32 kSendFlags = 60;     /* u32 */
 inline constexpr u32 kL2Ifx = 64;         /* u32 */
 inline constexpr u32 kOrigIfx = 68;       /* u32 */
 inline constexpr u32 kProxyCapture = 72;  /* u8 */
+inline constexpr u32 kDstL2Ifx = 76;      /* u32 */
 inline constexpr u32 kAttr = 96;          /* u32 */
 inline constexpr u32 kRadioId = 144;      /* u8 */
 inline constexpr u32 kWlanId = 146;       /* u16 */
@@ -104,6 +125,16 @@ inline constexpr u32 kHalf188 = 188;      /* u16 */
 inline constexpr u32 kFlagTrace = 0x4000;
 inline constexpr u32 kFlag40000 = 0x40000;
 inline constexpr u32 kFlag80 = 0x80;
+
+/* ef::kSendFlags */
+inline constexpr u32 kSendVxlanEncap = 0x1;
+inline constexpr u32 kSendBlock = 0x2;
+inline constexpr u32 kSend4 = 0x4;
+inline constexpr u32 kSendNoAcl = 0x8;
+inline constexpr u32 kSendProxyCapture = 0x10;
+inline constexpr u32 kSend20 = 0x20;
+inline constexpr u32 kSend40 = 0x40;
+inline constexpr u32 kSend80 = 0x80;
 
 /* ef::kWlanFlags */
 inline constexpr u32 kWlan80211 = 0x40000;
@@ -123,6 +154,33 @@ inline constexpr u8 kReasonKind2 = 13;
 /* VLAN word as a little-endian u32: the id bits of the outer tag (bytes 18-19). */
 inline constexpr u32 kVlanIdMask = 0xFF0F0000u;
 } // namespace ef
+
+/** What efmp_output_pkt answers. */
+namespace outcome {
+inline constexpr int kDrop = 1;
+inline constexpr int kHighest = 7;
+} // namespace outcome
+
+/** A service of the platform. */
+struct service {
+	u32 service_class;
+	u32 instance;
+};
+inline constexpr service kLocalMacService{ 11, 10 };
+inline constexpr service kDropService{ 32, 0 };
+inline constexpr service kWlanDropService{ 32, 3 };
+
+/** What a change handler gets; pointers and numbers are 32-bit words. */
+struct service_record {
+	void *entry;
+	u32 service_class;
+	u32 instance;
+};
+static_assert(sizeof(void *) != 4 || sizeof(service_record) == 12, "platform service record");
+
+/** Events of a change handler. */
+inline constexpr u32 kServiceAvailable = 0;
+inline constexpr u32 kServiceWithdrawn = 1;
 
 /** What the module records say of themselves; the platform owns the meaning. */
 struct record_numbers {

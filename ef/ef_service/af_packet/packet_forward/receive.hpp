@@ -156,11 +156,6 @@ extern "C" {
 /** Six zero bytes: the MAC addresses of a packet without a layer-2 header. */
 extern const u8 pkt_null_mac[6];
 
-/* Receive-side services of the platform: non-zero to have the packet dropped. */
-typedef int (*pkt_rnfp_func)(void *efbuff);
-extern pkt_rnfp_func pkt_rnfp;
-extern pkt_rnfp_func pkt_rnfp_wlan;
-
 /* The hooks. Called by the platform with bottom halves disabled; platform.h has the answers. */
 u32 mox_packet_local_rcv(void);
 u32 mox_packet_lev2_rcv(void);

@@ -234,10 +234,18 @@ void seam_msg_set_namelen(struct msghdr *msg, int len);
 void *seam_msg_name(struct msghdr *msg);
 void seam_msg_add_flags(struct msghdr *msg, int flags);
 void seam_msg_set_controllen(struct msghdr *msg, size_t len);
-/** The caller's control buffer, or null. */
+/** The caller's control buffer, or null; for sendmsg and at most seam_msg_controllen bytes, the kernel's copy. */
 void *seam_msg_control(struct msghdr *msg);
 /** Store len bytes at the control buffer, raw: 0 or -EFAULT. Process. */
 int seam_msg_put_control(struct msghdr *msg, const void *from, size_t len);
+
+/* ---- sendmsg --------------------------------------------------------------------- */
+
+/** Bytes of the name and of the control buffer. */
+int seam_msg_namelen(const struct msghdr *msg);
+size_t seam_msg_controllen(const struct msghdr *msg);
+/** Copy the next len bytes of the message's data: 0 or -EFAULT, when not all can be read. Process. */
+int seam_copy_from_msg(void *to, struct msghdr *msg, size_t len);
 
 /* ---- the copy thread --------------------------------------------------------------- */
 
@@ -283,6 +291,7 @@ int mox_packet_setsockopt(struct socket *socket, int level, int option,
 			  const struct seam_uptr *value, unsigned int len);
 int mox_packet_getsockopt(struct socket *socket, int level, int option, char *user_value,
 			  int *user_len);
+int mox_packet_sendmsg(struct socket *socket, struct msghdr *msg, size_t len);
 int mox_packet_recvmsg(struct socket *socket, struct msghdr *msg, size_t len, int flags);
 
 #ifdef __cplusplus

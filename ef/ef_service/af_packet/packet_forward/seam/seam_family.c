@@ -46,7 +46,7 @@ const struct proto_ops mox_packet_ops = {
 	.shutdown = sock_no_shutdown,
 	.setsockopt = seam_setsockopt,
 	.getsockopt = seam_getsockopt,
-	.sendmsg = sock_no_sendmsg,
+	.sendmsg = mox_packet_sendmsg,
 	.recvmsg = mox_packet_recvmsg,
 	.mmap = sock_no_mmap,
 	SEAM_SENDPAGE

@@ -5,6 +5,7 @@
 #include <linux/skbuff.h>
 #include <linux/socket.h>
 #include <linux/uaccess.h>
+#include <linux/uio.h>
 #include <net/sock.h>
 
 #include "seam.h"
@@ -197,4 +198,19 @@ int seam_msg_put_control(struct msghdr *msg, const void *from, size_t len)
 		return 0;
 	}
 	return copy_to_user((void __user *)msg->msg_control, from, len) ? -EFAULT : 0;
+}
+
+int seam_msg_namelen(const struct msghdr *msg)
+{
+	return msg->msg_namelen;
+}
+
+size_t seam_msg_controllen(const struct msghdr *msg)
+{
+	return msg->msg_controllen;
+}
+
+int seam_copy_from_msg(void *to, struct msghdr *msg, size_t len)
+{
+	return copy_from_iter_full(to, len, &msg->msg_iter) ? 0 : -EFAULT;
 }
