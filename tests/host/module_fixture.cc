@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "module_fixture.h"
 
+#include "pktd_filter.hpp"
+
 Sock::~Sock()
 {
     if (sk)
@@ -83,6 +85,7 @@ void ModuleTest::SetUp()
     memset(g_regular_data_stats, 0, sizeof g_regular_data_stats);
     memset(g_regular_item_stats, 0, sizeof g_regular_item_stats);
     memset(mox_packet_debug, 0, sizeof mox_packet_debug);
+    memset(&g_pktd_kdbg_filter, 0, sizeof g_pktd_kdbg_filter);
     g_packet_regular_data_alloc = g_packet_regular_data_free = 0;
     g_alloc_skb_num = g_free_skb_num = 0;
     g_packet_thread_debug = {};

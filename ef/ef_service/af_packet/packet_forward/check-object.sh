@@ -48,10 +48,10 @@ done
 for symbol in $($nm -P -u "$object" | awk '{ print $1 }'); do
 	case $symbol in
 	# ours, the seam's and the platform's
-	seam_* | mox_* | pkt_* | g_* | efmp_* | lsm_get_intfcb | simple_getcwd) ;;
+	seam_* | mox_* | pkt_* | pktd_* | show_pktd_* | g_* | efmp_* | lsm_get_intfcb | simple_getcwd) ;;
 	_Z*EfbuffChain* | _Z*RuleRecord* | _Z*hook_* | _Z*location_* | _Z*treatment_name* | \
 	_Z*rule_type_name* | _Z*trace_packet* | _Z*trace_wlan_packet* | _Z*pkt_* | \
-	_Z*current_vsd* | _Z*queue_append* | _Z*queue_detach*) ;;
+	_Z*report_* | _Z*pktd_* | _Z*current_vsd* | _Z*queue_append* | _Z*queue_detach*) ;;
 	# what the compiler emits by itself, and the kernel exports
 	memcpy | memset | memmove | memcmp | strlen | strncmp) ;;
 	__memzero | __aeabi_unwind_cpp_pr[0-2] | __aeabi_uidiv | __aeabi_idiv | __gnu_mcount_nc) ;;

@@ -8,6 +8,7 @@
 #include "list.hpp"
 #include "log.hpp"
 #include "names.hpp"
+#include "pktd_filter.hpp"
 #include "receive.hpp"
 #include "socket.hpp"
 #include "thread.hpp"
@@ -214,9 +215,23 @@ bool deliver(const void *efbuff, u16 eth_type, mox_packet_sock *po)
 
 /** The seven per-location queues. */
 struct LocationDelivery {
+	u32 location;
 	pkt_info info;
 
-	explicit LocationDelivery(void *efbuff) { pkt_info_build(efbuff, &info); }
+	LocationDelivery(u32 queue_location, void *efbuff) : location(queue_location)
+	{
+		pkt_info_build(efbuff, &info);
+	}
+
+	/** The filter sees every matched packet here, marked or not; hooks ask it of unmarked ones. */
+	void trace(const packet_regular &rule)
+	{
+		const bool passes = pktd_filter_passes(info);
+		if (traced(info.efbuff))
+			trace_delivery(info, rule);
+		else if (passes)
+			(void)path_switch_on(location);
+	}
 
 	/** Offer the packet to a rule's socket; true ends the walk. */
 	bool offer(const packet_regular &rule)
@@ -226,8 +241,7 @@ struct LocationDelivery {
 		SockRef ref(rule.owner);
 		if (rule.owner->vsd != 0 || !pkt_rule_match(&info, &rule))
 			return false;
-		if (traced(info.efbuff))
-			trace_delivery(info, rule);
+		trace(rule);
 		bool offered = deliver(info.efbuff, info.eth_type, rule.owner);
 		return offered && rule.treatment == PACKET_TRAP;
 	}
@@ -238,15 +252,23 @@ struct WlanDelivery {
 	void *efbuff;
 	pkt_wlan_info info;
 
-	explicit WlanDelivery(void *buffer) : efbuff(buffer) { pkt_wlan_info_build(buffer, &info); }
+	WlanDelivery(u32, void *buffer) : efbuff(buffer) { pkt_wlan_info_build(buffer, &info); }
+
+	/** The small summary has nothing that the debug filter compares: it is not asked. */
+	void trace(const packet_regular &rule)
+	{
+		if (traced(efbuff))
+			trace_wlan_delivery(efbuff, info, rule);
+		else
+			(void)path_switch_on(PACKET_WLAN_LOC);
+	}
 
 	bool offer(const packet_regular &rule)
 	{
 		if (rule.owner->vsd != 0 || !pkt_wlan_rule_match(&info, &rule))
 			return false;
 		SockRef ref(rule.owner);
-		if (traced(efbuff))
-			trace_wlan_delivery(efbuff, info, rule);
+		trace(rule);
 		deliver(efbuff, info.eth_type, rule.owner);
 		return false;
 	}
@@ -261,12 +283,12 @@ void spend(u32 *budget)
 }
 
 template <typename Delivery>
-void deliver_queue(packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
+void deliver_queue(u32 location, packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
 {
 	EfbuffChain chain = queue_detach(queue);
 	while (void *efbuff = chain.next()) {
 		spend(budget);
-		Delivery delivery(efbuff);
+		Delivery delivery(location, efbuff);
 		{
 			ReadGuard guard(&lib->lock);
 			for (const packet_regular *rule : regulars_of(&lib->regulars)) {
@@ -284,14 +306,15 @@ void deliver_queue(packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
 
 extern "C" {
 
-void mox_packet_deal_regular_lib_pkt(u32, packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
+void mox_packet_deal_regular_lib_pkt(u32 location, packet_regular_lib *lib, efbuff_queue *queue,
+				     u32 *budget)
 {
-	deliver_queue<LocationDelivery>(lib, queue, budget);
+	deliver_queue<LocationDelivery>(location, lib, queue, budget);
 }
 
 void mox_packet_deal_regular_lib_wlan_pkt(packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
 {
-	deliver_queue<WlanDelivery>(lib, queue, budget);
+	deliver_queue<WlanDelivery>(PACKET_WLAN_LOC, lib, queue, budget);
 }
 
 void mox_packet_deal_regular_lib_pkt_global(u32 location, packet_regular_lib *lib,

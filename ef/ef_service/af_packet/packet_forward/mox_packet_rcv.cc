@@ -6,6 +6,7 @@
  */
 #include "log.hpp"
 #include "names.hpp"
+#include "pktd_filter.hpp"
 #include "receive.hpp"
 #include "serv.hpp"
 #include "thread.hpp"
@@ -22,6 +23,10 @@ struct Receiver {
 	u32 taken;    /* answer when the module takes the packet */
 	u32 go_on;    /* answer when it does not */
 	bool services; /* drop services are asked and the forward reason is written */
+
+	/** The receiver's own byte of the debug switches. */
+	constexpr u32 path_switch() const { return location + kSwitchesBefore; }
+	static constexpr u32 kSwitchesBefore = u32{ MOX_DEBUG_RECEIVE_FIRST } - PACKET_LOCAL_LOC;
 };
 
 constexpr Receiver kLocal{ PACKET_LOCAL_LOC, &g_local_packet_regular_lib, kQueueLocal,
@@ -107,6 +112,8 @@ template <const Receiver &R> u32 receive()
 	const bool trace = traced(efbuff);
 	if (trace)
 		trace_received(info, R.location);
+	else if (pktd_filter_passes(info))
+		(void)path_switch_on(R.path_switch());
 
 	u32 treatment;
 	{
