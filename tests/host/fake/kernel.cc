@@ -101,6 +101,8 @@ void Kernel::audit()
     EXPECT_TRUE(tasks.empty()) << tasks.size() << " threads left";
     EXPECT_FALSE(proto_registered) << "protocol left registered";
     EXPECT_FALSE(family_registered) << "family left registered";
+    EXPECT_FALSE(genl_registered) << "generic netlink family left registered";
+    EXPECT_TRUE(open_files.empty()) << open_files.size() << " files left open";
     EXPECT_FALSE(pernet_registered) << "namespace operations left registered";
     EXPECT_EQ(inuse, 0) << "sockets counted in use";
     EXPECT_EQ(init_net().refs, 1) << "references on the initial namespace";

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -17,7 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "seam/seam.h"
+#include "seam/seam_control.h"
 
 namespace fake {
 
@@ -109,6 +110,17 @@ struct Kernel {
     int inuse = 0;                   // of the module's protocol, over all namespaces
     bool proto_registered = false, family_registered = false, pernet_registered = false;
 
+    // ---- the control channel and the dump file
+    bool genl_registered = false;
+    struct Answer {
+        uint32_t client;
+        std::vector<uint8_t> message;
+    };
+    std::vector<Answer> answers;               // sent over netlink
+    std::map<std::string, std::string> disk;   // what files hold, by path
+    std::vector<size_t> writes;                // bytes of each write
+    std::set<struct ::file *> open_files;
+
     // ---- threads: the body runs when a test says so
     bool thread_stop_asked = false;
     // What the sleeping thread meets, one per sleep: returns the wait's result.
@@ -151,6 +163,9 @@ Kernel &kernel();
 
 // A breach of the kernel's or the platform's rules: fails the running test.
 void breach(const std::string &what);
+
+// printf as the kernel has it.
+std::string render(const char *format, va_list args);
 
 }  // namespace fake
 
@@ -228,6 +243,16 @@ struct task_struct {
     bool ran = false;
     int wakes = 0;
     int priority = -1;
+};
+
+struct genl_info {
+    std::vector<uint8_t> message;  // from the netlink header on
+    uint32_t client = 0;
+};
+
+struct file {
+    std::string path;
+    size_t at = 0;
 };
 
 struct kmem_cache {

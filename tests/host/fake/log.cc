@@ -43,6 +43,10 @@ std::string pointer(const char *&f, const void *p)
     return print("%08lx", reinterpret_cast<unsigned long>(p) & 0xffffffffUL);
 }
 
+}  // namespace
+
+namespace fake {
+
 std::string render(const char *f, va_list args)
 {
     std::string out;
@@ -74,13 +78,13 @@ std::string render(const char *f, va_list args)
     return out;
 }
 
-}  // namespace
+}  // namespace fake
 
 int mox_printk(const char *fmt, ...)
 {
     va_list args;
     va_start(args, fmt);
-    std::string text = render(fmt, args);
+    std::string text = fake::render(fmt, args);
     va_end(args);
     fake::Line line;
     if (text.size() > 1 && text[0] == '\001') {

@@ -15,11 +15,15 @@
 
 #include "platform.h"
 #include "receive.hpp"
+#include "seam/seam_control.h"
 
 namespace threads {
 namespace {
 
 thread_local int t_cpu = 0;
+std::atomic<int> g_last_pid{0};
+// A task of its own for each thread: the dump file is one task's.
+thread_local const int t_pid = ++g_last_pid;
 thread_local void *t_efbuff = nullptr;
 
 // Hooks are readers, a grace period waits for all of them.
@@ -265,7 +269,7 @@ int seam_cpu(void) { return t_cpu; }
 int seam_nr_cpu_ids(void) { return 4; }
 int seam_next_present_cpu(int cpu) { return cpu + 1; }
 unsigned long seam_current_efbuff(void) { return reinterpret_cast<unsigned long>(t_efbuff) | 1; }
-s32 seam_current_pid(void) { return 1; }
+s32 seam_current_pid(void) { return t_pid; }
 void seam_current_comm(char name[16]) { std::memset(name, 0, 16); }
 char *seam_cwd_path(char *buf, size_t) { return std::strcpy(buf, "/"); }
 unsigned long seam_strtoul10(const char *text) { return std::strtoul(text, nullptr, 10); }
@@ -595,3 +599,40 @@ void seam_thread_stop(task_struct *task)
     live().tasks--;
 }
 int seam_thread_should_stop(void) { return t_task->stop; }
+
+// ---- the control channel and the dump file --------------------------------------------------
+
+int seam_scnprintf(char *buf, size_t size, const char *fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    int len = vsnprintf(buf, size, fmt, args);
+    va_end(args);
+    return std::min(len, static_cast<int>(size) - 1);
+}
+int seam_genl_register(void) { return 0; }
+void seam_genl_unregister(void) {}
+const void *seam_genl_message(const genl_info *info) { return info->message.data(); }
+u32 seam_genl_client(const genl_info *) { return 1; }
+sk_buff *seam_genl_alloc(void) { return seam_skb_alloc(36); }
+void *seam_genl_put(sk_buff *skb, u32) { return seam_skb_put(skb, 20); }
+int seam_genl_put_empty(sk_buff *skb, int) { return seam_skb_put(skb, 4), 0; }
+void seam_genl_end(sk_buff *, void *) {}
+int seam_genl_unicast(sk_buff *skb, u32) { return free_skb(skb), 0; }
+void seam_genl_free(sk_buff *skb) { free_skb(skb); }
+file *seam_file_open(const char *)
+{
+    live().files++;
+    return new file;
+}
+long seam_file_write(file *f, const void *from, size_t len)
+{
+    f->content.append(static_cast<const char *>(from), len);
+    return len;
+}
+void seam_file_close(file *f)
+{
+    live().files--;
+    live().dumped += f->content.size();
+    delete f;
+}

@@ -8,9 +8,10 @@
 #include <cstdint>
 #include <deque>
 #include <pthread.h>
+#include <string>
 #include <vector>
 
-#include "seam/seam.h"
+#include "seam/seam_control.h"
 
 // Waits like the kernel's: a thread that holds it keeps others out for good.
 struct PthreadLock {
@@ -63,11 +64,20 @@ struct seam_uptr {
     const void *from;
 };
 
+struct genl_info {
+    std::vector<uint8_t> message;
+};
+
+struct file {
+    std::string content;
+};
+
 namespace threads {
 
 // What exists at this moment; all zero at the end of a test.
 struct Live {
-    std::atomic<long> blocks, objects, caches, socks, skbs, efbuffs, tasks;
+    std::atomic<long> blocks, objects, caches, socks, skbs, efbuffs, tasks, files;
+    std::atomic<size_t> dumped;  // bytes in dump files that are closed again
 };
 Live &live();
 net &init_net();

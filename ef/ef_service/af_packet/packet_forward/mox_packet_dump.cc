@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Reports: a socket, its rule, and the copy thread, to the kernel log line by line. */
+/* Reports: a socket, its rule, and the copy thread. */
 #include "list.hpp"
-#include "log.hpp"
 #include "names.hpp"
 #include "receive.hpp"
+#include "report.hpp"
 #include "socket.hpp"
 #include "thread.hpp"
 
@@ -38,9 +38,9 @@ extern "C" {
 void mox_packet_dump_regular_type(u32 type)
 {
 	if (const char *name = rule_type_name(type))
-		mox_printk("%s\n", name);
+		REPORT_LINE("%s\n", name);
 	else
-		mox_printk("illegal regular type!\n");
+		REPORT_LINE("illegal regular type!\n");
 }
 
 /* The two blanks before the line end are part of the report. */
@@ -48,45 +48,45 @@ void mox_packet_dump_regular_data(u32 type, const u8 *value)
 {
 	switch (type) {
 	case PACKET_PACKET_CODE_EQUAL:
-		mox_printk("code: %d, subcode: %d  \n", value[0], value[1]);
+		REPORT_LINE("code: %d, subcode: %d  \n", value[0], value[1]);
 		break;
 	case PACKET_DEST_MAC_EQUAL:
 	case PACKET_SRC_MAC_EQUAL:
-		mox_printk("%pM  \n", value);
+		REPORT_LINE("%pM  \n", value);
 		break;
 	case PACKET_ETH_PROT_EQUAL:
 	case PACKET_SNAP_ETH_TYPE_EQUAL:
-		mox_printk("%04x  \n", host16(field<u16>(value, 0)));
+		REPORT_LINE("%04x  \n", host16(field<u16>(value, 0)));
 		break;
 	case PACKET_IPv4_PROT_EQUAL:
 	case PACKET_IPv6_PROT_EQUAL:
 	case PACKET_ICMPV6_TYPE_EQUAL:
 	case PACKET_EAPOL_TYPE_EQUAL:
 	case PACKET_EAPOL_TYPE_WPS:
-		mox_printk("%d  \n", value[0]);
+		REPORT_LINE("%d  \n", value[0]);
 		break;
 	case PACKET_IPv4_DEST_PORT_EQUAL:
 	case PACKET_IPv4_SRC_PORT_EQUAL:
 	case PACKET_IPv6_DEST_PORT_EQUAL:
-		mox_printk("%d  \n", host16(field<u16>(value, 0)));
+		REPORT_LINE("%d  \n", host16(field<u16>(value, 0)));
 		break;
 	case PACKET_SRC_INTF_EQUAL:
-		mox_printk("%u  \n", field<u32>(value, 0));
+		REPORT_LINE("%u  \n", field<u32>(value, 0));
 		break;
 	case PACKET_PID_T:
-		mox_printk("%d  \n", field<s32>(value, 0));
+		REPORT_LINE("%d  \n", field<s32>(value, 0));
 		break;
 	case PACKET_ARP_TYPE:
-		mox_printk("%d  \n", field<u16>(value, 0));
+		REPORT_LINE("%d  \n", field<u16>(value, 0));
 		break;
 	case PACKET_IPv4_MCAST_TRAFFIC:
 	case PACKET_IPv6_MCAST_TRAFFIC:
 	case PACKET_ALL:
 	case PACKET_WLAN_MGNT:
-		mox_printk("\n");
+		REPORT_LINE("\n");
 		break;
 	default:
-		mox_printk("illegal regular type!\n");
+		REPORT_LINE("illegal regular type!\n");
 		break;
 	}
 }
@@ -94,48 +94,48 @@ void mox_packet_dump_regular_data(u32 type, const u8 *value)
 void mox_packet_dump_regular(const packet_regular *regular)
 {
 	for (const regular_item *item : items_of(regular)) {
-		mox_printk("regular type:  ");
+		REPORT_LINE("regular type:  ");
 		mox_packet_dump_regular_type(item->type);
-		mox_printk("regular data:  ");
+		REPORT_LINE("regular data:  ");
 		bool first = true;
 		for (const regular_data *datum : datas_of(item)) {
 			if (!first)
-				mox_printk("               ");
+				REPORT_LINE("               ");
 			first = false;
 			mox_packet_dump_regular_data(item->type, datum->value);
 		}
-		mox_printk("\n");
+		REPORT_LINE("\n");
 	}
-	mox_printk("PACKET LOC:         %s\n", location_name(regular->location));
-	mox_printk("PACKET TREATMENT:   %s\n", treatment_name(regular->treatment));
+	REPORT_LINE("PACKET LOC:         %s\n", location_name(regular->location));
+	REPORT_LINE("PACKET TREATMENT:   %s\n", treatment_name(regular->treatment));
 }
 
 void mox_packet_sock_dump(mox_packet_sock *po)
 {
 	sock *sk = sk_of(po);
 
-	mox_printk("\n------------ dump sock ------------\n");
-	mox_printk("process:       %s\n", po->process);
-	mox_printk("vsd:           %u\n", po->vsd);
-	mox_printk("pid:           %d\n", po->pid);
-	mox_printk("running:       %s\n", po_flag(po, PO_RUNNING) ? "running" : "stop");
-	mox_printk("ctrldata:      %s\n", po_flag(po, PO_CTRL_INFO) ? "require" : "unrequire");
-	mox_printk("ifindex:       %u\n", po->ifindex);
-	mox_printk("regulars:\n");
+	REPORT_LINE("\n------------ dump sock ------------\n");
+	REPORT_LINE("process:       %s\n", po->process);
+	REPORT_LINE("vsd:           %u\n", po->vsd);
+	REPORT_LINE("pid:           %d\n", po->pid);
+	REPORT_LINE("running:       %s\n", po_flag(po, PO_RUNNING) ? "running" : "stop");
+	REPORT_LINE("ctrldata:      %s\n", po_flag(po, PO_CTRL_INFO) ? "require" : "unrequire");
+	REPORT_LINE("ifindex:       %u\n", po->ifindex);
+	REPORT_LINE("regulars:\n");
 	mox_packet_dump_regular(&po->regular);
 	for (const CounterLine &line : kCounterLines)
-		mox_printk(line.format, load(po->counters.*line.counter));
-	mox_printk("skbs to be recv:        %u\n", seam_rcvq_len(sk));
-	mox_printk("skbs to be send:        %u\n", seam_writeq_len(sk));
-	mox_printk("sk refcnt:              %u\n", seam_sk_refcnt(sk));
+		REPORT_LINE(line.format, load(po->counters.*line.counter));
+	REPORT_LINE("skbs to be recv:        %u\n", seam_rcvq_len(sk));
+	REPORT_LINE("skbs to be send:        %u\n", seam_writeq_len(sk));
+	REPORT_LINE("sk refcnt:              %u\n", seam_sk_refcnt(sk));
 }
 
 void mox_packet_dump_thread(void)
 {
-	mox_printk("\n-------------PACKET-COPY-THREAD---------------\n");
-	mox_printk("scheduled:          %lu\n",
-		   static_cast<unsigned long>(load(g_packet_thread_debug.scheduled)));
-	mox_printk("Alloc skb failed:   %lu\n",
-		   static_cast<unsigned long>(load(g_packet_thread_debug.alloc_skb_failed)));
+	REPORT_LINE("\n-------------PACKET-COPY-THREAD---------------\n");
+	REPORT_LINE("scheduled:          %lu\n",
+		    static_cast<unsigned long>(load(g_packet_thread_debug.scheduled)));
+	REPORT_LINE("Alloc skb failed:   %lu\n",
+		    static_cast<unsigned long>(load(g_packet_thread_debug.alloc_skb_failed)));
 }
 } // extern "C"

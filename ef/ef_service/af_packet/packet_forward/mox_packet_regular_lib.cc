@@ -14,32 +14,6 @@
 
 namespace {
 
-packet_regular_lib *library_of(u32 location)
-{
-	switch (location) {
-	case PACKET_LOCAL_LOC:
-		return &g_local_packet_regular_lib;
-	case PACKET_LEV2_LOC:
-		return &g_lev2_packet_regular_lib;
-	case PACKET_IPv4_LOC:
-		return &g_ipv4_packet_regular_lib;
-	case PACKET_IPv6_LOC:
-		return &g_ipv6_packet_regular_lib;
-	case PACKET_MPLS_LOC:
-		return &g_mpls_packet_regular_lib;
-	case PACKET_TRILL_LOC:
-		return &g_trill_packet_regular_lib;
-	case PACKET_RESV_LOC:
-	case PACKET_LEV2_RESV_LOC:
-	case PACKET_LEV3_RESV_LOC:
-		return &g_resv_packet_regular_lib;
-	case PACKET_WLAN_LOC:
-		return &g_wlan_packet_regular_lib;
-	default:
-		return nullptr;
-	}
-}
-
 /** The link after which a new fetch rule goes: the last of the leading run of traps, or the head. */
 list_head *behind_traps(list_head *head)
 {
@@ -263,6 +237,32 @@ void remove_from_library(packet_regular *regular, packet_regular_lib *lib)
 
 } // namespace
 
+packet_regular_lib *location_library(u32 location)
+{
+	switch (location) {
+	case PACKET_LOCAL_LOC:
+		return &g_local_packet_regular_lib;
+	case PACKET_LEV2_LOC:
+		return &g_lev2_packet_regular_lib;
+	case PACKET_IPv4_LOC:
+		return &g_ipv4_packet_regular_lib;
+	case PACKET_IPv6_LOC:
+		return &g_ipv6_packet_regular_lib;
+	case PACKET_MPLS_LOC:
+		return &g_mpls_packet_regular_lib;
+	case PACKET_TRILL_LOC:
+		return &g_trill_packet_regular_lib;
+	case PACKET_RESV_LOC:
+	case PACKET_LEV2_RESV_LOC:
+	case PACKET_LEV3_RESV_LOC:
+		return &g_resv_packet_regular_lib;
+	case PACKET_WLAN_LOC:
+		return &g_wlan_packet_regular_lib;
+	default:
+		return nullptr;
+	}
+}
+
 extern "C" {
 
 filter_list_data *pkt_add_new_filter_data(u32 type, const void *value, packet_regular_lib *lib)
@@ -349,7 +349,7 @@ void mox_packet_insert_regular(packet_regular *regular, packet_regular_lib *lib,
 int mox_packet_handle_regular(packet_regular *regular, u32 add)
 {
 	u32 location = regular->location;
-	packet_regular_lib *lib = library_of(location);
+	packet_regular_lib *lib = location_library(location);
 	if (!lib) {
 		MOX_DEBUG("MOX-PACKET-HANDLE-REGULAR: location illegal!\n");
 		return -1;

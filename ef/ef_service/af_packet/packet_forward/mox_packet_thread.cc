@@ -33,10 +33,8 @@ constexpr QueueTraits kQueues[CPU_QUEUES] = {
 /** The pending byte of a location, or null for a number that no hook has. */
 u8 *pending_byte(u32 location)
 {
-	for (u32 queue = 0; queue < CPU_QUEUES; queue++)
-		if (kQueues[queue].location == location)
-			return &g_packet_thread_top.pending[queue];
-	return nullptr;
+	u32 queue = location_queue(location);
+	return queue < CPU_QUEUES ? &g_packet_thread_top.pending[queue] : nullptr;
 }
 
 /** The copy thread's lines need the location's own switch besides the general one. */
@@ -108,6 +106,14 @@ void handle_wake_up()
 }
 
 } // namespace
+
+u32 location_queue(u32 location)
+{
+	for (u32 queue = 0; queue < CPU_QUEUES; queue++)
+		if (kQueues[queue].location == location)
+			return queue;
+	return CPU_QUEUES;
+}
 
 extern "C" {
 

@@ -105,6 +105,9 @@ regular_data *pkt_search_data_in_regular_lib(const regular_data *data,
 	SEAM_REQUIRES_SHARED(lib->lock);
 } // extern "C"
 
+/** The library that serves a location, or null for a number that has none. */
+packet_regular_lib *location_library(u32 location);
+
 /** Treatments that are indexed in the filter list. */
 inline bool treatment_indexed(u32 treatment)
 {

@@ -85,7 +85,10 @@ int mox_packet_family_init(void);
 void mox_packet_family_deinit(void);
 u8 mox_packet_family_had_init(void);
 
-/** The socket's report, to the kernel log. Process; takes no lock. */
+/**
+ * The socket's report. Its rule must stand still: the socket lock is held, or
+ * the lock of the library that the rule is in. Any.
+ */
 void mox_packet_sock_dump(mox_packet_sock *po);
 /** The rule's part of the report. */
 void mox_packet_dump_regular(const packet_regular *regular);

@@ -13,6 +13,9 @@ struct packet_thread_debug {
 /** Packets that a drain handles before it gives up the CPU once. */
 inline constexpr u32 kDrainBudget = 1000;
 
+/** The queue of a CPU slot that a location (1 to 8) uses; CPU_QUEUES for any other number. */
+u32 location_queue(u32 location);
+
 extern "C" {
 extern packet_thread_debug g_packet_thread_debug;
 extern u8 mox_packet_thread_init_ok;
