@@ -12,6 +12,7 @@ const Strings kCachesUp{"cache+ pkt_regular_data", "cache+ pkt_item_mem", "cache
                         "cache+ pkt_match_mem"};
 const Strings kCachesDown{"cache- pkt_regular_data", "cache- pkt_item_mem", "cache- pkt_flt_mem",
                           "cache- pkt_match_mem"};
+const Strings kGenlUp{"genl+"}, kGenlDown{"genl-"};
 const Strings kFamilyUp{"proto+", "family+", "pernet+", "ns init"};
 const Strings kFamilyDown{"pernet-", "family-", "proto-"};
 
@@ -48,7 +49,7 @@ TEST_F(Load, load__everything_is_up_and_registered)
 {
     ASSERT_EQ(mox_packet_init(), 0);
     EXPECT_EQ(kernel().journal,
-              kCachesUp + kFamilyUp + (Strings{"waitqueue", "thread+ packet-copy"}));
+              kCachesUp + kGenlUp + kFamilyUp + (Strings{"waitqueue", "thread+ packet-copy"}));
     EXPECT_EQ(up(), kAll);
     EXPECT_EQ(mox_packet_family_had_init(), 1);
     EXPECT_EQ(mox_packet_thread_had_init(), 1);
@@ -62,7 +63,7 @@ TEST_F(Load, unload__family_first_then_a_grace_period_and_the_thread_last)
     kernel().journal.clear();
     mox_packet_exit();
     EXPECT_EQ(kernel().journal,
-              kFamilyDown + Strings{"grace"} + kCachesDown + Strings{"thread- packet-copy"});
+              kFamilyDown + Strings{"grace"} + kGenlDown + kCachesDown + Strings{"thread- packet-copy"});
     EXPECT_EQ(up(), Strings{});
     EXPECT_EQ(mox_packet_family_had_init(), 0);
     EXPECT_TRUE(kernel().log.empty());
@@ -100,7 +101,7 @@ TEST_F(Load, load_and_unload__can_be_repeated)
     for (int round = 0; round < 3; round++) {
         kernel().journal.clear();
         ASSERT_EQ(mox_packet_init(), 0);
-        EXPECT_EQ(kernel().journal.size(), 10u);
+        EXPECT_EQ(kernel().journal.size(), 11u);
         mox_packet_exit();
     }
 }
@@ -146,7 +147,22 @@ TEST_F(Load, load__family_failing)
         ASSERT_EQ(kernel().log.size(), 2u);
         EXPECT_EQ(kernel().log[0].level, 6);
         EXPECT_EQ(kernel().log[1].level, 6);
-        EXPECT_EQ(kernel().journal, kCachesUp + c.journal + kCachesDown);
+        EXPECT_EQ(kernel().journal, kCachesUp + kGenlUp + c.journal + kGenlDown + kCachesDown);
+        EXPECT_EQ(up(), Strings{});
+    }
+}
+
+TEST_F(Load, load__control_channel_failing)
+{
+    for (int error : {-17, -12}) {
+        kernel().log.clear();
+        kernel().journal.clear();
+        kernel().error["genl_register"] = error;
+        kernel().fail("genl_register");
+        EXPECT_EQ(mox_packet_init(), -1);
+        EXPECT_EQ(kernel().text(), "Failed to register generic netlink family, errno " +
+                                       std::to_string(error) + "\nPACKET-MSG init failed\n");
+        EXPECT_EQ(kernel().journal, kCachesUp + Strings{"genl+ fails"} + kCachesDown);
         EXPECT_EQ(up(), Strings{});
     }
 }
@@ -158,7 +174,8 @@ TEST_F(Load, load__thread_failing_takes_the_registered_family_back)
     EXPECT_EQ(kernel().text(),
               "CAN NOT CREATE PACKET-COPY-THREAD !\nPACKET-THREAD init failed\n");
     EXPECT_EQ(kernel().journal,
-              kCachesUp + kFamilyUp + Strings{"waitqueue"} + kFamilyDown + kCachesDown);
+              kCachesUp + kGenlUp + kFamilyUp + Strings{"waitqueue"} + kFamilyDown + kGenlDown +
+                  kCachesDown);
     EXPECT_EQ(up(), Strings{});
 }
 
@@ -172,7 +189,7 @@ TEST_F(Load, load__namespace_operations_failing_is_no_failure)
     EXPECT_TRUE(kernel().log.empty());
     kernel().journal.clear();
     mox_packet_exit();
-    EXPECT_EQ(kernel().journal, (Strings{"family-", "proto-", "grace"}) + kCachesDown +
+    EXPECT_EQ(kernel().journal, (Strings{"family-", "proto-", "grace"}) + kGenlDown + kCachesDown +
                                     Strings{"thread- packet-copy"});
     // The next load starts afresh.
     ASSERT_EQ(mox_packet_init(), 0);

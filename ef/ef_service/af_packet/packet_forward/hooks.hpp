@@ -42,3 +42,10 @@ void hook_lock_init();
  * its lock released. Never sleeps; what the platform answers changes nothing.
  */
 void hook_follow_library(u32 location, packet_regular_lib *lib);
+
+/**
+ * Take the hooks of a location (1 to 8) away, or put them back if its library
+ * holds rules. The platform's last answer, or 0 when nothing was to do. The
+ * next change of the library brings the hooks in line with it again. Never sleeps.
+ */
+int hook_switch(u32 location, packet_regular_lib *lib, bool away);

@@ -57,24 +57,29 @@ constexpr LocationHooks kHooks[] = {
 	/* PACKET_LEV3_RESV_LOC */ { nullptr, nullptr, mox_packet_resv_rcv },
 };
 
-void register_hooks(const LocationHooks &hooks)
+/** The platform's last answer; 0 for a location without hooks. The hook lock is held. */
+int register_hooks(const LocationHooks &hooks)
 {
+	int result = 0;
 	if (hooks.module)
-		mox_packet_reg_module(hooks.module);
+		result = mox_packet_reg_module(hooks.module);
 	if (hooks.output)
-		efmp_reg_output_pkt_func(hooks.output, platform::kOutputPoint);
+		result = efmp_reg_output_pkt_func(hooks.output, platform::kOutputPoint);
 	if (hooks.recv)
-		efmp_reg_recv_pkt_func(hooks.recv, platform::kRecvPoint);
+		result = efmp_reg_recv_pkt_func(hooks.recv, platform::kRecvPoint);
+	return result;
 }
 
-void deregister_hooks(const LocationHooks &hooks)
+int deregister_hooks(const LocationHooks &hooks)
 {
+	int result = 0;
 	if (hooks.module)
 		mox_packet_dereg_module(hooks.module);
 	if (hooks.output)
-		efmp_dereg_output_pkt_func(hooks.output, platform::kOutputPoint);
+		result = efmp_dereg_output_pkt_func(hooks.output, platform::kOutputPoint);
 	if (hooks.recv)
-		efmp_dereg_recv_pkt_func(hooks.recv, platform::kRecvPoint);
+		result = efmp_dereg_recv_pkt_func(hooks.recv, platform::kRecvPoint);
+	return result;
 }
 
 u32 regular_count(packet_regular_lib *lib)
@@ -100,6 +105,16 @@ void hook_follow_library(u32 location, packet_regular_lib *lib)
 		register_hooks(hooks);
 	else
 		deregister_hooks(hooks);
+}
+
+int hook_switch(u32 location, packet_regular_lib *lib, bool away)
+{
+	const LocationHooks &hooks = kHooks[location];
+	SpinGuard guard(&g_hook_lock);
+
+	if (away)
+		return deregister_hooks(hooks);
+	return regular_count(lib) != 0 ? register_hooks(hooks) : 0;
 }
 
 extern "C" {

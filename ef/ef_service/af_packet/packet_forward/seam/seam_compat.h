@@ -87,4 +87,18 @@
 	} while (0)
 #endif
 
+/* Attributes are validated strictly since 5.2 unless an operation asks for the old way. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 2, 0)
+#define SEAM_GENL_LIBERAL .validate = GENL_DONT_VALIDATE_STRICT | GENL_DONT_VALIDATE_DUMP,
+#else
+#define SEAM_GENL_LIBERAL
+#endif
+
+/* 6.1 forbids that to operations from resv_start_op on, and wants policies of them. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 1, 0)
+#define SEAM_GENL_RESV_START .resv_start_op = MOX_PACKET_GENL_CMD + 1,
+#else
+#define SEAM_GENL_RESV_START
+#endif
+
 #endif
