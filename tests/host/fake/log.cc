@@ -13,7 +13,7 @@ namespace {
 
 std::string print(const char *format, ...)
 {
-    char out[256];
+    char out[4096];
     va_list args;
     va_start(args, format);
     vsnprintf(out, sizeof out, format, args);

@@ -54,41 +54,48 @@ void tell_copy(const packet_regular &copy)
 
 /**
  * A walk over a filter list in portions. Heads, rules and ends of entries are
- * counted as blocks, and a portion skips the blocks that earlier ones told. A
- * list that changes between two portions may show a block twice or not at all.
+ * counted as blocks; a portion skips the blocks that earlier ones told, and
+ * only counts those behind the point where staging ran full. A list that
+ * changes between two portions may show a block twice or not at all, and one
+ * that grows is told as far as it was long at first, so that the walk ends.
  */
 class FilterListWalk {
 public:
 	explicit FilterListWalk(packet_regular_lib *lib) : lib_(lib) {}
 
-	/** The next portion; false when it stopped for a flush. */
+	/** The next portion; false when there is more, behind a flush. */
 	bool portion()
 	{
 		ReadGuard guard(&lib_->lock);
 		at_ = 0;
+		full_ = false;
 		if (due())
 			REPORT_LINE("filter regular list cnt: %d\n",
 				    static_cast<int>(lib_->filter_count));
-		for (filter_list_data *entry : entries_of(&lib_->filter_list))
-			if (!tell_entry(*entry))
-				return false;
-		return true;
+		for (const filter_list_data *entry : entries_of(&lib_->filter_list))
+			tell_entry(*entry);
+		if (limit_ == kNoLimit)
+			limit_ = at_;
+		return !full_ || told_ >= limit_;
 	}
 
 private:
-	/** Whether the block that comes now has not been told. */
+	static constexpr u32 kNoLimit = ~0u;
+
+	/** Whether the block that comes now is to be told now. */
 	bool due()
 	{
 		if (at_++ < told_)
+			return false;
+		full_ = full_ || report_nearly_full();
+		if (full_ || told_ == limit_)
 			return false;
 		told_++;
 		return true;
 	}
 
-	bool tell_entry(const filter_list_data &entry)
+	void tell_entry(const filter_list_data &entry)
 	{
-		if (report_nearly_full())
-			return false;
 		if (due()) {
 			REPORT_LINE("regular type:  ");
 			mox_packet_dump_regular_type(entry.type);
@@ -96,27 +103,24 @@ private:
 			mox_packet_dump_regular_data(entry.type, entry.value);
 			REPORT_LINE("  match regulars:\n");
 		}
-		if (!tell_copies(entry.match_list) || !tell_copies(entry.local_match_list))
-			return false;
+		tell_copies(&entry.match_list);
+		tell_copies(&entry.local_match_list);
 		if (due())
 			REPORT_LINE("\n");
-		return true;
 	}
 
-	bool tell_copies(const list_head &copies)
+	void tell_copies(const list_head *copies)
 	{
-		for (const packet_regular *copy : regulars_of(&copies)) {
-			if (report_nearly_full())
-				return false;
+		for (const packet_regular *copy : regulars_of(copies))
 			if (due())
 				tell_copy(*copy);
-		}
-		return true;
 	}
 
 	packet_regular_lib *lib_;
-	u32 told_ = 0;
-	u32 at_ = 0;
+	u32 told_ = 0;         /* blocks, over all portions */
+	u32 at_ = 0;           /* blocks passed in this one */
+	u32 limit_ = kNoLimit; /* blocks that there were in the first */
+	bool full_ = false;
 };
 
 u32 queue_count(efbuff_queue *queue)

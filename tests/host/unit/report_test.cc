@@ -1,0 +1,481 @@
+// SPDX-License-Identifier: GPL-2.0
+// The line rule, and the reports on locations, filter lists, queues, processes and
+// memory, word by word. The report of one socket has its own tests (dump_test.cc).
+#include "control_fixture.h"
+
+namespace {
+
+class Report : public ControlTest {
+protected:
+    void TearDown() override
+    {
+        rules.clear();
+        ControlTest::TearDown();
+    }
+    // A rule of a process, at any location, without a socket behind it.
+    Rule &rule(u32 location, u32 treatment, const char *process)
+    {
+        rules.push_back(std::make_unique<Rule>(location, treatment));
+        Rule &r = *rules.back();
+        strncpy(r.regular().owner->process, process, 15);
+        return r;
+    }
+    static std::string sock_dump(Sock &s)
+    {
+        return printed([&] { mox_packet_sock_dump(&s.po()); });
+    }
+    static std::string queues(const std::string &location)
+    {
+        return "location: " + location + "\ncpu 0 efbuff cnt:      0\ncpu 1 efbuff cnt:      0\n\n";
+    }
+
+    std::vector<std::unique_ptr<Rule>> rules;
+};
+
+const char *const kNames[] = {"PACKET_LOCAL_LOC", "PACKET_LEV2_LOC", "PACKET_IPv4_LOC", "PACKET_IPv6_LOC",
+                              "PACKET_MPLS_LOC", "PACKET_TRILL_LOC", "PACKET_RESV_LOC", "PACKET_WLAN_LOC"};
+
+// ---- the line rule ---------------------------------------------------------------------
+
+// A staging buffer with a file behind it, filled so far.
+class Line : public Report {
+protected:
+    void begin(u32 staged)
+    {
+        buffer = static_cast<char *>(seam_vzalloc(kStagingSize));
+        filp = seam_file_open("/dump");
+        report_begin_file(filp, buffer);
+        memset(buffer, 'x', staged);
+        g_file_bufflen = staged;
+    }
+    std::string end()
+    {
+        report_end_file();
+        seam_vfree(buffer);
+        seam_file_close(filp);
+        return kernel().disk["/dump"];
+    }
+    char *buffer;
+    file *filp;
+};
+
+TEST_F(Line, log__is_where_lines_go_otherwise)
+{
+    EXPECT_FALSE(report_staged());
+    REPORT_LINE("%s %d %pM\n", "a", 7, "\1\2\3\4\5\6");
+    REPORT_LINE("\n");
+    EXPECT_EQ(said(), "a 7 01:02:03:04:05:06\n\n");
+    // In the log a line has any length.
+    const std::string longest(300, 'y');
+    REPORT_LINE("%s", longest.c_str());
+    EXPECT_EQ(said(), longest);
+}
+
+TEST_F(Line, file__is_cut_at_127_characters)
+{
+    for (size_t len : {size_t(1), size_t(126), size_t(127), size_t(128), size_t(129), size_t(1000)}) {
+        begin(0);
+        REPORT_LINE("%s", std::string(len, 'y').c_str());
+        EXPECT_EQ(g_file_bufflen, std::min(len, size_t(127)));
+        EXPECT_EQ(end(), std::string(std::min(len, size_t(127)), 'y'));
+    }
+    EXPECT_EQ(said(), "");
+}
+
+// The sum stays below the buffer's size: one short of it fits, at it and past it not.
+TEST_F(Line, file__one_short_of_at_and_past_the_end)
+{
+    for (u32 len : {1u, 2u, 63u, 127u})
+        for (int over : {-1, 0, 1}) {
+            SCOPED_TRACE(std::to_string(len) + " " + std::to_string(over));
+            const u32 staged = kStagingSize - len + over;
+            if (staged >= kStagingSize)
+                continue;
+            begin(staged);
+            REPORT_LINE("%s", std::string(len, 'y').c_str());
+            EXPECT_EQ(g_file_bufflen, over < 0 ? kStagingSize - 1 : staged);
+            EXPECT_EQ(end().size(), over < 0 ? kStagingSize - 1 : staged);
+            EXPECT_EQ(kernel().writes.back(), over < 0 ? kStagingSize - 1 : staged);
+        }
+}
+
+TEST_F(Line, file__dropped_whole_and_a_shorter_one_still_fits)
+{
+    const char *banner = "**************** AF-PACKET DUMP REGULAR START ****************\n";
+    ASSERT_EQ(strlen(banner), 63u);
+    begin(kStagingSize - 63);
+    REPORT_LINE("%s", banner);
+    EXPECT_EQ(g_file_bufflen, kStagingSize - 63);
+    REPORT_LINE("\n");
+    EXPECT_EQ(g_file_bufflen, kStagingSize - 62);
+    REPORT_LINE("%s", banner);
+    EXPECT_EQ(g_file_bufflen, kStagingSize - 62);
+    std::string file = end();
+    EXPECT_EQ(file.size(), kStagingSize - 62);
+    EXPECT_EQ(file.back(), '\n');
+}
+
+TEST_F(Line, flush__writes_what_is_staged_and_starts_over)
+{
+    begin(0);
+    report_flush();
+    EXPECT_TRUE(kernel().writes.empty()) << "nothing to write";
+    REPORT_LINE("one\n");
+    report_flush();
+    EXPECT_EQ(g_file_bufflen, 0u);
+    REPORT_LINE("two\n");
+    REPORT_LINE("three\n");
+    EXPECT_EQ(end(), "one\ntwo\nthree\n");
+    EXPECT_EQ(kernel().writes, (std::vector<size_t>{4, 10}));
+    report_flush();
+    EXPECT_EQ(kernel().writes.size(), 2u) << "nothing outside a dump";
+}
+
+TEST_F(Line, flush__of_the_first_and_the_last_byte)
+{
+    for (u32 staged : {1u, kStagingSize - 1}) {
+        begin(staged);
+        report_flush();
+        EXPECT_EQ(g_file_bufflen, 0u);
+        EXPECT_EQ(end(), std::string(staged, 'x'));
+    }
+}
+
+TEST_F(Line, flush__that_fails_loses_what_was_staged)
+{
+    begin(0);
+    REPORT_LINE("lost\n");
+    kernel().fail("kernel_write");
+    report_flush();
+    EXPECT_EQ(g_file_bufflen, 0u);
+    REPORT_LINE("kept\n");
+    EXPECT_EQ(end(), "kept\n");
+}
+
+TEST_F(Line, nearly_full__leaves_a_quarter)
+{
+    begin(kStagingSize / 4 * 3);
+    EXPECT_FALSE(report_nearly_full());
+    REPORT_LINE("\n");
+    EXPECT_TRUE(report_nearly_full());
+    end();
+    EXPECT_FALSE(report_nearly_full());
+}
+
+// Only the task that writes the file stages: another one's report goes to the log.
+TEST_F(Line, file__other_tasks_are_sent_to_the_log)
+{
+    begin(0);
+    REPORT_LINE("file\n");
+    kernel().pid++;
+    REPORT_LINE("log\n");
+    report_flush();
+    EXPECT_TRUE(kernel().writes.empty()) << "another task's flush";
+    kernel().pid--;
+    EXPECT_EQ(end(), "file\n");
+    EXPECT_EQ(said(), "log\n");
+}
+
+// ---- a location ----------------------------------------------------------------------------
+
+TEST_F(Report, show_regular__illegal_index_is_told_while_debugging)
+{
+    for (u32 index : {8u, 9u, 255u, 0xffffffffu}) {
+        debug(false);
+        EXPECT_EQ(printed([&] { mox_packet_show_regular(index); }), "");
+        debug();
+        EXPECT_EQ(printed([&] { mox_packet_show_regular(index); }),
+                  tagged("MOX-PACKET-SHOW_REGULAR: illegal show_type!\n"));
+    }
+}
+
+TEST_F(Report, show_regular__each_location_empty)
+{
+    for (u32 index = 0; index < 8; index++)
+        EXPECT_EQ(printed([&] { mox_packet_show_regular(index); }),
+                  queues(kNames[index]) + "\nfilter regular list cnt: 0\n");
+}
+
+TEST_F(Report, show_regular__queues_sockets_and_filter_list)
+{
+    Sock copy, trap;
+    kernel().comm = "dhcpd";
+    ASSERT_EQ(copy.create(), 0);
+    ASSERT_EQ(copy.add(3, 1, {0x08, 0x00}), 0);
+    ASSERT_EQ(copy.add(7, 2, {0, 67, 0, 68}), 0);
+    ASSERT_EQ(copy.set(PACKET_TREATMENT, PACKET_COPY), 0);
+    ASSERT_EQ(copy.set(PACKET_LOCATION, PACKET_IPv4_LOC), 0);
+    kernel().comm = "firewall";
+    ASSERT_EQ(trap.create(), 0);
+    ASSERT_EQ(trap.add(3, 1, {0x08, 0x00}), 0);
+    ASSERT_EQ(trap.set(PACKET_TREATMENT, PACKET_TRAP), 0);
+    ASSERT_EQ(trap.set(PACKET_LOCATION, PACKET_IPv4_LOC), 0);
+    const std::string one = sock_dump(trap), two = sock_dump(copy);
+    EXPECT_EQ(printed([] { mox_packet_show_regular(2); }),
+              queues("PACKET_IPv4_LOC") + one + two +
+                  "\n"
+                  "filter regular list cnt: 1\n"
+                  "regular type:  PACKET_ETH_PROT_EQUAL\n"
+                  "regular data:  0800  \n"
+                  "  match regulars:\n"
+                  "    process:      firewall\n"
+                  "    PACKET TREATMENT:   PACKET_TRAP\n"
+                  "    process:      dhcpd\n"
+                  "    PACKET TREATMENT:   PACKET_COPY\n"
+                  "    regular type:  PACKET_IPv4_DEST_PORT_EQUAL\n"
+                  "    regular data:  67  \n"
+                  "    regular data:  68  \n"
+                  "\n");
+}
+
+// The reserved locations live in RESV's library, and in its report.
+TEST_F(Report, show_regular__reserved_locations_are_reported_with_resv)
+{
+    Sock a, b;
+    a.capture(PACKET_LEV3_RESV_LOC, PACKET_COPY);
+    b.capture(PACKET_LEV2_RESV_LOC, PACKET_FETCH);
+    const std::string one = sock_dump(b), two = sock_dump(a);
+    EXPECT_NE(one.find("PACKET_LEV2_RESV_LOC"), std::string::npos);
+    std::string text = printed([] { mox_packet_show_regular(6); });
+    EXPECT_NE(text.find(one + two), std::string::npos);
+}
+
+// ---- the filter list -----------------------------------------------------------------------
+
+TEST_F(Report, filter_list__keys_in_type_order_with_the_rules_that_share_them)
+{
+    rule(2, PACKET_COPY, "lldpd").data(3, {0x88, 0xcc}).add();
+    rule(2, PACKET_COPY_LOCAL, "watch-copy").data(3, {0x88, 0xcc}).add();
+    rule(2, PACKET_FETCH_LOCAL, "watch-fetch").data(3, {0x88, 0xcc}).add();
+    rule(2, PACKET_TRAP, "trapper").data(3, {0x88, 0xcc}).data(10, {7, 0, 0, 0}).item(PACKET_ALL).add();
+    rule(2, PACKET_FETCH, "eapd").data(17, {9, 0, 0, 0}).data(1, {1, 0x80, 0xc2, 0, 0, 3}).add();
+    rule(2, PACKET_COPY, "all").item(PACKET_ALL).add();
+    EXPECT_EQ(printed([] { pkt_show_filter_list(&g_lev2_packet_regular_lib); }),
+              "filter regular list cnt: 3\n"
+              "regular type:  PACKET_DEST_MAC_EQUAL\n"
+              "regular data:  01:80:c2:00:00:03  \n"
+              "  match regulars:\n"
+              "    process:      eapd\n"
+              "    PACKET TREATMENT:   PACKET_FETCH\n"
+              "    regular type:  PACKET_PID_T\n"
+              "    regular data:  9  \n"
+              "\n"
+              "regular type:  PACKET_ETH_PROT_EQUAL\n"
+              "regular data:  88cc  \n"
+              "  match regulars:\n"
+              "    process:      trapper\n"
+              "    PACKET TREATMENT:   PACKET_TRAP\n"
+              "    regular type:  PACKET_SRC_INTF_EQUAL\n"
+              "    regular data:  7  \n"
+              "    regular type:  PACKET_ALL\n"
+              "    regular data:  \n"
+              "    process:      lldpd\n"
+              "    PACKET TREATMENT:   PACKET_COPY\n"
+              "    process:      watch-fetch\n"
+              "    PACKET TREATMENT:   PACKET_FETCH_LOCAL\n"
+              "    process:      watch-copy\n"
+              "    PACKET TREATMENT:   PACKET_COPY_LOCAL\n"
+              "\n"
+              "regular type:  PACKET_ALL\n"
+              "regular data:  \n"
+              "  match regulars:\n"
+              "    process:      all\n"
+              "    PACKET TREATMENT:   PACKET_COPY\n"
+              "\n");
+}
+
+// ---- queues -----------------------------------------------------------------------------------
+
+TEST_F(Report, cpu_queue__every_present_cpu_ascending_and_no_other)
+{
+    kernel().present_cpus = {0, 2, 3};
+    auto fill = [](int cpu, CpuQueue queue, int count) {
+        while (count--)
+            queue_append(&g_cpu_pkt_que[cpu][queue], efmp().efbuff(Bytes(512), fake::Owner::kModule));
+    };
+    fill(0, kQueueWlan, 3);
+    fill(1, kQueueWlan, 5);  // not present
+    fill(3, kQueueWlan, 11);
+    fill(2, kQueueLev2, 2);
+    EXPECT_EQ(printed([] { mox_packet_show_cpu_queue(PACKET_WLAN_LOC); }),
+              "location: PACKET_WLAN_LOC\n"
+              "cpu 0 efbuff cnt:      3\n"
+              "cpu 2 efbuff cnt:      0\n"
+              "cpu 3 efbuff cnt:      11\n"
+              "\n");
+    EXPECT_EQ(printed([] { mox_packet_show_cpu_queue(PACKET_LEV2_LOC); }),
+              "location: PACKET_LEV2_LOC\n"
+              "cpu 0 efbuff cnt:      0\n"
+              "cpu 2 efbuff cnt:      2\n"
+              "cpu 3 efbuff cnt:      0\n"
+              "\n");
+}
+
+// The location's own queue, whose number is not the location's.
+TEST_F(Report, cpu_queue__of_each_location)
+{
+    for (const HookTraits &h : kHooks) {
+        queue_append(&g_cpu_pkt_que[1][h.queue], efmp().efbuff(Bytes(512), fake::Owner::kModule));
+        for (u32 location = 1; location <= 8; location++) {
+            std::string text = printed([&] { mox_packet_show_cpu_queue(location); });
+            EXPECT_EQ(text.find("cpu 1 efbuff cnt:      1\n") != std::string::npos, location == h.location);
+        }
+        mox_packet_efbuff_queue_deinit(&g_cpu_pkt_que[1][h.queue]);
+    }
+}
+
+TEST_F(Report, cpu_queue__illegal_location_is_told_while_debugging)
+{
+    for (int location : {0, 9, 10, 255, -1}) {
+        debug(false);
+        EXPECT_EQ(printed([&] { mox_packet_show_cpu_queue(location); }), "");
+        debug();
+        EXPECT_EQ(printed([&] { mox_packet_show_cpu_queue(location); }),
+                  tagged("MOX-PACKET-SHOW-CPU-QUEUE: illegal loc " + std::to_string(location) + "!\n"));
+    }
+}
+
+// ---- processes ------------------------------------------------------------------------------------
+
+TEST_F(Report, spec__by_name_and_by_pid)
+{
+    Sock a, b, c;
+    kernel().comm = "dhcpd";
+    kernel().pid = 7;
+    a.capture(PACKET_LEV2_LOC, PACKET_COPY);
+    b.capture(PACKET_LEV2_LOC, PACKET_COPY);
+    kernel().comm = "dhcpd6";
+    c.capture(PACKET_LEV2_LOC, PACKET_COPY);
+    const std::string one = sock_dump(a), two = sock_dump(b), three = sock_dump(c);
+    auto spec = [](u32 kind, u32 location, const char *name, s32 pid) {
+        return printed([&] { mox_packet_show_regular_spec(kind, location, name, pid); });
+    };
+    EXPECT_EQ(spec(11, 2, "dhcpd", 0), one + two);
+    EXPECT_EQ(spec(11, 2, "dhcpd6", 0), three);
+    EXPECT_EQ(spec(11, 2, "dhcp", 0), "");
+    EXPECT_EQ(spec(11, 2, "", 0), "");
+    EXPECT_EQ(spec(11, 3, "dhcpd", 0), "") << "another location";
+    EXPECT_EQ(spec(12, 2, nullptr, 7), one + two + three);
+    EXPECT_EQ(spec(12, 2, "dhcpd", 8), "") << "the name does not count";
+    EXPECT_EQ(spec(13, 2, "dhcpd", 7), "") << "no such kind";
+}
+
+TEST_F(Report, spec__what_is_illegal_is_told_while_debugging)
+{
+    const struct { u32 kind, location; const char *name; s32 pid; const char *line; } cases[] = {
+        {12, 2, nullptr, 0, "pid is <= 0!\n"},
+        {12, 2, nullptr, -7, "pid is <= 0!\n"},
+        {12, 99, nullptr, 0, "pid is <= 0!\n"},
+        {11, 2, nullptr, 7, "name is NULL!\n"},
+        {11, 0, nullptr, 7, "name is NULL!\n"},
+        {11, 0, "x", 0, "illegal loc!\n"},
+        {11, 9, "x", 0, "illegal loc!\n"},
+        {12, 0xffffffff, nullptr, 7, "illegal loc!\n"},
+    };
+    for (auto &c : cases) {
+        auto call = [&] { mox_packet_show_regular_spec(c.kind, c.location, c.name, c.pid); };
+        debug(false);
+        EXPECT_EQ(printed(call), "");
+        debug();
+        EXPECT_EQ(printed(call), tagged(std::string("MOX-PACKET-SHOW-REGULAR-SPEC: ") + c.line));
+    }
+}
+
+// ---- memory -----------------------------------------------------------------------------------------
+
+TEST_F(Report, memory__every_counter_at_its_label)
+{
+    u32 saved[2][23];
+    memcpy(saved[0], g_regular_item_stats, sizeof saved[0]);
+    memcpy(saved[1], g_regular_data_stats, sizeof saved[1]);
+    for (u32 i = 0; i < 23; i++) {
+        g_regular_item_stats[i] = 100 + i;
+        g_regular_data_stats[i] = 200 + i;
+    }
+    g_regular_data_stats[19] = 4294967295u;
+    g_packet_regular_data_alloc = 4294967294u;
+    g_packet_regular_data_free = 12;
+    g_alloc_skb_num = 77;
+    g_free_skb_num = 4294967295u;
+    EXPECT_EQ(printed([] { mox_packet_dump_mem(); }),
+              "------------------ DUMP PACKET DATA MEM ----------------- \n"
+              "regular data alloc:     4294967294\n"
+              "regular data free:      12\n"
+              "\n--------------------- ITEM MEM ---------------------\n"
+              "PACKET_CODE:  100\n"
+              "DST MAC:      101\n"
+              "SRC MAC:      102\n"
+              "ETH PRO:      103\n"
+              "SNAP PRO:     104\n"
+              "IPV4 PRO:     105\n"
+              "IPV6 PRO:     106\n"
+              "DST PORT NUM: 107\n"
+              "SRC PORT NUM: 108\n"
+              "SRC INTF:     110\n"
+              "IPV6 DST PORT:109\n"
+              "PID TYPE:     117\n"
+              "ICMPV6 TYPE:  111\n"
+              "ARP TYPE:     119\n"
+              "IPv4 MCAST:   112\n"
+              "IPv6 MCAST:   113\n"
+              "WLAN MGNT:    118\n"
+              "EAPOL TYPE:   114\n"
+              "EAPOL WPS TYPE:115\n"
+              "PACKET ALL:   116\n"
+              "ALLOC FAILED: 122\n"
+              "\n--------------------- DATA MEM ---------------------\n"
+              "PACKET_CODE:  200\n"
+              "DST MAC:      201\n"
+              "SRC MAC:      202\n"
+              "ETH PRO:      203\n"
+              "SNAP PRO:     204\n"
+              "IPV4 PRO:     205\n"
+              "IPV6 PRO:     206\n"
+              "DST PORT NUM: 207\n"
+              "SRC PORT NUM: 208\n"
+              "SRC INTF:     210\n"
+              "IPV6 DST PORT:209\n"
+              "PID TYPE:     217\n"
+              "ICMPV6 TYPE:  211\n"
+              "ARP TYPE:     4294967295\n"
+              "EAPOL TYPE:   214\n"
+              "EAPOL WPS TYPE:215\n"
+              "FILTER LIST:  220\n"
+              "REGULAR:      221\n"
+              "ALLOC FAILED: 222\n"
+              "---------------  SKB NUM ----------------\n"
+              "AF-PACKET alloc 77 skbs\n"
+              "AF-PACKET free  -1 skbs\n");
+    memcpy(g_regular_item_stats, saved[0], sizeof saved[0]);
+    memcpy(g_regular_data_stats, saved[1], sizeof saved[1]);
+    g_packet_regular_data_alloc = g_packet_regular_data_free = 0;
+}
+
+TEST_F(Report, memory__the_three_parts_are_reports_of_their_own)
+{
+    std::string whole = printed([] { mox_packet_dump_mem(); });
+    std::string parts = printed([] { mox_packet_regular_data_mem_dump(); }) +
+                        printed([] { mox_packet_dump_item_mem(); }) + printed([] { mox_packet_dump_data_mem(); });
+    EXPECT_EQ(whole, parts + "---------------  SKB NUM ----------------\n"
+                             "AF-PACKET alloc 0 skbs\nAF-PACKET free  0 skbs\n");
+}
+
+// ---- locks ----------------------------------------------------------------------------------------------
+
+TEST_F(Report, locks__one_at_a_time)
+{
+    Sock s;
+    s.capture(PACKET_WLAN_LOC, PACKET_COPY);
+    LockTrace trace;
+    mox_packet_show_regular(7);
+    EXPECT_EQ(trace.steps, (Strings{"+queue", "-queue", "+queue", "-queue", "+lib", "-lib", "+lib", "-lib"}));
+    trace.steps.clear();
+    mox_packet_show_regular_spec(12, 8, nullptr, 4711);
+    EXPECT_EQ(trace.steps, (Strings{"+lib", "-lib"}));
+    trace.steps.clear();
+    mox_packet_dump_mem();
+    mox_packet_dump_thread();
+    EXPECT_EQ(trace.steps, Strings{});
+}
+
+}  // namespace
