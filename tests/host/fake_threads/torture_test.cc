@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "backend.h"
+#include "log.hpp"
+#include "msg.hpp"
 #include "oracle/frames.h"
 #include "queue.hpp"
 #include "regular.hpp"
@@ -96,6 +98,36 @@ struct Process {
         case 15: statistics(); break;
         default: read(); break;
         }
+    }
+};
+
+// An operator: requests one at a time, as the kernel's mutex has it.
+struct Operator {
+    std::mt19937 rng;
+    uint64_t requests = 0, dumps = 0;
+
+    u32 below(u32 n) { return rng() % n; }
+    void ask(u16 type)
+    {
+        genl_info info;
+        Bytes &m = info.message;
+        m = Bytes(24 + 76);
+        for (size_t i = 28; i < m.size(); i++)
+            m[i] = rng();
+        m[0] = m.size();
+        m[24] = type;
+        if (type == 14) {
+            m[28] = below(28);
+            m[29] = m[30] = m[31] = 0;
+            m[32] = below(2);
+        } else if (type == 15) {
+            m[28] = below(4) != 0;
+            m[32] &= 0x1f;  // few fields, so that many are looked at
+            m[33] = 0;
+        }
+        EXPECT_EQ(mox_packet_msg_recv(nullptr, &info), 0);
+        requests++;
+        dumps += type == 16;
     }
 };
 
@@ -194,6 +226,42 @@ TEST_F(Torture, threads_that_share_a_socket)
     run_for();
     owner.close();
     EXPECT_GT(operations, 100u);
+}
+
+// Reports, switches, the filter and the dump file while everything else goes on; the
+// sockets' own reports come from other tasks in the middle of a dump.
+TEST_F(Torture, operator_against_processes_and_hooks)
+{
+    Operator op;
+    op.rng.seed(seed + 300);
+    start_cpu(0);
+    start_cpu(1);
+    for (int p = 0; p < 2; p++)
+        all.emplace_back([this, p] {
+            Process process;
+            process.rng.seed(seed + 400 + p);
+            while (!stop) {
+                process.open();
+                for (int i = 0; i < 60; i++, operations++) {
+                    process.operate();
+                    if (i % 8 == 0)
+                        process.set(18, 0u);
+                }
+                process.close();
+            }
+        });
+    all.emplace_back([this, &op] {
+        while (!stop)
+            op.ask(op.below(3) ? op.below(18) : 16);
+    });
+    run_for();
+    memset(mox_packet_debug, 0, sizeof mox_packet_debug);
+    EXPECT_GT(injected, 100u);
+    EXPECT_GT(operations, 100u);
+    EXPECT_GT(op.requests, 50u);
+    EXPECT_GT(op.dumps, 10u);
+    EXPECT_GT(threads::live().dumped, op.dumps * 2000) << "every dump has the empty reports at least";
+    EXPECT_EQ(threads::live().files, 0);
 }
 
 // Every frame that a hook took or copied must come out, without a further one to
