@@ -240,13 +240,17 @@ void left(const Device &lab, Arguments args)
         args.end();
         return lab.record_left(number_of(switches, *word, "switch"));
     }
+    bool header = args.flag("--header");
     args.end();
     auto records = lab.left();
     tell_lost(records.lost);
-    for (const auto &f : records.all)
+    for (const auto &f : records.all) {
         std::printf("%llu %s port %u%s length %u %s\n", (unsigned long long)f.rec.seq,
                     name_of(kOutcomes, f.outcome).c_str(), f.ifindex, f.sent ? " sent" : "", f.length,
                     format_hex(f.bytes).c_str());
+        if (header)
+            std::printf("  header %s\n", format_hex(f.header).c_str());
+    }
 }
 
 /// Options of inject that set one field of the efbuff.
@@ -373,11 +377,13 @@ void service(const Device &lab, Arguments args)
         parse_mac(*v, s.mac);
     if (auto v = args.option("--event"))
         s.event = uint32_t(parse_number(*v, "--event", 0xffffffff));
+    if (auto v = args.option("--entry"))
+        s.entry = uint8_t(parse_number(*v, "--entry", MOXLAB_SERVICE_ENTRIES - 1));
     s.service_class = uint32_t(parse_number(args.word("the service class"), "class", 0xffffffff));
     s.instance = uint32_t(parse_number(args.word("the instance"), "instance", 0xffffffff));
     args.end();
     s = lab.service(s);
-    std::printf("%s calls %u handlers %u\n", s.published ? "published" : "absent", s.calls, s.handlers);
+    std::printf("%s calls %u late %u handlers %u\n", s.published ? "published" : "absent", s.calls, s.late, s.handlers);
 }
 
 void misuse(const Device &lab, Arguments args)
@@ -445,11 +451,11 @@ constexpr Command commands[] = {
     {"regs", "", "the functions that are registered now", regs},
     {"log", "[clear]", "every registration call so far, or forget them", log},
     {"printk", "[clear]", "every mox_printk line so far, or forget them", printk},
-    {"left", "[on|off]", "the frames that left; on and off switch the recording and forget", left},
+    {"left", "[on|off|--header]", "the frames that left, with their efbuff's header; on and off switch the recording and forget", left},
     {"inject", "POINT HEX [OPTION VALUE...]", "one frame (--repeat N: many) at a point; see below", inject},
     {"fail", "CALL [--count N|forever] [--skip N] [--value V] | nothing", "make the next calls of that kind fail", fail},
     {"outcome", "NUMBER [--count N|forever] [--send]", "what the next sends return, sent or only freed", outcome},
-    {"service", "publish|withdraw|event|set|query CLASS INSTANCE [--result N] [--mac M] [--event N]", "services, and events about them", service},
+    {"service", "publish|withdraw|event|set|query CLASS INSTANCE [--entry 0|1] [--result N] [--mac M] [--event N]", "services, and events about them", service},
     {"misuse", "", "breaches of the efbuff rules, by kind", misuse},
     {"settings", "[NAME=VALUE...]", "show or change: tag, redzone, quarantine, hold-memory, printk-echo", settings},
     {"sync", "", "wait until the hooks that run now have come back", sync},

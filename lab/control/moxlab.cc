@@ -250,7 +250,7 @@ Records<LeftFrame> Device::left() const
     records.lost = read_all(MOXLAB_LEFT, "frames that left", [&](const uint8_t *at) {
         const auto &r = *reinterpret_cast<const moxlab_left_rec *>(at);
         records.all.push_back({r.rec, r.ifindex, r.outcome, r.sent != 0, r.length,
-                               Bytes(r.header, r.header + MOXLAB_HEADER_LEN), Bytes(r.frame, r.frame + r.kept)});
+                               Bytes(r.header, r.header + MOXLAB_HEADER_ALL), Bytes(r.frame, r.frame + r.kept)});
     });
     return records;
 }

@@ -26,7 +26,7 @@
 #include <linux/types.h>
 
 #define MOXLAB_DEVICE "/dev/moxlab"
-#define MOXLAB_ABI 1
+#define MOXLAB_ABI 2
 
 /* Owner ids of efbuffs: the platform's own, and the capture module's. */
 #define MOXLAB_OWNER_PLATFORM 0x01
@@ -35,6 +35,7 @@
 #define MOXLAB_NAME_LEN 32   /* interface names, NUL included */
 #define MOXLAB_SYMBOL_LEN 64 /* function names, NUL included */
 #define MOXLAB_HEADER_LEN 192 /* the part of an efbuff header that is public */
+#define MOXLAB_HEADER_ALL 256 /* the whole of it: the rest is the platform's own */
 #define MOXLAB_FRAME_MAX 65535
 
 /* ------------------------------------------------------------------------
@@ -257,24 +258,36 @@ struct moxlab_outcome_override {
  * SERVICE: what efmp_get_service() finds, and the events about it
  */
 enum moxlab_service_op {
-	MOXLAB_SERVICE_PUBLISH = 0,  /* make it known, then event 0 */
+	MOXLAB_SERVICE_PUBLISH = 0,  /* make it known, or let its other entry point
+				      * take over, then event 0 */
 	MOXLAB_SERVICE_WITHDRAW = 1, /* make it unknown, then event 1 */
 	MOXLAB_SERVICE_EVENT = 2,    /* only the event as given, state unchanged */
 	MOXLAB_SERVICE_SET = 3,      /* only change what its calls return */
 	MOXLAB_SERVICE_QUERY = 4,    /* only read it */
 };
 
+/*
+ * PUBLISH and WITHDRAW return when the change handlers have been told and every
+ * hook that ran meanwhile has come back. A drop service that is called once it
+ * was withdrawn or replaced so is misuse. A sender in process context may still
+ * call the local MAC service that it found before; that is only counted.
+ */
+#define MOXLAB_SERVICE_ENTRIES 2 /* entry points that each service has */
+
 struct moxlab_service {
 	__u32 op;            /* enum moxlab_service_op */
 	__u32 service_class; /* 11 or 32; EVENT: anything */
 	__u32 instance;      /* 10 with 11, 0 or 3 with 32; EVENT: anything */
 	__u32 event;         /* EVENT: the event number */
-	__s32 result;        /* PUBLISH, SET: what the service's calls return */
+	__s32 result;        /* PUBLISH, SET: what the entry point's calls return */
 	__u8 mac[6];         /* 11/10, PUBLISH, SET: the MAC; zero: that of "ap0" */
 	__u8 published;      /* out: 1 while it is known */
-	__u8 reserved;
-	__u32 calls;         /* out: how often it was called */
+	__u8 entry;          /* which entry point is meant, 0 or 1. WITHDRAW: for
+			      * calls below only */
+	__u32 calls;         /* out: how often that entry point was called */
 	__u32 handlers;      /* out: registered change handlers */
+	__u32 late;          /* out: calls of either one after it was withdrawn */
+	__u32 unit;          /* out: unit of the last call for the local MAC */
 };
 
 /* ------------------------------------------------------------------------
@@ -320,7 +333,7 @@ struct moxlab_left_rec {
 	__u32 length;    /* of the frame */
 	__u32 kept;      /* bytes of it that follow */
 	__u32 reserved;
-	__u8 header[MOXLAB_HEADER_LEN]; /* see "Headers handed out" */
+	__u8 header[MOXLAB_HEADER_ALL]; /* see "Headers handed out" */
 	__u8 frame[];    /* as in the efbuff: VLAN tags are in the header */
 };
 
@@ -431,8 +444,11 @@ enum moxlab_misuse_kind {
 	MOXLAB_MISUSE_BAD_ANSWER = 7,    /* a hook's answer without a meaning */
 	MOXLAB_MISUSE_BAD_HEADER = 8,    /* sent with offsets outside the buffer */
 	MOXLAB_MISUSE_CONTEXT = 9,       /* a hook came back with another preempt
-					  * count than it was called with */
-	MOXLAB_MISUSE_COUNT = 10,
+					  * count than it was called with, or a
+					  * process sent while it held a lock */
+	MOXLAB_MISUSE_WITHDRAWN = 10,    /* a drop service was called after its
+					  * withdrawal had returned */
+	MOXLAB_MISUSE_COUNT = 11,
 };
 
 struct moxlab_misuse {

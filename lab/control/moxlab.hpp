@@ -50,7 +50,7 @@ struct LeftFrame {
     uint32_t outcome;  ///< MOXLAB_OUT_LEFT or MOXLAB_OUT_NOWHERE
     bool sent;         ///< by efmp_output_pkt()
     uint32_t length;   ///< of the frame; bytes holds at most MOXLAB_LEFT_KEPT of it
-    Bytes header;      ///< MOXLAB_HEADER_LEN bytes
+    Bytes header;      ///< MOXLAB_HEADER_ALL bytes
     Bytes bytes;
 };
 

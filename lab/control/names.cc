@@ -18,7 +18,8 @@ constexpr std::string_view fail_calls[] = {"alloc",      "clone",    "reg-module
 constexpr std::string_view reg_calls[] = {"reg-module",   "dereg-module", "reg-recv", "dereg-recv",
                                           "reg-output", "dereg-output", "reg-serv", "dereg-serv"};
 constexpr std::string_view misuse_kinds[] = {"double-free", "wrong-owner", "unknown",    "overrun",    "after-free",
-                                             "leak",        "not-taken",   "bad-answer", "bad-header", "context"};
+                                             "leak",        "not-taken",   "bad-answer", "bad-header", "context",
+                                             "withdrawn"};
 constexpr std::string_view tag_modes[] = {"alternate", "never", "always"};
 
 static_assert(std::size(points) == MOXLAB_POINT_COUNT);

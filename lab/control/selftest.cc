@@ -141,14 +141,22 @@ TEST_P(Misuse, IsSeenForWhatItIs)
 {
     watch_memory();
     lab.expect_misuse(1);
-    EXPECT_EQ(lab.commit_misuse(GetParam()).left, 0u) << "the announced breach went unseen";
+    try {
+        EXPECT_EQ(lab.commit_misuse(GetParam()).left, 0u) << "the announced breach went unseen";
+    } catch (const moxlab::Error &e) {
+        lab.expect_misuse(0);
+        ASSERT_EQ(GetParam(), unsigned(MOXLAB_MISUSE_CONTEXT)) << e.what();
+        ASSERT_EQ(e.code().value(), EINVAL);
+        GTEST_SKIP() << "this kernel does not count who holds a lock; the checked one does";
+    }
     for (uint32_t kind = 0; kind < MOXLAB_MISUSE_COUNT; ++kind)
         EXPECT_EQ(seen(kind), kind == GetParam() ? 1u : 0u) << "kind " << kind;
 }
 
 INSTANTIATE_TEST_SUITE_P(Every, Misuse,
                          ::testing::Values(MOXLAB_MISUSE_DOUBLE_FREE, MOXLAB_MISUSE_WRONG_OWNER, MOXLAB_MISUSE_UNKNOWN,
-                                           MOXLAB_MISUSE_OVERRUN, MOXLAB_MISUSE_AFTER_FREE));
+                                           MOXLAB_MISUSE_OVERRUN, MOXLAB_MISUSE_AFTER_FREE, MOXLAB_MISUSE_CONTEXT,
+                                           MOXLAB_MISUSE_WITHDRAWN));
 
 TEST_F(Platform, NamesALeakedBufferAndItsMaker)
 {
@@ -456,6 +464,43 @@ TEST_F(Platform, PublishesTheLocalMacService)
     EXPECT_EQ(lab.service(s).published, 1);
     s.instance = 9;
     EXPECT_EQ(errno_of([&] { lab.service(s); }), ENOENT);
+}
+
+TEST_F(Platform, LetsAnotherEntryPointTakeAServicesPlace)
+{
+    moxlab_service s{};
+    s.service_class = 11;
+    s.instance = 10;
+    s.op = MOXLAB_SERVICE_PUBLISH;
+    s.entry = 1;
+    EXPECT_EQ(lab.service(s).published, 1);
+    s.op = MOXLAB_SERVICE_QUERY;
+    moxlab_service before_calls = lab.service(s);
+    EXPECT_EQ(before_calls.published, 1);
+    s.entry = MOXLAB_SERVICE_ENTRIES;
+    EXPECT_EQ(errno_of([&] { lab.service(s); }), EINVAL);
+    s.op = MOXLAB_SERVICE_PUBLISH;
+    s.entry = 0;
+    EXPECT_EQ(lab.service(s).published, 1);
+    EXPECT_EQ(lab.service(s).late, before_calls.late) << "nobody called what was replaced";
+}
+
+TEST_F(Platform, KeepsTheWholeHeaderOfWhatLeft)
+{
+    Injection send(MOXLAB_POINT_SEND, frame({2, 0, 0, 0, 0, 1}, 0x0800, 60));
+    send.source(kA).destination(kB).flags(0x44000);
+    send.request.set |= MOXLAB_SET_SEND_FLAGS;
+    send.request.send_flags = 0xff;
+    lab.inject(send);
+    auto left = lab.left().all;
+    ASSERT_EQ(left.size(), 1u);
+    const Bytes &h = left[0].header;
+    ASSERT_EQ(h.size(), size_t(MOXLAB_HEADER_ALL));
+    EXPECT_EQ(block_at(h, 4), kA);
+    EXPECT_EQ(block_at(h, 8), kB);
+    EXPECT_EQ(block_at(h, 32), 0x44000u);
+    EXPECT_EQ(block_at(h, 60), 0xffu);
+    EXPECT_EQ(Bytes(h.begin() + MOXLAB_HEADER_LEN, h.end()), Bytes(64, 0));
 }
 
 TEST_F(Platform, WarnsLoudlyOfWhatWasNotAnnounced)

@@ -232,6 +232,7 @@ extern struct ring efmp_left;
 /* ---- serv.c ------------------------------------------------------------- */
 
 int efmp_serv_verb(struct moxlab_service *s);
+int efmp_serv_call_late(void);
 /* May sleep. The @n-th change handler, from 0; false when there is none. */
 bool efmp_serv_nth_handler(u32 n, struct moxlab_reg_rec *rec);
 extern struct failpoint efmp_reg_serv_fail, efmp_get_service_fail;

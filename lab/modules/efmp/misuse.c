@@ -3,6 +3,7 @@
  * misuse.c - breaches of the platform's rules: a kernel warning each, so that no
  * run passes over one. The platform's own test announces those that it commits.
  */
+#include <linux/if_ether.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
 #include <linux/printk.h>
@@ -19,6 +20,7 @@ static const char * const kinds[MOXLAB_MISUSE_COUNT] = {
 	[MOXLAB_MISUSE_BAD_ANSWER] = "answer without a meaning",
 	[MOXLAB_MISUSE_BAD_HEADER] = "bad header",
 	[MOXLAB_MISUSE_CONTEXT] = "changed context",
+	[MOXLAB_MISUSE_WITHDRAWN] = "withdrawn service",
 };
 
 static atomic_t expected;
@@ -103,6 +105,23 @@ static int commit_leak(void)
 	return leaked ? 0 : -ENOMEM;
 }
 
+static int commit_locked_send(void)
+{
+	struct efbuff *b;
+
+	/* Elsewhere nobody counts what is held. */
+	if (!IS_ENABLED(CONFIG_PREEMPT_COUNT))
+		return -EINVAL;
+	b = module_buff();
+	if (!b)
+		return -ENOMEM;
+	b->net_offset = b->mac_offset + ETH_HLEN;
+	preempt_disable();
+	efmp_output_pkt(b);
+	preempt_enable();
+	return 0;
+}
+
 static int commit_free(enum moxlab_misuse_kind kind)
 {
 	struct efbuff *b = module_buff();
@@ -136,6 +155,10 @@ static int commit(enum moxlab_misuse_kind kind)
 		return s.hold_memory ? commit_after_free(&s) : -EINVAL;
 	case MOXLAB_MISUSE_LEAK:
 		return commit_leak();
+	case MOXLAB_MISUSE_CONTEXT:
+		return commit_locked_send();
+	case MOXLAB_MISUSE_WITHDRAWN:
+		return efmp_serv_call_late();
 	default:
 		return -EINVAL;
 	}

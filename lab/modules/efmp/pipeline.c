@@ -6,6 +6,7 @@
 #include <linux/etherdevice.h>
 #include <linux/if_vlan.h>
 #include <linux/module.h>
+#include <linux/preempt.h>
 #include <linux/rculist.h>
 #include "../lsm_ko/lsm_ko.h"
 #include "efmp.h"
@@ -322,24 +323,28 @@ static u32 leave(struct efbuff *b, const struct way *way, bool sent)
 
 /*
  * The way out, past the output functions, once for a frame even where it leaves
- * by many ports. The buffer is gone afterwards.
+ * by many ports; one that was sent meets them in any case. The buffer is gone
+ * afterwards.
  */
 static u32 go_out(struct efmp_road *road, bool sent)
 {
 	struct efbuff *b = road->run.buf;
 	enum efmp_verdict verdict;
 	struct way way;
+	bool found = find_way(b, road->in, &way);
 
-	if (!find_way(b, road->in, &way)) {
+	/* A forwarded frame is about to leave only when there is a way. */
+	if (found || sent) {
+		verdict = efmp_hooks_run(&road->run, MOXLAB_POINT_OUTPUT);
+		if (verdict != EFMP_GO_ON)
+			return outcome_of(verdict);
+	}
+	if (found) {
+		road->left_ports = leave(b, &way, sent);
+	} else {
 		efmp_count(EFMP_NOWHERE);
 		efmp_left_add(b, 0, MOXLAB_OUT_NOWHERE, sent);
-		efmp_buff_free(b);
-		return MOXLAB_OUT_NOWHERE;
 	}
-	verdict = efmp_hooks_run(&road->run, MOXLAB_POINT_OUTPUT);
-	if (verdict != EFMP_GO_ON)
-		return outcome_of(verdict);
-	road->left_ports = leave(b, &way, sent);
 	efmp_buff_free(b);
 	return road->left_ports ? MOXLAB_OUT_LEFT : MOXLAB_OUT_NOWHERE;
 }
@@ -456,6 +461,13 @@ int efmp_output_pkt(void *efbuff)
 	struct efmp_road road = { .run.tag = READ_ONCE(efmp_tag_mode) };
 	u32 outcome;
 
+	/* A caller in a softirq may hold what it likes there, one in a process
+	 * nothing that keeps it from being scheduled. */
+	if (!in_serving_softirq() && (in_atomic() || irqs_disabled()))
+		efmp_misuse(MOXLAB_MISUSE_CONTEXT,
+			    "a send with preempt count 0x%x, interrupts %s, by %pS",
+			    preempt_count(), irqs_disabled() ? "off" : "on",
+			    __builtin_return_address(0));
 	return efmp_send(efbuff, &road, &outcome);
 }
 EXPORT_SYMBOL(efmp_output_pkt);

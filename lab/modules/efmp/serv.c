@@ -9,63 +9,132 @@
 
 #define HANDLERS 8
 
+/*
+ * Two entry points for each service, so that one can take the other's place.
+ *
+ * What a withdrawal promises: when the verb returns, every handler has been told
+ * and every hook that ran meanwhile has come back, so a drop service that is
+ * called later was kept by somebody who should not have. The local MAC is asked
+ * for in process context, outside any section that could be waited for: a sender
+ * that took the pointer before may still call. Entry points therefore stay good
+ * until this module is unloaded, which its importers prevent.
+ */
+struct entry {
+	void *func;
+	s32 result;
+	u8 mac[ETH_ALEN]; /* LOCAL_MAC; zero: the host port's */
+	bool gone;        /* withdrawn or replaced, and nobody may still be in it */
+	atomic_t calls;
+};
+
 struct service {
 	u32 service_class;
 	u32 instance;
-	void *entry;
+	struct entry entries[MOXLAB_SERVICE_ENTRIES];
+	u32 current_entry;
 	bool published;
-	s32 result;
-	atomic_t calls;
+	atomic_t late;
 };
 
 typedef void (*handler_t)(u32 event, void *record);
 
-static int local_mac(u32 unit, u8 mac[ETH_ALEN]);
-static int drop(void *efbuff);
-static int drop_wlan(void *efbuff);
+static int local_mac_0(u32 unit, u8 mac[ETH_ALEN]);
+static int local_mac_1(u32 unit, u8 mac[ETH_ALEN]);
+static int drop_0(void *efbuff);
+static int drop_1(void *efbuff);
+static int drop_wlan_0(void *efbuff);
+static int drop_wlan_1(void *efbuff);
 
 enum { LOCAL_MAC, DROP, DROP_WLAN };
 
 static struct service services[] = {
 	/* A device knows its own address from the start. */
-	[LOCAL_MAC] = { .service_class = 11, .instance = 10, .entry = local_mac,
-			.published = true },
-	[DROP] = { .service_class = 32, .instance = 0, .entry = drop },
-	[DROP_WLAN] = { .service_class = 32, .instance = 3, .entry = drop_wlan },
+	[LOCAL_MAC] = { .service_class = 11, .instance = 10, .published = true,
+			.entries = { { local_mac_0 }, { local_mac_1 } } },
+	[DROP] = { .service_class = 32, .instance = 0,
+		   .entries = { { drop_0 }, { drop_1 } } },
+	[DROP_WLAN] = { .service_class = 32, .instance = 3,
+			.entries = { { drop_wlan_0 }, { drop_wlan_1 } } },
 };
 
-static u8 chosen_mac[ETH_ALEN]; /* zero: the host port's */
+static u32 last_unit; /* what the last call for the local MAC gave */
 static handler_t handlers[HANDLERS];
 /* The table and the handlers; held while handlers run. */
 static DEFINE_MUTEX(serv_lock);
+static DEFINE_SPINLOCK(mac_lock); /* an address changes as a whole */
 
 struct failpoint efmp_reg_serv_fail = FAILPOINT_INIT(efmp_reg_serv_fail);
 struct failpoint efmp_get_service_fail = FAILPOINT_INIT(efmp_get_service_fail);
 
-static int called(int which)
+static struct entry *called(int which, int n)
 {
-	atomic_inc(&services[which].calls);
-	return READ_ONCE(services[which].result);
+	struct service *s = &services[which];
+	struct entry *e = &s->entries[n];
+
+	atomic_inc(&e->calls);
+	if (READ_ONCE(e->gone)) {
+		atomic_inc(&s->late);
+		if (which != LOCAL_MAC)
+			efmp_misuse(MOXLAB_MISUSE_WITHDRAWN,
+				    "entry %d of service %u/%u was called after its withdrawal",
+				    n, s->service_class, s->instance);
+	}
+	return e;
 }
 
-static int local_mac(u32 unit, u8 mac[ETH_ALEN])
+static int local_mac(int n, u32 unit, u8 mac[ETH_ALEN])
 {
-	int result = called(LOCAL_MAC);
+	struct entry *e = called(LOCAL_MAC, n);
+	int result = READ_ONCE(e->result);
 
-	if (!result)
-		memcpy(mac, is_zero_ether_addr(chosen_mac) ? efmp_host_mac() : chosen_mac,
-		       ETH_ALEN);
-	return result;
+	WRITE_ONCE(last_unit, unit);
+	if (result)
+		return result;
+	spin_lock_bh(&mac_lock);
+	memcpy(mac, is_zero_ether_addr(e->mac) ? efmp_host_mac() : e->mac, ETH_ALEN);
+	spin_unlock_bh(&mac_lock);
+	return 0;
 }
 
-static int drop(void *efbuff)
+static int drop(int which, int n, void *efbuff)
 {
-	return called(DROP);
+	void *mine = (void *)(this_cpu_read(efmp_cpu_buffer_cache) & ~1ul);
+
+	if (efbuff != mine)
+		efmp_misuse(MOXLAB_MISUSE_UNKNOWN,
+			    "a drop service was asked about %px, but this CPU's hook has %px",
+			    efbuff, mine);
+	return READ_ONCE(called(which, n)->result);
 }
 
-static int drop_wlan(void *efbuff)
+static int local_mac_0(u32 unit, u8 mac[ETH_ALEN])
 {
-	return called(DROP_WLAN);
+	return local_mac(0, unit, mac);
+}
+
+static int local_mac_1(u32 unit, u8 mac[ETH_ALEN])
+{
+	return local_mac(1, unit, mac);
+}
+
+static int drop_0(void *efbuff)
+{
+	return drop(DROP, 0, efbuff);
+}
+
+static int drop_1(void *efbuff)
+{
+	return drop(DROP, 1, efbuff);
+}
+
+static int drop_wlan_0(void *efbuff)
+{
+	return drop(DROP_WLAN, 0, efbuff);
+}
+
+static int drop_wlan_1(void *efbuff)
+{
+	return drop(DROP_WLAN, 1, efbuff);
 }
 
 static struct service *find(u32 service_class, u32 instance)
@@ -88,7 +157,7 @@ void *efmp_get_service(u32 service_class, u32 instance)
 		return NULL;
 	mutex_lock(&serv_lock);
 	s = find(service_class, instance);
-	entry = s && s->published ? s->entry : NULL;
+	entry = s && s->published ? s->entries[s->current_entry].func : NULL;
 	mutex_unlock(&serv_lock);
 	return entry;
 }
@@ -165,13 +234,13 @@ bool efmp_serv_nth_handler(u32 n, struct moxlab_reg_rec *rec)
 }
 
 /* Under serv_lock. */
-static void tell(u32 event, const struct service *s, u32 service_class, u32 instance)
+static void tell(u32 event, const struct moxlab_service *v, const void *func)
 {
 	int i;
 
 	for (i = 0; i < HANDLERS; i++) {
 		u32 record[3] = {
-			s ? (u32)(unsigned long)s->entry : 0, service_class, instance,
+			(u32)(unsigned long)func, v->service_class, v->instance,
 		};
 
 		if (handlers[i])
@@ -179,40 +248,107 @@ static void tell(u32 event, const struct service *s, u32 service_class, u32 inst
 	}
 }
 
+static void set_answers(struct entry *e, const struct moxlab_service *v)
+{
+	WRITE_ONCE(e->result, v->result);
+	spin_lock_bh(&mac_lock);
+	ether_addr_copy(e->mac, v->mac);
+	spin_unlock_bh(&mac_lock);
+}
+
+/* Under serv_lock, when the handlers know better: no hook is in it any more. */
+static void bid_farewell(struct entry *e)
+{
+	synchronize_rcu();
+	WRITE_ONCE(e->gone, true);
+}
+
+/* Under serv_lock. */
+static void publish(struct service *s, const struct moxlab_service *v)
+{
+	struct entry *old = &s->entries[s->current_entry];
+	struct entry *e = &s->entries[v->entry];
+
+	set_answers(e, v);
+	WRITE_ONCE(e->gone, false);
+	s->current_entry = v->entry;
+	s->published = true;
+	tell(0, v, e->func);
+	if (old != e)
+		bid_farewell(old);
+}
+
+/* Under serv_lock. */
+static void withdraw(struct service *s, const struct moxlab_service *v)
+{
+	struct entry *e = &s->entries[s->current_entry];
+
+	s->published = false;
+	tell(1, v, e->func);
+	bid_farewell(e);
+}
+
+/* Under serv_lock. Handlers may call what event 0 offers them. */
+static void event(struct service *s, const struct moxlab_service *v)
+{
+	struct entry *e = s ? &s->entries[v->entry] : NULL;
+
+	if (e && v->event == 0)
+		WRITE_ONCE(e->gone, false);
+	tell(v->event, v, e ? e->func : NULL);
+}
+
 int efmp_serv_verb(struct moxlab_service *v)
 {
 	struct service *s = find(v->service_class, v->instance);
 	int i;
 
-	if (v->op > MOXLAB_SERVICE_QUERY)
+	if (v->op > MOXLAB_SERVICE_QUERY || v->entry >= MOXLAB_SERVICE_ENTRIES)
 		return -EINVAL;
 	if (!s && v->op != MOXLAB_SERVICE_EVENT)
 		return -ENOENT;
 
 	mutex_lock(&serv_lock);
-	if (v->op == MOXLAB_SERVICE_PUBLISH || v->op == MOXLAB_SERVICE_SET) {
-		WRITE_ONCE(s->result, v->result);
-		if (s == &services[LOCAL_MAC])
-			ether_addr_copy(chosen_mac, v->mac);
-	}
 	switch (v->op) {
 	case MOXLAB_SERVICE_PUBLISH:
-		s->published = true;
-		tell(0, s, v->service_class, v->instance);
+		publish(s, v);
 		break;
 	case MOXLAB_SERVICE_WITHDRAW:
-		s->published = false;
-		tell(1, s, v->service_class, v->instance);
+		withdraw(s, v);
 		break;
 	case MOXLAB_SERVICE_EVENT:
-		tell(v->event, s, v->service_class, v->instance);
+		event(s, v);
+		break;
+	case MOXLAB_SERVICE_SET:
+		set_answers(&s->entries[v->entry], v);
 		break;
 	}
 	v->published = s && s->published;
-	v->calls = s ? atomic_read(&s->calls) : 0;
+	v->calls = s ? atomic_read(&s->entries[v->entry].calls) : 0;
+	v->late = s ? atomic_read(&s->late) : 0;
+	v->unit = READ_ONCE(last_unit);
 	v->handlers = 0;
 	for (i = 0; i < HANDLERS; i++)
 		v->handlers += !!handlers[i];
 	mutex_unlock(&serv_lock);
 	return 0;
+}
+
+/* For the platform's own test: what a forgetful importer would do. */
+int efmp_serv_call_late(void)
+{
+	struct moxlab_service v = { .service_class = 32 };
+	struct service *s = &services[DROP];
+	int err = -EBUSY; /* a handler that keeps the pointer is not to be fooled */
+
+	mutex_lock(&serv_lock);
+	if (!s->published) {
+		withdraw(s, &v);
+		local_bh_disable();
+		((int (*)(void *))s->entries[s->current_entry].func)(NULL);
+		local_bh_enable();
+		err = 0;
+	}
+	mutex_unlock(&serv_lock);
+	return err;
 }
