@@ -281,6 +281,9 @@ static bool leave_by(struct efbuff *b, struct efmp_port *port, bool sent)
 		efmp_count(EFMP_MALFORMED);
 		goto drop;
 	}
+	/* Or it would be on record as having left. */
+	if (!netif_running(port->dev))
+		goto drop;
 	skb = build_skb_of(b, port->dev);
 	if (!skb) {
 		efmp_count(EFMP_NO_MEMORY);

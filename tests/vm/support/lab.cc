@@ -285,6 +285,7 @@ void fail(Fail what, uint32_t nth, uint32_t count, int32_t result)
 {
     moxlab_fail request{};
     switch (what) {
+    case Fail::Alloc: request.call = MOXLAB_FAIL_ALLOC; break;
     case Fail::Clone: request.call = MOXLAB_FAIL_CLONE; break;
     case Fail::RegModule: request.call = MOXLAB_FAIL_REG_MODULE; break;
     case Fail::RegRecv: request.call = MOXLAB_FAIL_REG_RECV; break;
@@ -323,6 +324,15 @@ void remove_interface(uint32_t ifindex)
     moxlab_intf intf{};
     intf.ifindex = ifindex;
     verb(MOXLAB_INTF_DEL, &intf, "MOXLAB_INTF_DEL");
+}
+
+void set_link(uint32_t ifindex, bool up)
+{
+    moxlab_intf intf{};
+    intf.ifindex = ifindex;
+    intf.set = MOXLAB_INTF_SET_LINK;
+    intf.link = up;
+    verb(MOXLAB_INTF_SET, &intf, "MOXLAB_INTF_SET");
 }
 
 uint8_t peek8(const char *sym, uint32_t offset)

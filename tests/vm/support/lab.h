@@ -108,7 +108,7 @@ bool settle(int milliseconds = 5000);
 /// The forward reason (header byte 43) that the hook left in the frame injected last.
 uint8_t last_forward_reason();
 
-enum class Fail { Clone, RegModule, RegRecv, RegOutput, GetService, RegServHandler };
+enum class Fail { Alloc, Clone, RegModule, RegRecv, RegOutput, GetService, RegServHandler };
 /// Makes the n-th call from now (1: the next) of that kind fail, count times; result is what a registration returns.
 void fail(Fail what, uint32_t nth, uint32_t count = 1, int32_t result = -5);
 void clear_failures();
@@ -116,6 +116,7 @@ void clear_failures();
 /// Control blocks without a device behind them.
 void set_interface(uint32_t ifindex, const char *name, const uint8_t mac[6], bool up);
 void remove_interface(uint32_t ifindex);
+void set_link(uint32_t ifindex, bool up);
 
 /// Installs (result >= 0) or removes (result < 0) a drop function in pkt_rnfp or, with wlan, in pkt_rnfp_wlan.
 void set_rnfp(bool wlan, int result);

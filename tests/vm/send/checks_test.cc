@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: GPL-2.0
+// What a send may fail for, each reason alone and in front of all that would come after it: the errno, the counter, the
+// debug text, and whose the efbuff was.
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "support/send.h"
+
+namespace {
+
+using namespace vm;
+
+/// One page that can be read and none behind it.
+class Cliff {
+public:
+    Cliff() : page_(size_t(::sysconf(_SC_PAGESIZE)))
+    {
+        area_ = static_cast<uint8_t *>(
+            ::mmap(nullptr, 2 * page_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        ::mprotect(area_ + page_, page_, PROT_NONE);
+    }
+    ~Cliff() { ::munmap(area_, 2 * page_); }
+    const uint8_t *edge() const { return area_ + page_; }
+
+private:
+    size_t page_;
+    uint8_t *area_;
+};
+
+constexpr uint32_t kNowhere = lab::kNoSuchInterface;
+
+/// What a reason does to the message, or to the world around the call.
+struct Scene {
+    Send &send;
+    const Cliff &cliff;
+};
+
+struct Reason {
+    const char *name;
+    void (*provoke)(Scene scene);
+    int error;
+    uint32_t SendCounters::*counter;
+    const char *text;
+    bool dgram_only;
+    bool allocated;  ///< there is an efbuff by then
+};
+
+const Reason kReasons[] = {
+    {"vsd",
+     [](Scene) {
+         std::filesystem::create_directories("/data/var/run/vsd/3/x");
+         std::filesystem::current_path("/data/var/run/vsd/3/x");
+     },
+     EINVAL, &SendCounters::sendmsg_ill, "MOX-PACKET-SEND: get vsd id 3 fail.", false, false},
+    {"control_length", [](Scene s) { s.send.control_length = 47; }, EINVAL, &SendCounters::sendmsg_ill,
+     "MOX-PACKET-SEND: msg controllen 47 illegal.", false, false},
+    {"name_length", [](Scene s) { s.send.name_length = 19; }, EINVAL, &SendCounters::sendmsg_ill,
+     "MOX-PACKET-SEND: msg namelen 19 illegal.", false, false},
+    {"no_efbuff", [](Scene) { lab::fail(lab::Fail::Alloc, 1); }, ENOMEM, &SendCounters::alloc_efbuff,
+     "MOX-PACKET-SEND: alloc ebuff failed.", false, false},
+    {"no_destination_mac", [](Scene s) { s.send.address().sll_halen = 0; }, EINVAL, &SendCounters::macfunc_ill,
+     "MOX-PACKET-SEND: sock_dgram but dst mac addr is null.", true, true},
+    {"no_mac_service", [](Scene) { withdraw(kLocalMacService); }, EINVAL, &SendCounters::macfunc_ill,
+     "MOX-PACKET-SEND: sock_dgram but get mac addr func is null.", true, true},
+    {"mac_service_fails", [](Scene) { publish(kLocalMacService, 0, 1); }, EINVAL, &SendCounters::macfunc_ill,
+     "MOX-PACKET-SEND: sock_dgram but get local mac error.", true, true},
+    {"data_fault",
+     [](Scene s) {
+         s.send.at = s.cliff.edge() - 20;
+         s.send.at_length = 60;
+     },
+     EFAULT, &SendCounters::pkt_copy, "MOX-PACKET-SEND: copy pkt failed", false, true},
+    {"no_destination", [](Scene s) { s.send.address().sll_ifindex = int(kNowhere); }, ENXIO, &SendCounters::dstintf_ill,
+     "MOX-PACKET-SEND: get dst intf 3999 fail", false, true},
+    {"link_down", [](Scene s) { s.send.address().sll_ifindex = int(lab::kPortDown); }, ENETDOWN, &SendCounters::linkdown,
+     "MOX-PACKET-SEND: send port-down is link down", false, true},
+    {"no_source", [](Scene s) { s.send.control.pkt_ifx = kNowhere; }, ENXIO, &SendCounters::srcintf_ill,
+     "MOX-PACKET-SEND: get src intf 3999 fail!", false, true},
+    {"platform_drops", [](Scene) { platform().override_outcome(1, 1, false); }, ENETUNREACH, &SendCounters::ef_send,
+     "MOX-PACKET-SEND: process vm_send send pkt %p in vsd 0, fail: drop.", false, true},
+};
+
+class Checks : public SendTest, public ::testing::WithParamInterface<size_t> {
+protected:
+    void SetUp() override
+    {
+        SendTest::SetUp();
+        home_ = std::filesystem::current_path();
+    }
+    void TearDown() override
+    {
+        std::filesystem::current_path(home_);
+        SendTest::TearDown();
+    }
+
+    /// The message that all is well with.
+    Send good() const
+    {
+        Send send;
+        send.data = counting(60);
+        send.with({}).to(lab::kPortA);
+        send.control.pkt_ifx = lab::kPortB;
+        return send;
+    }
+
+    /// Sends with reason `first`, and with all behind it, too, when `with_later`.
+    void fails_for(size_t first, bool with_later, int type)
+    {
+        SCOPED_TRACE(type == SOCK_DGRAM ? "SOCK_DGRAM" : "SOCK_RAW");
+        const Reason &reason = kReasons[first];
+        Cliff cliff;
+        Send send = good();
+        Socket socket(type);
+        ASSERT_EQ(socket.error(), 0);
+        // From the last to the first: where two want the same field, the earlier one has it.
+        for (size_t n = std::size(kReasons); n-- > first;)
+            if (n == first || (with_later && (type == SOCK_DGRAM || !kReasons[n].dgram_only)))
+                kReasons[n].provoke({send, cliff});
+        Trial trial = attempt(socket, send, true);
+        std::filesystem::current_path(home_);
+        lab::clear_failures();
+        platform().override_outcome(0, 0, false);
+        publish(kLocalMacService, 0, 0, kLocalMac[0]);
+
+        EXPECT_EQ(trial.result, -1);
+        EXPECT_EQ(trial.error, reason.error) << std::strerror(trial.error);
+        SendCounters wanted{};
+        wanted.*reason.counter = 1;
+        EXPECT_EQ(trial.counters, wanted) << "its own counter and no other";
+        EXPECT_TRUE(HasLineLike(trial.lines, reason.text));
+        EXPECT_TRUE(trial.left.empty());
+        bool handed_over = reason.error == ENETUNREACH;
+        EXPECT_EQ(trial.allocated, reason.allocated ? 1u : 0u);
+        EXPECT_EQ(trial.freed, reason.allocated && !handed_over ? 1u : 0u);
+        EXPECT_EQ(trial.given, handed_over ? 1u : 0u) << "the platform's from the call on";
+        EXPECT_EQ(lab::books().live, 0);
+        for (const Reason &other : kReasons)
+            if (&other != &reason)
+                EXPECT_FALSE(HasLineLike(trial.lines, other.text)) << other.name;
+    }
+
+    std::filesystem::path home_;
+};
+
+TEST_P(Checks, alone)
+{
+    fails_for(GetParam(), false, SOCK_DGRAM);
+    if (!kReasons[GetParam()].dgram_only)
+        fails_for(GetParam(), false, SOCK_RAW);
+}
+
+TEST_P(Checks, before_all_later_ones)
+{
+    fails_for(GetParam(), true, SOCK_DGRAM);
+    if (!kReasons[GetParam()].dgram_only)
+        fails_for(GetParam(), true, SOCK_RAW);
+}
+
+INSTANTIATE_TEST_SUITE_P(Reasons, Checks, ::testing::Range(size_t(0), std::size(kReasons)),
+                         [](const auto &info) { return kReasons[info.param].name; });
+
+TEST_F(Checks, without_any_reason_it_succeeds)
+{
+    for (int type : {SOCK_RAW, SOCK_DGRAM}) {
+        Socket socket(type);
+        Trial trial = attempt(socket, good(), true);
+        EXPECT_EQ(trial.result, 60);
+        EXPECT_EQ(trial.counters, SendCounters{.sent = 1});
+        EXPECT_EQ(trial.allocated, 1u);
+        EXPECT_EQ(trial.given, 1u);
+        EXPECT_EQ(trial.freed, 0u);
+        ASSERT_EQ(trial.left.size(), 1u);
+        EXPECT_EQ(trial.left[0].ifindex, lab::kPortA);
+    }
+}
+
+TEST_F(Checks, statistics_clear_the_send_counters)
+{
+    Socket socket(SOCK_RAW);
+    Send bad = good();
+    bad.control_length = 47;
+    EXPECT_EQ(bad.by(socket.fd()), -1);
+    EXPECT_EQ(good().by(socket.fd()), 60);
+    EXPECT_EQ(SendCounters::of(socket), (SendCounters{.sendmsg_ill = 1, .sent = 1}));
+    mox_packet_stats stats = socket.stats();
+    EXPECT_EQ(stats.packets, 0u) << "sends are not told of there";
+    EXPECT_EQ(stats.drops, 0u);
+    EXPECT_EQ(SendCounters::of(socket), SendCounters{});
+}
+
+TEST_F(Checks, counters_are_each_sockets_own)
+{
+    Socket one(SOCK_RAW), other(SOCK_RAW);
+    EXPECT_EQ(good().by(one.fd()), 60);
+    EXPECT_EQ(SendCounters::of(one), SendCounters{.sent = 1});
+    EXPECT_EQ(SendCounters::of(other), SendCounters{});
+}
+
+TEST_F(Checks, control_lengths)
+{
+    Socket socket(SOCK_RAW);
+    struct Row {
+        size_t length;
+        int error;
+    };
+    // 0 bytes at an address are a control buffer, and too short a one.
+    for (Row row : {Row{0, EINVAL}, {1, EINVAL}, {16, EINVAL}, {47, EINVAL}, {48, 0}, {49, 0}, {255, 0}}) {
+        Send send = good();
+        send.control_length = row.length;
+        Trial trial = attempt(socket, send);
+        EXPECT_EQ(trial.error, row.error) << row.length;
+        EXPECT_EQ(trial.counters, (row.error ? SendCounters{.sendmsg_ill = 1} : SendCounters{.sent = 1})) << row.length;
+    }
+}
+
+TEST_F(Checks, name_lengths_and_mac_lengths)
+{
+    Socket socket(SOCK_RAW);
+    struct Row {
+        socklen_t name_length;
+        uint8_t mac_length;
+        int error;
+    };
+    for (Row row : {Row{1, 0, EINVAL},   {12, 0, EINVAL},  {18, 6, EINVAL},   {19, 0, EINVAL},   {19, 6, EINVAL},
+                    {20, 0, 0},          {20, 5, 0},       {20, 6, 0},        {20, 8, 0},        {20, 9, EINVAL},
+                    {21, 9, 0},          {20, 255, EINVAL}, {32, 20, 0},      {32, 21, EINVAL},  {128, 116, 0},
+                    {128, 117, EINVAL},  {128, 255, EINVAL}}) {
+        Send send = good();
+        send.name_length = row.name_length;
+        send.address().sll_halen = row.mac_length;
+        Trial trial = attempt(socket, send, true);
+        std::string which = std::to_string(row.name_length) + " with " + std::to_string(row.mac_length);
+        EXPECT_EQ(trial.error, row.error) << which;
+        EXPECT_EQ(trial.counters, (row.error ? SendCounters{.sendmsg_ill = 1} : SendCounters{.sent = 1})) << which;
+        std::string text = "MOX-PACKET-SEND: msg namelen " + std::to_string(row.name_length) + " illegal.";
+        EXPECT_EQ(bool(HasLine(trial.lines, text)), row.error != 0) << which;
+    }
+    // The kernel takes a name of no length for no name.
+    Send send = good();
+    send.name_length = 0;
+    ASSERT_EQ(socket.bind(lab::kPortB), 0);
+    EXPECT_EQ(leaves(socket, send).ifindex, lab::kPortB);
+}
+
+TEST_F(Checks, a_dgram_destination_needs_six_bytes_of_address)
+{
+    Socket socket(SOCK_DGRAM);
+    for (int length : {0, 1, 5, 6, 7, 8}) {
+        Send send = good();
+        send.address().sll_halen = uint8_t(length);
+        Trial trial = attempt(socket, send);
+        EXPECT_EQ(trial.error, length < 6 ? EINVAL : 0) << length;
+        EXPECT_EQ(trial.counters, (length < 6 ? SendCounters{.macfunc_ill = 1} : SendCounters{.sent = 1})) << length;
+    }
+}
+
+TEST_F(Checks, the_family_of_the_name_is_not_looked_at)
+{
+    Socket socket(SOCK_RAW);
+    for (uint16_t family : {0, AF_INET, 17, 0xffff}) {
+        Send send = good();
+        send.address().sll_family = family;
+        EXPECT_EQ(leaves(socket, send).ifindex, lab::kPortA) << family;
+    }
+}
+
+TEST_F(Checks, flags_of_the_call_are_not_looked_at)
+{
+    Socket socket(SOCK_RAW);
+    for (int flags : {MSG_DONTWAIT, MSG_OOB, MSG_DONTROUTE, MSG_CONFIRM, MSG_MORE, MSG_EOR}) {
+        Send send = good();
+        send.flags = flags;
+        EXPECT_EQ(leaves(socket, send).ifindex, lab::kPortA) << flags;
+    }
+}
+
+TEST_F(Checks, a_source_whose_link_is_down_is_no_obstacle)
+{
+    Socket socket(SOCK_RAW);
+    Send send = good();
+    send.control.pkt_ifx = lab::kPortDown;
+    EXPECT_EQ(word_at(leaves(socket, send).header, 4), lab::kPortDown);
+}
+
+TEST_F(Checks, only_link_state_1_is_up)
+{
+    Socket socket(SOCK_RAW);
+    lab::set_link(lab::kPortA, false);
+    EXPECT_EQ(attempt(socket, good()).error, ENETDOWN);
+    lab::set_link(lab::kPortA, true);
+    EXPECT_EQ(attempt(socket, good()).error, 0);
+}
+
+TEST_F(Checks, nothing_is_printed_while_not_debugging)
+{
+    Socket socket(SOCK_RAW);
+    for (size_t length : {47, 48}) {
+        Send send = good();
+        send.control_length = length;
+        send.control.flags = ~0u;
+        SendCounters::of(socket);  // leaves the log empty
+        send.by(socket.fd());
+        EXPECT_EQ(lab::printk_lines(), std::vector<std::string>{}) << length;
+    }
+}
+
+}  // namespace
