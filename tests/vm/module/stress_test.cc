@@ -8,8 +8,7 @@
 #include <random>
 #include <thread>
 
-#include <arpa/inet.h>
-
+#include "support/churn.h"
 #include "support/fixture.h"
 
 namespace {
@@ -20,71 +19,6 @@ using lab::Frame;
 using lab::Hook;
 
 using Stress = VmTest;
-
-struct Traffic {
-    Hook hook;
-    uint32_t location;
-    Frame frame;
-};
-
-const std::vector<Traffic> &traffic()
-{
-    static const std::vector<Traffic> all = [] {
-        Frame resv = plain(0x88cc);
-        resv.dst_ifx = lab::kLev2Resv;
-        return std::vector<Traffic>{
-            {Hook::Lev2, PACKET_LEV2_LOC, arp(1)},
-            {Hook::Lev2, PACKET_LEV2_LOC, plain(0x88b5)},
-            {Hook::Ipv4, PACKET_IPv4_LOC, ipv4(17, udp(68, 67))},
-            {Hook::Ipv6, PACKET_IPv6_LOC, ipv6(0, extension(17, 0, udp(546, 547)))},
-            {Hook::Local, PACKET_LOCAL_LOC, plain(0x0800)},
-            {Hook::Resv, PACKET_LEV2_RESV_LOC, resv},
-            {Hook::WlanIn, PACKET_WLAN_LOC, wlan80211(true)},
-            {Hook::WlanOut, PACKET_WLAN_LOC, eapol(0)},
-        };
-    }();
-    return all;
-}
-
-Rule random_rule(std::minstd_rand &random)
-{
-    switch (random() % 8) {
-    case 0: return all();
-    case 1: return be16s(PACKET_ETH_PROT_EQUAL, {0x0806, 0x88b5});
-    case 2: return ethertype(3);
-    case 3: return be16s(PACKET_IPv4_DEST_PORT_EQUAL, {67, uint16_t(random() % 4)});
-    case 4: return u32s(PACKET_SRC_INTF_EQUAL, {lab::kPortA, lab::kPortB});
-    case 5: return u32s(PACKET_PID_T, {uint32_t(random() % 3)});
-    case 6: return flag(PACKET_WLAN_MGNT);
-    default: return rule(PACKET_PACKET_CODE_EQUAL, {Bytes{0, uint8_t(random() % 2)}});
-    }
-}
-
-/// One socket's life: some rules, some changes, some reading.
-void live(std::minstd_rand &random)
-{
-    const uint32_t locations[] = {0, 1, 2, 3, 4, 7, 8, 9, 10, 11};
-    Socket socket(random() % 3 ? SOCK_RAW : SOCK_DGRAM, random() % 4 ? 0 : htons(0x0806));
-    ASSERT_EQ(socket.error(), 0);
-    int little = 4096;
-    if (random() % 4 == 0)
-        ::setsockopt(socket.fd(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
-    for (int steps = int(random() % 24); steps >= 0; --steps)
-        switch (random() % 9) {
-        case 0: socket.add(random_rule(random)); break;
-        case 1: socket.add(random_rule(random)); break;
-        case 2: socket.del(random_rule(random)); break;
-        case 3: socket.treatment(uint32_t(random() % 6)); break;
-        case 4:
-        case 5: socket.location(locations[random() % 10]); break;
-        case 6: socket.bind(random() % 2 ? lab::kPortA : 0, random() % 2 ? htons(0x88b5) : 0); break;
-        case 7: socket.ctrl(random() % 2); break;
-        default:
-            socket.stats();
-            for (int reads = 0; reads < 8 && socket.receive(0); ++reads) {
-            }
-        }
-}
 
 TEST_F(Stress, floods_on_four_cpus_while_everything_changes)
 {
@@ -102,7 +36,7 @@ TEST_F(Stress, floods_on_four_cpus_while_everything_changes)
         threads.emplace_back([&, cpu] {
             std::minstd_rand random(seed + unsigned(cpu));
             while (!stop) {
-                const Traffic &one = traffic()[random() % traffic().size()];
+                const HookTraffic &one = hook_traffic()[random() % hook_traffic().size()];
                 Frame frame = one.frame;
                 frame.softirq = random() % 2;
                 frames_sent += lab::flood(one.hook, frame, 1 + uint32_t(random() % 16), cpu);
@@ -117,7 +51,7 @@ TEST_F(Stress, floods_on_four_cpus_while_everything_changes)
             pin(cpu);
             std::minstd_rand random(seed + 100 + unsigned(cpu));
             while (!stop)
-                live(random);
+                live_a_sockets_life(random);
         });
     }
     // One reader that stays, and must never starve.
