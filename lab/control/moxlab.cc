@@ -376,6 +376,12 @@ void Device::write_memory(uint64_t address, std::span<const uint8_t> from) const
     verb(MOXLAB_MEMORY, &request, "write memory");
 }
 
+moxlab_bench Device::bench(moxlab_bench request) const
+{
+    verb(MOXLAB_BENCH, &request, "measure part " + std::to_string(request.part) + " of sends");
+    return request;
+}
+
 void Device::sync() const { verb(MOXLAB_SYNC, nullptr, "wait for running hooks"); }
 
 void Device::flush_fdb() const { verb(MOXLAB_FDB_FLUSH, nullptr, "forget learned addresses"); }

@@ -521,6 +521,33 @@ struct moxlab_memory {
 	__u8 bytes[64];
 };
 
+/* ------------------------------------------------------------------------
+ * BENCH: batches of sends of one socket, without the system call around each,
+ * and of what the platform does in them. The socket's own errno when one fails.
+ */
+enum moxlab_bench_part {
+	MOXLAB_BENCH_SEND = 0,     /* the whole of the socket's sendmsg */
+	MOXLAB_BENCH_PLATFORM = 1, /* the platform calls of such a send */
+	MOXLAB_BENCH_NOTHING = 2,  /* the loop around both */
+	MOXLAB_BENCH_COUNT = 3,
+};
+
+#define MOXLAB_BENCH_CONTROL 48 /* bytes of the send control record, all zero */
+
+struct moxlab_bench {
+	__s32 fd;           /* a socket of family 17 */
+	__u32 part;         /* enum moxlab_bench_part */
+	__u32 count;        /* sends in a batch, 1 to 100000 */
+	__u32 batches;      /* 1 to 100000 */
+	__u64 frame;        /* user pointer to the data */
+	__u32 frame_len;    /* 14 to MOXLAB_FRAME_MAX */
+	__u32 dst_ifindex;  /* in the name */
+	__u32 controlled;   /* 1: with a control record */
+	__u32 reserved;
+	__u64 shortest_ns;  /* out: the shortest batch */
+	__u64 total_ns;     /* out: all of them */
+};
+
 #define MOXLAB_IOC 0xB7
 
 #define MOXLAB_INJECT _IOWR(MOXLAB_IOC, 1, struct moxlab_inject)
@@ -543,5 +570,6 @@ struct moxlab_memory {
 /* Forgets every learned MAC address. */
 #define MOXLAB_FDB_FLUSH _IO(MOXLAB_IOC, 17)
 #define MOXLAB_MEMORY _IOWR(MOXLAB_IOC, 18, struct moxlab_memory)
+#define MOXLAB_BENCH _IOWR(MOXLAB_IOC, 19, struct moxlab_bench)
 
 #endif /* MOXLAB_H */

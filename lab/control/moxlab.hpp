@@ -121,6 +121,9 @@ public:
     void read_memory(uint64_t address, std::span<uint8_t> to) const;
     void write_memory(uint64_t address, std::span<const uint8_t> from) const;
 
+    /// Measures; the reply has the times.
+    moxlab_bench bench(moxlab_bench request) const;
+
     /// Returns when every hook that is running now has come back.
     void sync() const;
     void flush_fdb() const;

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -501,6 +502,46 @@ TEST_F(Platform, KeepsTheWholeHeaderOfWhatLeft)
     EXPECT_EQ(block_at(h, 32), 0x44000u);
     EXPECT_EQ(block_at(h, 60), 0xffu);
     EXPECT_EQ(Bytes(h.begin() + MOXLAB_HEADER_LEN, h.end()), Bytes(64, 0));
+}
+
+TEST_F(Platform, MeasuresSocketsOfTheFamilyOnly)
+{
+    int other[2];
+    ASSERT_EQ(::pipe(other), 0);
+    Bytes bytes = frame({2, 0, 0, 0, 0, 1}, 0x0800, 60);
+    moxlab_bench good{};
+    good.count = good.batches = 1;
+    good.frame = reinterpret_cast<uintptr_t>(bytes.data());
+    good.frame_len = 60;
+    good.dst_ifindex = kB;
+    good.part = MOXLAB_BENCH_PLATFORM;
+    auto result = [&](auto change) {
+        moxlab_bench request = good;
+        change(request);
+        return errno_of([&] { lab.bench(request); });
+    };
+    good.fd = other[0];
+    EXPECT_EQ(result([](moxlab_bench &) {}), ENOTSOCK);
+    EXPECT_EQ(result([](moxlab_bench &b) { b.fd = -1; }), EBADF);
+    EXPECT_EQ(result([](moxlab_bench &b) { b.part = MOXLAB_BENCH_COUNT; }), EINVAL);
+    EXPECT_EQ(result([](moxlab_bench &b) { b.count = 0; }), EINVAL);
+    EXPECT_EQ(result([](moxlab_bench &b) { b.frame_len = 13; }), EINVAL);
+    ::close(other[0]);
+    ::close(other[1]);
+    if (!loaded("mox_ef_socket"))
+        return;
+    good.fd = ::socket(17, SOCK_RAW, 0);
+    ASSERT_GE(good.fd, 0);
+    for (uint32_t part : {MOXLAB_BENCH_PLATFORM, MOXLAB_BENCH_SEND}) {
+        good.part = part;
+        lab.record_left(true);
+        EXPECT_EQ(result([](moxlab_bench &) {}), 0);
+        auto left = lab.left().all;
+        ASSERT_EQ(left.size(), 1u) << "part " << part;
+        EXPECT_EQ(left[0].length, 60u);
+        EXPECT_EQ(left[0].ifindex, kB);
+    }
+    ::close(good.fd);
 }
 
 TEST_F(Platform, WarnsLoudlyOfWhatWasNotAnnounced)

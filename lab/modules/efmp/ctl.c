@@ -219,6 +219,11 @@ static int do_memory(void *arg)
 	return efmp_memory(arg);
 }
 
+static int do_bench(void *arg)
+{
+	return efmp_bench(arg);
+}
+
 static int do_fdb_flush(void *arg)
 {
 	efmp_fdb_flush(NULL);
@@ -247,6 +252,7 @@ static const struct verb {
 	{ MOXLAB_SYNC, do_sync },
 	{ MOXLAB_FDB_FLUSH, do_fdb_flush },
 	{ MOXLAB_MEMORY, do_memory },
+	{ MOXLAB_BENCH, do_bench },
 };
 
 /* Runs a verb on a kernel copy of its structure, zeroed where nothing came in. */

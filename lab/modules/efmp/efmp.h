@@ -271,6 +271,10 @@ extern u8 moxlab_last_freed[MOXLAB_HEADER_LEN];
 int moxlab_rnfp(void *efbuff);
 int moxlab_rnfp_wlan(void *efbuff);
 
+/* ---- bench.c -------------------------------------------------------------- */
+
+int efmp_bench(struct moxlab_bench *bench);
+
 /* ---- inject.c, ctl.c ------------------------------------------------------ */
 
 int efmp_inject(struct moxlab_inject *in);

@@ -55,7 +55,8 @@ Bytes counting(size_t length);
 
 /// A socket's send counters. Reading changes nothing.
 struct SendCounters {
-    uint32_t sendmsg_ill, macfunc_ill, dstintf_ill, srcintf_ill, linkdown, alloc_efbuff, pkt_copy, ef_send, sent;
+    uint32_t sendmsg_ill = 0, macfunc_ill = 0, dstintf_ill = 0, srcintf_ill = 0, linkdown = 0, alloc_efbuff = 0,
+             pkt_copy = 0, ef_send = 0, sent = 0;
 
     bool operator==(const SendCounters &) const = default;
     SendCounters operator-(const SendCounters &before) const;
