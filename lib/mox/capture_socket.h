@@ -12,44 +12,24 @@
  *     socket.set_location(PACKET_LEV2_LOC);
  *     while (auto frame = socket.receive(buffer)) ...
  *
+ * Opening, binding and sending are those of every packet socket (mox/packet_socket.h): a daemon hears and answers
+ * with the same one.
+ *
  * Unless said otherwise functions throw SocketError when the kernel refuses. Nothing here is shared between
  * threads; the kernel allows any number of readers on one socket.
  */
 #ifndef MOX_CAPTURE_SOCKET_H
 #define MOX_CAPTURE_SOCKET_H
 
+#include "mox/packet_socket.h"
 #include "mox/rule.h"
 #include "mox_packet.h"
-
-#include <sys/socket.h>
-#include <sys/types.h>
 
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <string>
 
 namespace mox {
-
-/** The system calls that a capture socket makes; tests put their own in place. Results and errno as in libc. */
-class SocketCalls {
-public:
-    virtual ~SocketCalls() = default;
-    virtual int socket(int family, int type, int protocol);
-    virtual int bind(int fd, const sockaddr* address, socklen_t length);
-    virtual int setsockopt(int fd, int level, int option, const void* value, socklen_t length);
-    virtual int getsockopt(int fd, int level, int option, void* value, socklen_t* length);
-    virtual ssize_t recvmsg(int fd, msghdr* message, int flags);
-    virtual int close(int fd);
-
-    /** The operating system's. */
-    static SocketCalls& system();
-};
-
-enum class SocketKind {
-    raw,      /**< frames with their layer-2 header */
-    datagram, /**< frames without it */
-};
 
 /** One received frame. */
 struct Frame {
@@ -61,32 +41,9 @@ struct Frame {
     bool truncated() const { return bytes.size() < length; }
 };
 
-/** Index of an interface name, 0 when there is none. */
-std::uint32_t system_interface_index(const std::string& name);
-
-class CaptureSocket {
+class CaptureSocket : public PacketSocket {
 public:
-    /**
-     * Opens a socket. protocol is an EtherType in host order; other than 0 it becomes the socket's first rule
-     * (3 stands for any). Refuses, with a text, when family 17 belongs to somebody else than mox_ef_socket.
-     */
-    explicit CaptureSocket(SocketKind kind, std::uint16_t protocol = 0,
-                           SocketCalls& calls = SocketCalls::system());
-    ~CaptureSocket();
-    CaptureSocket(CaptureSocket&& other) noexcept;
-    CaptureSocket(const CaptureSocket&) = delete;
-    CaptureSocket& operator=(const CaptureSocket&) = delete;
-    CaptureSocket& operator=(CaptureSocket&&) = delete;
-
-    /** For poll; stays owned by this object. */
-    int fd() const { return fd_; }
-
-    /**
-     * Names the socket's interface (0: all) and, with a protocol other than 0, adds an EtherType rule. The
-     * interface has to exist on the platform. Binding does not narrow the capture to the interface: that takes
-     * a PACKET_SRC_INTF_EQUAL rule.
-     */
-    void bind(std::uint32_t ifindex, std::uint16_t protocol = 0);
+    using PacketSocket::PacketSocket;
 
     void set_location(std::uint32_t location);
     void set_treatment(std::uint32_t treatment);
@@ -111,8 +68,6 @@ private:
     void set_u32(int option, std::uint32_t value, const char* what);
     void change_rule(int option, const Rule& rule, const char* what);
 
-    SocketCalls& calls_;
-    int fd_ = -1;
     bool control_info_ = false;
 };
 

@@ -5,6 +5,7 @@
 #include "mox_packet.h"
 
 #include <cctype>
+#include <cstdio>
 
 namespace mox {
 namespace {
@@ -34,6 +35,19 @@ constexpr Name treatment_table[] = {
      "as copy-local, placed among the rules that come first"},
 };
 
+constexpr Name send_flag_table[] = {
+    {MOX_SEND_DEBUG, "MOX_SEND_DEBUG", "debug trace", "mark the frame for tracing and log its outcome"},
+    {MOX_SEND_EF_40000, "MOX_SEND_EF_40000", "ef40000", "frame flag 0x40000"},
+    {MOX_SEND_VXLAN_ENCAP, "MOX_SEND_VXLAN_ENCAP", "vxlan-encap vxlan", "VXLAN encapsulation (send flag 0x1)"},
+    {MOX_SEND_BLOCK, "MOX_SEND_BLOCK", "block block-send", "block send (send flag 0x2)"},
+    {MOX_SEND_400, "MOX_SEND_400", "send4 400 0x400", "send flag 0x4"},
+    {MOX_SEND_4000, "MOX_SEND_4000", "send20 4000 0x4000", "send flag 0x20"},
+    {MOX_SEND_10000, "MOX_SEND_10000", "send40 10000 0x10000", "send flag 0x40"},
+    {MOX_SEND_20000, "MOX_SEND_20000", "send80 20000 0x20000", "send flag 0x80"},
+    {MOX_SEND_NO_ACL, "MOX_SEND_NO_ACL", "no-acl", "do not match access lists (send flag 0x8)"},
+    {MOX_SEND_PROXY_CAPTURE, "MOX_SEND_PROXY_CAPTURE", "proxy-capture", "the proxy-capture byte is valid (send flag 0x10)"},
+};
+
 constexpr std::string_view prefix = "PACKET_";
 
 char folded(char c)
@@ -49,6 +63,11 @@ bool allowed_location(const Name& row)
 bool allowed_treatment(const Name& row)
 {
     return row.value != PACKET_TREATMENT_NONE;
+}
+
+bool allowed_send_flag(const Name&)
+{
+    return true;
 }
 
 std::uint32_t parse(std::string_view what, std::span<const Name> table, bool (*allowed)(const Name&),
@@ -114,6 +133,11 @@ std::span<const Name> treatments()
     return treatment_table;
 }
 
+std::span<const Name> send_flags()
+{
+    return send_flag_table;
+}
+
 std::optional<Name> find_name(std::span<const Name> table, std::string_view text)
 {
     std::string_view bare = without_prefix(text);
@@ -136,6 +160,27 @@ std::uint32_t parse_location(std::string_view text)
 std::uint32_t parse_treatment(std::string_view text)
 {
     return parse("treatment", treatment_table, allowed_treatment, text);
+}
+
+std::uint32_t parse_send_flag(std::string_view text)
+{
+    return parse("send flag", send_flag_table, allowed_send_flag, text);
+}
+
+std::string send_flags_text(std::uint32_t flags)
+{
+    std::string text;
+    for (const Name& row : send_flag_table)
+        if (flags & row.value) {
+            text += (text.empty() ? "" : " ") + std::string(row.alias());
+            flags &= ~row.value;
+        }
+    if (flags != 0) {
+        char digits[16];
+        std::snprintf(digits, sizeof(digits), "0x%x", static_cast<unsigned>(flags));
+        text += (text.empty() ? "" : " ") + std::string(digits);
+    }
+    return text;
 }
 
 std::string_view location_name(std::uint32_t location)

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Names of the numbers in mox_packet.h: locations, treatments and rule types, with the short aliases that
+ * Names of the numbers in mox_packet.h: locations, treatments, send flags and rule types, with the short aliases that
  * command lines use.
  *
  * Looking a name up ignores case, takes '_' and '-' for the same, and lets the prefix "PACKET_" be left out.
@@ -31,6 +31,8 @@ struct Name {
 std::span<const Name> locations();
 /** All treatments in the order of their numbers. */
 std::span<const Name> treatments();
+/** All flags of a send's control record in the order of their bits. */
+std::span<const Name> send_flags();
 
 /** Whether a socket can be set to the location (MPLS and TRILL have names but no receiver). */
 constexpr bool location_is_open(std::uint32_t location)
@@ -49,6 +51,11 @@ std::uint32_t parse_location(std::string_view text);
 
 /** The number of a treatment that captures (not "none"). Throws UsageError listing the allowed names. */
 std::uint32_t parse_treatment(std::string_view text);
+
+/** The bit of a send flag. Throws UsageError listing the allowed names. */
+std::uint32_t parse_send_flag(std::string_view text);
+/** The first aliases of the flags in a word, with blanks between them; bits without a name as one hexadecimal number. */
+std::string send_flags_text(std::uint32_t flags);
 
 /** Full name of a location, "Unknown" beyond the table, as the module prints it. */
 std::string_view location_name(std::uint32_t location);

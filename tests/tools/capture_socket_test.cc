@@ -47,7 +47,7 @@ TEST(capture_socket, open__errors_tell_the_remedy)
         FakeCalls calls;
         calls.socket_error = each.error;
         expect_error<mox::SocketError>([&] { mox::CaptureSocket socket(mox::SocketKind::raw, 0, calls); },
-                                       {"cannot open a capture socket", each.remedy});
+                                       {"cannot open a packet socket", each.remedy});
         try {
             mox::CaptureSocket socket(mox::SocketKind::raw, 0, calls);
         } catch (const mox::SocketError& error) {

@@ -41,6 +41,13 @@ struct QueuedFrame {
     mox_packet_ctrl_info control{};
 };
 
+/** What a sendmsg call handed over. */
+struct SentMessage {
+    std::vector<std::uint8_t> bytes, name, control;
+    bool has_name = false, has_control = false;
+    int flags = 0;
+};
+
 class FakeCalls : public mox::SocketCalls {
 public:
     ~FakeCalls() override { EXPECT_EQ(open_, 0) << "a socket was left open, or closed twice"; }
@@ -49,6 +56,9 @@ public:
     int socket_error = 0, bind_error = 0, receive_error = 0, statistics_error = 0;
     bool linux_packet_sockets = false;
     std::map<int, int> option_errors;
+    int name_error = 0;
+    std::vector<std::uint8_t> name; // answer of getsockname
+    std::deque<int> send_errors;    // of the coming sends, 0: success; success when used up
     mox_packet_stats statistics{};
     std::function<void(const OptionCall&)> on_option;
     std::function<void()> on_receive; // called after a frame was handed out
@@ -58,6 +68,8 @@ public:
     std::vector<std::uint8_t> bound_to;
     std::vector<OptionCall> options;
     std::vector<int> receive_flags;
+    std::vector<SentMessage> sent; // the refused ones, too
+    std::function<void()> on_send;
     int statistics_reads = 0;
 
     void queue(QueuedFrame frame)
@@ -91,6 +103,35 @@ public:
         auto bytes = reinterpret_cast<const std::uint8_t*>(address);
         bound_to.assign(bytes, bytes + length);
         return bind_error ? fail(bind_error) : 0;
+    }
+    int getsockname(int, sockaddr* address, socklen_t* length) override
+    {
+        if (name_error)
+            return fail(name_error);
+        EXPECT_GE(*length, name.size());
+        std::memcpy(address, name.data(), name.size());
+        *length = static_cast<socklen_t>(name.size());
+        return 0;
+    }
+    ssize_t sendmsg(int, const msghdr* message, int flags) override
+    {
+        SentMessage one;
+        one.flags = flags;
+        for (std::size_t i = 0; i < message->msg_iovlen; ++i)
+            append(one.bytes, message->msg_iov[i].iov_base, message->msg_iov[i].iov_len);
+        one.has_name = message->msg_name != nullptr;
+        one.has_control = message->msg_control != nullptr;
+        append(one.name, message->msg_name, message->msg_namelen);
+        append(one.control, message->msg_control, message->msg_controllen);
+        sent.push_back(one);
+        if (on_send)
+            on_send();
+        int error = 0;
+        if (!send_errors.empty()) {
+            error = send_errors.front();
+            send_errors.pop_front();
+        }
+        return error ? fail(error) : static_cast<ssize_t>(one.bytes.size());
     }
     int setsockopt(int, int level, int option, const void* value, socklen_t length) override
     {
@@ -154,6 +195,11 @@ public:
     }
 
 private:
+    static void append(std::vector<std::uint8_t>& to, const void* from, std::size_t length)
+    {
+        auto bytes = static_cast<const std::uint8_t*>(from);
+        to.insert(to.end(), bytes, bytes + length);
+    }
     static int fail(int error)
     {
         errno = error;

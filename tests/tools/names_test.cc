@@ -22,7 +22,7 @@ TEST(names, every_row_stands_at_its_own_number)
 
 TEST(names, every_full_name_and_alias_is_found_and_means_its_row_alone)
 {
-    for (auto table : {mox::locations(), mox::treatments()})
+    for (auto table : {mox::locations(), mox::treatments(), mox::send_flags()})
         for (const mox::Name& row : table) {
             EXPECT_EQ(mox::find_name(table, row.full)->value, row.value) << row.full;
             EXPECT_EQ(mox::find_name(table, row.alias())->value, row.value) << row.alias();
@@ -70,6 +70,38 @@ TEST(names, parse_treatment)
     expect_error<mox::UsageError>([] { mox::parse_treatment("steal"); },
                                   {"\"steal\"", "copy (PACKET_COPY)", "trap", "fetch-local"});
     expect_error<mox::UsageError>([] { mox::parse_treatment("none"); }, {"cannot capture"});
+}
+
+TEST(names, parse_send_flag)
+{
+    constexpr NameCase cases[] = {
+        {"debug", 0x2}, {"trace", 0x2}, {"ef40000", 0x4}, {"vxlan-encap", 0x100}, {"VXLAN_ENCAP", 0x100},
+        {"block", 0x200}, {"send4", 0x400}, {"0x400", 0x400}, {"send20", 0x4000}, {"4000", 0x4000},
+        {"send40", 0x10000}, {"send80", 0x20000}, {"no-acl", 0x40000}, {"MOX_SEND_NO_ACL", 0x40000},
+        {"proxy-capture", 0x100000},
+    };
+    for (const NameCase& each : cases)
+        EXPECT_EQ(mox::parse_send_flag(each.text), each.value) << each.text;
+    for (const char* text : {"acl", "", "0x1", "debug,block"})
+        expect_error<mox::UsageError>([&] { mox::parse_send_flag(text); },
+                                      {"send flag \"" + std::string(text) + "\" is unknown", "debug (MOX_SEND_DEBUG)",
+                                       "proxy-capture (MOX_SEND_PROXY_CAPTURE)"});
+}
+
+TEST(names, send_flags__each_bit_of_the_header_once_and_shown_by_name)
+{
+    std::uint32_t all = 0;
+    std::string text;
+    for (const mox::Name& row : mox::send_flags()) {
+        EXPECT_EQ(all & row.value, 0u) << row.full;
+        all |= row.value;
+        text += (text.empty() ? "" : " ") + std::string(row.alias());
+    }
+    EXPECT_EQ(all, 0x174706u);
+    EXPECT_EQ(mox::send_flags_text(all), text);
+    EXPECT_EQ(mox::send_flags_text(0), "");
+    EXPECT_EQ(mox::send_flags_text(0x80000001), "0x80000001");
+    EXPECT_EQ(mox::send_flags_text(0x80000002), "debug 0x80000000");
 }
 
 TEST(names, numbers_beyond_the_tables_are_unknown)

@@ -1,0 +1,115 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A socket of family 17: opening, naming its interface, sending. CaptureSocket adds receiving, so that one socket can
+ * hear and answer.
+ *
+ *     mox::PacketSocket socket(mox::SocketKind::raw);
+ *     socket.send({frame, mox::SendAddress{mox::system_interface_index("port1")}});
+ *
+ * Unless said otherwise functions throw SocketError when the kernel refuses. A socket without a location receives
+ * nothing, so that one which only sends need not be read.
+ */
+#ifndef MOX_PACKET_SOCKET_H
+#define MOX_PACKET_SOCKET_H
+
+#include "mox/send.h"
+
+#include <sys/socket.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace mox {
+
+/** The system calls that a packet socket makes; tests put their own in place. Results and errno as in libc. */
+class SocketCalls {
+public:
+    virtual ~SocketCalls() = default;
+    virtual int socket(int family, int type, int protocol);
+    virtual int bind(int fd, const sockaddr* address, socklen_t length);
+    virtual int getsockname(int fd, sockaddr* address, socklen_t* length);
+    virtual int setsockopt(int fd, int level, int option, const void* value, socklen_t length);
+    virtual int getsockopt(int fd, int level, int option, void* value, socklen_t* length);
+    virtual ssize_t recvmsg(int fd, msghdr* message, int flags);
+    virtual ssize_t sendmsg(int fd, const msghdr* message, int flags);
+    virtual int close(int fd);
+
+    /** The operating system's. */
+    static SocketCalls& system();
+};
+
+enum class SocketKind {
+    raw,      /**< frames with their layer-2 header */
+    datagram, /**< frames without it */
+};
+
+/**
+ * The link-layer address of family 17, as the kernel lays it out. hardware_type and packet_type are not looked at
+ * in a send.
+ */
+struct LinkAddress {
+    std::uint16_t family;
+    std::uint16_t protocol; // network order
+    std::int32_t ifindex;
+    std::uint16_t hardware_type;
+    std::uint8_t packet_type;
+    std::uint8_t address_length;
+    std::uint8_t address[8];
+};
+static_assert(sizeof(LinkAddress) == 20);
+
+/** Index of an interface name, 0 when there is none. */
+std::uint32_t system_interface_index(const std::string& name);
+
+class PacketSocket {
+public:
+    /**
+     * Opens a socket. protocol is an EtherType in host order; other than 0 it becomes the socket's first rule
+     * (3 stands for any). Refuses, with a text, when family 17 belongs to somebody else than mox_ef_socket.
+     */
+    explicit PacketSocket(SocketKind kind, std::uint16_t protocol = 0, SocketCalls& calls = SocketCalls::system());
+    ~PacketSocket();
+    PacketSocket(PacketSocket&& other) noexcept;
+    PacketSocket(const PacketSocket&) = delete;
+    PacketSocket& operator=(const PacketSocket&) = delete;
+    PacketSocket& operator=(PacketSocket&&) = delete;
+
+    /** For poll; stays owned by this object. */
+    int fd() const { return fd_; }
+
+    /**
+     * Names the socket's interface (0: all) and, with a protocol other than 0, adds an EtherType rule. The
+     * interface has to exist on the platform. Frames that are sent without an address leave by it. Binding does
+     * not narrow a capture to the interface: that takes a PACKET_SRC_INTF_EQUAL rule.
+     */
+    void bind(std::uint32_t ifindex, std::uint16_t protocol = 0);
+
+    /** MAC address of the interface that the socket is bound to; nothing while it is bound to none. */
+    std::optional<MacAddress> interface_mac() const;
+
+    /**
+     * Hands one frame to the platform; does not wait for it to leave. Whether the platform's answer was success is
+     * all that is known: "dropped" is a SocketError of ENETUNREACH, everything else counts as sent.
+     */
+    void send(const SendRequest& request);
+
+protected:
+    SocketCalls& calls() const { return calls_; }
+
+private:
+    [[noreturn]] void fail_to_send(const SendRequest& request) const;
+
+    SocketCalls& calls_;
+    int fd_ = -1;
+    SocketKind kind_;
+    std::uint32_t bound_to_ = 0;
+};
+
+/** Throws a SocketError with errno: "WHAT: reason (REMEDY)". */
+[[noreturn]] void throw_socket_error(const std::string& what, const std::string& remedy = {});
+
+} // namespace mox
+
+#endif
