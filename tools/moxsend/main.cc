@@ -1,0 +1,165 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* moxsend: sends frames out through the forwarding platform. */
+#include "format.h"
+#include "hex.h"
+#include "mox/error.h"
+#include "options.h"
+#include "sender.h"
+
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+
+namespace {
+
+volatile std::sig_atomic_t stop_requested;
+
+void request_stop(int)
+{
+    stop_requested = 1;
+}
+
+/** Blocks the ending signals but where the sender waits, so that none is lost between a test and the wait. */
+sigset_t catch_ending_signals()
+{
+    sigset_t ending, before;
+    sigemptyset(&ending);
+    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action{};
+        action.sa_handler = request_stop;
+        sigaction(number, &action, nullptr);
+        sigaddset(&ending, number);
+    }
+    sigprocmask(SIG_BLOCK, &ending, &before);
+    for (int number : {SIGINT, SIGTERM, SIGHUP})
+        sigdelset(&before, number);
+    return before;
+}
+
+std::optional<mox::MacAddress> interface_mac(std::uint32_t ifindex)
+{
+    mox::PacketSocket socket(mox::SocketKind::raw);
+    socket.bind(ifindex);
+    return socket.interface_mac();
+}
+
+std::unique_ptr<moxsend::FrameSource> open_source(const moxsend::Options& options)
+{
+    if (!options.pcap_file.empty())
+        return std::make_unique<moxsend::PcapSource>(options.pcap_file);
+    if (options.hex_file == "-")
+        return std::make_unique<moxsend::ListSource>(moxsend::read_hex_lines("standard input", std::cin));
+    if (!options.hex_file.empty()) {
+        std::ifstream file(options.hex_file);
+        if (!file)
+            throw moxsend::FileError("cannot read \"" + options.hex_file + "\": is it there, and readable?");
+        return std::make_unique<moxsend::ListSource>(moxsend::read_hex_lines(options.hex_file, file));
+    }
+    return std::make_unique<moxsend::ListSource>(options.frames);
+}
+
+/** Tells progress on standard error; on a terminal the line is written over and cleared at the end. */
+class ProgressLine {
+public:
+    ProgressLine(const moxsend::Options& options, std::optional<std::uint64_t> frames)
+        : on_terminal_(isatty(STDERR_FILENO)), wanted_(!options.quiet && (on_terminal_ || options.progress))
+    {
+        if (frames && options.count != 0)
+            total_ = *frames * options.count;
+    }
+    void show(const moxsend::Counters& counters)
+    {
+        if (!wanted_)
+            return;
+        std::string text = moxsend::format_progress(counters, total_);
+        std::fprintf(stderr, on_terminal_ ? "\r\033[K%s" : "%s\n", text.c_str());
+        shown_ = true;
+    }
+    void clear() const
+    {
+        if (shown_ && on_terminal_)
+            std::fputs("\r\033[K", stderr);
+    }
+
+private:
+    bool on_terminal_, wanted_, shown_ = false;
+    std::optional<std::uint64_t> total_;
+};
+
+moxsend::Deliver printer()
+{
+    return [last = std::string()](const mox::SendRequest& request) mutable {
+        std::string heading = moxsend::format_request(request);
+        if (heading != last)
+            std::fputs(heading.c_str(), stdout);
+        last = heading;
+        // A reader that has gone is noticed here: nobody would stop an endless run otherwise.
+        if (std::printf("%s\n", moxsend::to_hex(request.bytes).c_str()) < 0 || std::fflush(stdout) != 0)
+            stop_requested = 1;
+    };
+}
+
+int send_all(const moxsend::Options& options, const sigset_t& waiting)
+{
+    auto source = open_source(options);
+    std::optional<mox::PacketSocket> socket;
+    moxsend::Deliver deliver;
+    if (options.dry_run) {
+        deliver = printer();
+    } else {
+        socket.emplace(moxsend::prepare_socket(options));
+        deliver = [&socket](const mox::SendRequest& request) { socket->send(request); };
+    }
+
+    moxsend::SystemClock clock(waiting);
+    moxsend::Counters counters;
+    ProgressLine line(options, source->size());
+    std::string error;
+    try {
+        moxsend::run_send(*source, options, deliver, clock, stop_requested,
+                          [&](const moxsend::Counters& now) { line.show(now); }, counters);
+    } catch (const std::runtime_error& failure) {
+        error = failure.what();
+    }
+    line.clear();
+    if (!error.empty())
+        std::fprintf(stderr, "moxsend: %s\n", error.c_str());
+    if (!options.quiet && !options.dry_run) {
+        // The failure that ended it is told already.
+        if (!error.empty())
+            counters.failures.clear();
+        std::fputs(moxsend::format_summary(counters).c_str(), stderr);
+    }
+    if (options.counters)
+        std::fputs(moxsend::format_counters(counters).c_str(), options.dry_run ? stderr : stdout);
+    return !error.empty() ? moxsend::system_status : counters.failed != 0 ? moxsend::partial_status : 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    moxsend::Options options;
+    moxsend::Machine machine{mox::system_interface_index, interface_mac};
+    if (auto ending = moxsend::read_options(argc, argv, machine, options)) {
+        std::fputs(ending->text.c_str(), ending->status == 0 ? stdout : stderr);
+        return ending->status;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    // The kernel may end a wait up to 50 microseconds late; for a schedule of frames it shall not.
+    prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+    try {
+        return send_all(options, catch_ending_signals());
+    } catch (const mox::UsageError& error) {
+        std::fprintf(stderr, "moxsend: %s\n", error.what());
+        return moxsend::usage_status;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "moxsend: %s\n", error.what());
+        return moxsend::system_status;
+    }
+}

@@ -1,0 +1,49 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+#include "pacing.h"
+
+#include <poll.h>
+#include <time.h>
+
+namespace moxsend {
+namespace {
+
+constexpr std::uint64_t nanoseconds_per_second = 1'000'000'000;
+constexpr std::uint64_t longest_lag = nanoseconds_per_second / 10;
+
+} // namespace
+
+std::uint64_t SystemClock::now()
+{
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * nanoseconds_per_second +
+           static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+void SystemClock::wait_until(std::uint64_t deadline)
+{
+    std::uint64_t time = now();
+    std::uint64_t left = deadline > time ? deadline - time : 0;
+    timespec timeout{static_cast<time_t>(left / nanoseconds_per_second),
+                     static_cast<long>(left % nanoseconds_per_second)};
+    ppoll(nullptr, 0, &timeout, &waiting_);
+}
+
+std::uint64_t Pacer::due() const
+{
+    if (rate_ <= 0)
+        return 0;
+    // From the frame's number, not from the frame before: what is lost in rounding does not add up.
+    return start_ + static_cast<std::uint64_t>(static_cast<double>(frames_) * nanoseconds_per_second / rate_);
+}
+
+void Pacer::advance(std::uint64_t now)
+{
+    if (now > due() + longest_lag) {
+        start_ = now;
+        frames_ = 0;
+    }
+    ++frames_;
+}
+
+} // namespace moxsend
