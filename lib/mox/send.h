@@ -21,7 +21,7 @@ namespace mox {
 struct SendAddress {
     std::uint32_t ifindex = 0;     /**< destination interface, 0: the platform decides, whatever bind said */
     std::uint16_t ether_type = 0;  /**< host order; of a datagram's header, 0: the protocol of the socket */
-    std::optional<MacAddress> mac; /**< destination of a datagram's header; nothing else reads it */
+    std::optional<MacAddress> mac = std::nullopt; /**< destination of a datagram's header; nothing else reads it */
 };
 
 /** The fields of the control record that sendmsg reads; 0 leaves a field to the platform. */
@@ -47,8 +47,8 @@ struct SendControl {
 /** One frame to send. The bytes have to stay until the send is over. */
 struct SendRequest {
     std::span<const std::uint8_t> bytes; /**< from the MAC header on; for a datagram socket from behind it */
-    std::optional<SendAddress> to;       /**< nothing: out of the interface that the socket is bound to, if any */
-    std::optional<mox_packet_ctrl_info> control;
+    std::optional<SendAddress> to = std::nullopt; /**< nothing: out of the interface that the socket is bound to, if any */
+    std::optional<mox_packet_ctrl_info> control = std::nullopt;
 };
 
 } // namespace mox

@@ -3,7 +3,7 @@
 #ifndef MOXSEND_HEX_H
 #define MOXSEND_HEX_H
 
-#include "frames.h"
+#include "protocols.h"
 
 #include <istream>
 #include <string>

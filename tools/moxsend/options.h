@@ -3,7 +3,7 @@
 #ifndef MOXSEND_OPTIONS_H
 #define MOXSEND_OPTIONS_H
 
-#include "frames.h"
+#include "protocols.h"
 #include "mox/packet_socket.h"
 
 #include <cstdint>

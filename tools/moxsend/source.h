@@ -3,7 +3,7 @@
 #ifndef MOXSEND_SOURCE_H
 #define MOXSEND_SOURCE_H
 
-#include "frames.h"
+#include "protocols.h"
 
 #include <pcap/pcap.h>
 

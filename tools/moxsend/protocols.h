@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* The frames that moxsend can make itself, from the MAC header to the last byte of the protocol, not padded. */
-#ifndef MOXSEND_FRAMES_H
-#define MOXSEND_FRAMES_H
+#ifndef MOXSEND_PROTOCOLS_H
+#define MOXSEND_PROTOCOLS_H
 
 #include "mox/values.h"
 

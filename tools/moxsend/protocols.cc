@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-#include "frames.h"
+#include "protocols.h"
 
 #include "mox/error.h"
 
