@@ -186,7 +186,8 @@ void PacketSocket::fail_to_send(const SendRequest& request) const
     std::uint32_t from = request.control ? request.control->pkt_ifx : 0;
     std::string destination = "interface " + std::to_string(to);
     std::string source = "source interface " + std::to_string(from);
-    std::string what = "cannot send " + std::to_string(request.bytes.size()) + " bytes";
+    std::size_t length = request.bytes.size();
+    std::string what = "cannot send " + std::to_string(length) + (length == 1 ? " byte" : " bytes");
     if (to != 0)
         what += " to " + destination;
 

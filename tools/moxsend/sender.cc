@@ -144,7 +144,7 @@ void run_send(FrameSource& source, const Options& options, const Deliver& delive
             }
         }
         if (!any) // and no round will ever have one
-            throw FileError("there is no frame in the file");
+            throw FileError(source.name() + " holds no frame");
     }
 }
 

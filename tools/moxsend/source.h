@@ -38,6 +38,8 @@ public:
     virtual void rewind() = 0;
     /** How many frames there are from the first to the last one, where that is known. */
     virtual std::optional<std::uint64_t> size() const = 0;
+    /** For texts about the whole of it. */
+    virtual std::string name() const = 0;
 };
 
 class ListSource : public FrameSource {
@@ -46,6 +48,7 @@ public:
     std::optional<SourceFrame> next() override;
     void rewind() override { at_ = 0; }
     std::optional<std::uint64_t> size() const override { return frames_.size(); }
+    std::string name() const override { return "the list of frames"; }
 
 private:
     std::vector<Bytes> frames_;
@@ -63,6 +66,7 @@ public:
     std::optional<SourceFrame> next() override;
     void rewind() override;
     std::optional<std::uint64_t> size() const override { return std::nullopt; }
+    std::string name() const override { return "\"" + path_ + "\""; }
 
 private:
     struct Close {

@@ -233,7 +233,7 @@ TEST_F(Sender, moxsend_run__or_is_counted_by_errno_and_passed_over)
     EXPECT_EQ(counters.failed, 3u);
     ASSERT_EQ(counters.failures.size(), 2u);
     EXPECT_EQ(counters.failures[ENETUNREACH].count, 2u);
-    EXPECT_NE(counters.failures[ENETUNREACH].first.find("cannot send 1 bytes"), std::string::npos);
+    EXPECT_NE(counters.failures[ENETUNREACH].first.find("cannot send 1 byte"), std::string::npos);
     EXPECT_EQ(counters.failures[ENETDOWN].count, 1u);
 }
 
@@ -279,7 +279,7 @@ TEST_F(Sender, moxsend_run__a_source_without_frames_does_not_run_for_ever)
 {
     moxsend::ListSource source(Frames{});
     options.count = 0;
-    expect_error<moxsend::FileError>([&] { run(source); }, {"no frame"});
+    expect_error<moxsend::FileError>([&] { run(source); }, {"the list of frames holds no frame"});
 }
 
 TEST_F(Sender, moxsend_run__stopped_before_it_began_sends_nothing)

@@ -109,8 +109,10 @@ TEST(moxsend_source, pcap__rewound_it_begins_again)
 TEST(moxsend_source, pcap__an_empty_capture_has_no_frames)
 {
     CaptureFile file(false, ethernet);
-    moxsend::PcapSource source(file.write());
+    std::string path = file.write();
+    moxsend::PcapSource source(path);
     EXPECT_FALSE(source.next());
+    EXPECT_EQ(source.name(), "\"" + path + "\"");
 }
 
 TEST(moxsend_source, pcap__other_link_types_are_refused_by_name)
