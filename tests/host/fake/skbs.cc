@@ -215,7 +215,8 @@ int seam_copy_from_msg(void *to, msghdr *msg, size_t len)
     kernel().may_sleep("copy_from_msg");
     size_t readable = std::min(msg->out.size(), msg->out_fault_at);
     size_t here = std::min(len, readable - std::min(readable, msg->out_at));
-    std::memcpy(to, msg->out.data() + msg->out_at, here);
+    if (here)
+        std::memcpy(to, msg->out.data() + msg->out_at, here);
     kernel().event("copy_from_msg", msg);
     if (here < len)
         return -EFAULT;
