@@ -119,7 +119,8 @@ int seam_copy_from_uptr(void *to, const seam_uptr *from, size_t len)
         breach("copy from outside user memory");
     if (kernel().failing("copy_from_user"))
         reachable = len / 2;
-    std::memcpy(to, from->buf->data() + from->offset, reachable);
+    if (reachable)
+        std::memcpy(to, from->buf->data() + from->offset, reachable);
     std::memset(static_cast<uint8_t *>(to) + reachable, 0, len - reachable);
     return reachable == len ? 0 : -EFAULT;
 }

@@ -89,9 +89,13 @@ TEST_F(Load, unload__queues_are_emptied_behind_the_grace_period_and_before_the_t
 TEST_F(Load, unload__services_do_not_outlive_it)
 {
     ASSERT_EQ(mox_packet_init(), 0);
-    pkt_rnfp = reinterpret_cast<pkt_rnfp_func>(0x1234);
-    pkt_rnfp_wlan = reinterpret_cast<pkt_rnfp_func>(0x1234);
+    for (auto [service_class, instance] : {std::pair{11u, 10u}, {32u, 0u}, {32u, 3u}})
+        efmp().publish(service_class, instance, reinterpret_cast<void *>(0x1230));
+    EXPECT_NE(mox_packet_get_local, nullptr);
+    EXPECT_NE(pkt_rnfp, nullptr);
+    EXPECT_NE(pkt_rnfp_wlan, nullptr);
     mox_packet_exit();
+    EXPECT_EQ(mox_packet_get_local, nullptr);
     EXPECT_EQ(pkt_rnfp, nullptr);
     EXPECT_EQ(pkt_rnfp_wlan, nullptr);
 }
@@ -119,6 +123,35 @@ TEST_F(Load, load__each_cache_failing)
         EXPECT_EQ(kernel().text(), "MOX-PACKET-REGULAR-INIT: failed to create pkt_" + name +
                                        "_cache.\nPACKET-REGULAR init failed\n");
         EXPECT_EQ(kernel().journal.size(), 2u * (nth - 1)) << "made and destroyed again";
+        EXPECT_EQ(up(), Strings{});
+    }
+}
+
+// The platform does not let the module follow its services.
+TEST_F(Load, load__services_failing)
+{
+    kernel().fail("reg_serv");
+    EXPECT_EQ(mox_packet_init(), -1);
+    ASSERT_EQ(kernel().log.size(), 2u);
+    EXPECT_EQ(kernel().log[0].text, "Reg serv change handler error\n");
+    EXPECT_EQ(kernel().log[0].level, -1);
+    EXPECT_EQ(kernel().log[1].text, "PACKET-SERV init failed\n");
+    EXPECT_EQ(kernel().log[1].level, 6);
+    EXPECT_EQ(efmp().service_calls, (Strings{"get 11 10", "get 32 0", "get 32 3", "reg"})) << "and not unregistered";
+    EXPECT_EQ(kernel().journal, kCachesUp + kCachesDown);
+    EXPECT_EQ(up(), Strings{});
+}
+
+// What comes up behind the services takes them down again when it fails.
+TEST_F(Load, load__services_are_taken_back)
+{
+    efmp().services[{32, 0}] = reinterpret_cast<void *>(0x1230);
+    for (const char *point : {"proto_register", "sock_register", "thread_create"}) {
+        efmp().service_calls.clear();
+        kernel().fail(point);
+        EXPECT_EQ(mox_packet_init(), -1) << point;
+        EXPECT_EQ(efmp().service_calls, (Strings{"get 11 10", "get 32 0", "get 32 3", "reg", "unreg"})) << point;
+        EXPECT_EQ(pkt_rnfp, nullptr);
         EXPECT_EQ(up(), Strings{});
     }
 }

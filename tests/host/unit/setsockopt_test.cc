@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // setsockopt: every option number, and the options with one word as argument.
-// Rule records: rule_record_test.cc.
+// Rule records: rule_record_test.cc; the control hook: control_hook_test.cc.
 #include "socket_fixture.h"
 
 namespace {
@@ -338,7 +338,7 @@ TEST_F(Setsockopt, rule_change__two_at_once_leave_it_filed_once)
     EXPECT_GT(waited, 8u);
 }
 
-// ---- socket report and control hook -----------------------------------------------------
+// ---- socket report -----------------------------------------------------------------------
 
 TEST_F(Setsockopt, dump__prints_the_socket_whatever_the_argument_and_the_switches)
 {
@@ -360,14 +360,6 @@ TEST_F(Setsockopt, dump__holds_the_socket_lock_while_it_walks_the_rule)
     LockTrace trace;
     EXPECT_EQ(s.setsockopt(MOX_PACKET_DUMP_SOCKET, {}), 0);
     EXPECT_EQ(trace.steps, (Strings{"+sock", "-sock"}));
-}
-
-// No handler is registered: nothing is read and nothing is refused.
-TEST_F(Setsockopt, control_hook__without_a_handler)
-{
-    for (size_t len : {0, 1, 40, 41, 1000})
-        EXPECT_EQ(s.setsockopt(MOX_PACKET_CONTROL_HOOK, Bytes(len), MOX_SOL_PACKET, len, 0), 0);
-    EXPECT_EQ(lines(), Strings{});
 }
 
 }  // namespace
