@@ -98,6 +98,8 @@ uint32_t interface_word();
 
 // What efmp_output_pkt has got, and who follows the services.
 std::atomic<long> &sent();
+// Looks at each efbuff that leaves, in the sender's thread; set before anything runs.
+extern void (*output_looks)(const uint8_t *efbuff);
 using change_handler_func = void (*)(uint32_t event, void *service_record);
 change_handler_func &change_handler();
 
