@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // The hooks: classify, clone or take, queue, answer; and their trace lines.
 #include "module_fixture.h"
+#include "read_trap.h"
 #include "serv.hpp"
+#include "sync.hpp"
 
 namespace {
 
@@ -149,6 +151,34 @@ TEST_F(Rcv, services__untraced_drop_says_nothing)
     kernel().log.clear();
     EXPECT_EQ(hook(mox_packet_lev2_rcv, packet()), 1u);
     EXPECT_TRUE(kernel().log.empty());
+}
+
+// The other CPU withdraws a service right behind the look at it: what was taken is called.
+TEST_F(Rcv, services__withdrawn_between_the_look_and_the_call)
+{
+    g_drop = g_drop_wlan = 0;
+    for (const HookTraits &h : {kHooks[1], kHooks[7]})
+        for (pkt_rnfp_func *service : {&pkt_rnfp, &pkt_rnfp_wlan}) {
+            SCOPED_TRACE(h.name);
+            listen(h.location, PACKET_FETCH);
+            pkt_rnfp = rnfp;
+            pkt_rnfp_wlan = rnfp_wlan;
+            g_asked = g_asked_wlan = 0;
+            int looks = 0;
+            void *e = packet();
+            {
+                ReadTrap trap(service, [&] {
+                    if (looks++ == 0)
+                        store(*service, pkt_rnfp_func{nullptr});
+                });
+                EXPECT_EQ(hook(h.func, e), h.taken);
+            }
+            EXPECT_EQ(looks, 1);
+            EXPECT_EQ(g_asked, 1);
+            EXPECT_EQ(g_asked_wlan, 1);
+            EXPECT_EQ(*service, nullptr);
+            silence();
+        }
 }
 
 TEST_F(Rcv, clone__failure_leaves_the_packet_with_the_platform)

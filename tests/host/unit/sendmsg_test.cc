@@ -3,6 +3,7 @@
 // What can fail on the way: send_checks_test.cc; the efbuff's header: send_efbuff_test.cc.
 #include <climits>
 
+#include "read_trap.h"
 #include "send_fixture.h"
 
 namespace {
@@ -292,6 +293,36 @@ TEST_F(Sendmsg, local_mac__withdrawn_from_the_call_on)
     EXPECT_EQ(Bytes(last().frame.begin() + 6, last().frame.begin() + 12), kLocalMac);
     kernel().at.erase("copy_from_msg");
     expect_send({.name = address(7)}, -22, kMacfuncIll);
+}
+
+int other_mac(u32, u8 mac[6])
+{
+    memset(mac, 0x77, 6);
+    return 0;
+}
+
+// The other CPU withdraws or replaces the service right behind the look at it, before
+// the call: what was taken is called, and nothing is looked at a second time.
+TEST_F(Sendmsg, local_mac__changed_between_the_look_and_the_call)
+{
+    open(kDgram);
+    for (mox_packet_local_mac_func then : {mox_packet_local_mac_func{nullptr}, &other_mac}) {
+        publish_local_mac();
+        int looks = 0, result;
+        {
+            ReadTrap trap(&mox_packet_get_local, [&] {
+                if (looks++ == 0)
+                    store(mox_packet_get_local, then);
+            });
+            result = send({.name = address(7)});
+        }
+        EXPECT_EQ(result, 60);
+        EXPECT_EQ(looks, 1);
+        EXPECT_EQ(mox_packet_get_local, then);
+        EXPECT_EQ(Bytes(last().frame.begin() + 6, last().frame.begin() + 12), kLocalMac);
+    }
+    expect_sent({.name = address(7)}, 60);
+    EXPECT_EQ(last().frame[6], 0x77);
 }
 
 // ---- counters, context ----------------------------------------------------------------------
