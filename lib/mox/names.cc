@@ -45,7 +45,8 @@ constexpr Name send_flag_table[] = {
     {MOX_SEND_10000, "MOX_SEND_10000", "send40 10000 0x10000", "send flag 0x40"},
     {MOX_SEND_20000, "MOX_SEND_20000", "send80 20000 0x20000", "send flag 0x80"},
     {MOX_SEND_NO_ACL, "MOX_SEND_NO_ACL", "no-acl", "do not match access lists (send flag 0x8)"},
-    {MOX_SEND_PROXY_CAPTURE, "MOX_SEND_PROXY_CAPTURE", "proxy-capture", "the proxy-capture byte is valid (send flag 0x10)"},
+    {MOX_SEND_PROXY_CAPTURE, "MOX_SEND_PROXY_CAPTURE", "proxy-capture",
+     "the proxy-capture byte is valid (send flag 0x10)"},
 };
 
 constexpr std::string_view prefix = "PACKET_";

@@ -54,7 +54,7 @@ std::uint32_t parse_treatment(std::string_view text);
 
 /** The bit of a send flag. Throws UsageError listing the allowed names. */
 std::uint32_t parse_send_flag(std::string_view text);
-/** The first aliases of the flags in a word, with blanks between them; bits without a name as one hexadecimal number. */
+/** First aliases of the flags in a word, blanks between them; bits without a name as one hexadecimal number. */
 std::string send_flags_text(std::uint32_t flags);
 
 /** Full name of a location, "Unknown" beyond the table, as the module prints it. */

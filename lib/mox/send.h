@@ -47,7 +47,7 @@ struct SendControl {
 /** One frame to send. The bytes have to stay until the send is over. */
 struct SendRequest {
     std::span<const std::uint8_t> bytes; /**< from the MAC header on; for a datagram socket from behind it */
-    std::optional<SendAddress> to = std::nullopt; /**< nothing: out of the interface that the socket is bound to, if any */
+    std::optional<SendAddress> to = std::nullopt; /**< nothing: by the interface of the bind, if any */
     std::optional<mox_packet_ctrl_info> control = std::nullopt;
 };
 

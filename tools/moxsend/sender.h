@@ -25,7 +25,7 @@ struct Failures {
 
 struct Counters {
     std::uint64_t sent = 0;   /**< frames that the platform took */
-    std::uint64_t bytes = 0;  /**< of these, as handed over: without the header that the platform puts before a datagram */
+    std::uint64_t bytes = 0;  /**< of these, as handed over: a datagram without its header */
     std::uint64_t failed = 0; /**< frames that were refused or could not be sent */
     std::uint64_t elapsed = 0; /**< nanoseconds from the first frame to the last */
     std::map<int, Failures> failures; /**< by errno; 0: never came to a send */

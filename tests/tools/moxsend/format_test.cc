@@ -23,7 +23,8 @@ TEST(moxsend_format, summary)
 {
     EXPECT_EQ(moxsend::format_summary(counters(0, 0, 0, 0)), "moxsend: sent 0 frames, 0 bytes in 0.000 s, 0 failed\n");
     // One frame has no gap to count a rate from.
-    EXPECT_EQ(moxsend::format_summary(counters(1, 60, 0, 1000)), "moxsend: sent 1 frame, 60 bytes in 0.000 s, 0 failed\n");
+    EXPECT_EQ(moxsend::format_summary(counters(1, 60, 0, 1000)),
+              "moxsend: sent 1 frame, 60 bytes in 0.000 s, 0 failed\n");
     EXPECT_EQ(moxsend::format_summary(counters(11, 660, 0, second)),
               "moxsend: sent 11 frames, 660 bytes in 1.000 s (10.00 frames/s), 0 failed\n");
     EXPECT_EQ(moxsend::format_summary(counters(2001, 1, 0, second)),
