@@ -133,6 +133,7 @@ void SendTest::expect_send(const Outgoing &message, int result, Counter counter)
     EXPECT_TRUE(efmp().live.empty());
     const bool reached = counter == kEfSendFails || counter == kSendPackets;
     EXPECT_EQ(efmp().sent.size() - sent, reached ? 1u : 0u);
+    EXPECT_LE(efmp().allocated - allocated, 1u) << "one efbuff is enough";
     // What the module has allocated it has freed, or it has given it away.
     EXPECT_EQ(efmp().allocated - allocated, efmp().freed - freed + (efmp().sent.size() - sent));
 }

@@ -363,4 +363,27 @@ TEST_F(Sendmsg, capturing_socket__sends_and_stays_as_it_is)
     EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
 }
 
+// On its way out a frame passes the hooks of the location "local", in the sender's own
+// context: the sender may capture what it sends, fetched from the way or copied.
+TEST_F(Sendmsg, capturing_socket__meets_its_own_frame_at_the_local_hook)
+{
+    for (u32 treatment : {PACKET_COPY, PACKET_FETCH}) {
+        s.release();
+        s.capture(PACKET_LOCAL_LOC, treatment);
+        kernel().at["output"] = [&](const void *) {
+            Bytes left = last().frame;
+            EXPECT_EQ(frame(PACKET_LOCAL_LOC, {}, left), treatment == PACKET_FETCH ? 3u : 0u);
+        };
+        Bytes sent = packets::eth(0x88cc) + Bytes(46, 0x5c);
+        EXPECT_EQ(send({.data = sent, .name = address(7)}), 60);
+        kernel().at.erase("output");
+        ASSERT_EQ(s.queued(), 1u);
+        const sk_buff &skb = s.buffer();
+        EXPECT_EQ(Bytes(skb.data(), skb.data() + skb.len), sent);
+        Counters13 wanted{};
+        wanted[kRecvPackets] = wanted[kSendPackets] = 1;
+        EXPECT_EQ(counters_of(s), wanted);
+    }
+}
+
 }  // namespace
