@@ -1,0 +1,38 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* How "lldpagent show" asks a running agent: a Unix socket, one question and one answer to a connection. */
+#ifndef LLDPAGENT_STATUS_H
+#define LLDPAGENT_STATUS_H
+
+#include <functional>
+#include <string>
+
+namespace lldp {
+
+enum class StateForm : char { text = 't', json = 'j' };
+
+class StatusServer {
+public:
+    /** Listens at path, for the owner of the process only. Takes over a path that a dead agent left. Throws SystemError. */
+    explicit StatusServer(const std::string& path);
+    /** Removes the path. */
+    ~StatusServer();
+    StatusServer(const StatusServer&) = delete;
+    StatusServer& operator=(const StatusServer&) = delete;
+
+    /** For poll: readable when somebody asks. */
+    int fd() const { return fd_; }
+
+    /** Answers one question. Gives up on a client that neither asks nor reads within a quarter of a second. */
+    void answer(const std::function<std::string(StateForm)>& state);
+
+private:
+    std::string path_;
+    int fd_;
+};
+
+/** What the agent that listens at path answers. Throws SystemError, for instance when there is none. */
+std::string ask_status(const std::string& path, StateForm form);
+
+} // namespace lldp
+
+#endif
