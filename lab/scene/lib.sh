@@ -143,6 +143,7 @@ start_dhcp_server() {
 		option subnet 255.255.255.0
 	CONF
 	env LD_PRELOAD="$here/station_socket.so" udhcpd -f -a 0 "$work/udhcpd.conf" >"$work/udhcpd.log" 2>&1 &
+	echo $! >"$work/udhcpd.pid"
 	helpers="$helpers $!"
 	within 5 grep -q started "$work/udhcpd.log" || fail "udhcpd does not start: $(cat "$work/udhcpd.log")"
 }

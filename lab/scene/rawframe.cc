@@ -1,18 +1,22 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A station that sends single frames: the other end of a TAP device is its wire. In a kernel whose packet sockets are
- * the capture sockets this is how a program gets a frame of its own making onto a port.
+ * A station that sends single frames and records what it gets: the other end of a TAP device is its wire. In a kernel
+ * whose packet sockets are the capture sockets this is how a program gets a frame of its own making onto a port, and
+ * how the bytes that leave by a port come into a file that tcpdump reads.
  */
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
+#include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,9 +46,12 @@ constexpr std::size_t shortest_frame = 60, longest_frame = 1514, header = 14;
 
 int usage(std::FILE* out, int status)
 {
-    std::fputs("usage: rawframe TAP FRAME...\n\n"
+    std::fputs("usage: rawframe TAP FRAME...\n"
+               "       rawframe --record FILE TAP\n\n"
                "Sends frames into the port whose device is the TAP device TAP (made with: ip tuntap add dev TAP mode "
-               "tap).\nFRAME is hexadecimal from the destination address on, or one of:\n",
+               "tap).\nWith --record holds the device, whose link is up meanwhile, writes what leaves by the port to "
+               "the pcap file\nFILE, and sends a frame for each line of its input, until it is ended.\n"
+               "FRAME is hexadecimal from the destination address on, or one of:\n",
                out);
     for (const KnownFrame& each : known_frames)
         std::fprintf(out, "  %-14.*s %.*s\n", static_cast<int>(each.name.size()), each.name.data(),
@@ -105,6 +112,85 @@ int open_tap(const char* name)
     return fd;
 }
 
+bool send_frame(int fd, const char* tap, const std::vector<std::uint8_t>& frame)
+{
+    if (write(fd, frame.data(), frame.size()) == static_cast<ssize_t>(frame.size()))
+        return true;
+    std::fprintf(stderr, "rawframe: cannot send on %s: %s (is the device up?)\n", tap, std::strerror(errno));
+    return false;
+}
+
+std::vector<std::uint8_t> frame_or_complaint(const char* text)
+{
+    std::vector<std::uint8_t> frame = frame_of(text);
+    if (frame.empty())
+        std::fprintf(stderr, "rawframe: \"%s\" is no frame: a name, or %zu to %zu bytes in hexadecimal\n", text, header,
+                     longest_frame);
+    return frame;
+}
+
+// A pcap file of Ethernet frames: pcap-savefile(5).
+struct PcapHeader {
+    std::uint32_t magic = 0xa1b2c3d4;
+    std::uint16_t major = 2, minor = 4;
+    std::uint32_t zone = 0, accuracy = 0, snap = 65535, link_type = 1;
+};
+struct PcapRecord {
+    std::uint32_t seconds, microseconds, captured, length;
+};
+
+bool write_record(int file, const std::uint8_t* frame, std::size_t length)
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    auto size = static_cast<std::uint32_t>(length);
+    PcapRecord record{static_cast<std::uint32_t>(now.tv_sec), static_cast<std::uint32_t>(now.tv_nsec / 1000), size, size};
+    // In one call: whoever reads the file meanwhile never sees half a record.
+    iovec parts[] = {{&record, sizeof(record)}, {const_cast<std::uint8_t*>(frame), length}};
+    return writev(file, parts, 2) == static_cast<ssize_t>(sizeof(record) + length);
+}
+
+/** Sends a frame for each whole line of input, and keeps the rest for the next time. False when the input ended. */
+bool send_lines(int fd, const char* tap, std::string& text)
+{
+    char part[4096];
+    ssize_t length = read(STDIN_FILENO, part, sizeof(part));
+    if (length <= 0)
+        return false;
+    text.append(part, static_cast<std::size_t>(length));
+    for (std::size_t end; (end = text.find('\n')) != std::string::npos; text.erase(0, end + 1)) {
+        std::vector<std::uint8_t> frame = frame_or_complaint(text.substr(0, end).c_str());
+        if (!frame.empty())
+            send_frame(fd, tap, frame);
+    }
+    return true;
+}
+
+int record(int fd, const char* tap, const char* path)
+{
+    int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    PcapHeader opening;
+    if (file < 0 || write(file, &opening, sizeof(opening)) != static_cast<ssize_t>(sizeof(opening))) {
+        std::fprintf(stderr, "rawframe: cannot write %s: %s\n", path, std::strerror(errno));
+        return 1;
+    }
+    std::string text;
+    pollfd ready[] = {{fd, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
+    while (poll(ready, 2, -1) > 0) {
+        if (ready[1].revents && !send_lines(fd, tap, text))
+            ready[1].fd = -1;
+        if (!ready[0].revents)
+            continue;
+        std::uint8_t frame[longest_frame + 8]; // two VLAN tags
+        ssize_t length = read(fd, frame, sizeof(frame));
+        if (length < 0 || !write_record(file, frame, static_cast<std::size_t>(length))) {
+            std::fprintf(stderr, "rawframe: cannot record %s: %s\n", tap, std::strerror(errno));
+            return 1;
+        }
+    }
+    return 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -113,35 +199,35 @@ int main(int argc, char** argv)
         return usage(stdout, 0);
     if (argc < 3)
         return usage(stderr, 2);
+    bool recording = std::string_view(argv[1]) == "--record";
+    if (recording && argc != 4)
+        return usage(stderr, 2);
 
+    const char* tap = argv[recording ? 3 : 1];
     std::vector<std::vector<std::uint8_t>> frames;
-    for (int i = 2; i < argc; ++i) {
-        frames.push_back(frame_of(argv[i]));
-        if (frames.back().empty()) {
-            std::fprintf(stderr, "rawframe: \"%s\" is no frame: a name, or %zu to %zu bytes in hexadecimal\n", argv[i],
-                         header, longest_frame);
+    for (int i = 2; i < argc && !recording; ++i) {
+        frames.push_back(frame_or_complaint(argv[i]));
+        if (frames.back().empty())
             return usage(stderr, 2);
-        }
     }
 
     // Opening a device that is not there would make one, which nobody has made a port.
-    if (if_nametoindex(argv[1]) == 0) {
-        std::fprintf(stderr, "rawframe: there is no device %s: ip tuntap add dev %s mode tap\n", argv[1], argv[1]);
+    if (if_nametoindex(tap) == 0) {
+        std::fprintf(stderr, "rawframe: there is no device %s: ip tuntap add dev %s mode tap\n", tap, tap);
         return 1;
     }
-    int fd = open_tap(argv[1]);
+    int fd = open_tap(tap);
     if (fd < 0) {
-        std::fprintf(stderr, "rawframe: cannot use %s: %s (is it a TAP device, and not in use?)\n", argv[1],
+        std::fprintf(stderr, "rawframe: cannot use %s: %s (is it a TAP device, and not in use?)\n", tap,
                      std::strerror(errno));
         return 1;
     }
+    if (recording)
+        return record(fd, tap, argv[2]);
     int status = 0;
     for (const auto& frame : frames)
-        if (write(fd, frame.data(), frame.size()) != static_cast<ssize_t>(frame.size())) {
-            std::fprintf(stderr, "rawframe: cannot send on %s: %s (is the device up?)\n", argv[1],
-                         std::strerror(errno));
+        if (!send_frame(fd, tap, frame))
             status = 1;
-        }
     close(fd);
     return status;
 }
