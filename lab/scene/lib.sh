@@ -230,6 +230,6 @@ nothing_lives() { [ "$(live_count)" -eq 0 ]; }
 tear_down() {
 	for pid in $helpers; do kill "$pid" 2>/dev/null; done
 	for name in $captures; do kill "$(cat "$work/$name.pid")" 2>/dev/null; done
-	for station in $stations; do ip netns del "$station" 2>/dev/null; done
+	for station in $stations switch; do ip netns del "$station" 2>/dev/null; done
 	wait
 }

@@ -1,13 +1,12 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A station that sends single frames and records what it gets: the other end of a TAP device is its wire. In a kernel
+ * A station that sends single frames, or records what it gets: the other end of a TAP device is its wire. In a kernel
  * whose packet sockets are the capture sockets this is how a program gets a frame of its own making onto a port, and
  * how the bytes that leave by a port come into a file that tcpdump reads.
  */
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -49,8 +48,8 @@ int usage(std::FILE* out, int status)
     std::fputs("usage: rawframe TAP FRAME...\n"
                "       rawframe --record FILE TAP\n\n"
                "Sends frames into the port whose device is the TAP device TAP (made with: ip tuntap add dev TAP mode "
-               "tap).\nWith --record holds the device, whose link is up meanwhile, writes what leaves by the port to "
-               "the pcap file\nFILE, and sends a frame for each line of its input, until it is ended.\n"
+               "tap).\nWith --record holds the device, whose link is up meanwhile, and writes what leaves by the port to "
+               "the pcap\nfile FILE until it is ended.\n"
                "FRAME is hexadecimal from the destination address on, or one of:\n",
                out);
     for (const KnownFrame& each : known_frames)
@@ -150,22 +149,6 @@ bool write_record(int file, const std::uint8_t* frame, std::size_t length)
     return writev(file, parts, 2) == static_cast<ssize_t>(sizeof(record) + length);
 }
 
-/** Sends a frame for each whole line of input, and keeps the rest for the next time. False when the input ended. */
-bool send_lines(int fd, const char* tap, std::string& text)
-{
-    char part[4096];
-    ssize_t length = read(STDIN_FILENO, part, sizeof(part));
-    if (length <= 0)
-        return false;
-    text.append(part, static_cast<std::size_t>(length));
-    for (std::size_t end; (end = text.find('\n')) != std::string::npos; text.erase(0, end + 1)) {
-        std::vector<std::uint8_t> frame = frame_or_complaint(text.substr(0, end).c_str());
-        if (!frame.empty())
-            send_frame(fd, tap, frame);
-    }
-    return true;
-}
-
 int record(int fd, const char* tap, const char* path)
 {
     int file = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -174,20 +157,12 @@ int record(int fd, const char* tap, const char* path)
         std::fprintf(stderr, "rawframe: cannot write %s: %s\n", path, std::strerror(errno));
         return 1;
     }
-    std::string text;
-    pollfd ready[] = {{fd, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-    while (poll(ready, 2, -1) > 0) {
-        if (ready[1].revents && !send_lines(fd, tap, text))
-            ready[1].fd = -1;
-        if (!ready[0].revents)
-            continue;
-        std::uint8_t frame[longest_frame + 8]; // two VLAN tags
-        ssize_t length = read(fd, frame, sizeof(frame));
-        if (length < 0 || !write_record(file, frame, static_cast<std::size_t>(length))) {
-            std::fprintf(stderr, "rawframe: cannot record %s: %s\n", tap, std::strerror(errno));
-            return 1;
-        }
-    }
+    std::uint8_t frame[longest_frame + 8]; // two VLAN tags
+    ssize_t length;
+    while ((length = read(fd, frame, sizeof(frame))) >= 0 &&
+           write_record(file, frame, static_cast<std::size_t>(length)))
+        ;
+    std::fprintf(stderr, "rawframe: cannot record %s: %s\n", tap, std::strerror(errno));
     return 1;
 }
 

@@ -23,26 +23,19 @@ ends() {
 	[ $? -eq "$2" ]
 }
 
-# --- the wire of port3 ----------------------------------------------------------------------------------------
-
-# From now on the switch is there: what leaves by port3 goes to the pcap file, and "put FRAME" sends.
-connect_switch() {
-	rm -f "$work/wire"
-	mkfifo "$work/wire"
-	rawframe --record "$1" port3 <"$work/wire" 2>"$work/switch.log" &
-	echo $! >"$work/switch.pid"
-	helpers="$helpers $!"
-	exec 8>"$work/wire"
-	within 10 link_is_up port3 || fail "port3 has no link: $(cat "$work/switch.log")"
+stop() {
+	kill "$(cat "$work/$1.pid")"
+	wait "$(cat "$work/$1.pid")" 2>/dev/null
 }
 
-link_is_up() { moxlab intfs | grep -q "^$(index_of "$1") .* up"; }
-put() { printf '%s\n' "$1" >&8; }
+# --- the wire of port3 ----------------------------------------------------------------------------------------
 
-disconnect_switch() {
-	exec 8>&-
-	kill "$(cat "$work/switch.pid")"
-	wait "$(cat "$work/switch.pid")" 2>/dev/null
+link_is_up() { moxlab intfs | grep -q "^$(index_of "$1") .* up"; }
+
+# From now on what leaves by port3 goes to the pcap file.
+record_port3() {
+	start recorder rawframe --record "$1" port3
+	within 10 link_is_up port3 || fail "port3 has no link: $(cat "$work/recorder.log")"
 }
 
 # What tcpdump makes of the frames of a file: recorded FILE FILTER OPTION...
@@ -87,10 +80,37 @@ arping_says() { grep -q "$1" "$work/arping.log"; }
 
 # --- LLDP -----------------------------------------------------------------------------------------------------
 
+# The switch behind port3 is the distribution's lldpd. Its interface is a namespace's, its wire that of port3.
+start_switch() {
+	ip netns add switch 2>"$work/ip.log" || fail "no namespace for the switch: $(cat "$work/ip.log")"
+	at switch ip link add name eth0 type veth peer name eth0-end
+	at switch ip link set eth0 address 02:00:00:00:03:01
+	for each in lo eth0-end eth0; do at switch ip link set $each up; done
+	# What lldpd asks of the system that it runs on.
+	echo '_lldpd:x:101:101::/run/lldpd:/bin/false' >>/etc/passwd
+	echo '_lldpd:x:101:' >>/etc/group
+	mkdir -p /run/lldpd
+	start switch at_switch
+	within 10 lldpd_answers || fail "lldpd does not start: $(cat "$work/switch.log")"
+	# lldpd's own helper may be configuring it at this moment.
+	within 10 lldpd_takes_name switch || fail "lldpd takes no name: $(cat "$work/lldpcli.log")"
+}
+
+at_switch() {
+	exec nsenter --net=/run/netns/switch \
+		env SWITCH_TAP=port3 LD_PRELOAD="$here/switch_socket.so" lldpd -d -I eth0 -S "the switch behind port3"
+}
+
+lldpd_takes_name() { lldpcli configure system hostname "$1" >"$work/lldpcli.log" 2>&1; }
+lldpd_answers() { lldpcli show chassis >/dev/null 2>&1; }
+lldpd_sees() { lldpcli -f keyvalue show neighbors 2>/dev/null | grep -qxF "$1"; }
+lldpd_sees_nobody() { [ -z "$(lldpcli -f keyvalue show neighbors)" ]; }
+lldpd_announces() { lldpcli update >/dev/null 2>&1; }
+
 start_lldp_agent() {
 	set -- --name access-point --description "the lab's access point" --management 10.0.0.1
 	for port in port1 port2 port3; do set -- "$@" --port "$(index_of $port)=$port"; done
-	start lldpagent lldpagent --interval 5 --hold 2 "$@"
+	start lldpagent lldpagent --interval 2 --hold 2 "$@"
 	within 10 says lldpagent announcing || fail "lldpagent does not start: $(cat "$work/lldpagent.log")"
 }
 
