@@ -1,0 +1,167 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+#include "commands.h"
+
+#include "dump_file.h"
+#include "json.h"
+#include "log_follower.h"
+#include "mox_packet.h"
+#include "report.h"
+#include "report_filter.h"
+#include "report_lines.h"
+
+#include <algorithm>
+
+namespace moxctl {
+namespace {
+
+std::chrono::milliseconds timeout_of(const Options& options)
+{
+    return std::chrono::milliseconds(static_cast<long long>(options.timeout * 1000));
+}
+
+/** What a report has to have, by the command that asks for it. */
+struct Expected {
+    ReportKind kind;
+    std::size_t locations;
+};
+
+Expected expected_of(const Options& options)
+{
+    switch (options.action) {
+    case Action::show_rules:
+        return {report_rules, options.location == 0 ? 8u : 1u};
+    case Action::show_queues:
+        return {report_queues, 8};
+    case Action::show_memory:
+        return {report_memory, 0};
+    case Action::show_thread:
+        return {report_thread, 0};
+    default:
+        return {report_process, 0};
+    }
+}
+
+/** Process names may hold anything, which a terminal would obey. */
+std::string printable(const std::string& line)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (char c : line) {
+        auto byte = static_cast<unsigned char>(c);
+        if (byte >= ' ' && byte != 0x7f)
+            text += c;
+        else
+            text += std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
+    }
+    return text;
+}
+
+void complain_of(const std::vector<std::string>& problems, const char* what, const World& world)
+{
+    constexpr std::size_t most = 10;
+    for (std::size_t i = 0; i < std::min(problems.size(), most); ++i)
+        world.complain(std::string(what) + " is incomplete: " + printable(problems[i]));
+    if (problems.size() > most)
+        world.complain("... and " + std::to_string(problems.size() - most) + " more");
+}
+
+/** Has the request served while the log is read, and leaves the report's lines in filter. */
+void follow_request(Channel& channel, const Request& request, KernelLog& log, ReportFilter& filter)
+{
+    LogFollower follower(log, filter);
+    channel.request(request);
+    follower.stop();
+    if (filter.begun())
+        return;
+    if (filter.was_overwritten())
+        throw Failure("the kernel log overwrote the report before it could be read: try again, ask for one location, "
+                      "use \"moxctl tech\", or give the kernel a larger log (log_buf_len=4M on its command line)",
+                      status_incomplete);
+    throw Failure("the module served the request, but the kernel log has no line of it: where does the platform's "
+                  "mox_printk print to? \"moxctl tech\" does without the log");
+}
+
+Status show(const Options& options, const World& world)
+{
+    // First the log: without it the report would be printed for nobody.
+    auto log = world.open_kernel_log();
+    auto socket = world.open_netlink();
+    Channel channel(*socket, timeout_of(options));
+    Expected expected = expected_of(options);
+    ReportFilter filter(socket->port(), expected.kind);
+    follow_request(channel, requests_of(options).front(), *log, filter);
+
+    Report report = parse_report(filter.lines(), expected.kind, expected.locations);
+    if (filter.lost() > 0)
+        report.problems.insert(report.problems.begin(),
+                               "the kernel log overwrote " + std::to_string(filter.lost()) +
+                                   " of its lines before they could be read; \"moxctl tech\" or a larger log "
+                                   "(log_buf_len=4M on the kernel's command line) has them");
+    if (options.json) {
+        world.print(to_json(report, expected.kind));
+    } else {
+        std::string text;
+        for (const std::string& line : filter.lines())
+            text += printable(line) + "\n";
+        world.print(text);
+    }
+    complain_of(report.problems, "the report", world);
+    return report.problems.empty() ? status_ok : status_incomplete;
+}
+
+std::vector<std::string> lines_of(const std::string& text)
+{
+    std::vector<std::string> lines;
+    for (std::size_t at = 0, end; at < text.size(); at = end + 1) {
+        end = std::min(text.find('\n', at), text.size());
+        lines.push_back(text.substr(at, end - at));
+    }
+    return lines;
+}
+
+Status tech(const Options& options, const World& world)
+{
+    DumpFile file(vsd_of(world.working_directory()), world.root);
+    auto socket = world.open_netlink();
+    Channel channel(*socket, timeout_of(options));
+    file.prepare();
+    channel.request(requests_of(options).front());
+    if (!channel.wait_for_answer())
+        throw Failure("the module did not answer within " + std::to_string(timeout_of(options).count()) +
+                          " ms; what it wrote, if anything, is in " + file.path(),
+                      status_timeout);
+
+    std::string text = file.read();
+    if (options.output.empty())
+        world.print(text);
+    else
+        write_file(options.output, text);
+    // The module drops lines silently where its buffer is full between two writes to the file.
+    Report report = parse_report(lines_of(text), report_tech, 8);
+    complain_of(report.problems, "the dump", world);
+    return report.problems.empty() ? status_ok : status_incomplete;
+}
+
+} // namespace
+
+Status run_command(const Options& options, const World& world)
+{
+    if (!options.note.empty())
+        world.complain(options.note);
+    switch (options.action) {
+    case Action::tech:
+        return tech(options, world);
+    case Action::switches:
+    case Action::filter: {
+        auto socket = world.open_netlink();
+        Channel channel(*socket, timeout_of(options));
+        for (const Request& request : requests_of(options))
+            channel.request(request);
+        return status_ok;
+    }
+    default:
+        return show(options, world);
+    }
+}
+
+} // namespace moxctl

@@ -1,0 +1,56 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* moxctl's command line. */
+#ifndef MOXCTL_OPTIONS_H
+#define MOXCTL_OPTIONS_H
+
+#include "mox/values.h"
+#include "mox_packet.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace moxctl {
+
+enum class Action {
+    show_rules,
+    show_queues,
+    show_memory,
+    show_thread,
+    show_process,
+    switches, /**< debug and hook */
+    filter,
+    tech,
+};
+
+struct Options {
+    Action action = Action::show_rules;
+    std::uint32_t location = 0;           /**< show rules: 1 to 8, 0: all */
+    std::string process;                  /**< show process: the name; empty: by pid */
+    std::uint32_t pid = 0;
+    bool json = false;
+    std::vector<std::uint32_t> switches;  /**< enum mox_packet_debug_type, in the order to set them */
+    bool is_open = false;                 /**< the value to set them to: for a hook, 1 takes it away */
+    mox_packet_filter filter{};
+    std::string output;                   /**< tech: file, empty: standard output */
+    double timeout = 10;                  /**< seconds */
+    std::string note;                     /**< to tell the operator before anything is done */
+};
+
+/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+struct Ending {
+    int status;
+    std::string text;
+};
+
+/**
+ * Reads the command line. lookup resolves interface names. Returns nothing in the optional when options are
+ * ready to be used.
+ */
+std::optional<Ending> read_options(int argc, const char* const* argv, const mox::InterfaceLookup& lookup,
+                                   Options& options);
+
+} // namespace moxctl
+
+#endif

@@ -1,0 +1,66 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Every line that a report can have: one table for telling them from other log lines and for taking them apart. */
+#ifndef MOXCTL_REPORT_LINES_H
+#define MOXCTL_REPORT_LINES_H
+
+#include <array>
+#include <optional>
+#include <span>
+#include <string_view>
+
+namespace moxctl {
+
+enum class Line {
+    blank,
+    queue_location, queue_cpu,
+    socket_head, process, vsd, pid, running, ctrldata, ifindex, regulars,
+    rule_type, rule_data, more_data, location, treatment, counter,
+    filter_count, match_head, match_process, match_treatment, match_type, match_data,
+    memory_head, memory_counter,
+    thread_head, thread_counter,
+    process_head,
+    dump_banner,
+};
+
+/** The kinds of report, as bits: which of them a line can be in. */
+enum ReportKind : unsigned {
+    report_rules = 1,
+    report_queues = 2,
+    report_memory = 4,
+    report_thread = 8,
+    report_process = 16,
+    report_tech = 32, /**< the dump file */
+};
+
+/**
+ * One form of line. In the format, %u is a number without a sign, %d one that may have it, %s any text, %r a rule
+ * type, %v a rule value, %l a location, %t a treatment; the rest stands for itself. No form has more than two.
+ */
+struct LineForm {
+    Line line;
+    unsigned kinds;          /**< bits of ReportKind */
+    std::string_view format;
+    std::string_view key;    /**< of counters: the name in JSON */
+};
+
+/** A line taken apart. */
+struct ScannedLine {
+    const LineForm* form;
+    std::array<std::string_view, 2> values; /**< what stood at the format's % places */
+};
+
+/** What a line of a report of these kinds is; nothing when it is none. */
+std::optional<ScannedLine> scan_line(std::string_view line, unsigned kinds);
+
+/**
+ * Whether the text is the beginning of a line that the module prints in two calls, the label and the value: the
+ * kernel log has a record for each.
+ */
+bool is_label(std::string_view text);
+
+/** The forms of counters of one kind of line, in the report's order. */
+std::span<const LineForm> line_forms();
+
+} // namespace moxctl
+
+#endif
