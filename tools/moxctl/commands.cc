@@ -138,8 +138,12 @@ Status tech(const Options& options, const World& world)
         write_file(options.output, text);
     // The module drops lines silently where its buffer is full between two writes to the file.
     Report report = parse_report(lines_of(text), report_tech, 8);
+    if (report.problems.empty())
+        return status_ok;
     complain_of(report.problems, "the dump", world);
-    return report.problems.empty() ? status_ok : status_incomplete;
+    world.complain("the module's buffer of 128 KiB was full, or the file system; \"moxctl show rules LOCATION\" has it "
+                   "all");
+    return status_incomplete;
 }
 
 } // namespace
