@@ -139,8 +139,7 @@ protected:
         EXPECT_EQ(trial.given, handed_over ? 1u : 0u) << "the platform's from the call on";
         EXPECT_EQ(lab::books().live, 0);
         for (const Reason &other : kReasons)
-            if (&other != &reason)
-                EXPECT_FALSE(HasLineLike(trial.lines, other.text)) << other.name;
+            EXPECT_EQ(bool(HasLineLike(trial.lines, other.text)), &other == &reason) << other.name;
     }
 
     std::filesystem::path home_;
@@ -162,6 +161,40 @@ TEST_P(Checks, before_all_later_ones)
 
 INSTANTIATE_TEST_SUITE_P(Reasons, Checks, ::testing::Range(size_t(0), std::size(kReasons)),
                          [](const auto &info) { return kReasons[info.param].name; });
+
+TEST_F(Checks, the_number_of_the_vsd_decides)
+{
+    struct Row {
+        const char *path;
+        int vsd;
+    };
+    for (Row row : {Row{"/data/var/run/vsd/0", 0}, {"/data/var/run/vsd/0/deep/er", 0}, {"/data/var/run/vsd/12abc", 12},
+                    {"/data/var/run/vsd/abc", 0}, {"/data/var/run/vsd/2147483647/x", 2147483647}, {"/data/var/run", 0},
+                    {"/", 0}}) {
+        Socket socket(SOCK_RAW);  // made at home: sockets are not made in another vsd
+        std::filesystem::create_directories(row.path);
+        std::filesystem::current_path(row.path);
+        Trial trial = attempt(socket, good(), true);
+        std::filesystem::current_path(home_);
+        EXPECT_EQ(trial.error, row.vsd ? EINVAL : 0) << row.path;
+        EXPECT_EQ(trial.counters, (row.vsd ? SendCounters{.sendmsg_ill = 1} : SendCounters{.sent = 1})) << row.path;
+        if (row.vsd) {
+            // It is refused before anything else is said.
+            EXPECT_TRUE(LinesAre(trial.lines, {"MOX-PACKET-SEND: get vsd id " + std::to_string(row.vsd) + " fail."}));
+        }
+    }
+}
+
+TEST_F(Checks, interface_numbers_are_unsigned)
+{
+    Socket socket(SOCK_RAW);
+    Send send = good();
+    send.address().sll_ifindex = -1;
+    EXPECT_TRUE(HasLine(attempt(socket, send, true).lines, "MOX-PACKET-SEND: get dst intf 4294967295 fail"));
+    send = good();
+    send.control.pkt_ifx = 0xffffffff;
+    EXPECT_TRUE(HasLine(attempt(socket, send, true).lines, "MOX-PACKET-SEND: get src intf 4294967295 fail!"));
+}
 
 TEST_F(Checks, without_any_reason_it_succeeds)
 {

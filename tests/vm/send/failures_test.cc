@@ -2,6 +2,7 @@
 // Every allocation and every user copy of a send failing in turn, by the kernel's own failure injection.
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 
 #include "support/failnth.h"
 #include "support/send.h"
@@ -53,6 +54,40 @@ TEST_F(Failures, each_allocation_and_copy_of_a_send)
         // Without its path buffer a sender counts as one of vsd 0, and goes on.
         EXPECT_TRUE(HasLine(lines, "Failed to kmalloc buf."));
     }
+}
+
+/// A process of another virtual switch device is refused, but not when the buffer for its path cannot be had: then it
+/// counts as one of vsd 0.
+TEST_F(Failures, a_sender_whose_path_cannot_be_read_counts_as_vsd_0)
+{
+    if (!can_inject_failures())
+        GTEST_SKIP() << "this kernel injects no failures; the checked one does";
+    Socket socket(SOCK_RAW);
+    Send send;
+    send.data = counting(60);
+    send.to(lab::kPortA);
+    auto home = std::filesystem::current_path();
+    std::filesystem::create_directories("/data/var/run/vsd/3");
+    std::filesystem::current_path("/data/var/run/vsd/3");
+    unsigned sent = 0;
+    ssize_t result = 0;
+    int error = 0;
+    with_each_failure(
+        [&] {
+            lab::clear_printk();
+            result = send.by(socket.fd());
+            error = errno;
+        },
+        [&](bool injected) {
+            bool without_path = bool(HasLine(lab::printk_lines(), "Failed to kmalloc buf."));
+            EXPECT_EQ(result == 60, without_path);
+            sent += result == 60;
+            if (!injected) {
+                EXPECT_EQ(error, EINVAL);
+            }
+        });
+    std::filesystem::current_path(home);
+    EXPECT_EQ(sent, 1u);
 }
 
 }  // namespace
