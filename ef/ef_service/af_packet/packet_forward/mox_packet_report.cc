@@ -3,10 +3,9 @@
  * Reports on a location: its sockets, its filter list, its queues.
  *
  * What is reported changes on other CPUs, so each walk runs under the library's
- * read lock, with bottom halves off. Nothing is written to a file there: a walk
- * over sockets is one look at all of them, and stages what it can; a walk over
- * the filter list stops when staging runs full, lets go of the lock, flushes,
- * and goes on at the same position.
+ * read lock, with bottom halves off. A line to a slow console takes its time,
+ * and a file cannot be written there at all: long walks go in portions, and let
+ * go of the lock between them.
  */
 #include "list.hpp"
 #include "names.hpp"
@@ -22,15 +21,6 @@ constexpr u32 kLastLocation = PACKET_WLAN_LOC;
 bool location_known(u32 location)
 {
 	return location >= PACKET_LOCAL_LOC && location <= kLastLocation;
-}
-
-/** Report the library's sockets that are wanted, in the library's order. */
-template <typename Wanted> void dump_sockets(packet_regular_lib *lib, Wanted wanted)
-{
-	ReadGuard guard(&lib->lock);
-	for (const packet_regular *regular : regulars_of(&lib->regulars))
-		if (regular->owner && wanted(*regular->owner))
-			mox_packet_sock_dump(regular->owner);
 }
 
 /** A rule that shares a key: what it asks for besides the key. */
@@ -53,44 +43,117 @@ void tell_copy(const packet_regular &copy)
 }
 
 /**
- * A walk over a filter list in portions. Heads, rules and ends of entries are
- * counted as blocks; a portion skips the blocks that earlier ones told, and
- * only counts those behind the point where staging ran full. A list that
- * changes between two portions may show a block twice or not at all, and one
- * that grows is told as far as it was long at first, so that the walk ends.
+ * Where a walk in portions stands. What it walks over is counted in places; a
+ * portion skips the places that earlier ones passed, stops after so many places
+ * that were told in the log, or where staging runs full, and only counts those
+ * behind. A list that changes between two portions may show a place twice or
+ * not at all, and one that grows is walked as far as it was long at first, so
+ * that every walk ends.
  */
-class FilterListWalk {
+class Portions {
 public:
-	explicit FilterListWalk(packet_regular_lib *lib) : lib_(lib) {}
+	/** log_places: places of a portion; flushes: whether staging running full ends one. */
+	Portions(u32 log_places, bool flushes) : log_places_(log_places), flushes_(flushes) {}
 
-	/** The next portion; false when there is more, behind a flush. */
-	bool portion()
+	void begin()
 	{
-		ReadGuard guard(&lib_->lock);
 		at_ = 0;
+		told_ = 0;
 		full_ = false;
-		if (due())
-			REPORT_LINE("filter regular list cnt: %d\n",
-				    static_cast<int>(lib_->filter_count));
-		for (const filter_list_data *entry : entries_of(&lib_->filter_list))
-			tell_entry(*entry);
+	}
+	/** Whether this place has its turn now. Once for each place. */
+	bool due()
+	{
+		if (at_++ < passed_)
+			return false;
+		full_ = full_ || stop();
+		if (full_ || passed_ == limit_)
+			return false;
+		passed_++;
+		return true;
+	}
+	/** Count a place that was told. */
+	void told() { told_++; }
+	/** The end of a portion, lock dropped: true when another one is due. */
+	bool more()
+	{
 		if (limit_ == kNoLimit)
 			limit_ = at_;
-		return !full_ || told_ >= limit_;
+		if (!full_ || passed_ >= limit_)
+			return false;
+		if (flushes_)
+			report_flush();
+		seam_schedule();
+		return true;
 	}
 
 private:
 	static constexpr u32 kNoLimit = ~0u;
 
-	/** Whether the block that comes now is to be told now. */
+	bool stop() const
+	{
+		if (report_staged())
+			return flushes_ && report_nearly_full();
+		return told_ == log_places_;
+	}
+
+	const u32 log_places_;
+	const bool flushes_;
+	u32 passed_ = 0;       /* places, over all portions */
+	u32 at_ = 0;           /* places met in this one */
+	u32 told_ = 0;         /* places told in this one */
+	u32 limit_ = kNoLimit; /* places that there were in the first */
+	bool full_ = false;
+};
+
+/*
+ * Some hundred lines each. Within a portion a report is one look; few devices
+ * have more sockets at a location.
+ */
+constexpr u32 kSocketsOfPortion = 8;
+constexpr u32 kBlocksOfPortion = 64;
+
+/**
+ * Report the library's sockets that are wanted, in the library's order. In the
+ * dump file they have one fill of the staging buffer.
+ */
+template <typename Wanted> void dump_sockets(packet_regular_lib *lib, Wanted wanted)
+{
+	Portions portions(kSocketsOfPortion, false);
+
+	do {
+		ReadGuard guard(&lib->lock);
+		portions.begin();
+		for (const packet_regular *regular : regulars_of(&lib->regulars)) {
+			if (!portions.due() || !regular->owner || !wanted(*regular->owner))
+				continue;
+			mox_packet_sock_dump(regular->owner);
+			portions.told();
+		}
+	} while (portions.more());
+}
+
+/** A filter list: the head of each entry, its rules and its end are places. */
+class FilterListWalk {
+public:
+	void portion(packet_regular_lib *lib)
+	{
+		ReadGuard guard(&lib->lock);
+		portions_.begin();
+		if (due())
+			REPORT_LINE("filter regular list cnt: %d\n",
+				    static_cast<int>(lib->filter_count));
+		for (const filter_list_data *entry : entries_of(&lib->filter_list))
+			tell_entry(*entry);
+	}
+	bool more() { return portions_.more(); }
+
+private:
 	bool due()
 	{
-		if (at_++ < told_)
+		if (!portions_.due())
 			return false;
-		full_ = full_ || report_nearly_full();
-		if (full_ || told_ == limit_)
-			return false;
-		told_++;
+		portions_.told();
 		return true;
 	}
 
@@ -116,11 +179,7 @@ private:
 				tell_copy(*copy);
 	}
 
-	packet_regular_lib *lib_;
-	u32 told_ = 0;         /* blocks, over all portions */
-	u32 at_ = 0;           /* blocks passed in this one */
-	u32 limit_ = kNoLimit; /* blocks that there were in the first */
-	bool full_ = false;
+	Portions portions_{ kBlocksOfPortion, true };
 };
 
 u32 queue_count(efbuff_queue *queue)
@@ -152,12 +211,13 @@ void mox_packet_show_regular(u32 index)
 
 void pkt_show_filter_list(packet_regular_lib *lib)
 {
-	FilterListWalk walk(lib);
+	FilterListWalk walk;
 
 	/* A portion begins with an empty buffer, so each one gets on. */
 	report_flush();
-	while (!walk.portion())
-		report_flush();
+	do
+		walk.portion(lib);
+	while (walk.more());
 	report_flush();
 }
 
