@@ -68,9 +68,9 @@ void complain_of(const std::vector<std::string>& problems, const char* what, con
 /** Has the request served while the log is read, and leaves the report's lines in filter. */
 void follow_request(Channel& channel, const Request& request, KernelLog& log, ReportFilter& filter)
 {
-    LogFollower follower(log, filter);
+    LogFollower follower(log);
     channel.request(request);
-    follower.stop();
+    follower.stop(filter);
     if (filter.begun())
         return;
     if (filter.was_overwritten())

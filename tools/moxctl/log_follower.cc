@@ -3,8 +3,7 @@
 
 namespace moxctl {
 
-LogFollower::LogFollower(KernelLog& log, ReportFilter& filter)
-    : log_(log), filter_(filter), thread_([this] { follow(); })
+LogFollower::LogFollower(KernelLog& log) : log_(log), thread_([this] { follow(); })
 {
 }
 
@@ -21,16 +20,14 @@ void LogFollower::follow()
             bool last = last_round_;
             KernelLog::Read read;
             while ((read = log_.read(raw)) != KernelLog::Read::none) {
-                if (read == KernelLog::Read::overwritten)
-                    filter_.overwritten();
-                else if (auto record = decode_record(raw))
-                    filter_.take(*record);
+                if (read == KernelLog::Read::record)
+                    records_ += raw;
+                ends_.push_back(records_.size());
             }
             if (last)
                 break;
             log_.wait();
         }
-        filter_.finish();
     } catch (...) {
         error_ = std::current_exception();
     }
@@ -44,11 +41,20 @@ void LogFollower::join()
         thread_.join();
 }
 
-void LogFollower::stop()
+void LogFollower::stop(ReportFilter& filter)
 {
     join();
     if (error_)
         std::rethrow_exception(error_);
+    std::size_t begin = 0;
+    for (std::size_t end : ends_) {
+        if (end == begin)
+            filter.overwritten();
+        else if (auto record = decode_record(std::string_view(records_).substr(begin, end - begin)))
+            filter.take(*record);
+        begin = end;
+    }
+    filter.finish();
 }
 
 } // namespace moxctl

@@ -278,13 +278,13 @@ TEST(ctl_follower, reads_while_the_report_is_printed_and_to_its_end)
     unsigned long sequence = 2;
     std::string expected;
     {
-        moxctl::LogFollower follower(log, filter);
+        moxctl::LogFollower follower(log);
         for (int i = 0; i < 50; ++i) {
             for (const std::string& call : printk_calls(lev2_report()))
                 log.log(kmsg_record(sequence++, call));
             expected += lev2_report();
         }
-        follower.stop();
+        follower.stop(filter);
     }
     std::string text;
     for (const std::string& line : filter.lines())
@@ -300,15 +300,15 @@ TEST(ctl_follower, tells_of_overwritten_records_and_of_errors)
     log.log(kmsg_record(1, "Deal message from 4711, moxctl.\n"));
     log.overwrite();
     log.log(kmsg_record(12, "sk refcnt:              3\n"));
-    moxctl::LogFollower(log, filter).stop();
+    moxctl::LogFollower(log).stop(filter);
     EXPECT_TRUE(filter.was_overwritten());
     EXPECT_EQ(filter.lost(), 10u);
 
     FakeLog broken;
     broken.fail(EIO);
     ReportFilter other(FakeNetlink::own_port, moxctl::report_rules);
-    moxctl::LogFollower follower(broken, other);
-    EXPECT_THROW(follower.stop(), moxctl::Failure);
+    moxctl::LogFollower follower(broken);
+    EXPECT_THROW(follower.stop(other), moxctl::Failure);
 }
 
 } // namespace

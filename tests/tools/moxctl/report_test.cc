@@ -164,8 +164,9 @@ TEST(ctl_report, a_report_cut_anywhere_before_its_last_word_is_not_whole)
                 continue;
             Report report = moxctl::parse_report(lines, each.kind, each.locations);
             bool match_line = last.starts_with("    ") && !last.starts_with("     ");
-            if (!match_line)
+            if (!match_line) {
                 EXPECT_FALSE(report.problems.empty()) << "whole without its end from \"" << last << "\" on";
+            }
         }
     }
 }
