@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "support/lab.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -259,6 +260,15 @@ std::vector<std::string> printk_lines()
 
 void clear_printk() { clear(MOXLAB_PRINTK); }
 
+void echo_printk(bool on)
+{
+    moxlab_settings settings{};
+    verb(MOXLAB_SETTINGS, &settings, "MOXLAB_SETTINGS");
+    settings.set = 1;
+    settings.printk_echo = on;
+    verb(MOXLAB_SETTINGS, &settings, "MOXLAB_SETTINGS");
+}
+
 Books books()
 {
     moxlab_balance balance{};
@@ -350,6 +360,14 @@ uint32_t peek32(const char *sym, uint32_t offset)
 }
 
 void poke8(const char *sym, uint32_t offset, uint8_t value) { memory(sym, offset, &value, 1, true); }
+
+Bytes peek(const char *sym, uint32_t offset, uint32_t length)
+{
+    Bytes bytes(length);
+    for (uint32_t at = 0; at < length; at += 64)
+        memory(sym, offset + at, &bytes[at], std::min(64u, length - at), false);
+    return bytes;
+}
 
 void set_rnfp(bool wlan, int result)
 {

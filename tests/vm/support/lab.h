@@ -94,6 +94,8 @@ void clear_registration_log();
 /// Whole mox_printk lines since the last clear, oldest first; a leading level marker stays in the text.
 std::vector<std::string> printk_lines();
 void clear_printk();
+/// Whether mox_printk lines go to the kernel's log as well (they do after a start). Long reports flood a console.
+void echo_printk(bool on);
 
 /// The platform's books.
 struct Books {
@@ -126,6 +128,8 @@ uint64_t rnfp_calls(bool wlan);
 uint8_t peek8(const char *sym, uint32_t offset = 0);
 uint32_t peek32(const char *sym, uint32_t offset = 0);
 void poke8(const char *sym, uint32_t offset, uint8_t value);
+/// Any number of bytes from there.
+Bytes peek(const char *sym, uint32_t offset, uint32_t length);
 
 /// Brings the lab to a known state: interfaces, no failures pending, empty logs.
 void reset();
