@@ -1,0 +1,392 @@
+// SPDX-License-Identifier: GPL-2.0
+// The reports in the log, to the byte, on known sockets.
+#include "control.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "scene.h"
+
+namespace {
+
+using namespace vm;
+using namespace frames;
+using lab::Hook;
+
+using Report = ControlTest;
+
+TEST_F(Report, a_socket_word_by_word)
+{
+    Socket socket = capture(PACKET_IPv6_LOC, PACKET_COPY, u8s(PACKET_ICMPV6_TYPE_EQUAL, {133, 135}));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_FIRST + 3),
+              "location: PACKET_IPv6_LOC\n"
+              "cpu 0 efbuff cnt:      0\n"
+              "cpu 1 efbuff cnt:      0\n"
+              "cpu 2 efbuff cnt:      0\n"
+              "cpu 3 efbuff cnt:      0\n"
+              "\n"
+              "\n------------ dump sock ------------\n"
+              "process:       vm_control\n"
+              "vsd:           0\n"
+              "pid:           " + std::to_string(::getpid()) + "\n"
+              "running:       running\n"
+              "ctrldata:      unrequire\n"
+              "ifindex:       0\n"
+              "regulars:\n"
+              "regular type:  PACKET_ICMPV6_TYPE_EQUAL\n"
+              "regular data:  133  \n"
+              "               135  \n"
+              "\n"
+              "PACKET LOC:         PACKET_IPv6_LOC\n"
+              "PACKET TREATMENT:   PACKET_COPY\n"
+              "sk recv packets:        0\n"
+              "sk filter drops:        0\n"
+              "sk rcvbuff full drops:  0\n"
+              "sk trim fail drops:     0\n"
+              "sk send packet:         0\n"
+              "sk sendmsg ill fails:   0\n"
+              "sk macfunc ill fails:   0\n"
+              "sk dstintf ill fails:   0\n"
+              "sk srcintf ill fails:   0\n"
+              "sk intf linkdown fails: 0\n"
+              "sk alloc efbuff fails:  0\n"
+              "sk pkt copy fails:      0\n"
+              "sk ef send fails:       0\n"
+              "skbs to be recv:        0\n"
+              "skbs to be send:        0\n"
+              "sk refcnt:              3\n"
+              "\n"
+              "filter regular list cnt: 2\n"
+              "regular type:  PACKET_ICMPV6_TYPE_EQUAL\n"
+              "regular data:  133  \n"
+              "  match regulars:\n"
+              "    process:      vm_control\n"
+              "    PACKET TREATMENT:   PACKET_COPY\n"
+              "\n"
+              "regular type:  PACKET_ICMPV6_TYPE_EQUAL\n"
+              "regular data:  135  \n"
+              "  match regulars:\n"
+              "    process:      vm_control\n"
+              "    PACKET TREATMENT:   PACKET_COPY\n"
+              "\n");
+}
+
+TEST_F(Report, several_sockets_that_share_keys)
+{
+    LayerTwoScene scene;
+    EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, scene.sockets(), scene.entries())));
+    scene.trap.close();
+    auto sockets = scene.sockets();
+    auto entries = scene.entries();
+    sockets.erase(sockets.begin());
+    entries.pop_back();
+    EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, entries)));
+}
+
+TEST_F(Report, each_line_is_one_call_of_the_logging_function)
+{
+    LayerTwoScene scene;
+    said();
+    ask(1);
+    Pieces calls = lab::printk_lines();
+    ASSERT_FALSE(calls.empty());
+    calls.erase(calls.begin());
+    EXPECT_EQ(calls, location_pieces(PACKET_LEV2_LOC, scene.sockets(), scene.entries()));
+}
+
+TEST_F(Report, every_location_and_all_of_them)
+{
+    EveryLocationScene scene;
+    std::string everything;
+    for (unsigned location = 1; location <= 8; ++location) {
+        std::string report =
+            joined(location_pieces(location, scene.sockets_at(location), scene.entries_at(location)));
+        EXPECT_EQ(answer(uint16_t(location - 1)), report) << location;
+        everything += report + "\n";
+    }
+    EXPECT_EQ(answer(MOX_MSG_SHOW_ALL), everything);
+}
+
+TEST_F(Report, every_type_of_rule_with_its_data)
+{
+    struct Row {
+        Rule rule;
+        RuleText text;
+    };
+    const Row rows[] = {
+        {rule(PACKET_PACKET_CODE_EQUAL, {Bytes{5, 9}, Bytes{255, 0}}),
+         {"PACKET_PACKET_CODE_EQUAL", {"code: 5, subcode: 9  ", "code: 255, subcode: 0  "}}},
+        {rule(PACKET_DEST_MAC_EQUAL, {Bytes{1, 0x80, 0xc2, 0, 0, 0x0e}}),
+         {"PACKET_DEST_MAC_EQUAL", {"01:80:c2:00:00:0e  "}}},
+        {rule(PACKET_SRC_MAC_EQUAL, {Bytes{2, 0, 0, 0, 0, 0xab}}), {"PACKET_SRC_MAC_EQUAL", {"02:00:00:00:00:ab  "}}},
+        {be16s(PACKET_ETH_PROT_EQUAL, {0x0806, 3}), {"PACKET_ETH_PROT_EQUAL", {"0806  ", "0003  "}}},
+        {be16s(PACKET_SNAP_ETH_TYPE_EQUAL, {0x809b}), {"PACKET_SNAP_ETH_TYPE_EQUAL", {"809b  "}}},
+        {u8s(PACKET_IPv4_PROT_EQUAL, {6, 255}), {"PACKET_IPv4_PROT_EQUAL", {"6  ", "255  "}}},
+        {u8s(PACKET_IPv6_PROT_EQUAL, {58}), {"PACKET_IPv6_PROT_EQUAL", {"58  "}}},
+        {be16s(PACKET_IPv4_DEST_PORT_EQUAL, {53}), {"PACKET_IPv4_DEST_PORT_EQUAL", {"53  "}}},
+        {be16s(PACKET_IPv4_SRC_PORT_EQUAL, {65534}), {"PACKET_IPv4_SRC_PORT_EQUAL", {"65534  "}}},
+        {be16s(PACKET_IPv6_DEST_PORT_EQUAL, {546}), {"PACKET_IPv6_DEST_PORT_EQUAL", {"546  "}}},
+        {u32s(PACKET_SRC_INTF_EQUAL, {7, 0xffffffff}), {"PACKET_SRC_INTF_EQUAL", {"7  ", "4294967295  "}}},
+        {u8s(PACKET_ICMPV6_TYPE_EQUAL, {135}), {"PACKET_ICMPV6_TYPE_EQUAL", {"135  "}}},
+        {flag(PACKET_IPv4_MCAST_TRAFFIC), {"PACKET_IPv4_MCAST_TRAFFIC", {""}}},
+        {flag(PACKET_IPv6_MCAST_TRAFFIC), {"PACKET_IPv6_MCAST_TRAFFIC", {""}}},
+        {u8s(PACKET_EAPOL_TYPE_EQUAL, {3}), {"PACKET_EAPOL_TYPE_EQUAL", {"3  "}}},
+        {u8s(PACKET_EAPOL_TYPE_WPS, {200}), {"PACKET_EAPOL_TYPE_WPS", {"200  "}}},
+        {u32s(PACKET_PID_T, {0x1267, 0xffffffff}), {"PACKET_PID_T", {"4711  ", "-1  "}}},
+        {flag(PACKET_WLAN_MGNT), {"PACKET_WLAN_MGNT", {""}}},
+        // As stored, in the machine's order.
+        {be16s(PACKET_ARP_TYPE, {2}), {"PACKET_ARP_TYPE", {"512  "}}},
+    };
+    Socket socket;
+    SocketText text("PACKET_RESV_LOC", "PACKET_COPY_LOCAL", {});
+    for (const Row &row : rows) {
+        ASSERT_EQ(socket.add(row.rule), 0) << row.text.type;
+        text.rules.push_back(row.text);
+    }
+    ASSERT_EQ(socket.treatment(PACKET_COPY_LOCAL), 0);
+    ASSERT_EQ(socket.location(PACKET_RESV_LOC), 0);
+    std::vector<RuleText> rest(text.rules.begin() + 1, text.rules.end());
+    EXPECT_EQ(answer(6),
+              joined(location_pieces(PACKET_RESV_LOC, {text},
+                                     {{"PACKET_PACKET_CODE_EQUAL", "code: 5, subcode: 9  ", {{"PACKET_COPY_LOCAL", rest}}},
+                                      {"PACKET_PACKET_CODE_EQUAL", "code: 255, subcode: 0  ", {{"PACKET_COPY_LOCAL", rest}}}})));
+}
+
+TEST_F(Report, counters_follow_the_traffic)
+{
+    LayerTwoScene scene;
+    auto sockets = scene.sockets();
+    for (int i = 0; i < 5; ++i)
+        put(Hook::Lev2, plain());
+    sockets[0].counters[0] = 5;
+    sockets[0].to_receive = 5;
+    EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
+    EXPECT_EQ(scene.trap.drain(), 5u);
+    sockets[0].to_receive = 0;
+    EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
+    scene.trap.stats();
+    sockets[0].counters[0] = 0;
+    EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
+    // A buffer that is too small for a second frame.
+    int little = 0;
+    ASSERT_EQ(::setsockopt(scene.trap.fd(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little), 0);
+    lab::inject_many(Hook::Lev2, plain(0x88b5, 1500), 20, 0);
+    ASSERT_TRUE(lab::settle());
+    uint32_t kept = uint32_t(scene.trap.drain());
+    ASSERT_LT(kept, 20u);
+    sockets[0].counters[0] = kept;
+    sockets[0].counters[2] = 20 - kept;
+    EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
+}
+
+TEST_F(Report, queues_of_every_cpu_that_is_present)
+{
+    std::ifstream in("/sys/devices/system/cpu/present");
+    std::string present;
+    in >> present;
+    ASSERT_EQ(present, "0-3");
+    Pieces wanted;
+    for (unsigned location = 1; location <= 8; ++location)
+        append(wanted, queue_pieces(location));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_QUEUES), joined(wanted));
+}
+
+TEST_F(Report, a_cpu_that_is_present_and_offline_is_listed)
+{
+    std::ifstream in("/sys/devices/system/cpu/online");
+    std::string online;
+    in >> online;
+    if (online == "0-3" && ::access("/sys/devices/system/cpu/cpu3/online", W_OK))
+        GTEST_SKIP() << "every CPU is online, and this kernel takes none offline (boot it with maxcpus=3)";
+    std::ofstream("/sys/devices/system/cpu/cpu3/online") << "0" << std::flush;
+    EXPECT_EQ(answer(MOX_MSG_SHOW_QUEUES).find("location: PACKET_LOCAL_LOC\ncpu 0 efbuff cnt:      0\n"
+                                              "cpu 1 efbuff cnt:      0\ncpu 2 efbuff cnt:      0\n"
+                                              "cpu 3 efbuff cnt:      0\n\n"),
+              0u);
+    std::ofstream("/sys/devices/system/cpu/cpu3/online") << "1" << std::flush;
+}
+
+TEST_F(Report, a_queue_that_fills)
+{
+    Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+        while (!stop)
+            lab::flood(Hook::Lev2, plain(), 300, 2);
+    });
+    bool filled = false;
+    std::string wrong;
+    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!filled && std::chrono::steady_clock::now() < end) {
+        std::string text = answer(MOX_MSG_SHOW_QUEUES);
+        size_t at = text.find("location: PACKET_LEV2_LOC\n"), cpu = text.find("cpu 2 efbuff cnt:      ", at);
+        filled = text.compare(cpu, 24, "cpu 2 efbuff cnt:      0") != 0;
+        // Of all the other queues none holds anything, ever.
+        size_t line = text.find('\n', cpu);
+        if (filled)
+            text.replace(cpu, line - cpu, "cpu 2 efbuff cnt:      0");
+        Pieces wanted;
+        for (unsigned location = 1; location <= 8; ++location)
+            append(wanted, queue_pieces(location));
+        if (text != joined(wanted))
+            wrong = text;
+        socket.drain();
+    }
+    stop = true;
+    sender.join();
+    EXPECT_EQ(wrong, "");
+    EXPECT_TRUE(filled) << "300 frames at once never found any of them in the queue";
+    EXPECT_TRUE(lab::settle());
+}
+
+TEST_F(Report, memory_counts_keys_copies_and_items)
+{
+    auto before = RuleRecords::read();
+    EXPECT_EQ(answer(MOX_MSG_SHOW_MEMORY), joined(memory_pieces()));
+    {
+        LayerTwoScene scene;
+        put(Hook::Lev2, plain());
+        std::string text = answer(MOX_MSG_SHOW_MEMORY);
+        EXPECT_EQ(text, joined(memory_pieces()));
+        auto has = [&](const std::string &label, uint32_t value) {
+            EXPECT_NE(text.find(label + std::to_string(value) + "\n"), std::string::npos) << label << value << " in\n" << text;
+        };
+        has("FILTER LIST:  ", before.data[20] + scene.kKeys);
+        has("REGULAR:      ", before.data[21] + scene.kCopies);
+        // Two sockets' items; the copies leave out their keys, and the fetching one has one copy.
+        has("ETH PRO:      ", before.items[PACKET_ETH_PROT_EQUAL] + 2);
+        has("SRC INTF:     ", before.items[PACKET_SRC_INTF_EQUAL] + 2);
+        has("PID TYPE:     ", before.items[PACKET_PID_T] + 2);
+        has("PACKET ALL:   ", before.items[PACKET_ALL] + 2);
+    }
+    EXPECT_EQ(answer(MOX_MSG_SHOW_MEMORY), joined(memory_pieces()));
+}
+
+TEST_F(Report, the_copy_threads_wake_ups)
+{
+    Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
+    uint32_t before = lab::peek32("g_packet_thread_debug", 0);
+    put(Hook::Lev2, plain());
+    EXPECT_EQ(lab::peek32("g_packet_thread_debug", 0), before + 1);
+    EXPECT_EQ(answer(MOX_MSG_SHOW_THREAD), joined(thread_pieces()));
+}
+
+/// A process of another name with one socket in two locations, until it is told to go.
+class OtherProcess {
+public:
+    explicit OtherProcess(const char *name)
+    {
+        int up[2], down[2];
+        EXPECT_EQ(::pipe(up) | ::pipe(down), 0);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            ::prctl(PR_SET_NAME, name);
+            Socket first = capture(PACKET_LEV2_LOC, PACKET_COPY, all()), second = capture(PACKET_WLAN_LOC, PACKET_COPY, all());
+            char byte = 0;
+            ::close(down[1]);
+            (void)!::write(up[1], &byte, 1);
+            (void)!::read(down[0], &byte, 1);
+            first.close();
+            second.close();
+            ::_exit(0);
+        }
+        ::close(down[0]);
+        ::close(up[1]);
+        char byte;
+        EXPECT_EQ(::read(up[0], &byte, 1), 1);
+        ::close(up[0]);
+        down_ = down[1];
+    }
+    ~OtherProcess()
+    {
+        ::close(down_);
+        int status = 0;
+        EXPECT_EQ(::waitpid(pid_, &status, 0), pid_);
+    }
+    pid_t pid() const { return pid_; }
+
+private:
+    pid_t pid_;
+    int down_;
+};
+
+class ProcessReport : public ControlTest {
+protected:
+    static Bytes name_body(const std::string &name) { return Bytes(name.c_str(), name.c_str() + name.size() + 1); }
+    /// The report on the sockets of all locations.
+    static std::string of(const std::string &head, const std::vector<SocketText> &sockets)
+    {
+        std::string text = "show process " + head + " regular:\n";
+        for (const SocketText &socket : sockets)
+            text += joined(socket.pieces());
+        return text;
+    }
+    static std::vector<SocketText> sockets_of(const OtherProcess &other, const char *name)
+    {
+        std::vector<SocketText> out{{"PACKET_LEV2_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}}},
+                                    {"PACKET_WLAN_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}}}};
+        for (SocketText &socket : out) {
+            socket.process = name;
+            socket.pid = other.pid();
+        }
+        return out;
+    }
+};
+
+TEST_F(ProcessReport, by_name_and_by_pid)
+{
+    LayerTwoScene scene;
+    OtherProcess other("elsewhere"), third("elsewher");
+    Socket local = capture(PACKET_LOCAL_LOC, PACKET_COPY, all());
+    // Location by location, and there in the order of the treatments.
+    std::vector<SocketText> own{{"PACKET_LOCAL_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}}}};
+    for (const SocketText &socket : scene.sockets())
+        own.push_back(socket);
+    const std::string pid = std::to_string(::getpid()), other_pid = std::to_string(other.pid());
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body("vm_control")), of("vm_control", own));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_PID, words({uint32_t(::getpid())})), of(pid, own));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body("elsewhere")), of("elsewhere", sockets_of(other, "elsewhere")));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_PID, words({uint32_t(other.pid())})), of(other_pid, sockets_of(other, "elsewhere")));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body("elsewher")), of("elsewher", sockets_of(third, "elsewher")));
+    for (const char *name : {"", "vm_contro", "vm_controls", "VM_CONTROL", "elsewhere2", " elsewhere"})
+        EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body(name)), of(name, {})) << "names are compared whole";
+    EXPECT_EQ(answer(MOX_MSG_SHOW_PID, words({999999})), of("999999", {}));
+}
+
+TEST_F(ProcessReport, a_name_of_fifteen_letters_and_one_that_goes_on)
+{
+    const char *name = "fifteen-letters";
+    OtherProcess other(name);
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body(name)), of(name, sockets_of(other, name)));
+    // Names end there: what a request has beyond does not count.
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body("fifteen-letters-and-more")), of(name, sockets_of(other, name)));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, Bytes(name, name + 15)), of(name, sockets_of(other, name)))
+        << "the message ends before a NUL";
+}
+
+TEST_F(ProcessReport, pids_that_nobody_has)
+{
+    Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
+    for (int32_t pid : {0, -1, INT32_MIN}) {
+        const std::string head = "show process " + std::to_string(pid) + " regular:\n";
+        EXPECT_EQ(answer(MOX_MSG_SHOW_PID, words({uint32_t(pid)})), head);
+        debug(true);
+        std::string lines;
+        for (int location = 1; location <= 8; ++location)
+            lines += tagged("MOX-PACKET-SHOW-REGULAR-SPEC: pid is <= 0!\n");
+        EXPECT_EQ(printed(request(MOX_MSG_SHOW_PID, words({uint32_t(pid)}))),
+                  tagged("Deal message, length:8.\n") +
+                      tagged("MSG TYPE 12, client " + std::to_string(client_.port()) + "\n") + asked_by(client_.port()) +
+                      head + lines);
+        debug(false);
+    }
+}
+
+}  // namespace
