@@ -7,6 +7,7 @@
  * host falls into some batches and not into others. In a virtual machine whose
  * clock counts instructions the shortest batch is free of them, and exact.
  */
+#include <linux/file.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/ktime.h>
