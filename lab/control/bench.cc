@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench.hpp"
 #include "moxlab.hpp"
 
 namespace {
@@ -204,10 +205,14 @@ void module_instructions(uint32_t batches)
 int usage(FILE *to)
 {
     std::fprintf(to, "usage: lab-bench rates [ROUNDS [SECONDS]]\n"
-                     "       lab-bench instructions [BATCHES]\n\n"
+                     "       lab-bench instructions [BATCHES]\n"
+                     "       lab-bench filter [BATCHES]\n"
+                     "       lab-bench sockets COUNT COMMAND [ARGUMENT...]\n\n"
                      "rates: sends a second (the guest's clock) through mox_ef_socket and through af_packet in turn, on one\n"
                      "dummy device. instructions: of one send inside the module; right only where the guest's clock counts\n"
-                     "instructions (lab/vm/run --icount). Needs the platform's modules loaded, and loads the others itself.\n");
+                     "instructions (lab/vm/run --icount), and so is filter: of a debug filter in force, for one received frame.\n"
+                     "sockets: how long the command takes (the guest's clock) while so many capture sockets are open.\n"
+                     "Needs the platform's modules loaded; rates, instructions and filter load the others themselves.\n");
     return to == stdout ? 0 : 2;
 }
 
@@ -219,12 +224,18 @@ int main(int argc, char **argv)
     try {
         if (what == "--help" || what == "-h")
             return usage(stdout);
-        if (what == "rates")
+        if (what == "rates") {
             rates(argc > 2 ? std::max(1, std::atoi(argv[2])) : 5, argc > 3 ? std::atof(argv[3]) : 2.0);
-        else if (what == "instructions")
+        } else if (what == "instructions") {
             module_instructions(argc > 2 ? uint32_t(std::max(1, std::atoi(argv[2]))) : 200);
-        else
+        } else if (what == "filter") {
+            Owner owner("mox_ef_socket");
+            bench::filter_instructions(argc > 2 ? unsigned(std::max(1, std::atoi(argv[2]))) : 200);
+        } else if (what == "sockets" && argc > 3 && std::atoi(argv[2]) > 0) {
+            return bench::with_sockets(unsigned(std::atoi(argv[2])), argv + 3);
+        } else {
             return usage(stderr);
+        }
         return 0;
     } catch (const std::exception &e) {
         std::fprintf(stderr, "lab-bench: %s\n", e.what());
