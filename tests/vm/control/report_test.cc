@@ -101,6 +101,28 @@ TEST_F(Report, each_line_is_one_call_of_the_logging_function)
     EXPECT_EQ(calls, location_pieces(PACKET_LEV2_LOC, scene.sockets(), scene.entries()));
 }
 
+TEST_F(Report, more_sockets_than_the_module_tells_in_one_go)
+{
+    // It lets go of the library now and then: with nothing changing meanwhile that must not show.
+    std::vector<Socket> sockets;
+    std::vector<SocketText> texts;
+    std::vector<EntryText> entries;
+    for (uint16_t i = 0; i < 45; ++i) {
+        sockets.push_back(capture(PACKET_IPv4_LOC, PACKET_COPY, u8s(PACKET_IPv4_PROT_EQUAL, {uint8_t(i), uint8_t(i + 1)})));
+        RuleText rule{"PACKET_IPv4_PROT_EQUAL", {std::to_string(i) + "  ", std::to_string(i + 1) + "  "}};
+        texts.emplace_back("PACKET_IPv4_LOC", "PACKET_COPY", std::vector<RuleText>{rule});
+        if (entries.empty())
+            entries.push_back({rule.type, rule.data[0], {}});
+        entries.back().copies.push_back({"PACKET_COPY", {}});
+        entries.push_back({rule.type, rule.data[1], {{"PACKET_COPY", {}}}});
+    }
+    EXPECT_EQ(answer(2), joined(location_pieces(PACKET_IPv4_LOC, texts, entries)));
+    std::string by_pid = "show process " + std::to_string(::getpid()) + " regular:\n";
+    for (const SocketText &text : texts)
+        by_pid += joined(text.pieces());
+    EXPECT_EQ(answer(MOX_MSG_SHOW_PID, words({uint32_t(::getpid())})), by_pid);
+}
+
 TEST_F(Report, every_location_and_all_of_them)
 {
     EveryLocationScene scene;
