@@ -134,6 +134,13 @@ struct efmp_run {
  */
 enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point);
 
+/*
+ * Returns when every hook that may have read what the caller changed before has
+ * come back. May sleep. A grace period would do as well, but takes a second
+ * where all CPUs of a virtual machine are busy.
+ */
+void efmp_hooks_wait(void);
+
 extern struct failpoint efmp_reg_module_fail, efmp_reg_recv_fail, efmp_reg_output_fail;
 extern u32 efmp_tag_mode;
 int efmp_hooks_read(struct moxlab_read *read);

@@ -6,6 +6,7 @@
  * nothing here sleeps or waits: entries come from a pool, leave their list at
  * once, and return to the pool after a grace period.
  */
+#include <linux/delay.h>
 #include <linux/module.h>
 #include <linux/preempt.h>
 #include <linux/rculist.h>
@@ -41,6 +42,8 @@ DEFINE_PER_CPU(unsigned long, efmp_cpu_buffer_cache);
 EXPORT_PER_CPU_SYMBOL(efmp_cpu_buffer_cache);
 
 static DEFINE_PER_CPU(u32, tag_turn);
+/* Counts a CPU's runs of hooks, in and out: odd while it is in one. */
+static DEFINE_PER_CPU(u32, hook_turns);
 u32 efmp_tag_mode = MOXLAB_TAG_ALTERNATE;
 
 /* Indexed by MOXLAB_POINT_*; each in the order of registration. */
@@ -373,11 +376,43 @@ static enum efmp_verdict run_registered(struct efmp_run *run, u32 point)
 	return verdict;
 }
 
+static enum efmp_verdict run_hooks(struct efmp_run *run, u32 point)
+{
+	/* A hook that sends comes by here again on its CPU. */
+	bool outermost = !(this_cpu_read(hook_turns) & 1);
+	enum efmp_verdict verdict;
+
+	if (outermost) {
+		this_cpu_inc(hook_turns);
+		/* Seen as in a hook before anything that the hook reads. */
+		smp_mb();
+	}
+	verdict = run->call ? run_unregistered(run, point) : run_registered(run, point);
+	if (outermost) {
+		smp_mb();
+		this_cpu_inc(hook_turns);
+	}
+	return verdict;
+}
+
+void efmp_hooks_wait(void)
+{
+	int cpu;
+
+	/* Whoever is not in a hook now will read what was written before. */
+	smp_mb();
+	for_each_possible_cpu(cpu) {
+		u32 turn = READ_ONCE(per_cpu(hook_turns, cpu));
+
+		while (turn & 1 && READ_ONCE(per_cpu(hook_turns, cpu)) == turn)
+			usleep_range(50, 500);
+	}
+}
+
 enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point)
 {
 	u32 before = run->hooks_run;
-	enum efmp_verdict verdict = run->call ? run_unregistered(run, point) :
-						run_registered(run, point);
+	enum efmp_verdict verdict = run_hooks(run, point);
 
 	if (run->hooks_run != before)
 		efmp_count(EFMP_POINT_FRAMES + point);

@@ -259,8 +259,7 @@ static void set_answers(struct entry *e, const struct moxlab_service *v)
 /* Under serv_lock, when the handlers know better: no hook is in it any more. */
 static void bid_farewell(struct entry *e)
 {
-	/* Expedited: under full load the other kind takes a second here. */
-	synchronize_rcu_expedited();
+	efmp_hooks_wait();
 	WRITE_ONCE(e->gone, true);
 }
 
