@@ -1,0 +1,50 @@
+# shellcheck shell=sh disable=SC2154
+# What an operator learns of the running access point from moxctl. Sourced behind lib.sh.
+
+# A report of moxctl, as it is, to /out: report FILE OPTION...
+report() {
+	file=$out/$1
+	shift
+	moxctl "$@" >"$file" 2>"$work/moxctl.log" || fail "moxctl $* ended with status $?: $(cat "$work/moxctl.log")"
+}
+
+# Only the sockets of a rule report, one a line: process number, what the scene calls it, rule, packets.
+sockets_of() {
+	awk '/ dump sock /      { inside = 1; rules = "" }
+		!inside             { next }
+		/^pid:/             { pid = $2 }
+		/^regular type:/    { rules = rules " " $3 }
+		/^regular data:/    { sub(/^regular data: */, ""); sub(/ *$/, ""); if ($0) rules = rules " " $0 }
+		/^               /  { sub(/^ */, ""); sub(/ *$/, ""); rules = rules " | " $0 }
+		/^PACKET LOC:/      { place = $3 }
+		/^PACKET TREATMENT:/ { treatment = $3 }
+		/^sk recv packets:/ { packets = $4 }
+		/^sk refcnt:/       { inside = 0; print pid, place, treatment, packets rules }' "$1" |
+		while read -r pid place treatment packets rules; do
+			printf '   %5d %-14s %-21s %-13s %5d  %s\n' "$pid" "$(name_of "$pid")" "$place" "$treatment" "$packets" "$rules"
+		done
+}
+
+name_of() { # name_of PID
+	for name in $captures; do
+		[ "$(cat "$work/$name.pid")" != "$1" ] || echo "$name"
+	done
+}
+
+# Every capture that runs stands in the report, by its process number, and nobody else does.
+reported_all() {
+	running=0
+	for name in $captures; do
+		pid=$(cat "$work/$name.pid")
+		[ -d "/proc/$pid" ] || continue
+		running=$((running + 1))
+		grep -qx "pid: *$pid" "$1" || return 1
+	done
+	[ "$(grep -c '^pid:' "$1")" -eq "$running" ]
+}
+
+# as_json FILE KEY COUNT: the key stands so often in what moxctl made of the report.
+as_json() { [ "$(grep -c "\"$2\":" "$1")" -eq "$3" ]; }
+
+# What the memory report counts; lines of nothing left out.
+memory_of() { sed -n -e '/: *0$/d' -e '/^$/d' -e 's/^/   | /p' "$1"; }
