@@ -2,6 +2,7 @@
 #include "mox/values.h"
 
 #include "mox/error.h"
+#include "mox/hex_digit.h"
 #include "mox/names.h"
 
 #include <cctype>
@@ -63,17 +64,6 @@ std::string shown(std::uint32_t value, int base)
     char digits[16];
     auto end = std::to_chars(digits, digits + sizeof(digits), value, base).ptr;
     return (base == 16 ? "0x" : "") + std::string(digits, end);
-}
-
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* lldpagent: LLDP on the ports of the forwarding platform. */
+#include "common/ending.h"
 #include "options.h"
 #include "socket.h"
 #include "state.h"
@@ -17,30 +18,6 @@ namespace {
 
 // A flood of frames must not keep the agent from its announcements and from its operator.
 constexpr unsigned batch = 64;
-
-volatile std::sig_atomic_t stop_requested;
-
-void request_stop(int)
-{
-    stop_requested = 1;
-}
-
-/** Blocks the ending signals but where the agent waits, so that none is lost between a test and the wait. */
-sigset_t catch_ending_signals()
-{
-    sigset_t ending, before;
-    sigemptyset(&ending);
-    for (int number : {SIGINT, SIGTERM}) {
-        struct sigaction action{};
-        action.sa_handler = request_stop;
-        sigaction(number, &action, nullptr);
-        sigaddset(&ending, number);
-    }
-    sigprocmask(SIG_BLOCK, &ending, &before);
-    for (int number : {SIGINT, SIGTERM})
-        sigdelset(&before, number);
-    return before;
-}
 
 lldp::Time now()
 {
@@ -69,7 +46,7 @@ void run(lldp::Agent& agent, lldp::Listener& listener, lldp::StatusServer& statu
     // The longest frame of the platform; LLDP's own limit is that of an Ethernet frame.
     static std::uint8_t buffer[9216];
 
-    while (!stop_requested) {
+    while (!tool::stop_requested) {
         agent.run(now());
         pollfd ready[] = {{listener.fd(), POLLIN, 0}, {status.fd(), POLLIN, 0}};
         timespec left = until(agent.due());
@@ -98,7 +75,7 @@ int announce(const lldp::Options& options)
         if (!options.quiet)
             std::fprintf(stderr, "lldpagent: %s\n", line.c_str());
     };
-    sigset_t waiting = catch_ending_signals();
+    sigset_t waiting = tool::catch_ending_signals({SIGINT, SIGTERM});
     lldp::StatusServer status(options.status);
     // The listener before the first announcement: a neighbour may answer it at once.
     lldp::Listener listener(options.ports);
@@ -116,10 +93,8 @@ int announce(const lldp::Options& options)
 int main(int argc, char** argv)
 {
     lldp::Options options;
-    if (auto ending = lldp::read_options(argc, argv, defaults(), options)) {
-        std::fputs(ending->text.c_str(), ending->status == 0 ? stdout : stderr);
-        return ending->status;
-    }
+    if (auto ending = lldp::read_options(argc, argv, defaults(), options))
+        return tool::end_at_once(*ending);
     try {
         if (!options.show)
             return announce(options);

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* moxcap: captures frames from the forwarding platform. */
 #include "capture.h"
+#include "common/ending.h"
 #include "mox/error.h"
 #include "format.h"
 #include "options.h"
@@ -15,30 +16,6 @@
 
 namespace {
 
-volatile std::sig_atomic_t stop_requested;
-
-void request_stop(int)
-{
-    stop_requested = 1;
-}
-
-/** Blocks the ending signals but where the capture waits, so that none is lost between a test and the wait. */
-sigset_t catch_ending_signals()
-{
-    sigset_t ending, before;
-    sigemptyset(&ending);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction action{};
-        action.sa_handler = request_stop;
-        sigaction(number, &action, nullptr);
-        sigaddset(&ending, number);
-    }
-    sigprocmask(SIG_BLOCK, &ending, &before);
-    for (int number : {SIGINT, SIGTERM, SIGHUP})
-        sigdelset(&before, number);
-    return before;
-}
-
 std::string interface_name(std::uint32_t index)
 {
     char name[IF_NAMESIZE];
@@ -52,7 +29,7 @@ void print_to(int fd, const std::string& text)
     while (done < text.size()) {
         ssize_t written = write(fd, text.data() + done, text.size() - done);
         if (written < 0 && errno != EINTR) {
-            stop_requested = 1; // whoever was reading has gone
+            tool::stop_requested = 1; // whoever was reading has gone
             return;
         }
         done += written > 0 ? static_cast<std::size_t>(written) : 0;
@@ -64,15 +41,13 @@ void print_to(int fd, const std::string& text)
 int main(int argc, char** argv)
 {
     moxcap::Options options;
-    if (auto ending = moxcap::read_options(argc, argv, mox::system_interface_index, options)) {
-        std::fputs(ending->text.c_str(), ending->status == 0 ? stdout : stderr);
-        return ending->status;
-    }
+    if (auto ending = moxcap::read_options(argc, argv, mox::system_interface_index, options))
+        return tool::end_at_once(*ending);
 
     // With the capture file on standard output the text has to go elsewhere.
     int text_fd = options.file == "-" ? STDERR_FILENO : STDOUT_FILENO;
     signal(SIGPIPE, SIG_IGN);
-    sigset_t waiting = catch_ending_signals();
+    sigset_t waiting = tool::catch_ending_signals({SIGINT, SIGTERM, SIGHUP});
     try {
         mox::CaptureSocket socket = moxcap::prepare_socket(options);
         moxcap::Recorder recorder(options, interface_name,
@@ -81,7 +56,7 @@ int main(int argc, char** argv)
         if (!options.quiet)
             print_to(STDERR_FILENO, moxcap::format_opening(options));
         moxcap::Counters counters =
-            moxcap::run_capture(socket, options, recorder, stop_requested, waiting);
+            moxcap::run_capture(socket, options, recorder, tool::stop_requested, waiting);
         if (!options.quiet)
             print_to(STDERR_FILENO, moxcap::format_summary(options.label, counters));
         if (options.counters)

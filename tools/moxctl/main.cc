@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* moxctl: asks mox_ef_socket for reports, and switches its debugging and hooks. */
 #include "commands.h"
+#include "common/ending.h"
 #include "dump_file.h"
 #include "mox/packet_socket.h"
 #include "options.h"
@@ -10,10 +11,8 @@
 int main(int argc, char** argv)
 {
     moxctl::Options options;
-    if (auto ending = moxctl::read_options(argc, argv, mox::system_interface_index, options)) {
-        std::fputs(ending->text.c_str(), ending->status == 0 ? stdout : stderr);
-        return ending->status;
-    }
+    if (auto ending = moxctl::read_options(argc, argv, mox::system_interface_index, options))
+        return tool::end_at_once(*ending);
 
     moxctl::World world{
         .open_netlink = moxctl::open_netlink,

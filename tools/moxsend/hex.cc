@@ -2,22 +2,12 @@
 #include "hex.h"
 
 #include "mox/error.h"
+#include "mox/hex_digit.h"
 
 #include <cctype>
 
 namespace moxsend {
 namespace {
-
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 bool separates(char c)
 {
@@ -43,12 +33,12 @@ Bytes parse_pairs(std::string_view where, std::string_view text)
             ++i;
             continue;
         }
-        int high = hex_digit(text[i]);
+        int high = mox::hex_digit(text[i]);
         if (high < 0)
             refuse(where, i, shown(text[i]) + " is no hexadecimal digit");
         if (i + 1 == text.size() || separates(text[i + 1]))
             refuse(where, i, shown(text[i]) + " is half a byte");
-        int low = hex_digit(text[i + 1]);
+        int low = mox::hex_digit(text[i + 1]);
         if (low < 0)
             refuse(where, i + 1, shown(text[i + 1]) + " is no hexadecimal digit");
         bytes.push_back(static_cast<std::uint8_t>(high << 4 | low));

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* moxsend: sends frames out through the forwarding platform. */
+#include "common/ending.h"
 #include "format.h"
 #include "hex.h"
 #include "mox/error.h"
@@ -16,30 +17,6 @@
 #include <memory>
 
 namespace {
-
-volatile std::sig_atomic_t stop_requested;
-
-void request_stop(int)
-{
-    stop_requested = 1;
-}
-
-/** Blocks the ending signals but where the sender waits, so that none is lost between a test and the wait. */
-sigset_t catch_ending_signals()
-{
-    sigset_t ending, before;
-    sigemptyset(&ending);
-    for (int number : {SIGINT, SIGTERM, SIGHUP}) {
-        struct sigaction action{};
-        action.sa_handler = request_stop;
-        sigaction(number, &action, nullptr);
-        sigaddset(&ending, number);
-    }
-    sigprocmask(SIG_BLOCK, &ending, &before);
-    for (int number : {SIGINT, SIGTERM, SIGHUP})
-        sigdelset(&before, number);
-    return before;
-}
 
 std::optional<mox::MacAddress> interface_mac(std::uint32_t ifindex)
 {
@@ -100,7 +77,7 @@ moxsend::Deliver printer()
         last = heading;
         // A reader that has gone is noticed here: nobody would stop an endless run otherwise.
         if (std::printf("%s\n", moxsend::to_hex(request.bytes).c_str()) < 0 || std::fflush(stdout) != 0)
-            stop_requested = 1;
+            tool::stop_requested = 1;
     };
 }
 
@@ -121,7 +98,7 @@ int send_all(const moxsend::Options& options, const sigset_t& waiting)
     ProgressLine line(options, source->size());
     std::string error;
     try {
-        moxsend::run_send(*source, options, deliver, clock, stop_requested,
+        moxsend::run_send(*source, options, deliver, clock, tool::stop_requested,
                           [&](const moxsend::Counters& now) { line.show(now); }, counters);
     } catch (const std::runtime_error& failure) {
         error = failure.what();
@@ -146,15 +123,13 @@ int main(int argc, char** argv)
 {
     moxsend::Options options;
     moxsend::Machine machine{mox::system_interface_index, interface_mac};
-    if (auto ending = moxsend::read_options(argc, argv, machine, options)) {
-        std::fputs(ending->text.c_str(), ending->status == 0 ? stdout : stderr);
-        return ending->status;
-    }
+    if (auto ending = moxsend::read_options(argc, argv, machine, options))
+        return tool::end_at_once(*ending);
     signal(SIGPIPE, SIG_IGN);
     // The kernel may end a wait up to 50 microseconds late; for a schedule of frames it shall not.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     try {
-        return send_all(options, catch_ending_signals());
+        return send_all(options, tool::catch_ending_signals({SIGINT, SIGTERM, SIGHUP}));
     } catch (const mox::UsageError& error) {
         std::fprintf(stderr, "moxsend: %s\n", error.what());
         return moxsend::usage_status;

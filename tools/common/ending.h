@@ -1,0 +1,31 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* How the programs end: by a signal, or before they begin. Nothing here knows of sockets. */
+#ifndef MOX_TOOLS_COMMON_ENDING_H
+#define MOX_TOOLS_COMMON_ENDING_H
+
+#include <csignal>
+#include <cstdio>
+#include <initializer_list>
+
+namespace tool {
+
+/** Not zero when the program shall end: a caught signal sets it, and so may whoever finds that its reader has gone. */
+extern volatile std::sig_atomic_t stop_requested;
+
+/**
+ * Lets each of the signals set stop_requested, and blocks them but where the program waits, so that none is lost
+ * between a test of stop_requested and the wait. Returns the mask for ppoll and the like while waiting.
+ */
+sigset_t catch_ending_signals(std::initializer_list<int> signals);
+
+/** Prints what a command line led to other than a run (help, version, an error) and returns the exit status. */
+template <typename Ending>
+int end_at_once(const Ending& ending)
+{
+    std::fputs(ending.text.c_str(), ending.status == 0 ? stdout : stderr);
+    return ending.status;
+}
+
+} // namespace tool
+
+#endif
