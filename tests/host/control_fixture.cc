@@ -46,3 +46,11 @@ std::string ControlTest::answer()
     EXPECT_EQ(text.substr(0, first.size()), first);
     return text.size() < first.size() ? text : text.substr(first.size());
 }
+
+std::vector<u8> ControlTest::switches() { return {mox_packet_debug, mox_packet_debug + 19}; }
+
+std::vector<u8> ControlTest::filter_bytes()
+{
+    auto *b = reinterpret_cast<u8 *>(&g_pktd_kdbg_filter);
+    return {b, b + sizeof g_pktd_kdbg_filter};
+}

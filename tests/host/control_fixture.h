@@ -35,4 +35,8 @@ protected:
         call();
         return said();
     }
+
+    // What requests change: the debug switches, and the filter for frames.
+    static std::vector<u8> switches();
+    static std::vector<u8> filter_bytes();
 };
