@@ -36,28 +36,19 @@ void shell(const std::string &command)
         throw std::runtime_error("\"" + command + "\" failed");
 }
 
-bool loaded(const std::string &module)
-{
-    std::ifstream modules("/proc/modules");
-    for (std::string line; std::getline(modules, line);)
-        if (line.starts_with(module + " "))
-            return true;
-    return false;
-}
-
 /// Family 17 has one owner at a time: this one, for as long as the object lives.
 class Owner {
 public:
     explicit Owner(const std::string &module) : module_(module)
     {
         for (const char *other : {"mox_ef_socket", "af_packet"})
-            if (loaded(other))
+            if (moxlab::module_loaded(other))
                 shell(std::string("rmmod ") + other);
         shell("insmod /modules/" + module_ + ".ko");
     }
     ~Owner()
     {
-        if (loaded(module_))
+        if (moxlab::module_loaded(module_))
             std::system(("rmmod " + module_).c_str());
     }
     Owner(const Owner &) = delete;

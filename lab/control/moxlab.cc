@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -28,6 +29,15 @@ void copy_name(char (&to)[N], std::string_view from, const char *what)
 uint64_t user_pointer(const void *at) { return reinterpret_cast<uintptr_t>(at); }
 
 }  // namespace
+
+bool module_loaded(const std::string &name)
+{
+    std::ifstream modules("/proc/modules");
+    for (std::string line; std::getline(modules, line);)
+        if (line.starts_with(name + " "))
+            return true;
+    return false;
+}
 
 Injection::Injection(uint32_t point, Bytes frame) : bytes(std::move(frame))
 {

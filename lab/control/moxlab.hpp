@@ -21,6 +21,9 @@ struct Error : std::system_error {
     using std::system_error::system_error;
 };
 
+/// Whether the kernel has a module loaded.
+bool module_loaded(const std::string &name);
+
 /// One frame to inject, with the metadata that is to differ from a plain Ethernet frame's. Set the fields of
 /// `request` that have no setter here directly, with their MOXLAB_SET_ bit. `request.frame` is filled on injecting.
 struct Injection {

@@ -40,6 +40,19 @@ protected:
         EXPECT_GE(raw_recvmsg(socket_.fd(), &message, MSG_DONTWAIT), 0) << strerror(errno);
         return control;
     }
+    /// Reads a frame of 90 bytes with that control buffer, said to have 48 bytes; what recvmsg returns.
+    ssize_t receive_with_control(void *control)
+    {
+        put(lab::Hook::Lev2, frames::plain(0x88b5, 90));
+        uint8_t bytes[100];
+        iovec vector{bytes, sizeof bytes};
+        msghdr message{};
+        message.msg_iov = &vector;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = 48;
+        return raw_recvmsg(socket_.fd(), &message, MSG_DONTWAIT);
+    }
     Socket socket_;
 };
 
@@ -168,15 +181,7 @@ TEST_F(Record, the_callers_control_length_is_not_looked_at)
 
 TEST_F(Record, an_unwritable_control_buffer_is_ignored)
 {
-    put(lab::Hook::Lev2, frames::plain(0x88b5, 90));
-    uint8_t bytes[100];
-    iovec vector{bytes, sizeof bytes};
-    msghdr message{};
-    message.msg_iov = &vector;
-    message.msg_iovlen = 1;
-    message.msg_control = reinterpret_cast<void *>(8);
-    message.msg_controllen = 48;
-    EXPECT_EQ(raw_recvmsg(socket_.fd(), &message, MSG_DONTWAIT), 90) << strerror(errno);
+    EXPECT_EQ(receive_with_control(reinterpret_cast<void *>(8)), 90) << strerror(errno);
 }
 
 TEST_F(Record, a_control_buffer_that_ends_half_way)
@@ -186,15 +191,7 @@ TEST_F(Record, a_control_buffer_that_ends_half_way)
         ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(area, MAP_FAILED);
     ASSERT_EQ(::munmap(area + page, page), 0);
-    put(lab::Hook::Lev2, frames::plain(0x88b5, 90));
-    uint8_t bytes[100];
-    iovec vector{bytes, sizeof bytes};
-    msghdr message{};
-    message.msg_iov = &vector;
-    message.msg_iovlen = 1;
-    message.msg_control = area + page - 24;
-    message.msg_controllen = 48;
-    EXPECT_EQ(raw_recvmsg(socket_.fd(), &message, MSG_DONTWAIT), 90);
+    EXPECT_EQ(receive_with_control(area + page - 24), 90);
     ::munmap(area, page);
 }
 

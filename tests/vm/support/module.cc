@@ -3,11 +3,12 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
 
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "moxlab.hpp"
 
 namespace vm {
 
@@ -32,14 +33,7 @@ int unload_module(const std::string &name)
     return ::syscall(SYS_delete_module, name.c_str(), O_NONBLOCK) ? errno : 0;
 }
 
-bool module_present(const std::string &name)
-{
-    std::ifstream modules("/proc/modules");
-    for (std::string line; std::getline(modules, line);)
-        if (line.compare(0, name.size() + 1, name + " ") == 0)
-            return true;
-    return false;
-}
+bool module_present(const std::string &name) { return moxlab::module_loaded(name); }
 
 bool module_shipped(const std::string &name) { return ::access(module_file(name).c_str(), R_OK) == 0; }
 
