@@ -308,20 +308,26 @@ protected:
                           << wanted.substr(from, 200);
         }
     }
+    /// The dump's file with so many sockets of one name, held against what is wanted; `lost` pieces are not in it.
+    std::string dump_of(int count, size_t *lost)
+    {
+        std::string file = file_of(0);
+        for (int i = 0; i < count; ++i)
+            make("vm_control");
+        std::string expected = wanted(lost);
+        dump();
+        std::string got = content(file);
+        expect_same(got, expected);
+        return got;
+    }
     std::vector<Socket> sockets_;
     std::vector<std::string> names_;
 };
 
 TEST_F(FullStaging, of_five_hundred_sockets_the_last_are_lost_piece_by_piece)
 {
-    std::string file = file_of(0);
-    for (int i = 0; i < 500; ++i)
-        make("vm_control");
     size_t lost = 0;
-    std::string expected = wanted(&lost);
-    dump();
-    std::string got = content(file);
-    expect_same(got, expected);
+    std::string got = dump_of(500, &lost);
     size_t whole = 0;
     for (size_t at = 0; (at = got.find("sk refcnt:", at)) != std::string::npos; ++at)
         ++whole;
@@ -339,14 +345,8 @@ TEST_F(FullStaging, of_five_hundred_sockets_the_last_are_lost_piece_by_piece)
 
 TEST_F(FullStaging, a_thousand_sockets)
 {
-    std::string file = file_of(0);
-    for (int i = 0; i < 1000; ++i)
-        make("vm_control");
     size_t lost = 0;
-    std::string expected = wanted(&lost);
-    dump();
-    std::string got = content(file);
-    expect_same(got, expected);
+    std::string got = dump_of(1000, &lost);
     std::printf("1000 sockets: %zu bytes of file, %zu pieces lost\n", got.size(), lost);
 }
 
