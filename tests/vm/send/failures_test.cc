@@ -25,13 +25,13 @@ TEST_F(Failures, each_allocation_and_copy_of_a_send)
 {
     if (!can_inject_failures())
         GTEST_SKIP() << "this kernel injects no failures; the checked one does";
+    std::vector<std::string> lines;
     for (int type : {SOCK_RAW, SOCK_DGRAM}) {
         Socket socket(type);
         Send send;
         send.data = counting(60);
         send.with({}).to(lab::kPortA);
         uint32_t sent = 0, refused = 0;
-        std::vector<std::string> lines;
         SendCounters before = SendCounters::of(socket);
         lab::clear_printk();
         ssize_t result = 0;
@@ -51,7 +51,8 @@ TEST_F(Failures, each_allocation_and_copy_of_a_send)
                 EXPECT_EQ(lab::books().live, 0);
             });
         EXPECT_GT(failures, 0);
-        lines = lab::printk_lines();
+        for (const std::string &line : lab::printk_lines())
+            lines.push_back(line);
         SendCounters counters = SendCounters::of(socket) - before;
         EXPECT_EQ(counters.sent, sent);
         EXPECT_GE(counters.alloc_efbuff, 1u) << "one of the allocations is the efbuff's";
@@ -59,9 +60,10 @@ TEST_F(Failures, each_allocation_and_copy_of_a_send)
         if (user_copies_can_fail()) {
             EXPECT_GE(counters.pkt_copy, 1u);
         }
-        // Without its path buffer a sender counts as one of vsd 0, and goes on.
-        EXPECT_TRUE(HasLine(lines, "Failed to kmalloc buf."));
     }
+    // Without its path buffer a sender counts as one of vsd 0, and goes on. Older kernels' kmemleak allocates beside every
+    // allocation until one fails, which shifts the numbers once: the buffer may be passed over on the first socket.
+    EXPECT_TRUE(HasLine(lines, "Failed to kmalloc buf."));
 }
 
 /// A process of another virtual switch device is refused, but not when the buffer for its path cannot be had: then it
