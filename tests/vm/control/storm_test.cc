@@ -4,6 +4,7 @@
 #include "control.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include "scene.h"
+#include "support/module.h"
 
 namespace {
 
@@ -177,6 +179,54 @@ TEST_F(Storm, reports_while_rules_change_and_packets_flow)
     scene.trap.drain();
     put(Hook::Lev2, plain());
     EXPECT_EQ(scene.trap.drain(), 1u);
+    lab::clear_printk();
+}
+
+TEST_F(Storm, the_module_goes_and_comes_while_it_is_asked)
+{
+    compare_records_ = false;  // a module loaded anew starts its counters at 0
+    std::atomic<bool> stop{false};
+    std::atomic<uint32_t> refused{0}, sent{0};
+    std::atomic<uint16_t> family{family_};  // another one after every load
+    std::vector<Bytes> requests;
+    for (uint16_t type : {MOX_MSG_SHOW_QUEUES, MOX_MSG_TECH, MOX_MSG_SHOW_ALL, MOX_MSG_FILTER})
+        requests.push_back(request(type));
+    std::vector<std::thread> clients;
+    for (int cpu : {0, 2, 3})
+        clients.emplace_back([&, cpu] {
+            pin(cpu);
+            GenlSocket client;
+            while (!stop) {
+                Bytes datagram = requests[sent % requests.size()];
+                datagram[4] = uint8_t(family);
+                datagram[5] = uint8_t(family >> 8);
+                ASSERT_EQ(client.send(datagram), 0);
+                ++sent;
+                while (auto reply = client.receive())
+                    refused += reply->error() == -ENOENT;
+                std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            }
+        });
+    uint32_t handled = 0;
+    for (int i = 0; i < 3; ++i) {
+        // Neither a request on its way nor a client keeps it.
+        ASSERT_EQ(unload_module("mox_ef_socket"), 0) << "time " << i;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        ASSERT_EQ(load_module("mox_ef_socket"), 0) << "time " << i;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        family_ = genl_family_id(client_, kFamily);
+        ASSERT_NE(family_, 0);
+        family = family_;
+        ASSERT_EQ(refusal(request(MOX_MSG_SHOW_THREAD, {}, 0x05)), 0) << "time " << i;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        handled += requests_taken();
+    }
+    stop = true;
+    for (std::thread &client : clients)
+        client.join();
+    std::printf("%u requests, %u of them to nobody, %u handled before an unload\n", sent.load(), refused.load(), handled);
+    EXPECT_GT(handled, 20u);
+    EXPECT_GT(refused, 0u);
     lab::clear_printk();
 }
 
