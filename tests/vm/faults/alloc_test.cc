@@ -172,8 +172,9 @@ TEST_F(AllocFailure, adding_and_deleting_rules_of_a_running_socket)
           "PKT-ADD-REGULAR-TO-MATCH-LIST: alloc regular failed", "PKT-ADD-REGULAR-TO-MATCH-LIST: alloc item failed",
           "PKT-ADD-REGULAR-TO-MATCH-LIST: alloc data fail"})
         EXPECT_TRUE(HasLine(lines, text));
-    if (user_copies_can_fail())
+    if (user_copies_can_fail()) {
         EXPECT_TRUE(HasLine(lines, "PACKET-SETSOCKOPT: copy from user failed"));
+    }
 }
 
 TEST_F(AllocFailure, packet_all)

@@ -90,8 +90,9 @@ TEST_F(Local, too_short_for_a_header_shows_no_byte_that_was_not_sent)
     Socket sender(SOCK_RAW), listener = capture(PACKET_LOCAL_LOC, PACKET_COPY, all());
     for (size_t length : {1, 6, 13}) {
         EXPECT_EQ(sent(sender, frame(length)).result, ssize_t(length));
-        if (auto packet = listener.receive(200))
+        if (auto packet = listener.receive(200)) {
             EXPECT_EQ(packet->bytes, frame(length).data) << length;
+        }
     }
 }
 
