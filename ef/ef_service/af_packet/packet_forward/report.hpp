@@ -66,7 +66,7 @@ void mox_packet_show_regular(u32 index);
 void pkt_show_filter_list(packet_regular_lib *lib);
 /** The fill of a location's (1 to 8) queue on every present CPU. Any. */
 void mox_packet_show_cpu_queue(u32 location);
-/** The sockets of one process at a location (1 to 8): kind 11 by name, kind 12 by pid. Any. */
+/** The sockets of one process at a location (1 to 8): kind 11 by name, kind 12 by pid. Process. */
 void mox_packet_show_regular_spec(u32 kind, u32 location, const char *name, s32 pid);
 
 /** Counters of rule memory and of socket buffers. Any. */
