@@ -2,10 +2,15 @@
 // For tests of the operators' side: requests as messages, and what came of them.
 #pragma once
 
-#include "msg.hpp"
-#include "pktd_filter.hpp"
-#include "report.hpp"
+#include "control/requests.hpp"
+#include "control/switches.hpp"
+#include "packet/filter.hpp"
+#include "base/report.hpp"
+#include "control/dump_file.hpp"
+#include "control/reports.hpp"
 #include "socket_fixture.h"
+
+using namespace mox;
 
 // The port that requests come from.
 inline constexpr u32 kClient = 0x12345;

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "module_fixture.h"
 
-#include "pktd_filter.hpp"
+#include "packet/filter.hpp"
+
+using namespace mox;
 
 Sock::~Sock()
 {

@@ -5,10 +5,16 @@
 #include <memory>
 
 #include "packets.h"
-#include "queue.hpp"
+#include "receive/queue.hpp"
 #include "rules_fixture.h"
-#include "socket.hpp"
-#include "thread.hpp"
+#include "base/socket_record.hpp"
+#include "socket/address.hpp"
+#include "socket/dump.hpp"
+#include "socket/family.hpp"
+#include "receive/deliver.hpp"
+#include "receive/thread.hpp"
+
+using namespace mox;
 
 using Bytes = std::vector<u8>;
 using oracle::operator+;

@@ -5,7 +5,16 @@
 #include "fake/efmp.h"
 #include "oracle/frames.h"
 #include "oracle/packet.h"
-#include "receive.hpp"
+#include "locations/table.hpp"
+#include "packet/info.hpp"
+#include "rules/match.hpp"
+
+using namespace mox;
+
+// Queues of a CPU's slot, in the order of a drain.
+enum CpuQueue {
+    kQueueLev2, kQueueLocal, kQueueIpv4, kQueueIpv6, kQueueMpls, kQueueTrill, kQueueResv, kQueueWlan,
+};
 
 namespace packets {
 

@@ -15,28 +15,32 @@ namespace {
 
 constexpr greg_t kTrapFlag = 0x100;
 
-std::function<void()> g_after;
-uintptr_t g_word;
-bool g_touched;
-struct sigaction g_old_segv, g_old_trap;
+// On pages of its own: the handlers use it while the word's page is closed.
+struct alignas(4096) State {
+    std::function<void()> after;
+    uintptr_t word;
+    bool touched;
+    struct sigaction old_segv, old_trap;
+};
+State g_state;
 
 uintptr_t page_size() { return static_cast<uintptr_t>(sysconf(_SC_PAGESIZE)); }
 
 void set_page(int protection)
 {
-    if (mprotect(reinterpret_cast<void *>(g_word & ~(page_size() - 1)), page_size(), protection))
+    if (mprotect(reinterpret_cast<void *>(g_state.word & ~(page_size() - 1)), page_size(), protection))
         abort();
 }
 
 void on_fault(int, siginfo_t *info, void *context)
 {
     const auto at = reinterpret_cast<uintptr_t>(info->si_addr);
-    if ((at ^ g_word) & ~(page_size() - 1)) {
+    if ((at ^ g_state.word) & ~(page_size() - 1)) {
         // A fault like any other: it comes again, and ends the program.
-        sigaction(SIGSEGV, &g_old_segv, nullptr);
+        sigaction(SIGSEGV, &g_state.old_segv, nullptr);
         return;
     }
-    g_touched = at == g_word;
+    g_state.touched = at == g_state.word;
     set_page(PROT_READ | PROT_WRITE);
     static_cast<ucontext_t *>(context)->uc_mcontext.gregs[REG_EFL] |= kTrapFlag;
 }
@@ -44,8 +48,8 @@ void on_fault(int, siginfo_t *info, void *context)
 void on_trap(int, siginfo_t *, void *context)
 {
     static_cast<ucontext_t *>(context)->uc_mcontext.gregs[REG_EFL] &= ~kTrapFlag;
-    if (g_touched)
-        g_after();
+    if (g_state.touched)
+        g_state.after();
     set_page(PROT_NONE);
 }
 
@@ -61,17 +65,17 @@ void handle(int signal, void (*handler)(int, siginfo_t *, void *), struct sigact
 
 ReadTrap::ReadTrap(const void *word, std::function<void()> after)
 {
-    g_word = reinterpret_cast<uintptr_t>(word);
-    g_after = std::move(after);
-    handle(SIGSEGV, on_fault, &g_old_segv);
-    handle(SIGTRAP, on_trap, &g_old_trap);
+    g_state.word = reinterpret_cast<uintptr_t>(word);
+    g_state.after = std::move(after);
+    handle(SIGSEGV, on_fault, &g_state.old_segv);
+    handle(SIGTRAP, on_trap, &g_state.old_trap);
     set_page(PROT_NONE);
 }
 
 ReadTrap::~ReadTrap()
 {
     set_page(PROT_READ | PROT_WRITE);
-    sigaction(SIGSEGV, &g_old_segv, nullptr);
-    sigaction(SIGTRAP, &g_old_trap, nullptr);
-    g_after = nullptr;
+    sigaction(SIGSEGV, &g_state.old_segv, nullptr);
+    sigaction(SIGTRAP, &g_state.old_trap, nullptr);
+    g_state.after = nullptr;
 }

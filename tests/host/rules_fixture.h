@@ -6,11 +6,16 @@
 #include <cstring>
 
 #include "fake/fixture.h"
-#include "hooks.hpp"
-#include "list.hpp"
-#include "log.hpp"
+#include "locations/registration.hpp"
+#include "base/list.hpp"
+#include "rules/ranges.hpp"
+#include "base/log.hpp"
 #include "oracle/model.h"
-#include "regular.hpp"
+#include "rules/edit.hpp"
+#include "rules/filing.hpp"
+#include "rules/library.hpp"
+
+using namespace mox;
 
 using fake::efmp;
 using fake::kernel;

@@ -6,8 +6,10 @@
 #include <optional>
 
 #include "platform.h"
-#include "serv.hpp"
+#include "services/services.hpp"
 #include "socket_fixture.h"
+
+using namespace mox;
 
 // What one sendmsg gets. Absent means that the process gave none.
 struct Outgoing {

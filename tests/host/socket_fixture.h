@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "errors.hpp"
+#include "base/errors.hpp"
 #include "module_fixture.h"
+
+using namespace mox;
 
 using Strings = std::vector<std::string>;
 

@@ -20,6 +20,30 @@
 #define SEAM_LIST_POISON1 0x100
 #define SEAM_LIST_POISON2 0x122
 
+#define SEAM_ENXIO 6
+#define SEAM_ENOMEM 12
+#define SEAM_EFAULT 14
+#define SEAM_ENODEV 19
+#define SEAM_EINVAL 22
+#define SEAM_ENOPROTOOPT 92
+#define SEAM_ESOCKTNOSUPPORT 94
+#define SEAM_EOPNOTSUPP 95
+#define SEAM_EAFNOSUPPORT 97
+#define SEAM_ENETDOWN 100
+#define SEAM_ENETUNREACH 101
+#define SEAM_ENOBUFS 105
+#define SEAM_ENOIOCTLCMD 515
+#define SEAM_MSG_PEEK 0x2
+#define SEAM_MSG_TRUNC 0x20
+#define SEAM_MSG_DONTWAIT 0x40
+#define SEAM_SOCK_DGRAM 2
+#define SEAM_SOCK_RAW 3
+#define SEAM_SIOCOUTQ 0x5411
+#define SEAM_SIOCINQ 0x541B
+#define SEAM_SIOCGSTAMP 0x8906
+#define SEAM_SIOCGSTAMPNS 0x8907
+#define SEAM_PACKET_OTHERHOST 3
+
 #define SEAM_PO_SIZE sizeof(struct mox_packet_sock)
 #define SEAM_PO_FILTER_DROPS offsetof(struct mox_packet_sock, filter_drops)
 #define SEAM_PO_VSD offsetof(struct mox_packet_sock, vsd)

@@ -10,8 +10,12 @@
 #include <thread>
 
 #include "platform.h"
-#include "receive.hpp"
+#include "locations/table.hpp"
+#include "packet/info.hpp"
+#include "rules/match.hpp"
 #include "seam/seam_control.h"
+
+using namespace mox;
 
 namespace threads {
 namespace {

@@ -11,7 +11,11 @@
 #include <mutex>
 
 #include "platform.h"
-#include "receive.hpp"
+#include "locations/table.hpp"
+#include "packet/info.hpp"
+#include "rules/match.hpp"
+
+using namespace mox;
 
 namespace threads {
 namespace {

@@ -11,9 +11,15 @@
 #include "backend.h"
 #include "oracle/frames.h"
 #include "platform.h"
-#include "serv.hpp"
-#include "socket.hpp"
-#include "thread.hpp"
+#include "services/services.hpp"
+#include "base/socket_record.hpp"
+#include "socket/address.hpp"
+#include "socket/dump.hpp"
+#include "socket/family.hpp"
+#include "receive/deliver.hpp"
+#include "receive/thread.hpp"
+
+using namespace mox;
 
 namespace {
 

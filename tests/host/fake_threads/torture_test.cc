@@ -9,13 +9,22 @@
 #include <thread>
 
 #include "backend.h"
-#include "log.hpp"
-#include "msg.hpp"
+#include "base/log.hpp"
+#include "control/requests.hpp"
+#include "control/switches.hpp"
 #include "oracle/frames.h"
-#include "queue.hpp"
-#include "regular.hpp"
-#include "socket.hpp"
-#include "thread.hpp"
+#include "receive/queue.hpp"
+#include "rules/edit.hpp"
+#include "rules/filing.hpp"
+#include "rules/library.hpp"
+#include "base/socket_record.hpp"
+#include "socket/address.hpp"
+#include "socket/dump.hpp"
+#include "socket/family.hpp"
+#include "receive/deliver.hpp"
+#include "receive/thread.hpp"
+
+using namespace mox;
 
 namespace {
 

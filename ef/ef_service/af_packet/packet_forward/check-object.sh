@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: GPL-2.0
 # Usage: check-object.sh OBJECT NM OBJDUMP
 #
-# Refuses a C++ object that needs more than the kernel gives: static
+# Refuses a C++ object that needs more than the kernel offers: static
 # constructors, guard variables, exceptions, a C++ run-time library, 64-bit
 # division, or a symbol that is neither the seam's, the platform's nor ours.
 # docs/cpp.md of the source tree lists what the units may use, and why.
@@ -19,8 +19,8 @@ refuse() {
 	exit 1
 }
 
-# KASAN describes an object's variables to the kernel in constructors of its
-# own (_sub_I_*, _sub_D_*): where those are, the sections may be.
+# KASAN registers an object's variables in constructors of its own (_sub_I_*,
+# _sub_D_*): an object that has those may have the sections.
 symbols=$($nm -P "$object" | awk '$2 != "U" { print $1 }')
 sanitizer=$(printf '%s\n' "$symbols" | grep -c '^_sub_[ID]_[0-9]*_' || true)
 
@@ -47,11 +47,9 @@ done
 
 for symbol in $($nm -P -u "$object" | awk '{ print $1 }'); do
 	case $symbol in
-	# ours, the seam's and the platform's
+	# the module's C++, its plain names, the seam's and the platform's
+	_ZN3mox* | _ZNK3mox*) ;;
 	seam_* | mox_* | pkt_* | pktd_* | show_pktd_* | g_* | efmp_* | lsm_get_intfcb | simple_getcwd) ;;
-	_Z*EfbuffChain* | _Z*RuleRecord* | _Z*hook_* | _Z*location_* | _Z*treatment_name* | \
-	_Z*rule_type_name* | _Z*trace_packet* | _Z*trace_wlan_packet* | _Z*pkt_* | \
-	_Z*report_* | _Z*pktd_* | _Z*current_vsd* | _Z*queue_append* | _Z*queue_detach*) ;;
 	# what the compiler emits by itself, and the kernel exports
 	memcpy | memset | memmove | memcmp | strlen | strncmp) ;;
 	__memzero | __aeabi_unwind_cpp_pr[0-2] | __aeabi_uidiv | __aeabi_idiv | __gnu_mcount_nc) ;;
@@ -59,7 +57,7 @@ for symbol in $($nm -P -u "$object" | awk '{ print $1 }'); do
 	__asan_* | __ubsan_* | __sanitizer_cov_*) ;;
 	__aeabi_*ldivmod | __aeabi_*div*) refuse "divides 64-bit numbers ($symbol)" \
 		"the kernel has no such helper: divide 32-bit numbers" ;;
-	*) refuse "needs $symbol, which nobody gives it" \
-		"if it is the unit's own, add its name here; otherwise reach it through the seam" ;;
+	*) refuse "undefined symbol $symbol: not the kernel's, the seam's or the platform's" \
+		"if the module defines it, put it into namespace mox; otherwise call it through the seam" ;;
 	esac
 done

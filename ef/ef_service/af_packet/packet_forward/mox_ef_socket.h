@@ -8,7 +8,7 @@
 #ifndef MOX_EF_SOCKET_H
 #define MOX_EF_SOCKET_H
 
-#include "mox_packet.h"
+#include "mox_packet_tables.h"
 #include "seam/seam_types.h"
 
 struct mox_packet_sock;
@@ -66,23 +66,11 @@ enum mox_packet_sock_flags {
 };
 
 /*
- * The counters, in an order that is fixed. They are fields of the socket, and
- * as one block what reading PACKET_STATISTICS clears.
+ * The counters. They are fields of the socket, and as one block what reading
+ * PACKET_STATISTICS clears.
  */
-#define MOX_PACKET_COUNTERS               \
-	u32 filter_drops;                 \
-	u32 rcvbuf_full_drops;            \
-	u32 trim_fail_drops;              \
-	u32 recv_packets;                 \
-	u32 sendmsg_ill_fails;            \
-	u32 macfunc_ill_fails;            \
-	u32 dstintf_ill_fails;            \
-	u32 srcintf_ill_fails;            \
-	u32 intf_linkdown_fails;          \
-	u32 alloc_efbuff_fails;           \
-	u32 pkt_copy_fails;               \
-	u32 ef_send_fails;                \
-	u32 send_packets;
+#define MOX_PACKET_COUNTER_FIELD(field, label, line, meaning) u32 field;
+#define MOX_PACKET_COUNTERS MOX_PACKET_COUNTER_TABLE(MOX_PACKET_COUNTER_FIELD)
 
 struct mox_packet_counters {
 	MOX_PACKET_COUNTERS

@@ -3,7 +3,7 @@
  * The seam: what the C++ units may ask of the kernel, and what the kernel's
  * tables call in them. Plain types only; a kernel object crosses as a pointer
  * to an incomplete type. Each function wraps one kernel facility and takes no
- * decision; kernel versions are told apart behind it and nowhere else.
+ * decision; only the code behind it distinguishes kernel versions.
  *
  * "Process" below: may sleep, so no spin lock may be held and bottom halves
  * must be on. "Any": never sleeps.
@@ -127,7 +127,7 @@ void seam_ns_list_init(struct net *net);
 struct net *seam_init_net(void);
 /** The namespace that a socket lives in. */
 struct net *seam_sk_net(struct sock *sk);
-/** Hold, or let go of, a namespace. */
+/** Take or drop a reference on a namespace. */
 void seam_net_get(struct net *net);
 void seam_net_put(struct net *net);
 /** The namespace's packet-list mutex; "nested" when another namespace's is held. Process. */
@@ -212,7 +212,7 @@ void seam_skb_cut(struct sk_buff *skb, u32 len);
 /** Number of references. */
 u32 seam_skb_users(const struct sk_buff *skb);
 void seam_consume_skb(struct sk_buff *skb);
-/** Charge the buffer to the socket's receive memory; sock_rfree gives it back. */
+/** Charge the buffer to the socket's receive memory; sock_rfree returns the charge. */
 void seam_skb_set_owner_r(struct sk_buff *skb, struct sock *sk);
 void seam_skb_dst_drop(struct sk_buff *skb);
 /** Whether a socket filter is attached; read with bottom halves off. */

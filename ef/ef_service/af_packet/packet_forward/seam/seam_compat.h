@@ -45,7 +45,7 @@
 	skb_recv_datagram(sk, flags, (flags) & MSG_DONTWAIT, err)
 #endif
 
-/* The control buffer may be a kernel one since 5.8, and is told apart by a bit. */
+/* The control buffer may be a kernel one since 5.8, which a bit of the message says. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 8, 0)
 #define seam_control_is_kernel(msg) (!(msg)->msg_control_is_user)
 #else
@@ -87,14 +87,14 @@
 	} while (0)
 #endif
 
-/* Attributes are validated strictly since 5.2 unless an operation asks for the old way. */
+/* Attributes are validated strictly since 5.2 unless an operation asks for liberal validation. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 2, 0)
 #define SEAM_GENL_LIBERAL .validate = GENL_DONT_VALIDATE_STRICT | GENL_DONT_VALIDATE_DUMP,
 #else
 #define SEAM_GENL_LIBERAL
 #endif
 
-/* 6.1 forbids that to operations from resv_start_op on, and wants policies of them. */
+/* 6.1 ignores that for operations from resv_start_op on, and requires policies of them. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 1, 0)
 #define SEAM_GENL_RESV_START .resv_start_op = MOX_PACKET_GENL_CMD + 1,
 #else

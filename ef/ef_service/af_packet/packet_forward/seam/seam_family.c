@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-/* The tables that the kernel wants, and the trampolines from its signatures. */
+/* The tables that the kernel registers, and the trampolines from its signatures. */
+#include <linux/if_packet.h>
 #include <linux/module.h>
 #include <linux/net.h>
 #include <net/net_namespace.h>
@@ -65,6 +66,13 @@ struct pernet_operations mox_packet_net_ops = {
 
 int seam_proto_register(void)
 {
+	/* The public header repeats these for programs without kernel headers. */
+	BUILD_BUG_ON(MOX_PACKET_FAMILY != PF_PACKET);
+	BUILD_BUG_ON(MOX_SOL_PACKET != SOL_PACKET);
+	BUILD_BUG_ON(MOX_PACKET_STATISTICS != PACKET_STATISTICS);
+	BUILD_BUG_ON(MOX_PACKET_AUXDATA != PACKET_AUXDATA);
+	BUILD_BUG_ON(MOX_PACKET_ORIGDEV != PACKET_ORIGDEV);
+	BUILD_BUG_ON(sizeof(struct mox_packet_stats) != sizeof(struct tpacket_stats));
 	return proto_register(&mox_packet_proto, 0);
 }
 
@@ -146,7 +154,7 @@ void seam_ns_list_del(struct sock *sk)
 
 void seam_prot_inuse_add(struct net *net, int delta)
 {
-	/* Before 5.17 the kernel's own counter wants a caller that stays on its CPU. */
+	/* Before 5.17 the kernel's own counter requires a caller that stays on its CPU. */
 	preempt_disable();
 	sock_prot_inuse_add(net, &mox_packet_proto, delta);
 	preempt_enable();

@@ -2,20 +2,20 @@
 /*
  * The generic netlink family of the operators' channel.
  *
- * Requests carry a raw record in an attribute whose type and length nobody
- * looks at, so the kernel must not judge attributes either: no policy, and
- * from 5.2 on, where validation became strict, an operation that asks for the
- * old way. 6.1 refuses both for operations that it takes for new ones, hence
- * resv_start_op. What the kernel itself still refuses, in every version:
+ * Requests carry a raw record in an attribute whose type and length the module
+ * does not check, so the kernel must not validate attributes either: no policy,
+ * and from 5.2 on, where validation became strict, liberal validation. 6.1
+ * refuses both for operations from resv_start_op on, hence resv_start_op. What
+ * the kernel itself still refuses, in every version:
  *
  *   nlmsg_len     what happens
  *   0 to 15       the rest of the datagram is dropped, without an answer
  *   16 to 19      -EINVAL: no generic netlink header
- *   20 to 23      handed on; mox_packet_msg_recv answers -1
- *   24 and more   handed on, if the datagram has that many bytes
+ *   20 to 23      passed on; mox_packet_msg_recv answers -1
+ *   24 and more   passed on, if the datagram has that many bytes
  *
  * and a command other than 0 or a dump request (-EOPNOTSUPP), and a socket of
- * another network namespace (-ENOENT). Bytes that do not add up to attributes
+ * another network namespace (-ENOENT). Trailing bytes that form no attribute
  * make the kernel warn ("bytes leftover after parsing attributes"), no more.
  */
 #include <linux/module.h>

@@ -1,14 +1,26 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Sizes that the kernel's configuration decides, told to the C++ units.
+ * Sizes and numbers that the kernel decides, for the C++ units.
  *
  * Compiled to assembly only; Kbuild turns the marker lines into
  * record_sizes.h, as the kernel does for its own asm-offsets.
  */
+#include <asm/ioctls.h>
+#include <linux/errno.h>
+#include <linux/if_packet.h>
 #include <linux/kbuild.h>
+#include <linux/net.h>
 #include <linux/poison.h>
+#include <linux/socket.h>
+#include <linux/sockios.h>
 
 #include "../mox_ef_socket.h"
+
+/* From 5.1 on these are the names of the numbers that 32-bit user space has always used. */
+#ifndef SIOCGSTAMP_OLD
+#define SIOCGSTAMP_OLD SIOCGSTAMP
+#define SIOCGSTAMPNS_OLD SIOCGSTAMPNS
+#endif
 
 int main(void);
 
@@ -26,6 +38,31 @@ int main(void)
 	DEFINE(SEAM_WAITQUEUE_ALIGN, __alignof__(seam_waitqueue));
 	DEFINE(SEAM_LIST_POISON1, (unsigned long)LIST_POISON1);
 	DEFINE(SEAM_LIST_POISON2, (unsigned long)LIST_POISON2);
+
+	/* Numbers of the kernel that the C++ units answer with, test or send. */
+	DEFINE(SEAM_ENXIO, ENXIO);
+	DEFINE(SEAM_ENOMEM, ENOMEM);
+	DEFINE(SEAM_EFAULT, EFAULT);
+	DEFINE(SEAM_ENODEV, ENODEV);
+	DEFINE(SEAM_EINVAL, EINVAL);
+	DEFINE(SEAM_ENOPROTOOPT, ENOPROTOOPT);
+	DEFINE(SEAM_ESOCKTNOSUPPORT, ESOCKTNOSUPPORT);
+	DEFINE(SEAM_EOPNOTSUPP, EOPNOTSUPP);
+	DEFINE(SEAM_EAFNOSUPPORT, EAFNOSUPPORT);
+	DEFINE(SEAM_ENETDOWN, ENETDOWN);
+	DEFINE(SEAM_ENETUNREACH, ENETUNREACH);
+	DEFINE(SEAM_ENOBUFS, ENOBUFS);
+	DEFINE(SEAM_ENOIOCTLCMD, ENOIOCTLCMD);
+	DEFINE(SEAM_MSG_PEEK, MSG_PEEK);
+	DEFINE(SEAM_MSG_TRUNC, MSG_TRUNC);
+	DEFINE(SEAM_MSG_DONTWAIT, MSG_DONTWAIT);
+	DEFINE(SEAM_SOCK_DGRAM, SOCK_DGRAM);
+	DEFINE(SEAM_SOCK_RAW, SOCK_RAW);
+	DEFINE(SEAM_SIOCOUTQ, SIOCOUTQ);
+	DEFINE(SEAM_SIOCINQ, SIOCINQ);
+	DEFINE(SEAM_SIOCGSTAMP, SIOCGSTAMP_OLD);
+	DEFINE(SEAM_SIOCGSTAMPNS, SIOCGSTAMPNS_OLD);
+	DEFINE(SEAM_PACKET_OTHERHOST, PACKET_OTHERHOST);
 
 	/* The two views of each shared record, compared by the C++ units. */
 	DEFINE(SEAM_PO_SIZE, sizeof(struct mox_packet_sock));

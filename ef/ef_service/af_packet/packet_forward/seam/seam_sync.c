@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Processors, barriers and locks. docs/locking.md tells the story of each lock. */
+/* Processors, barriers and locks. docs/locking.md describes each lock. */
 #include <linux/cpumask.h>
 #include <linux/rcupdate.h>
 #include <linux/smp.h>

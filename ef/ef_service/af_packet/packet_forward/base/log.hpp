@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The module's log lines. All go through mox_printk; most are debug lines,
+ * tagged with the CPU that prints and printed only while the general debug
+ * switch is on.
+ */
+#pragma once
+
+#include "platform.h"
+#include "base/sync.hpp"
+
+/* printk's level markers. */
+#define MOX_KERN_EMERG "\001" "0"
+#define MOX_KERN_ERR "\001" "3"
+#define MOX_KERN_INFO "\001" "6"
+
+extern "C" {
+/**
+ * Debug switches. Byte 0 is the general one. Bytes 1 to 8, by location number,
+ * also gate the copy thread's own lines; the others gate nothing and exist
+ * because operators set them.
+ */
+extern u8 mox_packet_debug[MOX_DEBUG_RECEIVE_ALL + 1];
+}
+
+namespace mox {
+
+/** The general debug switch. */
+inline bool debug_on()
+{
+	return load(mox_packet_debug[0]) != 0;
+}
+
+/**
+ * A packet path's own debug switch. The paths consult it for packets that the
+ * platform did not mark and the debug filter passed, and print nothing all the
+ * same: only the trace mark prints.
+ */
+inline bool path_switch_on(u32 number)
+{
+	return load(mox_packet_debug[number]) != 0;
+}
+
+} // namespace mox
+
+/** A tagged line, whatever the switches say: for frames with the platform's trace mark. */
+#define MOX_TRACE(format, ...) \
+	mox_printk("[MOX-PACKET(%d)]: " format, seam_cpu() __VA_OPT__(, ) __VA_ARGS__)
+
+/** A tagged line while the general debug switch is on. */
+#define MOX_DEBUG(format, ...)                                 \
+	do {                                                   \
+		if (mox::debug_on())                           \
+			MOX_TRACE(format __VA_OPT__(, ) __VA_ARGS__); \
+	} while (0)

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Where report lines go: to the kernel log, or, for the task that writes the
+ * dump file, into a staging buffer that is written to the file where no lock is
+ * held. A report is made of REPORT_LINE calls only.
+ */
+#pragma once
+
+#include "base/log.hpp"
+#include "seam/seam_control.h"
+
+namespace mox {
+
+/** Bytes of the staging buffer. What is staged is always less. */
+inline constexpr u32 kStagingSize = 0x20000;
+
+/** Bytes of the buffer for one line, its NUL included. */
+inline constexpr u32 kLineSize = 128;
+
+} // namespace mox
+
+extern "C" {
+extern u8 g_tech_dump;       /* 1 while a dump file is being written */
+extern file *g_tech_filp;    /* the file */
+extern char *g_file_buff;    /* the staging buffer, null outside a dump */
+extern u32 g_file_bufflen;   /* bytes staged */
+extern char g_wbuf[mox::kLineSize];
+}
+
+namespace mox {
+
+/** Send this task's report lines to a file through a zeroed buffer of kStagingSize bytes. Process. */
+void report_begin_file(file *filp, char *buffer);
+/** Write what is staged and send report lines to the log again; the caller frees both. Process. */
+void report_end_file();
+
+/**
+ * Whether the caller's lines are staged. Only those of the task that writes the
+ * file are: a socket report may run on another CPU meanwhile, and staging has
+ * one writer.
+ */
+bool report_staged();
+/** Stage the first len bytes of g_wbuf, or drop them all when there is no room. Any. */
+void report_append(int len);
+/**
+ * Write what is staged to the file, at its position. Does nothing when nothing
+ * is. A write that fails loses what was staged. Process.
+ */
+void report_flush();
+/** Whether so much is staged that a report should flush before it prints more. */
+bool report_nearly_full();
+
+} // namespace mox
+
+/** A printf conversion for a text that fills a column of so many characters, which is a literal. */
+#define MOX_COLUMN(width) MOX_COLUMN_OF(width)
+#define MOX_COLUMN_OF(width) "%-" #width "s"
+
+/**
+ * A line of a report, with printk's formats. In the file a line is cut after
+ * 127 characters, and dropped whole when it does not fit into the rest of the
+ * staging buffer; a shorter one behind it may still fit. Any.
+ */
+#define REPORT_LINE(format, ...)                                               \
+	do {                                                                   \
+		if (mox::report_staged())                                           \
+			mox::report_append(seam_scnprintf(g_wbuf, sizeof(g_wbuf),   \
+						     format __VA_OPT__(, )     \
+							     __VA_ARGS__));    \
+		else                                                           \
+			mox_printk(format __VA_OPT__(, ) __VA_ARGS__);         \
+	} while (0)

@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "control/requests.hpp"
+
+#include "base/errors.hpp"
+#include "base/log.hpp"
+#include "base/owned.hpp"
+#include "control/dump_file.hpp"
+#include "control/reports.hpp"
+#include "control/switches.hpp"
+#include "locations/table.hpp"
+#include "packet/filter.hpp"
+#include "receive/thread.hpp"
+#include "services/vsd.hpp"
+
+extern "C" {
+constinit u8 mox_packet_msg_inited = 0;
+constinit u32 g_packet_msg_recv = 0;
+}
+
+namespace mox {
+namespace {
+
+/* A message: netlink header, generic netlink header, attribute header, record. */
+constexpr u32 kMessageLen = 0;  /* u32, in the netlink header */
+constexpr u32 kAttrLen = 20;    /* u16, header included */
+constexpr u32 kAttrHeader = 4;
+constexpr u32 kRecord = kAttrLen + kAttrHeader;
+
+static_assert(sizeof(mox_packet_request) == 76);
+static_assert(offsetof(mox_packet_request, body) == 4);
+
+void show_process(u32 kind, const char *name, s32 pid)
+{
+	for (u32 location = kFirstLocation; location <= kLastLocation; location++)
+		mox_packet_show_regular_spec(kind, location, name, pid);
+}
+
+void show_process_by_name(const mox_packet_request &record)
+{
+	/* As long as a process name can be; what the sender wrote need not end. */
+	char name[MOX_PACKET_NAME_SIZE];
+	__builtin_memcpy(name, record.body.name, sizeof(name));
+	name[sizeof(name) - 1] = '\0';
+	mox_printk("show process %s regular:\n", name);
+	show_process(MOX_MSG_SHOW_NAME, name, 0);
+}
+
+void show_process_by_pid(const mox_packet_request &record)
+{
+	s32 pid = static_cast<s32>(record.body.pid);
+	mox_printk("show process %d regular:\n", pid);
+	show_process(MOX_MSG_SHOW_PID, nullptr, pid);
+}
+
+void show_all()
+{
+	for (u32 index = 0; index <= MOX_MSG_SHOW_LAST; index++) {
+		mox_packet_show_regular(index);
+		mox_printk("\n");
+	}
+}
+
+void show_queues()
+{
+	for (u32 location = kFirstLocation; location <= kLastLocation; location++)
+		mox_packet_show_cpu_queue(location);
+}
+
+void set_filter(const mox_packet_request &record)
+{
+	mox_packet_filter filter = record.body.filter;
+	/* Only four bits are left for the vsd: a higher number loses its upper ones. */
+	u32 vsd = current_vsd();
+	filter.vid = __builtin_bswap32((filter.vid & 0xfff) | (vsd << 28));
+	pktd_filter_store(filter);
+	MOX_DEBUG("Recv filter debug msg %s\n", filter.enable ? "enable" : "disable");
+	show_pktd_filter_debug(&g_pktd_kdbg_filter);
+}
+
+void tech_dump(u32 client)
+{
+	pkt_tech_msg_deal();
+	/* Also when no file was written: the client waits for the answer. */
+	if (pkt_ask_msg(client) == 0)
+		MOX_DEBUG("Ask msg success.\n");
+}
+
+/** The requester, for every request but the one that support tools repeat. */
+void log_request(u32 client)
+{
+	char name[16];
+	seam_current_comm(name);
+	mox_printk("Deal message from %u, %s.\n", client, name);
+}
+
+/** Fill an answer: empty, of one empty attribute. False after a log line. */
+bool fill_answer(sk_buff *skb, u32 client)
+{
+	void *message = seam_genl_put(skb, client);
+	if (!message) {
+		MOX_DEBUG("Genlmsg_put fail.\n");
+		return false;
+	}
+	int error = seam_genl_put_empty(skb, MOX_PACKET_GENL_ATTR);
+	if (error) {
+		MOX_DEBUG("Nla_put fail, ret %d.\n", error);
+		return false;
+	}
+	seam_genl_end(skb, message);
+	return true;
+}
+
+} // namespace
+} // namespace mox
+
+using namespace mox;
+
+extern "C" {
+
+int mox_packet_msg_init(void)
+{
+	if (mox_packet_msg_inited)
+		return 0;
+	int error = seam_genl_register();
+	if (error) {
+		mox_printk("Failed to register generic netlink family, errno %d\n", error);
+		return error;
+	}
+	mox_packet_msg_inited = 1;
+	return 0;
+}
+
+void mox_packet_msg_deinit(void)
+{
+	if (!mox_packet_msg_inited)
+		return;
+	seam_genl_unregister();
+	mox_packet_msg_inited = 0;
+}
+
+int mox_packet_msg_recv(sk_buff *, genl_info *info)
+{
+	const void *message = seam_genl_message(info);
+	u32 len = field<u32>(message, kMessageLen);
+
+	if (len < kRecord) {
+		MOX_DEBUG("Netlink message length error.\n");
+		return -1;
+	}
+	MOX_DEBUG("Deal message, length:%d.\n",
+		  static_cast<int>(field<u16>(message, kAttrLen)) - static_cast<int>(kAttrHeader));
+	bump(g_packet_msg_recv);
+	/*
+	 * The record counts as far as the message reaches, whatever the
+	 * attribute says of its length. Behind that lies foreign memory: a type
+	 * reads zeroes there instead.
+	 */
+	mox_packet_request record{};
+	u32 reach = len - kRecord;
+	__builtin_memcpy(&record, static_cast<const u8 *>(message) + kRecord,
+			 reach < sizeof(record) ? reach : sizeof(record));
+	return mox_packet_msg_deal(&record, seam_genl_client(info));
+}
+
+int mox_packet_msg_deal(mox_packet_request *record, u32 client)
+{
+	const u32 type = record->msg_type;
+
+	MOX_DEBUG("MSG TYPE %d, client %u\n", static_cast<int>(type), client);
+	if (type != MOX_MSG_TECH)
+		log_request(client);
+	switch (type) {
+	case MOX_MSG_SHOW_FIRST ... MOX_MSG_SHOW_LAST:
+		mox_packet_show_regular(type);
+		break;
+	case MOX_MSG_SHOW_ALL:
+		show_all();
+		break;
+	case MOX_MSG_SHOW_QUEUES:
+		show_queues();
+		break;
+	case MOX_MSG_SHOW_MEMORY:
+		mox_packet_dump_mem();
+		break;
+	case MOX_MSG_SHOW_NAME:
+		show_process_by_name(*record);
+		break;
+	case MOX_MSG_SHOW_PID:
+		show_process_by_pid(*record);
+		break;
+	case MOX_MSG_SHOW_THREAD:
+		mox_packet_dump_thread();
+		break;
+	case MOX_MSG_DEBUG:
+		mox_packet_debug_msg_deal(record);
+		break;
+	case MOX_MSG_FILTER:
+		set_filter(*record);
+		break;
+	case MOX_MSG_TECH:
+		tech_dump(client);
+		break;
+	default:
+		MOX_DEBUG("MSG TYPE ILLEGAL.\n");
+		break;
+	}
+	return 0;
+}
+
+int pkt_ask_msg(u32 client)
+{
+	Owned<sk_buff, seam_genl_free> skb(seam_genl_alloc());
+	if (!skb) {
+		MOX_DEBUG("Malloc skb fail.\n");
+		return err::kNoMem;
+	}
+	if (!fill_answer(skb.get(), client))
+		return -1;
+	int sent = seam_genl_unicast(skb.release(), client);
+	if (sent < 0) {
+		MOX_DEBUG("Genlmsg_unicast fail, ret %d.\n", sent);
+		return -1;
+	}
+	return 0;
+}
+} // extern "C"

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: GPL-2.0
+/* Load and unload: the six units, up in one order and down in two. */
+#include "base/log.hpp"
+#include "base/module_state.hpp"
+#include "control/requests.hpp"
+#include "receive/queue.hpp"
+#include "receive/thread.hpp"
+#include "rules/memory.hpp"
+#include "services/services.hpp"
+#include "socket/family.hpp"
+
+namespace mox {
+namespace {
+
+struct Unit {
+	int (*init)();
+	const char *failure;
+};
+
+constexpr Unit kUnits[] = {
+	{ mox_packet_sock_init, MOX_KERN_INFO "PACKET-SOCK init failed\n" },
+	{ mox_packet_regular_init, MOX_KERN_INFO "PACKET-REGULAR init failed\n" },
+	{ mox_packet_serv_init, MOX_KERN_INFO "PACKET-SERV init failed\n" },
+	{ mox_packet_msg_init, MOX_KERN_INFO "PACKET-MSG init failed\n" },
+	{ mox_packet_family_init, MOX_KERN_INFO "PACKET-FAMILY init failed\n" },
+	{ mox_packet_thread_init, MOX_KERN_INFO "PACKET-THREAD init failed\n" },
+};
+
+using Deinit = void (*)();
+
+/* After a failed load the thread goes first: nothing was queued for it yet. */
+constexpr Deinit kUnwind[] = {
+	mox_packet_thread_deinit, mox_packet_family_deinit, mox_packet_msg_deinit,
+	mox_packet_serv_deinit,   mox_packet_regular_deinit, mox_packet_sock_deinit,
+};
+
+/*
+ * At unload it goes last, so that it still consumes what hooks have queued while
+ * the family is unregistered. Both orders are deliberate.
+ */
+constexpr Deinit kUnloadRest[] = {
+	mox_packet_msg_deinit,  mox_packet_serv_deinit,  mox_packet_regular_deinit,
+	mox_packet_sock_deinit, mox_packet_thread_deinit,
+};
+
+} // namespace
+} // namespace mox
+
+using namespace mox;
+
+extern "C" int mox_packet_init(void)
+{
+	for (const Unit &unit : kUnits) {
+		if (unit.init() == 0)
+			continue;
+		mox_printk("%s", unit.failure);
+		for (Deinit deinit : kUnwind)
+			deinit();
+		return -1;
+	}
+	set_module_up(true);
+	return 0;
+}
+
+extern "C" void mox_packet_exit(void)
+{
+	set_module_up(false);
+	mox_packet_family_deinit();
+	/*
+	 * The last hook was deregistered with the last socket's rule, but one may
+	 * still run on another CPU and use what the deinits below take down.
+	 */
+	seam_wait_for_hooks();
+	for (Deinit deinit : kUnloadRest)
+		deinit();
+}

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The summaries of a packet that rules are matched against. Hooks and delivery
+ * build them with the same code: a packet must look the same to both.
+ */
+#pragma once
+
+#include "packet/efbuff.hpp"
+
+/** What the fast filters and the rule match read of a packet. */
+struct alignas(64) pkt_info {
+	const u8 *src_mac;
+	const u8 *dst_mac;
+	u16 eth_type;  /* network order */
+	u16 snap_type; /* network order */
+	u8 flags;      /* pkt_flag */
+	u8 eapol_type;
+	u8 ip_proto;
+	u8 icmpv6_type;
+	u16 dst_port; /* network order */
+	u16 src_port; /* network order */
+	u8 code;
+	u8 sub_code;
+	u32 vlan; /* the VLAN id's bits of the efbuff's VLAN word */
+	u32 ifindex;
+	u32 attr;
+	u16 arp_op;   /* network order */
+	u32 ipv4_dst; /* network order */
+	const u8 *ipv6_dst;
+	void *efbuff;
+};
+
+/** The smaller summary of the WLAN location. */
+struct pkt_wlan_info {
+	u8 reserved;
+	u8 eapol_type;
+	u16 eth_type; /* network order */
+	u32 ifindex;
+	u32 attr;
+	u32 flags; /* pkt_flag */
+};
+
+namespace mox {
+
+namespace pkt_flag {
+inline constexpr u32 kEapol = 0x02;
+inline constexpr u32 kSnap = 0x04;
+inline constexpr u32 kIpv4 = 0x08;
+inline constexpr u32 kIpv6 = 0x10;
+inline constexpr u32 kNoL2 = 0x20;
+inline constexpr u32 kWlan80211 = 0x40;
+inline constexpr u32 kWlanMgmt = 0x80;
+inline constexpr u32 kWps = 0x100;
+} // namespace pkt_flag
+
+/** EtherTypes as they stand in a frame, read as a little-endian u16. */
+namespace eth_type {
+inline constexpr u16 kArp = 0x0608;
+inline constexpr u16 kEapol = 0x8E88;
+} // namespace eth_type
+
+/** Fill a summary from an efbuff. Any context; reads only what the platform promises is there. */
+void pkt_info_build(void *efbuff, pkt_info *info);
+void pkt_wlan_info_build(void *efbuff, pkt_wlan_info *info);
+
+} // namespace mox
+
+extern "C" {
+/** Six zero bytes: the MAC addresses of a packet without a layer-2 header. */
+extern const u8 pkt_null_mac[6];
+}

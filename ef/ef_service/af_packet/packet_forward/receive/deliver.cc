@@ -1,0 +1,349 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The socket-buffer work is done under the library's read lock, so it never
+ * sleeps.
+ */
+#include "receive/deliver.hpp"
+
+#include "base/errors.hpp"
+#include "base/log.hpp"
+#include "base/socket_record.hpp"
+#include "packet/filter.hpp"
+#include "packet/trace.hpp"
+#include "receive/queue.hpp"
+#include "rules/match.hpp"
+#include "rules/ranges.hpp"
+#include "rules/types.hpp"
+
+extern "C" {
+constinit packet_thread_debug g_packet_thread_debug{};
+constinit u32 g_alloc_skb_num = 0;
+}
+
+namespace mox {
+
+namespace ef = platform::ef;
+
+namespace {
+
+static_assert(sizeof(mox_packet_ctrl_info) == 48);
+
+const char *treatment_text(u32 treatment)
+{
+	switch (treatment) {
+	case PACKET_COPY:
+		return "packet-copy";
+	case PACKET_TRAP:
+		return "packet-trap";
+	default:
+		return "packet-fetch";
+	}
+}
+
+void trace_delivery(const pkt_info &info, const packet_regular &rule)
+{
+	MOX_TRACE("MOX-PACKET-FW: rcv pkt: %p, loc %s, %s by process %s in vsd %u sk_refcnt %u.\n",
+		  info.efbuff, location_name(rule.location), treatment_text(rule.treatment),
+		  rule.owner->process, 0u, seam_sk_refcnt(sk_of(rule.owner)));
+	MOX_TRACE("MOX-PACKET-FW: src_intf: %s, src_ifx: %u\n", source_name(info.efbuff),
+		  info.ifindex);
+	trace_packet(info, TraceTag::kForward);
+}
+
+void trace_wlan_delivery(const void *efbuff, const pkt_wlan_info &info, const packet_regular &rule)
+{
+	const char *treatment = treatment_text(rule.treatment);
+
+	if (info.flags & pkt_flag::kWlan80211)
+		MOX_TRACE("MOX-PACKET-FW: rcv %s pkt: %p, loc PACKET_WLAN_LOC, %s by process %s "
+			  "in vsd %u.\n",
+			  (info.flags & pkt_flag::kWlanMgmt) ? "wlan mgnt" : "wlan data", efbuff,
+			  treatment, rule.owner->process, 0u);
+	else
+		MOX_TRACE("MOX-PACKET-FW: rcv pkt: %p, eth type %d, eapol type %d, loc "
+			  "PACKET_WLAN_LOC, %s by process %s in vsd %u.\n",
+			  efbuff, host16(info.eth_type), info.eapol_type, treatment,
+			  rule.owner->process, 0u);
+	trace_wlan_packet(efbuff, TraceTag::kForward);
+}
+
+u32 ctrl_flags(const void *efbuff)
+{
+	u32 from = field<u32>(efbuff, ef::kFlags);
+	u32 flags = 0;
+
+	if (from & ef::kFlagTrace)
+		flags |= MOX_RECV_TRACE;
+	if (from & ef::kFlag40000)
+		flags |= MOX_RECV_EF_40000;
+	if (from & ef::kFlag80)
+		flags |= MOX_RECV_EF_80;
+	if (field<u16>(efbuff, ef::kL2Len) == 0)
+		flags |= MOX_RECV_NO_L2;
+	if (field<u32>(efbuff, ef::kWlanFlags) & ef::kWlan800000)
+		flags |= MOX_RECV_WLAN_800000;
+	return flags;
+}
+
+/** The receive control record of a packet; what nothing fills is zero. */
+void fill_ctrl(const void *efbuff, u16 eth_type, mox_packet_ctrl_info *ctrl)
+{
+	u16 tag = host16(field<u16>(efbuff, ef::kVlan + 2));
+	u16 inner = host16(field<u16>(efbuff, ef::kVlan)) & 0x0FFF;
+
+	*ctrl = mox_packet_ctrl_info{};
+	ctrl->pkt_ifx = source_ifindex(efbuff);
+	ctrl->pkt_origifx = field<u32>(efbuff, ef::kOrigIfx);
+	ctrl->pkt_l2ifx = field<u32>(efbuff, ef::kL2Ifx);
+	ctrl->eth_type = eth_type;
+	ctrl->vlan = static_cast<u16>((tag >> 13) | ((tag & 0x0FFF) << 4));
+	ctrl->flags = ctrl_flags(efbuff);
+	ctrl->word28 = field<u32>(efbuff, ef::kWord172);
+	ctrl->inner_vlan = inner;
+	ctrl->ex_inner_vlan = inner;
+	ctrl->l2_len = field<u16>(efbuff, ef::kL2Len);
+	ctrl->half38 = field<u16>(efbuff, ef::kHalf188);
+	ctrl->wlan_id = field<u16>(efbuff, ef::kWlanId);
+	ctrl->ap_wlan_id = field<u16>(efbuff, ef::kApWlanId);
+	ctrl->radio_id = field<u8>(efbuff, ef::kRadioId);
+	ctrl->proxy_capture = field<u8>(efbuff, ef::kProxyCapture);
+}
+
+/** Drop a buffer that no queue has; another reference, if any, keeps it and its count. */
+void drop_skb(sk_buff *skb)
+{
+	if (seam_skb_users(skb) == 1)
+		bump(g_alloc_skb_num, -1);
+	seam_consume_skb(skb);
+}
+
+using OwnedSkb = Owned<sk_buff, drop_skb>;
+
+/** A socket buffer with the whole frame and its control record, or null. */
+OwnedSkb build_skb(const void *efbuff, u16 eth_type, bool dgram)
+{
+	u32 len = field<u32>(efbuff, ef::kTotalLen);
+	u16 l2_len = field<u16>(efbuff, ef::kL2Len);
+	sk_buff *skb = seam_skb_alloc(len);
+	if (!skb) {
+		bump(g_packet_thread_debug.alloc_skb_failed);
+		return OwnedSkb();
+	}
+	bump(g_alloc_skb_num);
+	__builtin_memcpy(seam_skb_put(skb, len), mac_header(efbuff), len);
+	seam_skb_set_meta(skb, l2_len, source_ifindex(efbuff),
+			  static_cast<u16>(vlan_id_of(efbuff)));
+	if (dgram)
+		seam_skb_pull(skb, l2_len);
+	fill_ctrl(efbuff, eth_type, static_cast<mox_packet_ctrl_info *>(seam_skb_cb(skb)));
+	return OwnedSkb(skb);
+}
+
+/** What becomes of a socket's buffer. */
+enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull };
+
+/**
+ * The socket's filter. The filter call's 0, "accepted", is read as a snap length
+ * of 0, and its negative "rejected" as a large one: daemons attach filters for
+ * the frames to drop and receive all others whole. Intended; they rely on it.
+ */
+Verdict apply_filter(sock *sk, sk_buff *skb)
+{
+	u32 snap_len = seam_skb_len(skb);
+
+	if (seam_sk_has_filter(sk))
+		snap_len = static_cast<u32>(seam_sk_filter_trim_cap(sk, skb, 1));
+	if (snap_len == 0)
+		return Verdict::kFiltered;
+	if (snap_len >= seam_skb_len(skb))
+		return Verdict::kKeep;
+	if (!seam_skb_nonlinear(skb))
+		seam_skb_cut(skb, snap_len);
+	else if (seam_skb_pskb_trim(skb, snap_len) != 0)
+		return Verdict::kTrimFailed;
+	return Verdict::kKeep;
+}
+
+Verdict judge(sock *sk, sk_buff *skb)
+{
+	Verdict verdict = apply_filter(sk, skb);
+
+	if (verdict != Verdict::kKeep)
+		return verdict;
+	/* Unsigned sum: neither part is negative, and a full queue must not look empty. */
+	if (static_cast<u32>(seam_sk_rmem(sk)) + seam_skb_truesize(skb) >=
+	    static_cast<u32>(seam_sk_rcvbuf(sk)))
+		return Verdict::kQueueFull;
+	return Verdict::kKeep;
+}
+
+/** Count a buffer that the socket does not get. */
+void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
+{
+	const char *text;
+	u32 *counter;
+
+	switch (verdict) {
+	case Verdict::kFiltered:
+		text = "MOX-PACKET-FW: drop packet by socket filter rules.\n";
+		counter = &po->filter_drops;
+		break;
+	case Verdict::kTrimFailed:
+		text = "MOX-PACKET-FW: drop packet for trim skb fail.\n";
+		counter = &po->trim_fail_drops;
+		break;
+	default:
+		text = "MOX-PACKET-FW: drop packet for socket recvbuff is full.\n";
+		counter = &po->rcvbuf_full_drops;
+		break;
+	}
+	if (trace)
+		MOX_TRACE("%s", text);
+	bump(*counter);
+}
+
+/**
+ * One packet for one socket, on which the caller holds a reference. False when
+ * there was no memory for the buffer, which does not count as an offer.
+ */
+bool deliver(const void *efbuff, u16 eth_type, mox_packet_sock *po)
+{
+	const bool trace = traced(efbuff);
+	sock *sk = sk_of(po);
+	OwnedSkb skb = build_skb(efbuff, eth_type, seam_sk_type(sk) == sock_type::kDgram);
+	if (!skb) {
+		if (trace)
+			MOX_TRACE("MOX-PACKET-FW: alloc skb failed.\n");
+		return false;
+	}
+	Verdict verdict = judge(sk, skb.get());
+	if (verdict != Verdict::kKeep) {
+		count_drop(po, verdict, trace);
+		return true;
+	}
+	seam_skb_set_owner_r(skb.get(), sk);
+	seam_skb_dst_drop(skb.get());
+	seam_rcvq_append(sk, skb.release());
+	seam_sk_data_ready(sk);
+	bump(po->recv_packets);
+	return true;
+}
+
+/** The seven per-location queues. */
+struct LocationDelivery {
+	u32 location;
+	pkt_info info;
+
+	LocationDelivery(u32 queue_location, void *efbuff) : location(queue_location)
+	{
+		pkt_info_build(efbuff, &info);
+	}
+
+	/** Here the filter is compared with every matched packet; hooks compare unmarked ones only. */
+	void trace(const packet_regular &rule)
+	{
+		const bool passes = pktd_filter_passes(info);
+		if (traced(info.efbuff))
+			trace_delivery(info, rule);
+		else if (passes)
+			(void)path_switch_on(location);
+	}
+
+	/** Offer the packet to a rule's socket; true ends the walk. */
+	bool offer(const packet_regular &rule)
+	{
+		if (!location_sees(rule.location, info.efbuff))
+			return false;
+		SockRef ref(rule.owner);
+		if (rule.owner->vsd != 0 || !pkt_rule_match(&info, &rule))
+			return false;
+		trace(rule);
+		bool offered = deliver(info.efbuff, info.eth_type, rule.owner);
+		return offered && rule.treatment == PACKET_TRAP;
+	}
+};
+
+/** The WLAN queue: matched before the reference, and a trap ends nothing. */
+struct WlanDelivery {
+	void *efbuff;
+	pkt_wlan_info info;
+
+	WlanDelivery(u32, void *buffer) : efbuff(buffer) { pkt_wlan_info_build(buffer, &info); }
+
+	/** The small summary has no field that the debug filter compares. */
+	void trace(const packet_regular &rule)
+	{
+		if (traced(efbuff))
+			trace_wlan_delivery(efbuff, info, rule);
+		else
+			(void)path_switch_on(PACKET_WLAN_LOC);
+	}
+
+	bool offer(const packet_regular &rule)
+	{
+		if (rule.owner->vsd != 0 || !pkt_wlan_rule_match(&info, &rule))
+			return false;
+		SockRef ref(rule.owner);
+		trace(rule);
+		deliver(efbuff, info.eth_type, rule.owner);
+		return false;
+	}
+};
+
+void spend(u32 *budget)
+{
+	if (--*budget != 0)
+		return;
+	*budget = kDrainBudget;
+	seam_schedule();
+}
+
+template <typename Delivery>
+void deliver_queue(u32 location, packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
+{
+	EfbuffChain chain = queue_detach(queue);
+	while (OwnedEfbuff efbuff{ chain.next() }) {
+		spend(budget);
+		Delivery delivery(location, efbuff.get());
+		{
+			ReadGuard guard(&lib->lock);
+			for (const packet_regular *rule : regulars_of(&lib->regulars)) {
+				if (rule->treatment == PACKET_TREATMENT_NONE || !rule->owner)
+					continue;
+				if (delivery.offer(*rule))
+					break;
+			}
+		}
+	}
+}
+
+} // namespace
+} // namespace mox
+
+using namespace mox;
+
+extern "C" {
+
+void mox_packet_deal_regular_lib_pkt(u32 location, packet_regular_lib *lib, efbuff_queue *queue,
+				     u32 *budget)
+{
+	deliver_queue<LocationDelivery>(location, lib, queue, budget);
+}
+
+void mox_packet_deal_regular_lib_wlan_pkt(packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
+{
+	deliver_queue<WlanDelivery>(PACKET_WLAN_LOC, lib, queue, budget);
+}
+
+void mox_packet_deal_regular_lib_pkt_global(u32 location, packet_regular_lib *lib,
+					    efbuff_queue *queue, u32 *budget)
+{
+	mox_packet_deal_regular_lib_pkt(location, lib, queue, budget);
+}
+
+void mox_packet_deal_regular_lib_wlan_pkt_global(packet_regular_lib *lib, efbuff_queue *queue,
+						 u32 *budget)
+{
+	mox_packet_deal_regular_lib_wlan_pkt(lib, queue, budget);
+}
+} // extern "C"

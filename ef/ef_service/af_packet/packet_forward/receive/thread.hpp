@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-2.0
+/* The copy thread, which drains the per-CPU queues into the sockets. */
+#pragma once
+
+#include "seam/seam.h"
+
+extern "C" {
+extern u8 mox_packet_thread_init_ok;
+
+/** Mark a location (1 to 8) pending and wake the thread, unless it is draining. Any. */
+void mox_packet_thread_active(u32 location);
+/** Start the thread, once. 0, or -1 after a log line. Process. */
+int mox_packet_thread_init(void);
+u8 mox_packet_thread_had_init(void);
+/** Set a new thread's scheduling and wake it. Process. */
+void mox_packet_thread_setup(task_struct *task);
+/** Stop the thread, if it runs, and wait for its end. Process. */
+void mox_packet_thread_deinit(void);
+/** Print the thread's counters. Any. */
+void mox_packet_dump_thread(void);
+/** The thread's body. */
+int mox_packet_copy_task(void *unused);
+}

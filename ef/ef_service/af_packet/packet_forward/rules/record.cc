@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "rules/record.hpp"
+
+#include "base/errors.hpp"
+#include "base/log.hpp"
+#include "rules/edit.hpp"
+#include "services/vsd.hpp"
+
+namespace mox {
+namespace {
+
+u32 stride_of(u16 type)
+{
+	const RuleType *row = rule_type(type);
+
+	return row ? row->width : 0;
+}
+
+/** The two MAC types lack the word that the other types' lines have. */
+void log_success(u16 type)
+{
+	const RuleType *row = rule_type(type);
+
+	/* Deletions say ADD-REGUALR as well, in this spelling: log filters depend on it. */
+	MOX_DEBUG("ADD-REGUALR: %s%s success\n", row->form == MOX_FORM_MAC ? "" : "type ",
+		  row->name);
+}
+
+int optlen_illegal(unsigned int len)
+{
+	MOX_DEBUG("PACKET-SETSOCKOPT: optlen illegal, optlen: %d\n", static_cast<int>(len));
+	return err::kInval;
+}
+
+} // namespace
+
+void free_record_buffer(u8 *bytes)
+{
+	seam_vfree(bytes);
+	bump(g_packet_regular_data_free);
+}
+
+int RuleRecord::read(const seam_uptr *value, unsigned int len)
+{
+	if (len < sizeof(head_))
+		return optlen_illegal(len);
+	bytes_ = Owned<u8, free_record_buffer>(static_cast<u8 *>(seam_vzalloc(len)));
+	if (!bytes_) {
+		MOX_DEBUG("PACKET-SETSOCKOPT: ENOMEM\n");
+		return err::kNoMem;
+	}
+	bump(g_packet_regular_data_alloc);
+	if (seam_copy_from_uptr(bytes_.get(), value, len)) {
+		MOX_DEBUG("PACKET-SETSOCKOPT: copy from user failed\n");
+		return err::kFault;
+	}
+	__builtin_memcpy(&head_, bytes_.get(), sizeof(head_));
+
+	/*
+	 * The elements are read at the type's own stride, whatever size the
+	 * caller states, so the length must cover both. 16 bits times 16 bits
+	 * cannot overflow a u32 with the head's 6 bytes added: 0xFFFE0007.
+	 */
+	u32 room = len - sizeof(head_);
+	if (room < u32{ head_.count } * head_.size ||
+	    room < u32{ head_.count } * stride_of(head_.type))
+		return optlen_illegal(len);
+
+	/* Interface indexes belong to a vsd. Asked here, where sleeping is allowed. */
+	if (head_.type == PACKET_SRC_INTF_EQUAL)
+		caller_vsd_ = current_vsd();
+	return 0;
+}
+
+int RuleRecord::apply_datum(mox_packet_sock *po, const u8 *element, bool add) const
+{
+	OwnedData data = make_data(head_.type, element, stride_of(head_.type));
+	if (!data) {
+		MOX_DEBUG("MOX-PACKET-DEAL-REGULAR-DATA: Alloc data failed\n");
+		return err::kNoMem;
+	}
+	if (add)
+		return add_data(move(data), &po->regular);
+	mox_packet_del_data_from_regular(data.get(), &po->regular);
+	return 0;
+}
+
+/** PACKET_ALL is an item without data; the record's count is not read. */
+int RuleRecord::apply_packet_all(mox_packet_sock *po, bool add) const
+{
+	regular_item *item = mox_packet_search_item_from_regular(PACKET_ALL, &po->regular);
+
+	if (add && !item) {
+		item = mox_packet_alloc_init_item(PACKET_ALL);
+		if (!item) {
+			MOX_DEBUG("MOX-PACKET-DEAL-PACKET-ALL-REGULAR: alloc item failed\n");
+			return err::kNoMem;
+		}
+		mox_packet_add_item_to_regular(item, &po->regular);
+	} else if (!add && item) {
+		mox_packet_del_item(item);
+		mox_packet_free_item(item);
+	}
+	return 0;
+}
+
+int RuleRecord::apply(mox_packet_sock *po, bool add) const
+{
+	if (head_.type >= MOX_PACKET_RULE_TYPES) {
+		MOX_DEBUG("ADD-REGUALR: type error\n");
+		return err::kInval;
+	}
+	if (caller_vsd_ != 0) {
+		MOX_DEBUG("MOX-PACKET-DEAL-REGULAR-DATA: get vsd id %d fail.\n",
+			  static_cast<int>(caller_vsd_));
+		return err::kInval;
+	}
+	if (head_.type == PACKET_ALL) {
+		int error = apply_packet_all(po, add);
+		if (error)
+			return error;
+	} else {
+		const u32 stride = stride_of(head_.type);
+		/* Elements without a value are all equal: one is enough. */
+		u32 left = stride == 0 && head_.count > 1 ? 1 : head_.count;
+		for (const u8 *element = elements(); left != 0; left--, element += stride) {
+			int error = apply_datum(po, element, add);
+			if (error)
+				return error;
+		}
+	}
+	log_success(head_.type);
+	return 0;
+}
+
+} // namespace mox

@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: GPL-2.0
+/* The rule record of the add and delete options, read from user space and checked. */
+#pragma once
+
+#include "base/owned.hpp"
+#include "base/sync.hpp"
+
+namespace mox {
+
+/** Free a buffer that read() took, which is counted. Process. */
+void free_record_buffer(u8 *bytes);
+
+class RuleRecord : Pinned {
+public:
+	RuleRecord() = default;
+
+	/**
+	 * Copy the record from user space and check its lengths: 0, -EINVAL,
+	 * -ENOMEM or -EFAULT. May sleep.
+	 */
+	int read(const seam_uptr *value, unsigned int len);
+	/**
+	 * Add every element to the socket's rule, or delete it: 0, -EINVAL or
+	 * -ENOMEM; what came before the error stays. The rule is out of its
+	 * library and the rule lock is held.
+	 */
+	int apply(mox_packet_sock *po, bool add) const;
+
+private:
+	const u8 *elements() const
+	{
+		return bytes_.get() + sizeof(mox_packet_rule);
+	}
+	int apply_datum(mox_packet_sock *po, const u8 *element, bool add) const;
+	int apply_packet_all(mox_packet_sock *po, bool add) const;
+
+	Owned<u8, free_record_buffer> bytes_;
+	mox_packet_rule head_{};
+	u32 caller_vsd_ = 0;
+};
+
+} // namespace mox

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "socket/dump.hpp"
+
+#include "base/report.hpp"
+#include "base/socket_record.hpp"
+#include "rules/print.hpp"
+#include "socket/counters.hpp"
+
+using namespace mox;
+
+extern "C" void mox_packet_sock_dump(mox_packet_sock *po)
+{
+	sock *sk = sk_of(po);
+
+	REPORT_LINE("\n------------ dump sock ------------\n");
+	REPORT_LINE("process:       %s\n", po->process);
+	REPORT_LINE("vsd:           %u\n", po->vsd);
+	REPORT_LINE("pid:           %d\n", po->pid);
+	REPORT_LINE("running:       %s\n", po_flag(po, PO_RUNNING) ? "running" : "stop");
+	REPORT_LINE("ctrldata:      %s\n", po_flag(po, PO_CTRL_INFO) ? "require" : "unrequire");
+	REPORT_LINE("ifindex:       %u\n", po->ifindex);
+	REPORT_LINE("regulars:\n");
+	mox_packet_dump_regular(&po->regular);
+	for (u8 row : kCounterLines)
+		REPORT_LINE(MOX_COLUMN(MOX_PACKET_COUNTER_COLUMN) "%u\n", kCounters[row].label,
+			    load(po->counters.*kCounters[row].field));
+	REPORT_LINE("skbs to be recv:        %u\n", seam_rcvq_len(sk));
+	REPORT_LINE("skbs to be send:        %u\n", seam_writeq_len(sk));
+	REPORT_LINE("sk refcnt:              %u\n", seam_sk_refcnt(sk));
+}

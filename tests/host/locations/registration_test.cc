@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: GPL-2.0
+// Registration of the platform hooks.
+#include "locations/table.hpp"
+#include "packet/info.hpp"
+#include "rules/match.hpp"
+#include "rules_fixture.h"
+
+using namespace mox;
+
+namespace {
+
+class Hooks : public RulesTest {};
+
+using Log = std::vector<std::string>;
+
+TEST_F(Hooks, follow_library__calls_per_location)
+{
+    const struct { u32 location; Log on, off; } cases[] = {
+        {1, {"reg_output local"}, {"dereg_output local"}},
+        {2, {"reg_module lev2"}, {"dereg_module lev2"}},
+        {3, {"reg_module ipv4"}, {"dereg_module ipv4"}},
+        {4, {"reg_module ipv6"}, {"dereg_module ipv6"}},
+        {5, {}, {}},
+        {6, {}, {}},
+        {7, {"reg_recv resv"}, {"dereg_recv resv"}},
+        {8, {"reg_module wlan", "reg_output wlan_out"}, {"dereg_module wlan", "dereg_output wlan_out"}},
+        {9, {"reg_recv resv"}, {"dereg_recv resv"}},
+        {10, {"reg_recv resv"}, {"dereg_recv resv"}},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(c.location);
+        Rule rule(c.location, PACKET_COPY);
+        efmp().registrations.clear();
+        rule.add();
+        EXPECT_EQ(efmp().registrations, c.on);
+        efmp().registrations.clear();
+        rule.remove();
+        EXPECT_EQ(efmp().registrations, c.off);
+    }
+}
+
+TEST_F(Hooks, follow_library__every_change_that_leaves_rules_registers_again)
+{
+    Rule a(PACKET_LOCAL_LOC, PACKET_COPY), b(PACKET_LOCAL_LOC, PACKET_COPY);
+    a.add();
+    b.add();
+    a.remove();
+    EXPECT_EQ(efmp().registrations, (Log{"reg_output local", "reg_output local", "reg_output local"}));
+    b.remove();
+    EXPECT_EQ(efmp().registrations.back(), "dereg_output local");
+}
+
+TEST_F(Hooks, follow_library__reserved_locations_share_one_registration)
+{
+    Rule a(PACKET_RESV_LOC, PACKET_COPY), b(PACKET_LEV3_RESV_LOC, PACKET_COPY);
+    a.add();
+    b.add();
+    a.remove();
+    EXPECT_TRUE(efmp().registered["resv"]);
+    b.remove();
+    EXPECT_FALSE(efmp().registered["resv"]);
+}
+
+TEST_F(Hooks, follow_library__what_the_platform_answers_changes_nothing)
+{
+    kernel().fail("reg_output");
+    kernel().fail("reg_recv");
+    Rule local(PACKET_LOCAL_LOC, PACKET_COPY), resv(PACKET_RESV_LOC, PACKET_COPY);
+    local.add();
+    resv.add();
+    EXPECT_EQ(g_local_packet_regular_lib.regular_count, 1u);
+    EXPECT_TRUE(kernel().log.empty());
+}
+
+TEST_F(Hooks, reg_module__once)
+{
+    EXPECT_EQ(mox_packet_reg_module(&g_ipv4_packet_module), 0);
+    EXPECT_EQ(g_ipv4_packet_module.registered, 1);
+    EXPECT_EQ(mox_packet_reg_module(&g_ipv4_packet_module), 0);
+    EXPECT_EQ(efmp().registrations, Log{"reg_module ipv4"});
+    mox_packet_dereg_module(&g_ipv4_packet_module);
+    EXPECT_EQ(g_ipv4_packet_module.registered, 0);
+    mox_packet_dereg_module(&g_ipv4_packet_module);
+    EXPECT_EQ(efmp().registrations.size(), 2u);
+}
+
+TEST_F(Hooks, reg_module__failure_is_told_passed_back_and_tried_again)
+{
+    const struct { packet_module *module; const char *line; } cases[] = {
+        {&g_lev2_packet_module, "reg PACKET-LEV2-MODULE failed\n"},
+        {&g_ipv4_packet_module, "reg PACKET-IPV4-MODULE failed\n"},
+        {&g_ipv6_packet_module, "reg PACKET-IPV6-MODULE failed\n"},
+        {&g_wlan_packet_module, "reg PACKET-WLAN-MODULE failed\n"},
+    };
+    for (auto &c : cases) {
+        kernel().log.clear();
+        kernel().error["reg_module"] = -77;
+        kernel().fail("reg_module");
+        EXPECT_EQ(mox_packet_reg_module(c.module), -77);
+        EXPECT_EQ(kernel().text(), c.line);
+        EXPECT_EQ(c.module->registered, 0);
+        EXPECT_EQ(mox_packet_reg_module(c.module), 0);
+        mox_packet_dereg_module(c.module);
+    }
+}
+
+TEST_F(Hooks, records__as_the_platform_wants_them)
+{
+    const struct { packet_module *module; const char *name; efmp_pkt_func func; u8 point, priority; } cases[] = {
+        {&g_lev2_packet_module, "PACKET-LEV2-MODULE", mox_packet_lev2_rcv, 0x00, 0x17},
+        {&g_ipv4_packet_module, "PACKET-IPV4-MODULE", mox_packet_ipv4_rcv, 0x02, 0x14},
+        {&g_ipv6_packet_module, "PACKET-IPV6-MODULE", mox_packet_ipv6_rcv, 0x04, 0x0a},
+        {&g_wlan_packet_module, "PACKET-WLAN-MODULE", mox_packet_wlan_in_rcv, 0x06, 0x06},
+    };
+    for (auto &c : cases) {
+        EXPECT_STREQ(c.module->name, c.name);
+        EXPECT_EQ(c.module->descriptor.link, 0u);
+        EXPECT_EQ(c.module->descriptor.receive, c.func);
+        EXPECT_EQ(c.module->descriptor.mask, 0xffffffffu);
+        EXPECT_EQ(c.module->descriptor.point, c.point);
+        EXPECT_EQ(c.module->descriptor.priority, c.priority);
+        EXPECT_EQ(c.module->descriptor.reserved, 0);
+    }
+}
+
+TEST_F(Hooks, mclist__does_nothing)
+{
+    mox_packet_flush_input_mclist();
+    mox_packet_flush_output_mclist();
+    EXPECT_TRUE(efmp().registrations.empty());
+}
+
+// Another CPU adds a rule after this one left the library empty and before it
+// deregisters: the location must end up registered.
+TEST_F(Hooks, follow_library__add_between_removal_and_deregistration_wins)
+{
+    Rule leaving(PACKET_LEV2_LOC, PACKET_COPY), coming(PACKET_LEV2_LOC, PACKET_COPY);
+    leaving.add();
+    bool done = false;
+    kernel().at["unlock"] = [&](const void *lock) {
+        if (lock == &g_lev2_packet_regular_lib.lock && !done && g_lev2_packet_regular_lib.regular_count == 0) {
+            done = true;
+            coming.add();
+        }
+    };
+    leaving.remove();
+    ASSERT_TRUE(done);
+    EXPECT_TRUE(efmp().registered["lev2"]);
+    EXPECT_EQ(g_lev2_packet_module.registered, 1);
+}
+
+}  // namespace
