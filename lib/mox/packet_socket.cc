@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -76,7 +77,12 @@ int SocketCalls::getsockopt(int fd, int level, int option, void* value, socklen_
     return ::getsockopt(fd, level, option, value, length);
 }
 
-ssize_t SocketCalls::recvmsg(int fd, msghdr* message, int flags) { return ::recvmsg(fd, message, flags); }
+ssize_t SocketCalls::recvmsg(int fd, msghdr* message, int flags)
+{
+    // Not the C library's function: with a 64-bit time_t on a 32-bit machine it appends converted timestamps to the
+    // control buffer, over the module's record.
+    return ::syscall(SYS_recvmsg, fd, message, flags);
+}
 
 ssize_t SocketCalls::sendmsg(int fd, const msghdr* message, int flags) { return ::sendmsg(fd, message, flags); }
 

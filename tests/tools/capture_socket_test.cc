@@ -198,6 +198,40 @@ TEST(capture_socket, receive__without_control_information_there_is_no_record)
     EXPECT_FALSE(socket.receive(buffer)->control);
 }
 
+TEST(capture_socket, receive__the_record_stands_behind_the_kernels_own_messages)
+{
+    struct {
+        const char* what;
+        std::vector<int> options;
+    } const cases[] = {{"none", {}},
+                       {"SO_TIMESTAMP", {SO_TIMESTAMP}},
+                       {"SO_TIMESTAMPNS", {SO_TIMESTAMPNS}},
+                       {"SO_TIMESTAMPING", {SO_TIMESTAMPING}},
+                       {"SO_WIFI_STATUS", {SO_WIFI_STATUS}},
+                       {"SO_RXQ_OVFL", {SO_RXQ_OVFL}},
+                       {"all of them", {SO_TIMESTAMP, SO_TIMESTAMPNS, SO_TIMESTAMPING, SO_WIFI_STATUS, SO_RXQ_OVFL}}};
+    for (const auto& each : cases) {
+        SCOPED_TRACE(each.what);
+        FakeCalls calls;
+        mox::CaptureSocket socket(mox::SocketKind::raw, 0, calls);
+        socket.set_control_info(true);
+        for (int option : each.options) {
+            int on = 1;
+            ASSERT_EQ(calls.setsockopt(socket.fd(), SOL_SOCKET, option, &on, sizeof(on)), 0);
+        }
+        QueuedFrame queued{{1, 2, 3}, {}};
+        std::memset(&queued.control, 0x5a, sizeof(queued.control));
+        calls.queue(queued);
+
+        std::uint8_t buffer[8];
+        auto frame = socket.receive(buffer);
+        ASSERT_TRUE(frame);
+        ASSERT_TRUE(frame->control);
+        EXPECT_EQ(std::memcmp(&*frame->control, &queued.control, sizeof(queued.control)), 0);
+        EXPECT_EQ(frame->ifindex, 0x5a5a5a5au);
+    }
+}
+
 TEST(capture_socket, receive__waits_only_when_asked)
 {
     FakeCalls calls;
