@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 
@@ -163,7 +166,47 @@ TEST_F(PcapFileTest, a_full_disk_is_told)
         GTEST_SKIP() << "no /dev/full here";
     // The file's head waits in a buffer, so making the file succeeds and the first frame fails.
     moxcap::PcapFile file("/dev/full", moxcap::Layout::ethernet, 100);
-    expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); }, {"/dev/full", "disk full"});
+    expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); },
+                                    {"/dev/full", "No space left on device", "disk full"});
+}
+
+TEST_F(PcapFileTest, a_reader_of_a_named_pipe_that_has_gone_is_told)
+{
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    auto before = std::signal(SIGPIPE, SIG_IGN);
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 100);
+        file.write({0, 0}, Bytes(60), 60, 0);
+        close(reader);
+        expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); },
+                                        {"\"" + path + "\"", "the program that reads the capture has ended"});
+    }
+    std::signal(SIGPIPE, before);
+}
+
+TEST_F(PcapFileTest, a_reader_of_standard_output_that_has_gone_is_told)
+{
+    // In a process of its own: closing the capture file closes standard output.
+    auto write_into_the_pipe = [] {
+        int ends[2];
+        if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0)
+            _exit(1);
+        close(ends[0]);
+        std::signal(SIGPIPE, SIG_IGN);
+        try {
+            moxcap::PcapFile file("-", moxcap::Layout::ethernet, 100);
+            file.write({0, 0}, Bytes(60), 60, 0);
+        } catch (const moxcap::FileError& error) {
+            std::fputs(error.what(), stderr);
+            _exit(42);
+        }
+        _exit(2);
+    };
+    EXPECT_EXIT(write_into_the_pipe(), testing::ExitedWithCode(42),
+                "cannot write to standard output: the program that reads the capture has ended");
 }
 
 } // namespace

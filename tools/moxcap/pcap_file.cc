@@ -2,6 +2,8 @@
 #include "pcap_file.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace moxcap {
 namespace {
@@ -66,7 +68,21 @@ void PcapFile::write(const timespec& time, std::span<const std::uint8_t> bytes, 
     head.len = static_cast<bpf_u_int32>(front + length);
     pcap_dump(reinterpret_cast<u_char*>(dumper_), &head, stored.data());
     if (pcap_dump_flush(dumper_) != 0)
-        throw FileError("cannot write to \"" + path_ + "\": is the disk full?");
+        fail_to_write(errno);
+}
+
+void PcapFile::fail_to_write(int error) const
+{
+    std::string text = "cannot write to " + (path_ == "-" ? "standard output" : "\"" + path_ + "\"") + ": ";
+    switch (error) {
+    case EPIPE:
+        throw FileError(text + "the program that reads the capture has ended");
+    case ENOSPC:
+    case EDQUOT:
+        throw FileError(text + std::strerror(error) + " (is the disk full?)");
+    default:
+        throw FileError(text + std::strerror(error));
+    }
 }
 
 } // namespace moxcap

@@ -44,6 +44,8 @@ public:
                std::uint16_t ether_type, bool header = true);
 
 private:
+    [[noreturn]] void fail_to_write(int error) const;
+
     Layout layout_;
     std::string path_;
     pcap_t* pcap_ = nullptr;
