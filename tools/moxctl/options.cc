@@ -19,12 +19,14 @@ constexpr char examples[] =
     "\nExamples:\n"
     "  moxctl show rules lev2\n"
     "      Who captures what at layer 2.\n"
-    "  moxctl show rules --json | jq '.locations[].sockets[] | {process, counters}'\n"
-    "      The counters of every socket, for a script.\n"
-    "  moxctl filter set --src-ip 10.0.0.17 && moxctl debug on\n"
-    "      Trace one host's packets.\n"
-    "  moxctl hook off wlan\n"
-    "      Take the WLAN hook away: nothing is captured there until \"moxctl hook on wlan\".\n"
+    "  moxctl show rules --json | jq '.locations[].sockets[] | [.process, .counters.rcvbuf_full_drops]'\n"
+    "      The process and the dropped frames of every socket, for a script.\n"
+    "  moxctl debug on && dmesg -w\n"
+    "      The module's debug lines as they come, until \"moxctl debug off\".\n"
+    "  moxctl debug on && moxctl filter set --src-ip 10.0.0.17\n"
+    "      Set the debug filter; the module prints its fields while debugging is on.\n"
+    "  moxctl hook off wlan; sleep 10; moxctl hook on wlan\n"
+    "      Let frames pass the WLAN location by for ten seconds.\n"
     "  moxctl tech --output tech.txt\n"
     "      Everything into one file.\n"
     "\n"
@@ -91,14 +93,17 @@ void describe_hook(CLI::App& app, Words& words, Options& options)
     hook->require_subcommand(1);
     for (bool off : {true, false}) {
         CLI::App* command = hook->add_subcommand(
-            off ? "off" : "on", off ? "Take a hook away: nothing more is captured there"
+            off ? "off" : "on", off ? "Take a hook away: frames pass the location by, and none is captured there"
                                     : "Put a hook back, if a socket has rules at its location");
         command->parse_complete_callback([&options, off] {
             options.action = Action::switches;
             options.is_open = off;
         });
         command->add_option("location", words.hook, "Location, or all")->required()->type_name("LOCATION|all");
-        command->footer("\nLocations:\n" + hook_help());
+        command->footer((off ? "\nThe hook stays away until \"hook on\", or until a socket comes, goes or changes its "
+                               "rule there.\n\nLocations:\n"
+                             : "\nLocations:\n") +
+                        hook_help());
     }
 }
 
@@ -106,7 +111,7 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
 {
     CLI::App* filter = app.add_subcommand("filter", "Set the debug packet filter");
     filter->require_subcommand(1);
-    CLI::App* set = add_command(*filter, "set", "Replace the filter: packets must meet all criteria given", options,
+    CLI::App* set = add_command(*filter, "set", "Replace the filter: a packet matches if it satisfies every criterion", options,
                                 Action::filter);
     struct {
         const char* name;
@@ -124,6 +129,8 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
     };
     for (const auto& each : criteria)
         set->add_option(each.name, each.word, each.what)->type_name(each.type);
+    set->footer("\nThe filter prints nothing and hides nothing: only the platform's trace mark makes a frame leave "
+                "lines.\n");
     set->add_flag("--every-packet", words.filter.every_packet, "No criterion: every packet matches");
     add_command(*filter, "off", "Put no filter in force", options, Action::filter);
 }
