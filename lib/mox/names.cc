@@ -10,44 +10,49 @@
 namespace mox {
 namespace {
 
+// A row's full name is its enumerator's.
+#define ROW(number, ...) {number, #number, __VA_ARGS__}
+
 constexpr Name location_table[] = {
-    {PACKET_NONE_LOC, "PACKET_NONE_LOC", "none", "nowhere"},
-    {PACKET_LOCAL_LOC, "PACKET_LOCAL_LOC", "local", "frames about to leave"},
-    {PACKET_LEV2_LOC, "PACKET_LEV2_LOC", "lev2 l2", "every frame that comes in"},
-    {PACKET_IPv4_LOC, "PACKET_IPv4_LOC", "ipv4 ip", "IPv4 packets"},
-    {PACKET_IPv6_LOC, "PACKET_IPv6_LOC", "ipv6 ip6", "IPv6 packets"},
-    {PACKET_MPLS_LOC, "PACKET_MPLS_LOC", "mpls", "MPLS, refused by the module"},
-    {PACKET_TRILL_LOC, "PACKET_TRILL_LOC", "trill", "TRILL, refused by the module"},
-    {PACKET_RESV_LOC, "PACKET_RESV_LOC", "resv", "frames to reserved multicast addresses"},
-    {PACKET_WLAN_LOC, "PACKET_WLAN_LOC", "wlan", "frames from and to WLAN interfaces"},
-    {PACKET_LEV2_RESV_LOC, "PACKET_LEV2_RESV_LOC", "l2resv", "resv, reserved layer-2 addresses only"},
-    {PACKET_LEV3_RESV_LOC, "PACKET_LEV3_RESV_LOC", "l3resv", "resv, reserved layer-3 addresses only"},
+    ROW(PACKET_NONE_LOC, "none", "nowhere"),
+    ROW(PACKET_LOCAL_LOC, "local", "frames about to leave"),
+    ROW(PACKET_LEV2_LOC, "lev2 l2", "every frame that comes in"),
+    ROW(PACKET_IPv4_LOC, "ipv4 ip", "IPv4 packets"),
+    ROW(PACKET_IPv6_LOC, "ipv6 ip6", "IPv6 packets"),
+    ROW(PACKET_MPLS_LOC, "mpls", "MPLS, refused by the module"),
+    ROW(PACKET_TRILL_LOC, "trill", "TRILL, refused by the module"),
+    ROW(PACKET_RESV_LOC, "resv", "frames to reserved multicast addresses"),
+    ROW(PACKET_WLAN_LOC, "wlan", "frames from and to WLAN interfaces"),
+    ROW(PACKET_LEV2_RESV_LOC, "l2resv", "resv, reserved layer-2 addresses only"),
+    ROW(PACKET_LEV3_RESV_LOC, "l3resv", "resv, reserved layer-3 addresses only"),
 };
 
 constexpr Name treatment_table[] = {
-    {PACKET_TREATMENT_NONE, "PACKET_TREATMENT_NONE", "none", "nothing"},
-    {PACKET_COPY, "PACKET_COPY", "copy", "the frame goes its way, every matching socket gets a copy"},
-    {PACKET_FETCH, "PACKET_FETCH", "fetch", "the frame is taken, every matching socket gets a copy"},
-    {PACKET_TRAP, "PACKET_TRAP", "trap", "the frame is taken for the first matching socket alone"},
-    {PACKET_COPY_LOCAL, "PACKET_COPY_LOCAL", "copy-local",
-     "a copy of frames that some other rule of the location captures"},
-    {PACKET_FETCH_LOCAL, "PACKET_FETCH_LOCAL", "fetch-local",
-     "as copy-local, placed among the rules that come first"},
+    ROW(PACKET_TREATMENT_NONE, "none", "nothing"),
+    ROW(PACKET_COPY, "copy", "the frame goes its way, every matching socket gets a copy"),
+    ROW(PACKET_FETCH, "fetch", "the frame is taken, every matching socket gets a copy"),
+    ROW(PACKET_TRAP, "trap", "the frame is taken for the first matching socket alone"),
+    ROW(PACKET_COPY_LOCAL, "copy-local",
+     "a copy of frames that some other rule of the location captures"),
+    ROW(PACKET_FETCH_LOCAL, "fetch-local",
+     "as copy-local, placed among the rules that come first"),
 };
 
 constexpr Name send_flag_table[] = {
-    {MOX_SEND_DEBUG, "MOX_SEND_DEBUG", "debug trace", "mark the frame for tracing and log its outcome"},
-    {MOX_SEND_EF_40000, "MOX_SEND_EF_40000", "ef40000", "frame flag 0x40000"},
-    {MOX_SEND_VXLAN_ENCAP, "MOX_SEND_VXLAN_ENCAP", "vxlan-encap vxlan", "VXLAN encapsulation (send flag 0x1)"},
-    {MOX_SEND_BLOCK, "MOX_SEND_BLOCK", "block block-send", "block send (send flag 0x2)"},
-    {MOX_SEND_400, "MOX_SEND_400", "send4 400 0x400", "send flag 0x4"},
-    {MOX_SEND_4000, "MOX_SEND_4000", "send20 4000 0x4000", "send flag 0x20"},
-    {MOX_SEND_10000, "MOX_SEND_10000", "send40 10000 0x10000", "send flag 0x40"},
-    {MOX_SEND_20000, "MOX_SEND_20000", "send80 20000 0x20000", "send flag 0x80"},
-    {MOX_SEND_NO_ACL, "MOX_SEND_NO_ACL", "no-acl", "do not match access lists (send flag 0x8)"},
-    {MOX_SEND_PROXY_CAPTURE, "MOX_SEND_PROXY_CAPTURE", "proxy-capture",
-     "the proxy-capture byte is valid (send flag 0x10)"},
+    ROW(MOX_SEND_DEBUG, "debug trace", "mark the frame for tracing and log its outcome"),
+    ROW(MOX_SEND_EF_40000, "ef40000", "frame flag 0x40000"),
+    ROW(MOX_SEND_VXLAN_ENCAP, "vxlan-encap vxlan", "VXLAN encapsulation (send flag 0x1)"),
+    ROW(MOX_SEND_BLOCK, "block block-send", "block send (send flag 0x2)"),
+    ROW(MOX_SEND_400, "send4 400 0x400", "send flag 0x4"),
+    ROW(MOX_SEND_4000, "send20 4000 0x4000", "send flag 0x20"),
+    ROW(MOX_SEND_10000, "send40 10000 0x10000", "send flag 0x40"),
+    ROW(MOX_SEND_20000, "send80 20000 0x20000", "send flag 0x80"),
+    ROW(MOX_SEND_NO_ACL, "no-acl", "do not match access lists (send flag 0x8)"),
+    ROW(MOX_SEND_PROXY_CAPTURE, "proxy-capture",
+     "the proxy-capture byte is valid (send flag 0x10)"),
 };
+
+#undef ROW
 
 constexpr std::string_view prefix = "PACKET_";
 

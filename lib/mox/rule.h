@@ -41,6 +41,7 @@ enum class ValueKind {
 struct RuleType {
     std::uint16_t value;
     std::string_view full;    /**< as in mox_packet.h */
+    std::uint16_t width;      /**< bytes of one element */
     std::string_view aliases; /**< separated by spaces; the first one is the one to show */
     ValueKind kind;
     std::string_view meaning; /**< half a sentence for help texts, with an example value */
@@ -53,9 +54,6 @@ std::span<const RuleType> rule_types();
 
 /** The row of a name or alias. Throws UsageError listing the allowed names. */
 const RuleType& find_rule_type(std::string_view text);
-
-/** Bytes of one element of the kind, as the module strides over them. */
-std::size_t element_size(ValueKind kind);
 
 /** One rule type with its values. */
 class Rule {
@@ -78,6 +76,11 @@ public:
      */
     void add_value(std::string_view text, const InterfaceLookup& lookup);
     void add_element(std::span<const std::uint8_t> element);
+    /**
+     * Adds one value given as a number in host order; the record has it in the byte order and width of the type.
+     * Throws UsageError for a number that does not fit, and for types whose values are no numbers.
+     */
+    void add_number(std::uint32_t number);
 
     /** The whole record for setsockopt: the head and count elements of the type's own size. */
     std::vector<std::uint8_t> record() const;

@@ -32,6 +32,15 @@ std::size_t forms_of(Line line)
     return count;
 }
 
+/** How many counters a whole section of the memory report has. */
+std::size_t counters_of(unsigned section)
+{
+    std::size_t count = 0;
+    for (const LineForm& form : line_forms())
+        count += form.line == Line::memory_counter && (form.sections & section);
+    return count;
+}
+
 class Parser {
 public:
     Parser(unsigned kind, std::size_t locations) : kind_(kind), locations_(locations) {}
@@ -245,20 +254,17 @@ private:
         }
     }
 
-    /** The table has each section's heading, but the counters of items and data once for both. */
     void check_memory()
     {
-        struct {
-            const char* section;
-            std::size_t counters;
-        } constexpr whole[] = {{"rule_data", 2}, {"items", 21}, {"data", 19}, {"skbs", 2}};
-        for (const auto& each : whole) {
-            std::size_t found = 0;
+        for (const LineForm& head : line_forms()) {
+            if (head.line != Line::memory_head)
+                continue;
+            std::size_t found = 0, expected = counters_of(head.sections);
             for (const auto& [name, counters] : report_.memory)
-                found += name == each.section ? counters.size() : 0;
-            if (found != each.counters)
-                problem(std::string("the memory section ") + each.section + " has " + std::to_string(found) + " of " +
-                        std::to_string(each.counters) + " counters");
+                found += name == head.key ? counters.size() : 0;
+            if (found != expected)
+                problem("the memory section " + std::string(head.key) + " has " + std::to_string(found) + " of " +
+                        std::to_string(expected) + " counters");
         }
     }
 

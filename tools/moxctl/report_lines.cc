@@ -3,6 +3,7 @@
 
 #include "mox/names.h"
 #include "mox/rule.h"
+#include "mox_packet_tables.h"
 
 #include <algorithm>
 #include <cctype>
@@ -15,6 +16,54 @@ constexpr unsigned rules = report_rules | report_tech;
 constexpr unsigned queues = rules | report_queues;
 constexpr unsigned sockets = rules | report_process;
 constexpr unsigned memory = report_memory | report_tech;
+
+/** A short text that is put together at compile time. */
+struct Text {
+    char characters[40] = {};
+    std::size_t length = 0;
+
+    constexpr void add(char c) { characters[length++] = c; }
+    constexpr std::string_view view() const { return {characters, length}; }
+};
+
+/** The form of a line with a number in a column; a longer label pushes its number to the right. */
+constexpr Text number_form(std::string_view label, std::size_t column)
+{
+    Text text;
+    for (char c : label)
+        text.add(c);
+    while (text.length < column)
+        text.add(' ');
+    text.add('%');
+    text.add('u');
+    return text;
+}
+
+/** A label as a name in JSON: lower case, underscores for blanks, no colon. */
+constexpr Text json_name(std::string_view label)
+{
+    Text text;
+    for (char c : label)
+        if (c != ':')
+            text.add(c == ' ' ? '_' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+    return text;
+}
+
+// The texts that the tables' rows have in common with the module.
+#define COUNTER_TEXT(field, label, ...) constexpr Text field##_form = number_form(label, MOX_PACKET_COUNTER_COLUMN);
+MOX_PACKET_COUNTER_TABLE(COUNTER_TEXT)
+#undef COUNTER_TEXT
+#define MEMORY_TEXT(type, width, compared, key, form, label, ...)                                                      \
+    constexpr Text type##_form = number_form(label, MOX_PACKET_MEMORY_COLUMN);                                         \
+    constexpr Text type##_name = json_name(label);
+MOX_PACKET_RULE_TYPE_TABLE(MEMORY_TEXT)
+#undef MEMORY_TEXT
+
+#define COUNTER_FORM(field, ...) {Line::counter, sockets, field##_form.view(), #field},
+// Items count rule types; data are counted for the types whose values are stored.
+#define MEMORY_FORM(type, width, compared, ...)                                                                        \
+    {Line::memory_counter, memory, type##_form.view(), type##_name.view(),                                             \
+     section_items | ((compared) != 0 ? section_data : 0u)},
 
 constexpr LineForm forms[] = {
     {Line::blank, any_kind, "", {}},
@@ -37,19 +86,7 @@ constexpr LineForm forms[] = {
     {Line::more_data, sockets, "               %v", {}},
     {Line::location, sockets, "PACKET LOC:         %l", {}},
     {Line::treatment, sockets, "PACKET TREATMENT:   %t", {}},
-    {Line::counter, sockets, "sk recv packets:        %u", "recv_packets"},
-    {Line::counter, sockets, "sk filter drops:        %u", "filter_drops"},
-    {Line::counter, sockets, "sk rcvbuff full drops:  %u", "rcvbuf_full_drops"},
-    {Line::counter, sockets, "sk trim fail drops:     %u", "trim_fail_drops"},
-    {Line::counter, sockets, "sk send packet:         %u", "send_packets"},
-    {Line::counter, sockets, "sk sendmsg ill fails:   %u", "sendmsg_ill_fails"},
-    {Line::counter, sockets, "sk macfunc ill fails:   %u", "macfunc_ill_fails"},
-    {Line::counter, sockets, "sk dstintf ill fails:   %u", "dstintf_ill_fails"},
-    {Line::counter, sockets, "sk srcintf ill fails:   %u", "srcintf_ill_fails"},
-    {Line::counter, sockets, "sk intf linkdown fails: %u", "intf_linkdown_fails"},
-    {Line::counter, sockets, "sk alloc efbuff fails:  %u", "alloc_efbuff_fails"},
-    {Line::counter, sockets, "sk pkt copy fails:      %u", "pkt_copy_fails"},
-    {Line::counter, sockets, "sk ef send fails:       %u", "ef_send_fails"},
+    MOX_PACKET_COUNTER_TABLE(COUNTER_FORM)
     {Line::counter, sockets, "skbs to be recv:        %u", "skbs_to_be_recv"},
     {Line::counter, sockets, "skbs to be send:        %u", "skbs_to_be_send"},
     {Line::counter, sockets, "sk refcnt:              %u", "refcnt"},
@@ -62,37 +99,19 @@ constexpr LineForm forms[] = {
     {Line::match_data, rules, "    regular data:  %v", {}},
 
     // The blank at the end of this heading is the report's own.
-    {Line::memory_head, memory, "------------------ DUMP PACKET DATA MEM ----------------- ", "rule_data"},
-    {Line::memory_counter, memory, "regular data alloc:     %u", "alloc"},
-    {Line::memory_counter, memory, "regular data free:      %u", "free"},
-    {Line::memory_head, memory, "--------------------- ITEM MEM ---------------------", "items"},
-    {Line::memory_head, memory, "--------------------- DATA MEM ---------------------", "data"},
-    {Line::memory_counter, memory, "PACKET_CODE:  %u", "packet_code"},
-    {Line::memory_counter, memory, "DST MAC:      %u", "dst_mac"},
-    {Line::memory_counter, memory, "SRC MAC:      %u", "src_mac"},
-    {Line::memory_counter, memory, "ETH PRO:      %u", "eth_pro"},
-    {Line::memory_counter, memory, "SNAP PRO:     %u", "snap_pro"},
-    {Line::memory_counter, memory, "IPV4 PRO:     %u", "ipv4_pro"},
-    {Line::memory_counter, memory, "IPV6 PRO:     %u", "ipv6_pro"},
-    {Line::memory_counter, memory, "DST PORT NUM: %u", "dst_port_num"},
-    {Line::memory_counter, memory, "SRC PORT NUM: %u", "src_port_num"},
-    {Line::memory_counter, memory, "SRC INTF:     %u", "src_intf"},
-    {Line::memory_counter, memory, "IPV6 DST PORT:%u", "ipv6_dst_port"},
-    {Line::memory_counter, memory, "PID TYPE:     %u", "pid_type"},
-    {Line::memory_counter, memory, "ICMPV6 TYPE:  %u", "icmpv6_type"},
-    {Line::memory_counter, memory, "ARP TYPE:     %u", "arp_type"},
-    {Line::memory_counter, memory, "IPv4 MCAST:   %u", "ipv4_mcast"},
-    {Line::memory_counter, memory, "IPv6 MCAST:   %u", "ipv6_mcast"},
-    {Line::memory_counter, memory, "WLAN MGNT:    %u", "wlan_mgnt"},
-    {Line::memory_counter, memory, "EAPOL TYPE:   %u", "eapol_type"},
-    {Line::memory_counter, memory, "EAPOL WPS TYPE:%u", "eapol_wps_type"},
-    {Line::memory_counter, memory, "PACKET ALL:   %u", "packet_all"},
-    {Line::memory_counter, memory, "FILTER LIST:  %u", "filter_list"},
-    {Line::memory_counter, memory, "REGULAR:      %u", "regular"},
-    {Line::memory_counter, memory, "ALLOC FAILED: %u", "alloc_failed"},
-    {Line::memory_head, memory, "---------------  SKB NUM ----------------", "skbs"},
-    {Line::memory_counter, memory, "AF-PACKET alloc %d skbs", "alloc"},
-    {Line::memory_counter, memory, "AF-PACKET free  %d skbs", "free"},
+    {Line::memory_head, memory, "------------------ DUMP PACKET DATA MEM ----------------- ", "rule_data",
+     section_rule_data},
+    {Line::memory_counter, memory, "regular data alloc:     %u", "alloc", section_rule_data},
+    {Line::memory_counter, memory, "regular data free:      %u", "free", section_rule_data},
+    {Line::memory_head, memory, "--------------------- ITEM MEM ---------------------", "items", section_items},
+    {Line::memory_head, memory, "--------------------- DATA MEM ---------------------", "data", section_data},
+    MOX_PACKET_RULE_TYPE_TABLE(MEMORY_FORM)
+    {Line::memory_counter, memory, "FILTER LIST:  %u", "filter_list", section_data},
+    {Line::memory_counter, memory, "REGULAR:      %u", "regular", section_data},
+    {Line::memory_counter, memory, "ALLOC FAILED: %u", "alloc_failed", section_items | section_data},
+    {Line::memory_head, memory, "---------------  SKB NUM ----------------", "skbs", section_skbs},
+    {Line::memory_counter, memory, "AF-PACKET alloc %d skbs", "alloc", section_skbs},
+    {Line::memory_counter, memory, "AF-PACKET free  %d skbs", "free", section_skbs},
 
     {Line::thread_head, report_thread, "-------------PACKET-COPY-THREAD---------------", {}},
     {Line::thread_counter, report_thread, "scheduled:          %u", "scheduled"},
@@ -105,6 +124,9 @@ constexpr LineForm forms[] = {
     {Line::dump_banner, report_tech, "**************** AF-PACKET DUMP MEM START ****************", {}},
     {Line::dump_banner, report_tech, "**************** AF-PACKET DUMP MEM END ****************", {}},
 };
+
+#undef COUNTER_FORM
+#undef MEMORY_FORM
 
 bool is_digits(std::string_view text)
 {
