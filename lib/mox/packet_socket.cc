@@ -159,6 +159,12 @@ std::optional<MacAddress> PacketSocket::interface_mac() const
 
 void PacketSocket::send(const SendRequest& request)
 {
+    if (int error = try_send(request); error != 0)
+        fail_to_send(request, error);
+}
+
+int PacketSocket::try_send(const SendRequest& request)
+{
     LinkAddress name{};
     // sendmsg reads these and has no const for it.
     iovec io{const_cast<std::uint8_t*>(request.bytes.data()), request.bytes.size()};
@@ -181,13 +187,11 @@ void PacketSocket::send(const SendRequest& request)
         message.msg_control = &control;
         message.msg_controllen = sizeof(control);
     }
-    if (calls_.sendmsg(fd_, &message, 0) < 0)
-        fail_to_send(request);
+    return calls_.sendmsg(fd_, &message, 0) < 0 ? errno : 0;
 }
 
-void PacketSocket::fail_to_send(const SendRequest& request) const
+void PacketSocket::fail_to_send(const SendRequest& request, int error) const
 {
-    int error = errno;
     std::uint32_t to = request.to ? request.to->ifindex : bound_to_;
     std::uint32_t from = request.control ? request.control->pkt_ifx : 0;
     std::string destination = "interface " + std::to_string(to);

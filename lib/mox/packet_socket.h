@@ -94,12 +94,14 @@ public:
      * all that is known: "dropped" is a SocketError of ENETUNREACH, everything else counts as sent.
      */
     void send(const SendRequest& request);
+    /** The same without an exception, for callers that go on after a failure: 0, or the errno of the send. */
+    int try_send(const SendRequest& request);
 
 protected:
     SocketCalls& calls() const { return calls_; }
 
 private:
-    [[noreturn]] void fail_to_send(const SendRequest& request) const;
+    [[noreturn]] void fail_to_send(const SendRequest& request, int error) const;
 
     SocketCalls& calls_;
     int fd_ = -1;

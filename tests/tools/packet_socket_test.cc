@@ -183,4 +183,17 @@ TEST(packet_socket, a_capture_socket_answers_on_the_socket_that_heard)
     EXPECT_EQ(calls.sent[0].bytes, frame);
 }
 
+TEST(packet_socket, try_send__returns_the_errno)
+{
+    FakeCalls calls;
+    mox::PacketSocket socket(mox::SocketKind::raw, 0, calls);
+    calls.send_errors = {0, ENETDOWN, EINTR};
+    const std::vector<std::uint8_t> frame(60, 1);
+    for (int expected : {0, ENETDOWN, EINTR, 0})
+        EXPECT_EQ(socket.try_send({frame}), expected);
+    ASSERT_EQ(calls.sent.size(), 4u);
+    EXPECT_EQ(calls.sent[0].bytes, frame);
+    EXPECT_FALSE(calls.sent[0].has_name) << "without an address: by the interface of the bind";
+}
+
 } // namespace

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* lldpagent: LLDP on the ports of the forwarding platform. */
 #include "common/ending.h"
+#include "error.h"
 #include "options.h"
 #include "socket.h"
 #include "state.h"

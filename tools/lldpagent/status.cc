@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 #include "status.h"
 
-#include "socket.h"
+#include "error.h"
 
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 #include "socket.h"
+#include "error.h"
 #include "status.h"
 
 #include <gtest/gtest.h>
