@@ -32,7 +32,7 @@ std::string text_of(dhcp::Address address)
     return inet_ntop(AF_INET, &network, text, sizeof(text));
 }
 
-/** Addresses by MAC address: who comes again gets the same. */
+/** Addresses by MAC address: a client that asks again gets the same. */
 class Pool {
 public:
     Pool(dhcp::Address first, dhcp::Address last) : next_(first), last_(last) {}
@@ -106,7 +106,7 @@ const char* name_of(dhcp::Type type)
             continue;
         auto request = dhcp::parse(frame->bytes);
         if (!request) {
-            std::puts("something that is no sound DHCP request");
+            std::puts("not a valid DHCP request");
             continue;
         }
         std::uint32_t ifindex = frame->control->pkt_ifx;

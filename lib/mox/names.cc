@@ -29,7 +29,7 @@ constexpr Name location_table[] = {
 
 constexpr Name treatment_table[] = {
     ROW(PACKET_TREATMENT_NONE, "none", "nothing"),
-    ROW(PACKET_COPY, "copy", "the frame goes its way, every matching socket gets a copy"),
+    ROW(PACKET_COPY, "copy", "the platform forwards the frame, every matching socket gets a copy"),
     ROW(PACKET_FETCH, "fetch", "the frame is taken, every matching socket gets a copy"),
     ROW(PACKET_TRAP, "trap", "the frame is taken for the first matching socket alone"),
     ROW(PACKET_COPY_LOCAL, "copy-local",

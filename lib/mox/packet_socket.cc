@@ -27,7 +27,7 @@ const std::string vsd_remedy = std::string("a process whose working directory li
     constexpr char what[] = "cannot open a packet socket";
     switch (errno) {
     case EAFNOSUPPORT:
-        throw_socket_error(what, "nobody serves family 17: is mox_ef_socket.ko loaded?");
+        throw_socket_error(what, "no module has registered family 17: is mox_ef_socket.ko loaded?");
     case EINVAL:
         throw_socket_error(what, vsd_remedy);
     case EPERM:
@@ -211,14 +211,14 @@ void PacketSocket::fail_to_send(const SendRequest& request, int error) const
     case ENETDOWN:
         throw_socket_error(what, "the link of " + destination + " is down: bring it up and send again");
     case ENETUNREACH:
-        throw_socket_error(what, "the platform took the frame and dropped it: an output hook, an access list or the "
+        throw_socket_error(what, "the platform dropped the frame: an output hook, an access list or the "
                                  "destination refused it");
     case EINVAL:
         if (kind_ == SocketKind::datagram && !(request.to && request.to->mac))
             throw_socket_error(what, "a datagram socket needs a destination MAC address with every frame");
         if (kind_ == SocketKind::datagram)
-            throw_socket_error(what, "the platform does not tell the device's MAC address at the moment: send with "
-                                     "a raw socket; or: " + vsd_remedy);
+            throw_socket_error(what, "the device's MAC address is not available at the moment: send with a raw "
+                                     "socket; or: " + vsd_remedy);
         throw_socket_error(what, vsd_remedy);
     case ENOMEM:
         throw_socket_error(what, "the platform has no buffer for a frame of this length: send a shorter one, or "

@@ -3,7 +3,7 @@
  * Rule records: what MOX_PACKET_ADD_RULE and MOX_PACKET_DEL_RULE take.
  *
  * A socket captures a frame when every rule type it has holds (AND), and a type holds when one of its values
- * does (OR). A Rule is one type with its values, already laid out as the module reads them.
+ * does (OR). A Rule is one type with its values, laid out as the module reads them.
  */
 #ifndef MOX_RULE_H
 #define MOX_RULE_H
@@ -32,7 +32,7 @@ enum class ValueKind {
     interface_index, /**< u32, host order */
     icmpv6_type,  /**< one byte */
     eapol_type,   /**< one byte */
-    filler,       /**< one byte that the module does not compare; may be left out */
+    filler,       /**< one byte that the module does not compare; optional */
     attribute,    /**< u32, host order; "any" is 0xffffffff */
     arp_operation, /**< u16, network order */
 };
@@ -92,11 +92,11 @@ private:
 };
 
 /**
- * The rules in an order, and with the additions, that make the module look for the frames they describe; what
- * they match is unchanged:
+ * The rules in an order, and with additions, that make the hooks find the frames that the rules match. The frames
+ * that match stay the same:
  *
- *  - The module files a socket under its first type (its key). ARP operations are looked up there by one byte
- *    only and would never be found, so they go last, and behind "eth=arp" when they would come first.
+ *  - The module files a socket under its first type (its key). ARP operations are looked up by one byte only
+ *    and would never be found as a key, so they go last, and behind "eth=arp" when they would come first.
  *  - Exclusions are no key at all: alone they get "all" in front.
  *  - No rules would match nothing: they become "all".
  *

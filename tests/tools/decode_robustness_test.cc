@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The decoder reads what strangers send. Every buffer here is on the heap at its exact size, so that the address
+/* The decoder reads received bytes. Every buffer here is on the heap at its exact size, so that the address
  * sanitizer stops the test at the first byte read beyond it. */
 #include "decode.h"
 #include "frames.h"

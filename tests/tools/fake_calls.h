@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A kernel made of vectors: it writes down every call, answers as told, and hands out queued frames. Its
+ * A kernel made of vectors: it records every call, answers as the test sets it, and returns queued frames. Its
  * descriptor is an event counter that is readable while frames are queued, so that waiting works for real.
  */
 #ifndef FAKE_CALLS_H

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The sending half of a socket: what reaches the kernel to the byte, and what a refusal is told as. */
+/* The sending half of a socket: what is passed to the kernel, to the byte, and the texts of refusals. */
 #include "mox/packet_socket.h"
 
 #include "expect_error.h"
@@ -119,11 +119,11 @@ TEST(packet_socket, send__refusals_name_the_thing_and_the_remedy)
         {"source", raw, 0, {}, 9, ENXIO, {"platform has no source interface 9"}},
         {"either", raw, 0, to_7, 9, ENXIO, {"no interface 7, or no source interface 9"}},
         {"link", raw, 4, {}, 0, ENETDOWN, {"link of interface 4 is down", "bring it up"}},
-        {"dropped", raw, 0, to_7, 0, ENETUNREACH, {"to interface 7", "the platform took the frame and dropped it"}},
+        {"dropped", raw, 0, to_7, 0, ENETUNREACH, {"to interface 7", "the platform dropped the frame"}},
         {"vsd", raw, 0, to_7, 0, EINVAL, {"/data/var/run/vsd/"}},
         {"no MAC", datagram, 0, to_7_without_mac, 0, EINVAL, {"needs a destination MAC"}},
         {"no name", datagram, 7, {}, 0, EINVAL, {"needs a destination MAC"}},
-        {"no service", datagram, 0, to_7, 0, EINVAL, {"does not tell the device's MAC", "/data/var/run/vsd/"}},
+        {"no service", datagram, 0, to_7, 0, EINVAL, {"the device's MAC address is not available", "/data/var/run/vsd/"}},
         {"no buffer", raw, 0, to_7, 0, ENOMEM, {"5 bytes", "no buffer"}},
         {"fault", raw, 0, to_7, 0, EFAULT, {"cannot be read"}},
         {"old module", raw, 0, to_7, 0, EOPNOTSUPP, {"load a newer one"}},

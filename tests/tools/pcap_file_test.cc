@@ -44,7 +44,7 @@ StoredFile read_back(const std::string& path)
     int result;
     while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
         file.frames.push_back({*head, Bytes(bytes, bytes + head->caplen)});
-    EXPECT_EQ(result, PCAP_ERROR_BREAK) << pcap_geterr(pcap); // which is how the end of a file is told
+    EXPECT_EQ(result, PCAP_ERROR_BREAK) << pcap_geterr(pcap); // which stands for the end of the file
     pcap_close(pcap);
     return file;
 }

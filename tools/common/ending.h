@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* How the programs end: by a signal, or before they begin. Nothing here knows of sockets. */
+/* How the programs end: by a signal, or at once with a text. Independent of sockets. */
 #ifndef MOX_TOOLS_COMMON_ENDING_H
 #define MOX_TOOLS_COMMON_ENDING_H
 

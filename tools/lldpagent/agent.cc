@@ -40,7 +40,7 @@ Lldpdu Agent::announcement_of(const PortState& port) const
     Lldpdu pdu;
     pdu.chassis = {chassis_mac, Bytes(identity_.chassis->begin(), identity_.chassis->end())};
     pdu.port = {port_interface_name, Bytes(port.port.name.begin(), port.port.name.end())};
-    // One second more than the announcements take: the last one may be on its way.
+    // One second more than the announcements take: the last one may be late.
     pdu.ttl = static_cast<std::uint16_t>(std::min(identity_.interval * identity_.hold + 1, longest_ttl));
     pdu.port_description = "interface " + std::to_string(port.port.ifindex);
     pdu.system_name = identity_.name;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The agent: what to say on which port and when, and what becomes of what is heard. Knows nothing of sockets. */
+/* The agent: what it announces on which port and when, and what it does with received frames. Independent of sockets. */
 #ifndef LLDPAGENT_AGENT_H
 #define LLDPAGENT_AGENT_H
 
@@ -11,11 +11,11 @@ namespace lldp {
 
 struct Port {
     std::uint32_t ifindex = 0; /**< the platform's */
-    std::string name;          /**< what neighbours are told as the port id */
+    std::string name;          /**< the port id that is announced */
     auto operator<=>(const Port&) const = default;
 };
 
-/** What the agent says of the device, and how often. */
+/** What the agent announces of the device, and how often. */
 struct Identity {
     std::optional<Mac> chassis; /**< nothing: the MAC address of the first port */
     std::string name;
@@ -23,10 +23,10 @@ struct Identity {
     std::optional<Capabilities> capabilities;
     std::vector<ManagementAddress> management;
     unsigned interval = 30; /**< seconds between announcements, 1 to 3600 */
-    unsigned hold = 4;      /**< a neighbour may miss so many less one, 1 to 100 */
+    unsigned hold = 4;      /**< announcements that fit into a TTL, 1 to 100 */
 };
 
-/** Where frames leave. */
+/** Sends frames out of ports. */
 class Wire {
 public:
     virtual ~Wire() = default;
@@ -36,7 +36,7 @@ public:
 
 /** Counted for each port since the start. */
 struct Counters {
-    std::uint64_t sent = 0;               /**< announcements and shutdowns that the platform took */
+    std::uint64_t sent = 0;               /**< announcements and shutdowns that the platform accepted */
     std::uint64_t send_failures = 0;
     std::uint64_t received = 0;           /**< LLDP frames, the discarded ones included */
     std::uint64_t discarded = 0;          /**< of these, malformed ones */

@@ -80,7 +80,7 @@ struct Decoded {
     std::optional<Lldpdu> pdu;      /**< nothing: the LLDPDU is to be discarded */
     const char* error = nullptr;    /**< then why */
     unsigned tlvs_discarded = 0;    /**< optional TLVs that were malformed or there for a second time */
-    unsigned tlvs_unrecognised = 0; /**< optional TLVs that nobody here knows */
+    unsigned tlvs_unrecognised = 0; /**< optional TLVs of unknown types */
 };
 
 /**

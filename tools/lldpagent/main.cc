@@ -17,7 +17,7 @@
 
 namespace {
 
-// A flood of frames must not keep the agent from its announcements and from its operator.
+// A flood of frames must not delay announcements and answers to the operator.
 constexpr unsigned batch = 64;
 
 lldp::Time now()

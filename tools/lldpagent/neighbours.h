@@ -11,7 +11,7 @@
 
 namespace lldp {
 
-/** Time that no change of the wall clock moves. Functions that depend on it are told it, so that tests can set it. */
+/** Time of a clock that does not follow the wall clock. Functions take it as an argument, so that tests can set it. */
 using Time = std::chrono::steady_clock::time_point;
 
 struct Neighbour {
@@ -25,12 +25,12 @@ enum class Change {
     added,
     refreshed, /**< known, and says the same */
     changed,   /**< known, and says something new */
-    removed,   /**< a shutdown of somebody known */
-    unknown,   /**< a shutdown of somebody unknown */
+    removed,   /**< a shutdown of a neighbour in the list */
+    unknown,   /**< a shutdown of another one */
     refused,   /**< new, and its port has as many as it may */
 };
 
-/** Neighbours are told apart by the port they are heard on, their chassis id and their port id. */
+/** A neighbour is identified by the port that receives its frames, its chassis id and its port id. */
 class NeighbourTable {
 public:
     using Key = std::tuple<std::uint32_t, Id, Id>;

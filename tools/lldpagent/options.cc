@@ -22,8 +22,8 @@ constexpr char examples[] =
     "      Print the neighbours and counters of the running agent.\n"
     "  lldpagent show --json | jq .neighbours\n"
     "\n"
-    "SIGTERM and SIGINT end the agent; it tells its neighbours that it goes.\n"
-    "Exit status: 0 ended by a signal, or shown; 1 a system call failed, or no agent answers; 2 wrong use.\n";
+    "SIGTERM and SIGINT end the agent; it announces a shutdown to its neighbours.\n"
+    "Exit status: 0 success, or ended by a signal; 1 a system call failed, or no agent answers; 2 wrong command line.\n";
 
 class UsageError : public std::runtime_error {
 public:
@@ -115,7 +115,7 @@ void describe_command_line(CLI::App& app, Words& words, Options& options)
     auto text_length = CLI::Validator(
         [](std::string& text) { return text.size() > longest_text ? "is longer than 255 bytes" : ""; }, "");
 
-    each_once(app.add_option("-p,--port", words.ports, "A port to announce on, and its name; several times"))
+    each_once(app.add_option("-p,--port", words.ports, "A port to announce on, and its name; may be given several times"))
         ->type_name("INDEX=NAME");
     app.add_option("-i,--interval", identity.interval, "Seconds between announcements (default 30)")
         ->type_name("SECONDS")
@@ -133,15 +133,15 @@ void describe_command_line(CLI::App& app, Words& words, Options& options)
                    "What the device is, all of it enabled (default bridge,wlan-ap): " + all_capabilities())
         ->type_name("NAME,...")
         ->delimiter(',');
-    each_once(app.add_option("-m,--management", words.management, "An address to manage the device at; several times"))
+    each_once(app.add_option("-m,--management", words.management, "Management address of the device; may be given several times"))
         ->type_name("ADDRESS");
     app.add_option("--chassis", words.chassis, "Chassis id (default: the first port's)")->type_name("MAC");
-    app.add_option("--neighbours", options.most_of_a_port, "Most neighbours of a port (default 32)")
+    app.add_option("--neighbours", options.most_of_a_port, "Maximum number of neighbours of a port (default 32)")
         ->type_name("N")
         ->check(CLI::Range(1u, 1000u));
     app.add_option("-s,--status", options.status, "Where the agent answers \"show\" (default /run/lldpagent.sock)")
         ->type_name("PATH");
-    app.add_flag("-q,--quiet", options.quiet, "Do not tell of neighbours that come and go");
+    app.add_flag("-q,--quiet", options.quiet, "Print nothing about neighbours that appear and expire");
     app.footer(examples);
 
     CLI::App* show = app.add_subcommand("show", "Print neighbours and counters of the running agent");

@@ -20,7 +20,7 @@ struct Options {
     bool quiet = false;
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;
@@ -29,7 +29,7 @@ struct Ending {
 /** Exit status of a wrong command line, and of everything else that fails. */
 constexpr int usage_status = 2, failure_status = 1;
 
-/** What the device says of itself where the command line says nothing. */
+/** What is announced where the command line gives nothing. */
 struct Defaults {
     std::string name;
     std::string description;

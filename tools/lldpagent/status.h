@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* How "lldpagent show" asks a running agent: a Unix socket, one question and one answer to a connection. */
+/* How "lldpagent show" asks a running agent: a Unix socket, one request and one answer for each connection. */
 #ifndef LLDPAGENT_STATUS_H
 #define LLDPAGENT_STATUS_H
 
@@ -19,10 +19,10 @@ public:
     StatusServer(const StatusServer&) = delete;
     StatusServer& operator=(const StatusServer&) = delete;
 
-    /** For poll: readable when somebody asks. */
+    /** For poll: readable when a client connects. */
     int fd() const { return fd_; }
 
-    /** Answers one question. Gives up on a client that neither asks nor reads within a quarter of a second. */
+    /** Answers one request. Closes the connection of a client that neither writes nor reads within a quarter of a second. */
     void answer(const std::function<std::string(StateForm)>& state);
 
 private:

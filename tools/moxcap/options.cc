@@ -15,15 +15,15 @@ namespace {
 constexpr char examples[] =
     "Examples:\n"
     "  moxcap --location lev2 --rule eth=arp\n"
-    "      Show ARP; the frames go their way.\n"
+    "      Show ARP; the platform forwards the frames.\n"
     "  moxcap --location ipv4 --rule dport=67,68 --hex --write dhcp.pcap\n"
     "      Show DHCP with its bytes, and keep it for other programs.\n"
     "  moxcap --location resv --treatment fetch --rule dmac=01:80:c2:00:00:0e --interface port1\n"
     "      Take LLDP off the pipeline, from one port only.\n"
     "  moxcap --location ipv6 --treatment trap --rule icmp6=echo-request --count 3\n"
-    "      Take three echo requests away from everybody else.\n"
+    "      Trap three echo requests: no other socket gets them.\n"
     "\n"
-    "Several --rule of different types must all hold; of several values of one type, one must.\n"
+    "A frame is captured if it matches every rule type that is given, with one of the type's values.\n"
     "Without any rule every frame of the location is captured.\n";
 
 template <typename Row>
@@ -57,7 +57,7 @@ std::string footer()
     list(out, "Locations", mox::locations());
     list(out, "Treatments", mox::treatments());
     list(out, "Rule types", mox::rule_types());
-    out << "The full names of mox_packet.h (PACKET_LEV2_LOC, PACKET_ETH_PROT_EQUAL, ...) are taken as well.\n\n"
+    out << "The full names of mox_packet.h (PACKET_LEV2_LOC, PACKET_ETH_PROT_EQUAL, ...) are accepted as well.\n\n"
         << examples;
     return out.str();
 }

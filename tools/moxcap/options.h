@@ -33,7 +33,7 @@ struct Options {
     bool counters = false;
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;

@@ -28,9 +28,9 @@ constexpr char examples[] =
     "  moxctl hook off wlan; sleep 10; moxctl hook on wlan\n"
     "      Let frames pass the WLAN location by for ten seconds.\n"
     "  moxctl tech --output tech.txt\n"
-    "      Everything into one file.\n"
+    "      Write all reports to one file.\n"
     "\n"
-    "Exit status: 0 done, 1 failed, 2 wrong command line, 3 the report is incomplete, 4 no answer in time.\n";
+    "Exit status: 0 success, 1 failure, 2 wrong command line, 3 incomplete report, 4 no answer in time.\n";
 
 /** The words as they were typed, before anything is looked up. */
 struct Words {
@@ -137,7 +137,7 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
 
 void describe_tech(CLI::App& app, Options& options)
 {
-    CLI::App* tech = add_command(app, "tech", "Have everything written to the dump file, and print that", options,
+    CLI::App* tech = add_command(app, "tech", "Write all reports to the dump file, and print it", options,
                                  Action::tech);
     tech->add_option("-o,--output", options.output, "Save it to this file instead of printing it")->type_name("FILE");
     tech->add_option("-t,--timeout", options.timeout, "Seconds to wait for the answer (default 10)")
@@ -193,7 +193,7 @@ void look_up(const CLI::App& app, const Words& words, const mox::InterfaceLookup
     }
 }
 
-/** What is wrong, and the commands that there are where one is missing or unknown. */
+/** What is wrong, with the list of commands where one is missing or unknown. */
 std::string complaint_of(const CLI::App& app, const CLI::Error& error)
 {
     const CLI::App* deepest = &app;
@@ -231,7 +231,7 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const mox:
         std::ostringstream out, complaint;
         if (app.exit(error, out, complaint) == 0)
             return Ending{status_ok, out.str()};
-        return Ending{status_usage, "moxctl: " + complaint_of(app, error) + "; --help tells more\n"};
+        return Ending{status_usage, "moxctl: " + complaint_of(app, error) + "; see --help\n"};
     } catch (const mox::UsageError& error) {
         return Ending{status_usage, std::string("moxctl: ") + error.what() + "\n"};
     }

@@ -35,10 +35,10 @@ struct Options {
     mox_packet_filter filter{};
     std::string output;                   /**< tech: file, empty: standard output */
     double timeout = 10;                  /**< seconds */
-    std::string note;                     /**< to tell the operator before anything is done */
+    std::string note;                     /**< for the operator, printed first */
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;

@@ -2,7 +2,7 @@
 /*
  * Picks the report of one request out of the kernel log.
  *
- * The module opens every request with a line that holds the requester's netlink port, which nobody else has: the
+ * The module opens every request with a line that holds the requester's netlink port, which is unique: the
  * report begins behind it, and ends at the latest where the next request begins. In between, a record is the
  * report's when it came with the same priority (and caller, where the kernel is built to tell callers) as that line
  * and reads like a line of such a report.

@@ -29,7 +29,7 @@ std::string mac_text(const mox::MacAddress& mac)
     return text;
 }
 
-/** The address that frames come from: as told, or else that of the interface. */
+/** The source address of the frames: as given, or else that of the interface. */
 mox::MacAddress own_mac(const FrameSurroundings& around, const Machine& machine)
 {
     if (around.from)
@@ -59,7 +59,7 @@ Bytes build_arp(const FrameWords& words, const FrameSurroundings& around, const 
         arp.target_mac = mox::parse_mac(words.target_mac);
     arp.sender_mac = words.sender_mac.empty() ? own_mac(around, machine) : mox::parse_mac(words.sender_mac);
 
-    // A request asks everybody, anything else goes to the one it tells.
+    // A request is broadcast, anything else goes to its target.
     Addresses addresses{around.to.value_or(arp.operation == 1 || words.target_mac.empty() ? broadcast
                                                                                          : arp.target_mac),
                         around.from.value_or(arp.sender_mac)};
@@ -117,7 +117,7 @@ void describe_frames(CLI::App& app, FrameWords& words)
 
     words.arp = app.add_subcommand("arp", "Send an ARP packet");
     words.arp->add_option("operation", words.arp_operation, "request (default), reply, or a number");
-    words.arp->add_option("--sender-ip", words.sender_ip, "Whose address is told")->type_name("IP")->required();
+    words.arp->add_option("--sender-ip", words.sender_ip, "IPv4 address of the sender")->type_name("IP")->required();
     words.arp->add_option("--target-ip", words.target_ip, "Whose address is asked for")->type_name("IP")->required();
     words.arp->add_option("--sender-mac", words.sender_mac, "Default: the source address")->type_name("MAC");
     words.arp->add_option("--target-mac", words.target_mac, "Default: zeroes")->type_name("MAC");

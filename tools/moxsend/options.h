@@ -39,16 +39,16 @@ struct Options {
     bool counters = false;
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;
 };
 
-/** Exit status: a call was refused or a file not readable; a wrong command line; some frames failed, the rest went. */
+/** Exit status: a call was refused or a file is not readable; a wrong command line; some frames failed, the rest was sent. */
 constexpr int system_status = 1, usage_status = 2, partial_status = 3;
 
-/** What the command line has to ask of the machine. */
+/** What the command line needs of the machine. */
 struct Machine {
     mox::InterfaceLookup interface_index;
     /** MAC address of a platform interface; may throw SocketError. */

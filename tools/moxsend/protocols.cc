@@ -38,7 +38,7 @@ Bytes begin_frame(const Addresses& addresses, std::uint16_t ether_type)
 
 std::optional<mox::MacAddress> as_mac(const std::string& text)
 {
-    if (text == "broadcast") // a word that parse_mac knows, and no chassis has as its address
+    if (text == "broadcast") // parse_mac accepts the word, but it is no address of a chassis
         return std::nullopt;
     try {
         return mox::parse_mac(text);

@@ -58,13 +58,13 @@ std::span<const mox::NamedValue> lldp_capability_names();
 struct Lldp {
     std::string chassis_id; /**< a MAC address (subtype 4), or any text (7: locally assigned) */
     std::string port_id;    /**< a MAC address (subtype 3), or an interface name (5) */
-    std::uint16_t ttl = 120; /**< seconds; 0 tells the neighbours to forget the port */
+    std::uint16_t ttl = 120; /**< seconds; 0: the neighbours forget the port */
     std::string port_description; /**< this and what follows is left out while empty */
     std::string system_name;
     std::string system_description;
     std::uint16_t capabilities = 0; /**< the same for "has" and "enabled" */
     std::optional<Ipv4Address> management_ip;
-    std::uint32_t management_ifindex = 0; /**< 0: not told */
+    std::uint32_t management_ifindex = 0; /**< 0: left out */
 };
 /** Throws UsageError for ids that are missing and for texts of more than 255 bytes. */
 Bytes lldp_frame(const Addresses& addresses, const Lldp& lldp);

@@ -9,10 +9,10 @@ namespace moxsend {
 namespace {
 
 constexpr std::uint64_t nanoseconds_per_second = 1'000'000'000;
-// Without a schedule nothing waits, and signals would never come in.
+// Without a schedule nothing waits, and signals would never be delivered.
 constexpr unsigned frames_without_a_wait = 64;
 
-/** Lets the coming frame wait for its time; false when a signal asked to stop. */
+/** Waits until the next frame is due; false when a signal asked to stop. */
 class Gate {
 public:
     Gate(double rate, Clock& clock, const volatile std::sig_atomic_t& stop)
@@ -52,7 +52,7 @@ void count_failure(Counters& counters, int error, const char* text)
         failures.first = text;
 }
 
-/** Sends one frame and counts it. Throws what went wrong, counted already. */
+/** Sends one frame and counts it. Throws the failure after counting it. */
 void send_one(const SourceFrame& frame, const Options& options, const Deliver& deliver, Prepared& prepared,
               Counters& counters)
 {
@@ -120,7 +120,7 @@ void run_send(FrameSource& source, const Options& options, const Deliver& delive
 {
     Gate gate(options.rate, clock, stop);
     Prepared prepared;
-    std::uint64_t start = clock.now(), told = start;
+    std::uint64_t start = clock.now(), reported = start;
     for (std::uint64_t round = 0; !stop && (options.count == 0 || round < options.count); ++round) {
         if (round != 0)
             source.rewind();
@@ -138,12 +138,12 @@ void run_send(FrameSource& source, const Options& options, const Deliver& delive
             }
             std::uint64_t now = clock.now();
             counters.elapsed = now - start;
-            if (now - told >= nanoseconds_per_second) {
-                told = now;
+            if (now - reported >= nanoseconds_per_second) {
+                reported = now;
                 progress(counters);
             }
         }
-        if (!any) // and no round will ever have one
+        if (!any) // the following rounds would have none either
             throw FileError(source.name() + " holds no frame");
     }
 }

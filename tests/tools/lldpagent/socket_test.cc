@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What the agent asks of the kernel, in which order, and what it makes of the answers. */
+/* The calls that the agent makes, their order, and how it handles the answers. */
 #include "samples.h"
 #include "socket.h"
 
@@ -17,7 +17,7 @@ namespace {
 
 using lldp::Bytes;
 
-/** A kernel that writes down every call and answers as told. */
+/** A kernel that records every call and answers as the test sets it. */
 class FakeCalls : public mox::SocketCalls {
 public:
     ~FakeCalls() override { EXPECT_TRUE(open.empty()) << "a socket was left open"; }

@@ -113,7 +113,7 @@ TEST_F(StatusTest, a_client_that_says_nothing_does_not_hold_the_agent_up)
     int fd = connect_client();
     auto before = std::chrono::steady_clock::now();
     server.answer([](lldp::StateForm) -> std::string {
-        ADD_FAILURE() << "nobody asked";
+        ADD_FAILURE() << "no client asked";
         return "";
     });
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));

@@ -171,7 +171,7 @@ private:
         return number;
     }
 
-    /** CTRL_CMD_NEWFAMILY with the name, the id, and an attribute that nobody asked for. */
+    /** CTRL_CMD_NEWFAMILY with the name, the id, and an attribute that is not needed. */
     static Bytes family_body()
     {
         Bytes body = {1, 2, 0, 0};

@@ -309,7 +309,7 @@ TEST(ctl_options, errors__status_2_and_what_would_be_allowed)
         {{"filter", "set", "--vlan", "4096"}, {"VLAN id \"4096\"", "0 to 4095"}},
         {{"filter", "set", "--src-mac", "02:00"}, {"MAC address \"02:00\""}},
         {{"filter", "set", "--dst-if", "port9"}, {"interface \"port9\"", "ip link"}},
-        {{"filter", "set", "--src-ip", "10.0.0"}, {"source address \"10.0.0\"", "no prefixes"}},
+        {{"filter", "set", "--src-ip", "10.0.0"}, {"source address \"10.0.0\"", "has no prefixes"}},
         {{"filter", "set", "--dst-ip", "10.0.0.0/8"}, {"destination address \"10.0.0.0/8\""}},
         {{"filter", "set", "--src-ip", "10.0.0.1", "--dst-ip", "::1"}, {"two IP versions"}},
         {{"filter", "set", "--src-ip", "::1", "--dst-ip", "10.0.0.1"}, {"two IP versions"}},

@@ -31,7 +31,7 @@ protected:
     {
         mox::PacketSocket socket = moxsend::prepare_socket(options, calls);
         moxsend::run_send(source, options, [&](const mox::SendRequest& request) { socket.send(request); }, clock,
-                          stop, [&](const moxsend::Counters& now) { told.push_back(now.sent + now.failed); },
+                          stop, [&](const moxsend::Counters& now) { reported.push_back(now.sent + now.failed); },
                           counters);
     }
     std::vector<Bytes> sent_bytes() const
@@ -46,7 +46,7 @@ protected:
     FakeClock clock;
     moxsend::Options options;
     moxsend::Counters counters;
-    std::vector<std::uint64_t> told;
+    std::vector<std::uint64_t> reported;
     volatile std::sig_atomic_t stop;
 };
 
@@ -272,7 +272,7 @@ TEST_F(Sender, moxsend_run__progress_about_once_a_second)
     options.rate = 4;
     options.count = 10;
     run(source);
-    EXPECT_EQ(told, (std::vector<std::uint64_t>{5, 9}));
+    EXPECT_EQ(reported, (std::vector<std::uint64_t>{5, 9}));
 }
 
 TEST_F(Sender, moxsend_run__a_source_without_frames_does_not_run_for_ever)
