@@ -145,7 +145,7 @@ int main(int argc, char** argv)
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     Pool pool(first, last);
     try {
-        mox::CaptureSocket socket(mox::SocketKind::datagram);
+        mox::CaptureSocket socket(mox::SocketKind::kDatagram);
         socket.set_control_info(true);
         socket.add_rule(mox::Rule::parse("dport=67", mox::system_interface_index));
         socket.set_treatment(PACKET_TRAP);

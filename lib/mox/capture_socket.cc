@@ -11,11 +11,11 @@ namespace mox {
 namespace {
 
 // recvmsg reports a length of 26 for its 20-byte address; the last bytes belong to no field, but they are stored.
-constexpr std::size_t received_name_size = 26;
+constexpr std::size_t kReceivedNameSize = 26;
 
 // Room for the kernel's own control messages: timestamps and counters take 176 bytes when all of them are on. The
 // kernel cuts what does not fit.
-constexpr std::size_t message_room = 256;
+constexpr std::size_t kMessageRoom = 256;
 
 } // namespace
 
@@ -57,10 +57,10 @@ std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool
 {
     // The module stores its record behind the kernel's messages and does not look at the buffer's length. The kernel
     // is given the room in front of the last 48 bytes only, so that the record fits whatever options are on.
-    alignas(cmsghdr) std::uint8_t control[message_room + sizeof(mox_packet_ctrl_info)] = {};
+    alignas(cmsghdr) std::uint8_t control[kMessageRoom + sizeof(mox_packet_ctrl_info)] = {};
     union {
         LinkAddress address;
-        std::uint8_t bytes[received_name_size];
+        std::uint8_t bytes[kReceivedNameSize];
     } name{};
     iovec io{buffer.data(), buffer.size()};
     msghdr message{};
@@ -69,7 +69,7 @@ std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool
     message.msg_iov = &io;
     message.msg_iovlen = 1;
     message.msg_control = control;
-    message.msg_controllen = message_room;
+    message.msg_controllen = kMessageRoom;
 
     // MSG_TRUNC as a flag asks for the frame's full length as the result.
     ssize_t length = calls().recvmsg(fd(), &message, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
@@ -86,7 +86,7 @@ std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool
     // The record has no control-message header, and the returned length counts the kernel's messages only. So the
     // record is there if it was asked for, and it stands where that length ends.
     if (control_info_) {
-        std::size_t messages = std::min<std::size_t>(message.msg_controllen, message_room);
+        std::size_t messages = std::min<std::size_t>(message.msg_controllen, kMessageRoom);
         std::memcpy(&frame.control.emplace(), control + messages, sizeof(mox_packet_ctrl_info));
     }
     return frame;

@@ -5,7 +5,7 @@
  * Set the rules, the control information and the treatment before the location: the capture starts when
  * the location is set, and a frame that was queued before a rule or option was set has been captured without it.
  *
- *     mox::CaptureSocket socket(mox::SocketKind::raw);
+ *     mox::CaptureSocket socket(mox::SocketKind::kRaw);
  *     socket.set_control_info(true);
  *     socket.add_rule(mox::Rule::parse("eth=arp", mox::system_interface_index));
  *     socket.set_treatment(PACKET_COPY);

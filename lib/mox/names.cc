@@ -13,7 +13,7 @@ namespace {
 // A row's full name is its enumerator's.
 #define ROW(number, ...) {number, #number, __VA_ARGS__}
 
-constexpr Name location_table[] = {
+constexpr Name kLocationTable[] = {
     ROW(PACKET_NONE_LOC, "none", "nowhere"),
     ROW(PACKET_LOCAL_LOC, "local", "frames about to leave"),
     ROW(PACKET_LEV2_LOC, "lev2 l2", "every frame that comes in"),
@@ -27,7 +27,7 @@ constexpr Name location_table[] = {
     ROW(PACKET_LEV3_RESV_LOC, "l3resv", "resv, reserved layer-3 addresses only"),
 };
 
-constexpr Name treatment_table[] = {
+constexpr Name kTreatmentTable[] = {
     ROW(PACKET_TREATMENT_NONE, "none", "nothing"),
     ROW(PACKET_COPY, "copy", "the platform forwards the frame, every matching socket gets a copy"),
     ROW(PACKET_FETCH, "fetch", "the frame is taken, every matching socket gets a copy"),
@@ -38,7 +38,7 @@ constexpr Name treatment_table[] = {
      "as copy-local, placed among the rules that come first"),
 };
 
-constexpr Name send_flag_table[] = {
+constexpr Name kSendFlagTable[] = {
     ROW(MOX_SEND_DEBUG, "debug trace", "mark the frame for tracing and log its outcome"),
     ROW(MOX_SEND_EF_40000, "ef40000", "frame flag 0x40000"),
     ROW(MOX_SEND_VXLAN_ENCAP, "vxlan-encap vxlan", "VXLAN encapsulation (send flag 0x1)"),
@@ -54,7 +54,7 @@ constexpr Name send_flag_table[] = {
 
 #undef ROW
 
-constexpr std::string_view prefix = "PACKET_";
+constexpr std::string_view kPrefix = "PACKET_";
 
 char folded(char c)
 {
@@ -111,8 +111,8 @@ bool same_name(std::string_view a, std::string_view b)
 
 std::string_view without_prefix(std::string_view text)
 {
-    if (text.size() > prefix.size() && same_name(text.substr(0, prefix.size()), prefix))
-        text.remove_prefix(prefix.size());
+    if (text.size() > kPrefix.size() && same_name(text.substr(0, kPrefix.size()), kPrefix))
+        text.remove_prefix(kPrefix.size());
     return text;
 }
 
@@ -131,17 +131,17 @@ bool in_word_list(std::string_view words, std::string_view text)
 
 std::span<const Name> locations()
 {
-    return location_table;
+    return kLocationTable;
 }
 
 std::span<const Name> treatments()
 {
-    return treatment_table;
+    return kTreatmentTable;
 }
 
 std::span<const Name> send_flags()
 {
-    return send_flag_table;
+    return kSendFlagTable;
 }
 
 std::optional<Name> find_name(std::span<const Name> table, std::string_view text)
@@ -160,23 +160,23 @@ std::optional<Name> find_name(std::span<const Name> table, std::string_view text
 
 std::uint32_t parse_location(std::string_view text)
 {
-    return parse("location", location_table, allowed_location, text);
+    return parse("location", kLocationTable, allowed_location, text);
 }
 
 std::uint32_t parse_treatment(std::string_view text)
 {
-    return parse("treatment", treatment_table, allowed_treatment, text);
+    return parse("treatment", kTreatmentTable, allowed_treatment, text);
 }
 
 std::uint32_t parse_send_flag(std::string_view text)
 {
-    return parse("send flag", send_flag_table, allowed_send_flag, text);
+    return parse("send flag", kSendFlagTable, allowed_send_flag, text);
 }
 
 std::string send_flags_text(std::uint32_t flags)
 {
     std::string text;
-    for (const Name& row : send_flag_table)
+    for (const Name& row : kSendFlagTable)
         if (flags & row.value) {
             text += (text.empty() ? "" : " ") + std::string(row.alias());
             flags &= ~row.value;
@@ -191,12 +191,12 @@ std::string send_flags_text(std::uint32_t flags)
 
 std::string_view location_name(std::uint32_t location)
 {
-    return name_of(location_table, location);
+    return name_of(kLocationTable, location);
 }
 
 std::string_view treatment_name(std::uint32_t treatment)
 {
-    return name_of(treatment_table, treatment);
+    return name_of(kTreatmentTable, treatment);
 }
 
 } // namespace mox

@@ -17,9 +17,9 @@ namespace mox {
 namespace {
 
 // An option number that Linux's own packet sockets answer and ours refuse.
-constexpr int linux_packet_version = 10;
+constexpr int kLinuxPacketVersion = 10;
 
-const std::string vsd_remedy = std::string("a process whose working directory lies below ") + MOX_VSD_PREFIX +
+const std::string kVsdRemedy = std::string("a process whose working directory lies below ") + MOX_VSD_PREFIX +
                                "N, N other than 0, may not: change to another directory";
 
 [[noreturn]] void fail_to_open()
@@ -29,7 +29,7 @@ const std::string vsd_remedy = std::string("a process whose working directory li
     case EAFNOSUPPORT:
         throw_socket_error(what, "no module has registered family 17: is mox_ef_socket.ko loaded?");
     case EINVAL:
-        throw_socket_error(what, vsd_remedy);
+        throw_socket_error(what, kVsdRemedy);
     case EPERM:
         throw_socket_error(what, "mox_ef_socket asks for no privilege, so family 17 is served by Linux's own packet "
                                  "sockets: unload them and load mox_ef_socket.ko");
@@ -101,7 +101,7 @@ std::uint32_t system_interface_index(const std::string& name)
 
 PacketSocket::PacketSocket(SocketKind kind, std::uint16_t protocol, SocketCalls& calls) : calls_(calls), kind_(kind)
 {
-    int type = (kind == SocketKind::raw ? SOCK_RAW : SOCK_DGRAM) | SOCK_CLOEXEC;
+    int type = (kind == SocketKind::kRaw ? SOCK_RAW : SOCK_DGRAM) | SOCK_CLOEXEC;
     fd_ = calls_.socket(MOX_PACKET_FAMILY, type, htons(protocol));
     if (fd_ < 0)
         fail_to_open();
@@ -109,7 +109,7 @@ PacketSocket::PacketSocket(SocketKind kind, std::uint16_t protocol, SocketCalls&
     // Linux's own packet sockets give other meanings to options 15 to 17 and would accept them.
     int version = 0;
     socklen_t length = sizeof(version);
-    if (calls_.getsockopt(fd_, MOX_SOL_PACKET, linux_packet_version, &version, &length) == 0) {
+    if (calls_.getsockopt(fd_, MOX_SOL_PACKET, kLinuxPacketVersion, &version, &length) == 0) {
         calls_.close(std::exchange(fd_, -1));
         errno = EPROTONOSUPPORT;
         throw_socket_error("cannot open a packet socket", "family 17 is served by Linux's own packet sockets: unload "
@@ -140,7 +140,7 @@ void PacketSocket::bind(std::uint32_t ifindex, std::uint16_t protocol)
     if (errno == ENODEV)
         throw_socket_error(what, "the forwarding platform has no interface of this index");
     if (errno == EINVAL)
-        throw_socket_error(what, vsd_remedy);
+        throw_socket_error(what, kVsdRemedy);
     throw_socket_error(what);
 }
 
@@ -214,12 +214,12 @@ void PacketSocket::fail_to_send(const SendRequest& request, int error) const
         throw_socket_error(what, "the platform dropped the frame: an output hook, an access list or the "
                                  "destination refused it");
     case EINVAL:
-        if (kind_ == SocketKind::datagram && !(request.to && request.to->mac))
+        if (kind_ == SocketKind::kDatagram && !(request.to && request.to->mac))
             throw_socket_error(what, "a datagram socket needs a destination MAC address with every frame");
-        if (kind_ == SocketKind::datagram)
+        if (kind_ == SocketKind::kDatagram)
             throw_socket_error(what, "the device's MAC address is not available at the moment: send with a raw "
-                                     "socket; or: " + vsd_remedy);
-        throw_socket_error(what, vsd_remedy);
+                                     "socket; or: " + kVsdRemedy);
+        throw_socket_error(what, kVsdRemedy);
     case ENOMEM:
         throw_socket_error(what, "the platform has no buffer for a frame of this length: send a shorter one, or "
                                  "later");

@@ -3,7 +3,7 @@
  * A socket of family 17: opening, naming its interface, sending. CaptureSocket adds receiving, so that one socket can
  * receive requests and send answers.
  *
- *     mox::PacketSocket socket(mox::SocketKind::raw);
+ *     mox::PacketSocket socket(mox::SocketKind::kRaw);
  *     socket.send({frame, mox::SendAddress{mox::system_interface_index("port1")}});
  *
  * Unless said otherwise functions throw SocketError when the kernel refuses. A socket without a location receives
@@ -41,8 +41,8 @@ public:
 };
 
 enum class SocketKind {
-    raw,      /**< frames with their layer-2 header */
-    datagram, /**< frames without it */
+    kRaw,      /**< frames with their layer-2 header */
+    kDatagram, /**< frames without it */
 };
 
 /**

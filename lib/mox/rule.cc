@@ -26,49 +26,49 @@ constexpr std::uint16_t width_of(std::uint16_t type)
 // A row's full name is its enumerator's.
 #define ROW(number, ...) {number, #number, width_of(number), __VA_ARGS__}
 
-constexpr RuleType table[] = {
-    ROW(PACKET_PACKET_CODE_EQUAL, "code", ValueKind::code,
+constexpr RuleType kTable[] = {
+    ROW(PACKET_PACKET_CODE_EQUAL, "code", ValueKind::kCode,
      "packet code of the platform, with sub-code after a dot: code=7.1"),
-    ROW(PACKET_DEST_MAC_EQUAL, "dmac", ValueKind::mac,
+    ROW(PACKET_DEST_MAC_EQUAL, "dmac", ValueKind::kMac,
      "destination MAC address: dmac=01:80:c2:00:00:0e"),
-    ROW(PACKET_SRC_MAC_EQUAL, "smac", ValueKind::mac, "source MAC address"),
-    ROW(PACKET_ETH_PROT_EQUAL, "eth", ValueKind::ether_type,
+    ROW(PACKET_SRC_MAC_EQUAL, "smac", ValueKind::kMac, "source MAC address"),
+    ROW(PACKET_ETH_PROT_EQUAL, "eth", ValueKind::kEtherType,
      "EtherType in hexadecimal or by name: eth=arp,88cc; eth=any"),
-    ROW(PACKET_SNAP_ETH_TYPE_EQUAL, "snap", ValueKind::ether_type,
+    ROW(PACKET_SNAP_ETH_TYPE_EQUAL, "snap", ValueKind::kEtherType,
      "EtherType of an LLC/SNAP frame"),
-    ROW(PACKET_IPv4_PROT_EQUAL, "ipproto ipproto4", ValueKind::ip_protocol,
+    ROW(PACKET_IPv4_PROT_EQUAL, "ipproto ipproto4", ValueKind::kIpProtocol,
      "protocol of an IPv4 packet: ipproto=icmp,udp,89"),
-    ROW(PACKET_IPv6_PROT_EQUAL, "ipproto6", ValueKind::ip_protocol,
+    ROW(PACKET_IPv6_PROT_EQUAL, "ipproto6", ValueKind::kIpProtocol,
      "final next header of an IPv6 packet: ipproto6=icmpv6"),
-    ROW(PACKET_IPv4_DEST_PORT_EQUAL, "dport dport4", ValueKind::port,
+    ROW(PACKET_IPv4_DEST_PORT_EQUAL, "dport dport4", ValueKind::kPort,
      "TCP or UDP destination port, IPv4: dport=67,68"),
-    ROW(PACKET_IPv4_SRC_PORT_EQUAL, "sport sport4", ValueKind::port,
+    ROW(PACKET_IPv4_SRC_PORT_EQUAL, "sport sport4", ValueKind::kPort,
      "TCP or UDP source port, IPv4"),
-    ROW(PACKET_IPv6_DEST_PORT_EQUAL, "dport6", ValueKind::port,
+    ROW(PACKET_IPv6_DEST_PORT_EQUAL, "dport6", ValueKind::kPort,
      "TCP or UDP destination port, IPv6"),
-    ROW(PACKET_SRC_INTF_EQUAL, "intf", ValueKind::interface_index,
+    ROW(PACKET_SRC_INTF_EQUAL, "intf", ValueKind::kInterfaceIndex,
      "interface the frame came in on, by name or index"),
-    ROW(PACKET_ICMPV6_TYPE_EQUAL, "icmp6 icmpv6", ValueKind::icmpv6_type,
+    ROW(PACKET_ICMPV6_TYPE_EQUAL, "icmp6 icmpv6", ValueKind::kIcmpv6Type,
      "ICMPv6 type: icmp6=echo-request,ns,136"),
-    ROW(PACKET_IPv4_MCAST_TRAFFIC, "mcast mcast4", ValueKind::none,
+    ROW(PACKET_IPv4_MCAST_TRAFFIC, "mcast mcast4", ValueKind::kNone,
      "IPv4 multicast but 224.0.0.x and IGMP"),
-    ROW(PACKET_IPv6_MCAST_TRAFFIC, "mcast6", ValueKind::none,
+    ROW(PACKET_IPv6_MCAST_TRAFFIC, "mcast6", ValueKind::kNone,
      "IPv6 multicast of scope 3 and up but MLD"),
-    ROW(PACKET_EAPOL_TYPE_EQUAL, "eapol", ValueKind::eapol_type,
+    ROW(PACKET_EAPOL_TYPE_EQUAL, "eapol", ValueKind::kEapolType,
      "EAPOL packet type: eapol=start,key"),
-    ROW(PACKET_EAPOL_TYPE_WPS, "wps", ValueKind::filler,
+    ROW(PACKET_EAPOL_TYPE_WPS, "wps", ValueKind::kFiller,
      "Wi-Fi Simple Config exchange (location wlan)"),
-    ROW(PACKET_ALL, "all", ValueKind::all, "every frame of the location"),
-    ROW(PACKET_PID_T, "not-attr pid", ValueKind::attribute,
+    ROW(PACKET_ALL, "all", ValueKind::kAll, "every frame of the location"),
+    ROW(PACKET_PID_T, "not-attr pid", ValueKind::kAttribute,
      "not the frames with this attribute word; not-attr=any: none with an attribute"),
-    ROW(PACKET_WLAN_MGNT, "wlan-mgnt mgnt", ValueKind::none,
+    ROW(PACKET_WLAN_MGNT, "wlan-mgnt mgnt", ValueKind::kNone,
      "802.11 management frames (location wlan)"),
-    ROW(PACKET_ARP_TYPE, "arp", ValueKind::arp_operation, "ARP operation: arp=request,reply"),
+    ROW(PACKET_ARP_TYPE, "arp", ValueKind::kArpOperation, "ARP operation: arp=request,reply"),
 };
 #undef ROW
-static_assert(std::size(table) == MOX_PACKET_RULE_TYPES);
+static_assert(std::size(kTable) == MOX_PACKET_RULE_TYPES);
 
-constexpr std::size_t most_values = 0xffff; // the record's count is 16 bits wide
+constexpr std::size_t kMostValues = 0xffff; // the record's count is 16 bits wide
 
 using Bytes = std::vector<std::uint8_t>;
 
@@ -82,7 +82,7 @@ Bytes code_bytes(std::string_view text)
 
 bool is_number(ValueKind kind)
 {
-    return kind != ValueKind::code && kind != ValueKind::mac && kind != ValueKind::none && kind != ValueKind::all;
+    return kind != ValueKind::kCode && kind != ValueKind::kMac && kind != ValueKind::kNone && kind != ValueKind::kAll;
 }
 
 /** The element of a number: the module compares its own numbers in host order, and those of packets as they are there. */
@@ -94,7 +94,7 @@ Bytes number_bytes(const RuleType& type, std::uint32_t number)
         throw UsageError("rule type " + std::string(type.alias()) + " has values of " + std::to_string(type.width) +
                          " bytes: " + std::to_string(number) + " does not fit");
     Bytes bytes(type.width);
-    if (type.kind == ValueKind::interface_index || type.kind == ValueKind::attribute) {
+    if (type.kind == ValueKind::kInterfaceIndex || type.kind == ValueKind::kAttribute) {
         std::memcpy(bytes.data(), &number, sizeof(number));
     } else {
         for (std::size_t i = bytes.size(); i-- > 0; number >>= 8)
@@ -105,28 +105,28 @@ Bytes number_bytes(const RuleType& type, std::uint32_t number)
 
 std::uint32_t number_of(const RuleType& type, std::string_view text, const InterfaceLookup& lookup)
 {
-    static constexpr NamedValue any_attribute[] = {{0xffffffff, "any"}};
+    static constexpr NamedValue kAnyAttribute[] = {{0xffffffff, "any"}};
 
     switch (type.kind) {
-    case ValueKind::ether_type:
+    case ValueKind::kEtherType:
         return parse_ether_type(text);
-    case ValueKind::port:
+    case ValueKind::kPort:
         // The module takes port 0 for "no port", so a rule with it would never match.
         return parse_number("port", text, 1, 0xffff, port_names());
-    case ValueKind::ip_protocol:
+    case ValueKind::kIpProtocol:
         return parse_number("IP protocol", text, 0, 255, ip_protocol_names());
-    case ValueKind::interface_index:
+    case ValueKind::kInterfaceIndex:
         return parse_interface(text, lookup);
-    case ValueKind::icmpv6_type:
+    case ValueKind::kIcmpv6Type:
         // As with ports, type 0 stands for "no ICMPv6 header".
         return parse_number("ICMPv6 type", text, 1, 255, icmpv6_type_names());
-    case ValueKind::eapol_type:
+    case ValueKind::kEapolType:
         return parse_number("EAPOL type", text, 0, 255, eapol_type_names());
-    case ValueKind::filler:
+    case ValueKind::kFiller:
         return parse_number("filler", text, 0, 255);
-    case ValueKind::attribute:
-        return parse_number("attribute word", text, 0, 0xffffffff, any_attribute);
-    case ValueKind::arp_operation:
+    case ValueKind::kAttribute:
+        return parse_number("attribute word", text, 0, 0xffffffff, kAnyAttribute);
+    case ValueKind::kArpOperation:
         return parse_number("ARP operation", text, 1, 0xffff, arp_operation_names());
     default:
         break;
@@ -137,9 +137,9 @@ std::uint32_t number_of(const RuleType& type, std::string_view text, const Inter
 
 Bytes element_of(const RuleType& type, std::string_view text, const InterfaceLookup& lookup)
 {
-    if (type.kind == ValueKind::code)
+    if (type.kind == ValueKind::kCode)
         return code_bytes(text);
-    if (type.kind == ValueKind::mac) {
+    if (type.kind == ValueKind::kMac) {
         MacAddress mac = parse_mac(text);
         return Bytes(mac.begin(), mac.end());
     }
@@ -150,17 +150,17 @@ Bytes element_of(const RuleType& type, std::string_view text, const InterfaceLoo
 
 std::span<const RuleType> rule_types()
 {
-    return table;
+    return kTable;
 }
 
 const RuleType& find_rule_type(std::string_view text)
 {
-    for (const RuleType& row : table)
+    for (const RuleType& row : kTable)
         if (same_name(without_prefix(row.full), without_prefix(text)) || in_word_list(row.aliases, text))
             return row;
 
     std::string message = "rule type \"" + std::string(text) + "\" is unknown; allowed:";
-    for (const RuleType& row : table)
+    for (const RuleType& row : kTable)
         message += "\n  " + std::string(row.alias()) + " (" + std::string(row.full) + "): " +
                    std::string(row.meaning);
     throw UsageError(message);
@@ -168,10 +168,10 @@ const RuleType& find_rule_type(std::string_view text)
 
 Rule::Rule(std::uint32_t type)
 {
-    if (type >= std::size(table))
+    if (type >= std::size(kTable))
         throw UsageError("rule type " + std::to_string(type) + " is unknown; allowed: 0 to " +
-                         std::to_string(std::size(table) - 1));
-    type_ = &table[type];
+                         std::to_string(std::size(kTable) - 1));
+    type_ = &kTable[type];
 }
 
 Rule Rule::parse(std::string_view text, const InterfaceLookup& lookup)
@@ -181,11 +181,11 @@ Rule Rule::parse(std::string_view text, const InterfaceLookup& lookup)
     const RuleType& type = rule.type();
 
     if (equals == std::string_view::npos) {
-        if (type.kind == ValueKind::none)
+        if (type.kind == ValueKind::kNone)
             rule.add_element({});
-        else if (type.kind == ValueKind::filler)
+        else if (type.kind == ValueKind::kFiller)
             rule.add_value("0", lookup);
-        else if (type.kind != ValueKind::all)
+        else if (type.kind != ValueKind::kAll)
             throw UsageError("rule type " + std::string(type.alias()) + " needs a value, as in " +
                              std::string(type.alias()) + "=VALUE[,VALUE...]: " + std::string(type.meaning));
         return rule;
@@ -214,13 +214,13 @@ void Rule::add_number(std::uint32_t number)
 void Rule::add_element(std::span<const std::uint8_t> element)
 {
     std::string name(type_->alias());
-    if (type_->kind == ValueKind::all)
+    if (type_->kind == ValueKind::kAll)
         throw UsageError("rule type " + name + " has no elements");
     if (element.size() != type_->width)
         throw UsageError("rule type " + name + " has elements of " + std::to_string(type_->width) +
                          " bytes, but was given " + std::to_string(element.size()));
-    if (count_ == most_values)
-        throw UsageError("rule type " + name + " has more than " + std::to_string(most_values) +
+    if (count_ == kMostValues)
+        throw UsageError("rule type " + name + " has more than " + std::to_string(kMostValues) +
                          " values in one record; spread them over several");
     elements_.insert(elements_.end(), element.begin(), element.end());
     ++count_;

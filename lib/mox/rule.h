@@ -22,19 +22,19 @@ namespace mox {
 
 /** How the text of one value becomes the bytes of one element. */
 enum class ValueKind {
-    none,         /**< no value; one element of no bytes */
-    all,          /**< no value and no element */
-    code,         /**< code[.sub-code], each 0 to 255 */
-    mac,          /**< 6 bytes as in the frame */
-    ether_type,   /**< u16, network order */
-    port,         /**< u16, network order */
-    ip_protocol,  /**< one byte */
-    interface_index, /**< u32, host order */
-    icmpv6_type,  /**< one byte */
-    eapol_type,   /**< one byte */
-    filler,       /**< one byte that the module does not compare; optional */
-    attribute,    /**< u32, host order; "any" is 0xffffffff */
-    arp_operation, /**< u16, network order */
+    kNone,         /**< no value; one element of no bytes */
+    kAll,          /**< no value and no element */
+    kCode,         /**< code[.sub-code], each 0 to 255 */
+    kMac,          /**< 6 bytes as in the frame */
+    kEtherType,   /**< u16, network order */
+    kPort,         /**< u16, network order */
+    kIpProtocol,  /**< one byte */
+    kInterfaceIndex, /**< u32, host order */
+    kIcmpv6Type,  /**< one byte */
+    kEapolType,   /**< one byte */
+    kFiller,       /**< one byte that the module does not compare; optional */
+    kAttribute,    /**< u32, host order; "any" is 0xffffffff */
+    kArpOperation, /**< u16, network order */
 };
 
 /** One row of the table of rule types. */

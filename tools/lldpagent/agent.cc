@@ -9,7 +9,7 @@
 namespace lldp {
 namespace {
 
-constexpr unsigned longest_ttl = 0xffff;
+constexpr unsigned kLongestTtl = 0xffff;
 
 std::string who(const Id& chassis, const Id& port, const Lldpdu* pdu = nullptr)
 {
@@ -41,7 +41,7 @@ Lldpdu Agent::announcement_of(const PortState& port) const
     pdu.chassis = {chassis_mac, Bytes(identity_.chassis->begin(), identity_.chassis->end())};
     pdu.port = {port_interface_name, Bytes(port.port.name.begin(), port.port.name.end())};
     // One second more than the announcements take: the last one may be late.
-    pdu.ttl = static_cast<std::uint16_t>(std::min(identity_.interval * identity_.hold + 1, longest_ttl));
+    pdu.ttl = static_cast<std::uint16_t>(std::min(identity_.interval * identity_.hold + 1, kLongestTtl));
     pdu.port_description = "interface " + std::to_string(port.port.ifindex);
     pdu.system_name = identity_.name;
     pdu.system_description = identity_.description;
@@ -113,20 +113,20 @@ void Agent::receive(std::uint32_t ifindex, View frame, Time now)
 
     Id chassis = decoded.pdu->chassis, port_id = decoded.pdu->port;
     switch (neighbours_.update(ifindex, *decoded.pdu, now)) {
-    case Change::added:
+    case Change::kAdded:
         tell_(port->port.name + ": found " + who(chassis, port_id, &*decoded.pdu));
         break;
-    case Change::changed:
+    case Change::kChanged:
         tell_(port->port.name + ": changed: " + who(chassis, port_id, &*decoded.pdu));
         break;
-    case Change::removed:
+    case Change::kRemoved:
         tell_(port->port.name + ": left: " + who(chassis, port_id));
         break;
-    case Change::refused:
+    case Change::kRefused:
         ++port->counters.refused;
         break;
-    case Change::refreshed:
-    case Change::unknown:
+    case Change::kRefreshed:
+    case Change::kUnknown:
         break;
     }
 }

@@ -17,8 +17,8 @@ namespace lldp {
 using Mac = std::array<std::uint8_t, 6>;
 
 /** The group address of LLDP between neighbours: no bridge forwards it. */
-constexpr Mac nearest_bridge = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e};
-constexpr std::uint16_t ether_type = 0x88cc;
+constexpr Mac kNearestBridge = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e};
+constexpr std::uint16_t kEtherType = 0x88cc;
 
 /** Chassis and port id: a subtype that tells what the value is. The subtypes of the two differ in their numbers. */
 struct Id {

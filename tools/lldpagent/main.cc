@@ -18,7 +18,7 @@
 namespace {
 
 // A flood of frames must not delay announcements and answers to the operator.
-constexpr unsigned batch = 64;
+constexpr unsigned kBatch = 64;
 
 lldp::Time now()
 {
@@ -57,7 +57,7 @@ void run(lldp::Agent& agent, lldp::Listener& listener, lldp::StatusServer& statu
             throw lldp::SystemError(std::string("cannot wait for frames: ") + std::strerror(errno));
         }
         if (ready[0].revents)
-            for (unsigned i = 0; i < batch; ++i) {
+            for (unsigned i = 0; i < kBatch; ++i) {
                 auto received = listener.receive(buffer);
                 if (!received)
                     break;
@@ -65,7 +65,7 @@ void run(lldp::Agent& agent, lldp::Listener& listener, lldp::StatusServer& statu
             }
         if (ready[1].revents)
             status.answer([&agent](lldp::StateForm form) {
-                return form == lldp::StateForm::json ? state_as_json(agent, now()) : state_as_text(agent, now());
+                return form == lldp::StateForm::kJson ? state_as_json(agent, now()) : state_as_text(agent, now());
             });
     }
 }
@@ -100,9 +100,9 @@ int main(int argc, char** argv)
         if (!options.show)
             return announce(options);
         std::fputs(lldp::ask_status(options.status, options.form).c_str(), stdout);
-        return std::fflush(stdout) == 0 ? 0 : lldp::failure_status;
+        return std::fflush(stdout) == 0 ? 0 : lldp::kFailureStatus;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "lldpagent: %s\n", error.what());
-        return lldp::failure_status;
+        return lldp::kFailureStatus;
     }
 }

@@ -22,12 +22,12 @@ struct Neighbour {
 
 /** What an announcement did to the table. */
 enum class Change {
-    added,
-    refreshed, /**< known, and says the same */
-    changed,   /**< known, and says something new */
-    removed,   /**< a shutdown of a neighbour in the list */
-    unknown,   /**< a shutdown of another one */
-    refused,   /**< new, and its port has as many as it may */
+    kAdded,
+    kRefreshed, /**< known, and says the same */
+    kChanged,   /**< known, and says something new */
+    kRemoved,   /**< a shutdown of a neighbour in the list */
+    kUnknown,   /**< a shutdown of another one */
+    kRefused,   /**< new, and its port has as many as it may */
 };
 
 /** A neighbour is identified by the port that receives its frames, its chassis id and its port id. */

@@ -10,7 +10,7 @@ namespace lldp {
 
 struct Options {
     bool show = false; /**< ask a running agent, and end */
-    StateForm form = StateForm::text;
+    StateForm form = StateForm::kText;
     std::string status = "/run/lldpagent.sock";
 
     // Of an agent.
@@ -27,7 +27,7 @@ struct Ending {
 };
 
 /** Exit status of a wrong command line, and of everything else that fails. */
-constexpr int usage_status = 2, failure_status = 1;
+constexpr int kUsageStatus = 2, kFailureStatus = 1;
 
 /** What is announced where the command line gives nothing. */
 struct Defaults {

@@ -17,7 +17,7 @@ mox::PacketSocket open_sender(const Port& port, mox::SocketCalls& calls, std::ve
         // A sender names its interface once, by bind; a send without an address then leaves by it. It has no protocol,
         // which would become a rule, and no location: a socket without one captures nothing, so its queue, which no
         // one reads, stays empty.
-        mox::PacketSocket socket(mox::SocketKind::raw, 0, calls);
+        mox::PacketSocket socket(mox::SocketKind::kRaw, 0, calls);
         socket.bind(port.ifindex);
 
         // Once bound, getsockname returns the port's MAC address: no other interface to the platform is needed.
@@ -52,16 +52,16 @@ int Senders::send(std::uint32_t ifindex, View frame)
 }
 
 // No protocol: it would become a rule value of its own, and this way all rules stand in one place.
-Listener::Listener(const std::vector<Port>& ports, mox::SocketCalls& calls) : socket_(mox::SocketKind::raw, 0, calls)
+Listener::Listener(const std::vector<Port>& ports, mox::SocketCalls& calls) : socket_(mox::SocketKind::kRaw, 0, calls)
 {
     // 1. The rules, while there is no location: a rule that is not complete yet would capture too much. Types are
     //    ANDed: LLDP frames, to the neighbours' group address, from our ports and no others (binding restricts
     //    nothing). The MAC address comes first: the first type is the one under which the hook looks a frame up, and
     //    the lowest number decides when rules of other daemons match the same frame.
     mox::Rule address(PACKET_DEST_MAC_EQUAL);
-    address.add_element(nearest_bridge);
+    address.add_element(kNearestBridge);
     mox::Rule protocol(PACKET_ETH_PROT_EQUAL);
-    protocol.add_number(ether_type);
+    protocol.add_number(kEtherType);
     mox::Rule interfaces(PACKET_SRC_INTF_EQUAL);
     for (const Port& port : ports)
         interfaces.add_number(port.ifindex);

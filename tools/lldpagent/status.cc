@@ -16,7 +16,7 @@
 namespace lldp {
 namespace {
 
-constexpr suseconds_t client_patience = 250'000; // microseconds
+constexpr suseconds_t kClientPatience = 250'000; // microseconds
 
 [[noreturn]] void fail(const std::string& what, const char* remedy = "")
 {
@@ -116,14 +116,14 @@ void StatusServer::answer(const std::function<std::string(StateForm)>& state)
         return; // it has closed the connection
     Closing closing(client);
     // The agent has one thread: a client must not delay its announcements.
-    timeval patience{0, client_patience};
+    timeval patience{0, kClientPatience};
     setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
 
     char question;
     if (recv(client, &question, 1, 0) != 1)
         return;
-    if (question == static_cast<char>(StateForm::text) || question == static_cast<char>(StateForm::json))
+    if (question == static_cast<char>(StateForm::kText) || question == static_cast<char>(StateForm::kJson))
         send_all(client, state(static_cast<StateForm>(question)));
 }
 

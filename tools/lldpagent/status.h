@@ -8,7 +8,7 @@
 
 namespace lldp {
 
-enum class StateForm : char { text = 't', json = 'j' };
+enum class StateForm : char { kText = 't', kJson = 'j' };
 
 class StatusServer {
 public:

@@ -63,7 +63,7 @@ int main(int argc, char** argv)
             print_to(text_fd, moxcap::format_counters(options.label, counters));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "moxcap: %s\n", error.what());
-        return moxcap::system_status;
+        return moxcap::kSystemStatus;
     }
     return 0;
 }

@@ -12,7 +12,7 @@
 namespace moxcap {
 namespace {
 
-constexpr char examples[] =
+constexpr char kExamples[] =
     "Examples:\n"
     "  moxcap --location lev2 --rule eth=arp\n"
     "      Show ARP; the platform forwards the frames.\n"
@@ -58,7 +58,7 @@ std::string footer()
     list(out, "Treatments", mox::treatments());
     list(out, "Rule types", mox::rule_types());
     out << "The full names of mox_packet.h (PACKET_LEV2_LOC, PACKET_ETH_PROT_EQUAL, ...) are accepted as well.\n\n"
-        << examples;
+        << kExamples;
     return out.str();
 }
 
@@ -115,7 +115,7 @@ void look_up(const Words& words, const mox::InterfaceLookup& lookup, Options& op
     options.location = mox::parse_location(words.location);
     options.treatment = mox::parse_treatment(words.treatment);
     if (words.datagram)
-        options.kind = mox::SocketKind::datagram;
+        options.kind = mox::SocketKind::kDatagram;
     if (!words.protocol.empty())
         options.protocol = mox::parse_ether_type(words.protocol);
     for (const std::string& rule : words.rules)
@@ -129,9 +129,9 @@ void look_up(const Words& words, const mox::InterfaceLookup& lookup, Options& op
                      std::any_of(options.rules.begin(), options.rules.end(), [](const mox::Rule& rule) {
                          return rule.type().value == PACKET_WLAN_MGNT;
                      });
-    options.layout = wlan_only          ? Layout::wlan
-                     : words.datagram ? Layout::network
-                                      : Layout::ethernet;
+    options.layout = wlan_only          ? Layout::kWlan
+                     : words.datagram ? Layout::kNetwork
+                                      : Layout::kEthernet;
 
     if (!words.interface.empty()) {
         mox::Rule from(PACKET_SRC_INTF_EQUAL);
@@ -157,9 +157,9 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const mox:
     } catch (const CLI::ParseError& error) {
         std::ostringstream out, complaint;
         int status = app.exit(error, out, complaint);
-        return status == 0 ? Ending{0, out.str()} : Ending{usage_status, "moxcap: " + complaint.str()};
+        return status == 0 ? Ending{0, out.str()} : Ending{kUsageStatus, "moxcap: " + complaint.str()};
     } catch (const mox::UsageError& error) {
-        return Ending{usage_status, std::string("moxcap: ") + error.what() + "\n"};
+        return Ending{kUsageStatus, std::string("moxcap: ") + error.what() + "\n"};
     }
     return std::nullopt;
 }

@@ -28,13 +28,13 @@ struct Expected {
 Expected expected_of(const Options& options)
 {
     switch (options.action) {
-    case Action::show_rules:
+    case Action::kShowRules:
         return {report_rules, options.location == 0 ? 8u : 1u};
-    case Action::show_queues:
+    case Action::kShowQueues:
         return {report_queues, 8};
-    case Action::show_memory:
+    case Action::kShowMemory:
         return {report_memory, 0};
-    case Action::show_thread:
+    case Action::kShowThread:
         return {report_thread, 0};
     default:
         return {report_process, 0};
@@ -153,10 +153,10 @@ Status run_command(const Options& options, const World& world)
     if (!options.note.empty())
         world.complain(options.note);
     switch (options.action) {
-    case Action::tech:
+    case Action::kTech:
         return tech(options, world);
-    case Action::switches:
-    case Action::filter: {
+    case Action::kSwitches:
+    case Action::kFilter: {
         auto socket = world.open_netlink();
         Channel channel(*socket, timeout_of(options));
         for (const Request& request : requests_of(options))

@@ -26,9 +26,9 @@ std::optional<LogRecord> decode_record(std::string_view raw);
 class KernelLog {
 public:
     enum class Read {
-        record,      /**< one was stored */
-        none,        /**< all that there are have been read */
-        overwritten, /**< records were lost; reading goes on behind them */
+        kRecord,      /**< one was stored */
+        kNone,        /**< all that there are have been read */
+        kOverwritten, /**< records were lost; reading goes on behind them */
     };
     virtual ~KernelLog() = default;
     /** Does not wait. Throws Failure when the log cannot be read. */

@@ -15,7 +15,7 @@
 namespace moxctl {
 namespace {
 
-constexpr char examples[] =
+constexpr char kExamples[] =
     "\nExamples:\n"
     "  moxctl show rules lev2\n"
     "      Who captures what at layer 2.\n"
@@ -54,16 +54,16 @@ void describe_show(CLI::App& app, Words& words, Options& options)
     CLI::App* show = app.add_subcommand("show", "Ask for a report and print it");
     show->require_subcommand(1);
     CLI::App* rules = add_command(*show, "rules", "Queues, sockets and rules of the locations", options,
-                                  Action::show_rules);
+                                  Action::kShowRules);
     rules->add_option("location", words.location, "Only this location (default: all eight)")->type_name("LOCATION");
     rules->footer("\nLocations:\n" + reported_location_help());
     CLI::App* queues = add_command(*show, "queues", "Buffers that wait for the copy thread, for each location and CPU",
-                                   options, Action::show_queues);
+                                   options, Action::kShowQueues);
     CLI::App* memory =
-        add_command(*show, "memory", "Counters of rule memory and socket buffers", options, Action::show_memory);
-    CLI::App* thread = add_command(*show, "thread", "Counters of the copy thread", options, Action::show_thread);
+        add_command(*show, "memory", "Counters of rule memory and socket buffers", options, Action::kShowMemory);
+    CLI::App* thread = add_command(*show, "thread", "Counters of the copy thread", options, Action::kShowThread);
     CLI::App* process =
-        add_command(*show, "process", "Sockets and rules of one process", options, Action::show_process);
+        add_command(*show, "process", "Sockets and rules of one process", options, Action::kShowProcess);
     process->add_option("process", words.process, "Process id, or the name of the process that opened the sockets")
         ->required()
         ->type_name("NAME|PID");
@@ -79,7 +79,7 @@ void describe_debug(CLI::App& app, Words& words, Options& options)
     for (bool on : {true, false}) {
         CLI::App* command = debug->add_subcommand(on ? "on" : "off", on ? "Set switches" : "Clear switches");
         command->parse_complete_callback([&options, on] {
-            options.action = Action::switches;
+            options.action = Action::kSwitches;
             options.is_open = on;
         });
         command->add_option("path", words.paths, "Switches (default: general)")->type_name("PATH");
@@ -96,7 +96,7 @@ void describe_hook(CLI::App& app, Words& words, Options& options)
             off ? "off" : "on", off ? "Take a hook away: frames pass the location by, and none is captured there"
                                     : "Put a hook back, if a socket has rules at its location");
         command->parse_complete_callback([&options, off] {
-            options.action = Action::switches;
+            options.action = Action::kSwitches;
             options.is_open = off;
         });
         command->add_option("location", words.hook, "Location, or all")->required()->type_name("LOCATION|all");
@@ -112,7 +112,7 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
     CLI::App* filter = app.add_subcommand("filter", "Set the debug packet filter");
     filter->require_subcommand(1);
     CLI::App* set = add_command(*filter, "set", "Replace the filter: a packet matches if it satisfies every criterion", options,
-                                Action::filter);
+                                Action::kFilter);
     struct {
         const char* name;
         std::string& word;
@@ -132,13 +132,13 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
     set->footer("\nThe filter prints nothing and hides nothing: only the platform's trace mark makes a frame leave "
                 "lines.\n");
     set->add_flag("--every-packet", words.filter.every_packet, "No criterion: every packet matches");
-    add_command(*filter, "off", "Put no filter in force", options, Action::filter);
+    add_command(*filter, "off", "Put no filter in force", options, Action::kFilter);
 }
 
 void describe_tech(CLI::App& app, Options& options)
 {
     CLI::App* tech = add_command(app, "tech", "Write all reports to the dump file, and print it", options,
-                                 Action::tech);
+                                 Action::kTech);
     tech->add_option("-o,--output", options.output, "Save it to this file instead of printing it")->type_name("FILE");
     tech->add_option("-t,--timeout", options.timeout, "Seconds to wait for the answer (default 10)")
         ->type_name("SECONDS")
@@ -166,14 +166,14 @@ void look_up_process(const Words& words, Options& options)
 void look_up(const CLI::App& app, const Words& words, const mox::InterfaceLookup& lookup, Options& options)
 {
     switch (options.action) {
-    case Action::show_rules:
+    case Action::kShowRules:
         if (!words.location.empty())
             options.location = parse_reported_location(words.location);
         break;
-    case Action::show_process:
+    case Action::kShowProcess:
         look_up_process(words, options);
         break;
-    case Action::switches:
+    case Action::kSwitches:
         if (app.got_subcommand("hook")) {
             options.switches = {parse_hook(words.hook)};
         } else {
@@ -184,7 +184,7 @@ void look_up(const CLI::App& app, const Words& words, const mox::InterfaceLookup
                 options.switches = {MOX_DEBUG_GENERAL};
         }
         break;
-    case Action::filter:
+    case Action::kFilter:
         if (app.get_subcommand("filter")->got_subcommand("set"))
             options.filter = make_filter(words.filter, lookup);
         break;
@@ -217,7 +217,7 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const mox:
     CLI::App app{"Asks the capture module mox_ef_socket for reports and switches its debugging and its hooks.",
                  "moxctl"};
     app.require_subcommand(1);
-    app.footer(examples);
+    app.footer(kExamples);
     Words words;
     describe_show(app, words, options);
     describe_debug(app, words, options);

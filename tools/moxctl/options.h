@@ -14,18 +14,18 @@
 namespace moxctl {
 
 enum class Action {
-    show_rules,
-    show_queues,
-    show_memory,
-    show_thread,
-    show_process,
-    switches, /**< debug and hook */
-    filter,
-    tech,
+    kShowRules,
+    kShowQueues,
+    kShowMemory,
+    kShowThread,
+    kShowProcess,
+    kSwitches, /**< debug and hook */
+    kFilter,
+    kTech,
 };
 
 struct Options {
-    Action action = Action::show_rules;
+    Action action = Action::kShowRules;
     std::uint32_t location = 0;           /**< show rules: 1 to 8, 0: all */
     std::string process;                  /**< show process: the name; empty: by pid */
     std::uint32_t pid = 0;

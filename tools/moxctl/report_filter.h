@@ -30,7 +30,7 @@ public:
     void finish();
 
     /** Whether the request's opening line has come. */
-    bool begun() const { return state_ != State::before; }
+    bool begun() const { return state_ != State::kBefore; }
     /** Whether the log lost records, of the report's or before it. */
     bool was_overwritten() const { return overwritten_; }
     /** Records that the log lost behind the opening line. */
@@ -41,11 +41,11 @@ public:
 private:
     void take_text(std::string text);
 
-    enum class State { before, inside, behind };
+    enum class State { kBefore, kInside, kBehind };
 
     std::string opening_;
     unsigned kind_;
-    State state_ = State::before;
+    State state_ = State::kBefore;
     LogRecord first_;              /**< the opening line: whose the report is */
     std::optional<std::uint64_t> next_sequence_;
     std::uint64_t lost_ = 0;

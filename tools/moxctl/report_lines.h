@@ -11,15 +11,15 @@
 namespace moxctl {
 
 enum class Line {
-    blank,
-    queue_location, queue_cpu,
-    socket_head, process, vsd, pid, running, ctrldata, ifindex, regulars,
-    rule_type, rule_data, more_data, location, treatment, counter,
-    filter_count, match_head, match_process, match_treatment, match_type, match_data,
-    memory_head, memory_counter,
-    thread_head, thread_counter,
-    process_head,
-    dump_banner,
+    kBlank,
+    kQueueLocation, kQueueCpu,
+    kSocketHead, kProcess, kVsd, kPid, kRunning, kCtrldata, kIfindex, kRegulars,
+    kRuleType, kRuleData, kMoreData, kLocation, kTreatment, kCounter,
+    kFilterCount, kMatchHead, kMatchProcess, kMatchTreatment, kMatchType, kMatchData,
+    kMemoryHead, kMemoryCounter,
+    kThreadHead, kThreadCounter,
+    kProcessHead,
+    kDumpBanner,
 };
 
 /** The kinds of report, as bits: which of them a line can be in. */

@@ -60,7 +60,7 @@ Bytes build_arp(const FrameWords& words, const FrameSurroundings& around, const 
     arp.sender_mac = words.sender_mac.empty() ? own_mac(around, machine) : mox::parse_mac(words.sender_mac);
 
     // A request is broadcast, anything else goes to its target.
-    Addresses addresses{around.to.value_or(arp.operation == 1 || words.target_mac.empty() ? broadcast
+    Addresses addresses{around.to.value_or(arp.operation == 1 || words.target_mac.empty() ? kBroadcast
                                                                                          : arp.target_mac),
                         around.from.value_or(arp.sender_mac)};
     return arp_frame(addresses, arp);
@@ -82,11 +82,11 @@ Bytes build_eapol(const FrameWords& words, const FrameSurroundings& around, cons
     eapol.id = static_cast<std::uint8_t>(words.eapol_id);
     eapol.version = static_cast<std::uint8_t>(words.eapol_version);
     eapol.identity = words.identity;
-    if (eapol.kind == EapolKind::identity && words.identity.empty())
+    if (eapol.kind == EapolKind::kIdentity && words.identity.empty())
         throw mox::UsageError("an identity response says who: give --identity TEXT");
-    if (eapol.kind != EapolKind::identity && !words.identity.empty())
+    if (eapol.kind != EapolKind::kIdentity && !words.identity.empty())
         throw mox::UsageError("--identity goes with \"eapol identity\" alone");
-    return eapol_frame({around.to.value_or(eapol_group), header_source(around, machine)}, eapol);
+    return eapol_frame({around.to.value_or(kEapolGroup), header_source(around, machine)}, eapol);
 }
 
 Bytes build_lldp(const FrameWords& words, const FrameSurroundings& around, const Machine& machine)
@@ -105,7 +105,7 @@ Bytes build_lldp(const FrameWords& words, const FrameSurroundings& around, const
         lldp.management_ip = parse_ipv4("management address", words.management_ip);
         lldp.management_ifindex = around.interface;
     }
-    return lldp_frame({around.to.value_or(lldp_group), header_source(around, machine)}, lldp);
+    return lldp_frame({around.to.value_or(kLldpGroup), header_source(around, machine)}, lldp);
 }
 
 } // namespace

@@ -20,7 +20,7 @@ namespace {
 
 std::optional<mox::MacAddress> interface_mac(std::uint32_t ifindex)
 {
-    mox::PacketSocket socket(mox::SocketKind::raw);
+    mox::PacketSocket socket(mox::SocketKind::kRaw);
     socket.bind(ifindex);
     return socket.interface_mac();
 }
@@ -114,7 +114,7 @@ int send_all(const moxsend::Options& options, const sigset_t& waiting)
     }
     if (options.counters)
         std::fputs(moxsend::format_counters(counters).c_str(), options.dry_run ? stderr : stdout);
-    return !error.empty() ? moxsend::system_status : counters.failed != 0 ? moxsend::partial_status : 0;
+    return !error.empty() ? moxsend::kSystemStatus : counters.failed != 0 ? moxsend::kPartialStatus : 0;
 }
 
 } // namespace
@@ -132,9 +132,9 @@ int main(int argc, char** argv)
         return send_all(options, tool::catch_ending_signals({SIGINT, SIGTERM, SIGHUP}));
     } catch (const mox::UsageError& error) {
         std::fprintf(stderr, "moxsend: %s\n", error.what());
-        return moxsend::usage_status;
+        return moxsend::kUsageStatus;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "moxsend: %s\n", error.what());
-        return moxsend::system_status;
+        return moxsend::kSystemStatus;
     }
 }

@@ -12,7 +12,7 @@
 namespace moxsend {
 namespace {
 
-constexpr char examples[] =
+constexpr char kExamples[] =
     "Examples:\n"
     "  moxsend --interface port1 arp request --sender-ip 10.0.0.1 --target-ip 10.0.0.2\n"
     "      Ask for an address, out of port1.\n"
@@ -46,7 +46,7 @@ std::string footer()
         out << head << row.meaning << "\n";
     }
     out << "The names of mox_packet.h (MOX_SEND_NO_ACL, ...) are accepted as well.\n\n"
-        << examples << "\nFor the options of a command see moxsend arp --help, moxsend lldp --help and moxsend eapol --help.\n";
+        << kExamples << "\nFor the options of a command see moxsend arp --help, moxsend lldp --help and moxsend eapol --help.\n";
     return out.str();
 }
 
@@ -201,7 +201,7 @@ void look_up(const Words& words, const FrameWords& frame_words, const Machine& m
               "--count does not go with --pcap -: standard input can be read once only");
 
     if (words.datagram)
-        options.kind = mox::SocketKind::datagram;
+        options.kind = mox::SocketKind::kDatagram;
     if (!words.interface.empty())
         options.interface = mox::parse_interface(words.interface, machine.interface_index);
     if (!words.to.empty())
@@ -241,11 +241,11 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const Mach
     } catch (const CLI::ParseError& error) {
         std::ostringstream out, complaint;
         int status = app.exit(error, out, complaint);
-        return status == 0 ? Ending{0, out.str()} : Ending{usage_status, "moxsend: " + complaint.str()};
+        return status == 0 ? Ending{0, out.str()} : Ending{kUsageStatus, "moxsend: " + complaint.str()};
     } catch (const mox::UsageError& error) {
-        return Ending{usage_status, std::string("moxsend: ") + error.what() + "\n"};
+        return Ending{kUsageStatus, std::string("moxsend: ") + error.what() + "\n"};
     } catch (const mox::SocketError& error) {
-        return Ending{system_status, std::string("moxsend: ") + error.what() + "\n"};
+        return Ending{kSystemStatus, std::string("moxsend: ") + error.what() + "\n"};
     }
     return std::nullopt;
 }

@@ -23,7 +23,7 @@ struct Options {
     bool pad = false;       /**< with zeroes, to the shortest frame of Ethernet */
 
     // Where to, and how.
-    mox::SocketKind kind = mox::SocketKind::raw;
+    mox::SocketKind kind = mox::SocketKind::kRaw;
     std::uint32_t interface = 0; /**< 0: the platform decides */
     bool bind = false;           /**< name the interface by binding to it, and send without an address */
     std::optional<mox::MacAddress> to;       /**< of a datagram; nothing: as in the frame's header */
@@ -46,7 +46,7 @@ struct Ending {
 };
 
 /** Exit status: a call was refused or a file is not readable; a wrong command line; some frames failed, the rest was sent. */
-constexpr int system_status = 1, usage_status = 2, partial_status = 3;
+constexpr int kSystemStatus = 1, kUsageStatus = 2, kPartialStatus = 3;
 
 /** What the command line needs of the machine. */
 struct Machine {

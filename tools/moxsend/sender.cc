@@ -8,9 +8,9 @@
 namespace moxsend {
 namespace {
 
-constexpr std::uint64_t nanoseconds_per_second = 1'000'000'000;
+constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
 // Without a schedule nothing waits, and signals would never be delivered.
-constexpr unsigned frames_without_a_wait = 64;
+constexpr unsigned kFramesWithoutAWait = 64;
 
 /** Waits until the next frame is due; false when a signal asked to stop. */
 class Gate {
@@ -29,7 +29,7 @@ public:
                 now = clock_.now();
             }
             unwaited_ = 0;
-        } else if (++unwaited_ == frames_without_a_wait) {
+        } else if (++unwaited_ == kFramesWithoutAWait) {
             clock_.wait_until(0);
             unwaited_ = 0;
         }
@@ -77,15 +77,15 @@ void send_one(const SourceFrame& frame, const Options& options, const Deliver& d
 void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepared& prepared)
 {
     prepared.request = {};
-    std::size_t shortest = shortest_frame;
+    std::size_t shortest = kShortestFrame;
     mox::SendAddress to;
     to.ifindex = options.interface;
-    if (options.kind == mox::SocketKind::datagram) {
-        shortest -= ethernet_header;
+    if (options.kind == mox::SocketKind::kDatagram) {
+        shortest -= kEthernetHeader;
         to.mac = options.to;
         to.ether_type = options.ether_type.value_or(0);
         if (options.has_header) {
-            if (frame.size() < ethernet_header)
+            if (frame.size() < kEthernetHeader)
                 throw mox::UsageError("a frame of " + std::to_string(frame.size()) + " bytes has no MAC header to be "
                                       "taken off for a datagram; allowed: 14 bytes and more, or no --datagram");
             mox::MacAddress mac;
@@ -94,7 +94,7 @@ void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepar
                 to.mac = mac;
             if (!options.ether_type)
                 to.ether_type = static_cast<std::uint16_t>(frame[12] << 8 | frame[13]);
-            frame = frame.subspan(ethernet_header);
+            frame = frame.subspan(kEthernetHeader);
         }
     }
     prepared.bytes.assign(frame.begin(), frame.end());
@@ -102,7 +102,7 @@ void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepar
         prepared.bytes.resize(shortest, 0);
     prepared.request.bytes = prepared.bytes;
     // Naming no interface is what an address of interface 0 says, too, but a datagram needs the address.
-    if (!options.bind && (options.interface != 0 || options.kind == mox::SocketKind::datagram))
+    if (!options.bind && (options.interface != 0 || options.kind == mox::SocketKind::kDatagram))
         prepared.request.to = to;
     prepared.request.control = options.control;
 }
@@ -138,7 +138,7 @@ void run_send(FrameSource& source, const Options& options, const Deliver& delive
             }
             std::uint64_t now = clock.now();
             counters.elapsed = now - start;
-            if (now - reported >= nanoseconds_per_second) {
+            if (now - reported >= kNanosecondsPerSecond) {
                 reported = now;
                 progress(counters);
             }

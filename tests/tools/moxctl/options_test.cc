@@ -222,7 +222,7 @@ TEST(ctl_options, actions_and_flags)
 {
     auto [options, ending] = parse({"tech", "-o", "out.txt", "-t", "2.5"});
     ASSERT_FALSE(ending) << ending->text;
-    EXPECT_EQ(options.action, moxctl::Action::tech);
+    EXPECT_EQ(options.action, moxctl::Action::kTech);
     EXPECT_EQ(options.output, "out.txt");
     EXPECT_EQ(options.timeout, 2.5);
     EXPECT_EQ(parse({"tech"}).options.timeout, 10);
@@ -232,7 +232,7 @@ TEST(ctl_options, actions_and_flags)
         EXPECT_TRUE(parse({"show", report, "--json"}).options.json) << report;
     }
     EXPECT_TRUE(parse({"show", "process", "1", "--json"}).options.json);
-    EXPECT_EQ(parse({"show", "process", "1"}).options.action, moxctl::Action::show_process);
+    EXPECT_EQ(parse({"show", "process", "1"}).options.action, moxctl::Action::kShowProcess);
 }
 
 TEST(ctl_options, help__is_everywhere_and_a_success)

@@ -87,14 +87,14 @@ TEST_F(Sender, moxsend_prepare__pads_with_zeroes)
     EXPECT_EQ(Bytes(prepared.bytes.begin() + 20, prepared.bytes.end()), Bytes(40));
     moxsend::prepare(lldp_frame_of(61), options, prepared);
     EXPECT_EQ(prepared.bytes.size(), 61u);
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     moxsend::prepare(lldp_frame_of(20), options, prepared);
     EXPECT_EQ(prepared.bytes.size(), 46u) << "the header comes in front";
 }
 
 TEST_F(Sender, moxsend_prepare__a_datagram_gives_its_header_to_the_address)
 {
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     options.interface = 3;
     moxsend::Prepared prepared;
     moxsend::prepare(lldp_frame_of(17), options, prepared);
@@ -128,7 +128,7 @@ TEST_F(Sender, moxsend_prepare_socket__kind_and_binding)
         EXPECT_EQ(calls.protocol, 0) << "a protocol would be a rule";
         EXPECT_TRUE(calls.bound_to.empty());
     }
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     options.bind = true;
     options.interface = 7;
     mox::PacketSocket socket = moxsend::prepare_socket(options, calls);
