@@ -23,7 +23,7 @@ namespace {
 constexpr dhcp::Address mask = 0xffffff00;
 constexpr std::uint32_t lease_seconds = 600;
 constexpr std::uint16_t ether_type_ipv4 = 0x0800;
-constexpr dhcp::Mac everybody = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+constexpr dhcp::Mac all_stations = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 
 std::string text_of(dhcp::Address address)
 {
@@ -81,7 +81,7 @@ int send(mox::CaptureSocket& socket, const dhcp::Request& request, const dhcp::R
     return socket.try_send({.bytes = packet,
                             .to = mox::SendAddress{.ifindex = ifindex,
                                                    .ether_type = ether_type_ipv4,
-                                                   .mac = to_all ? everybody : request.client}});
+                                                   .mac = to_all ? all_stations : request.client}});
 }
 
 const char* name_of(dhcp::Type type)

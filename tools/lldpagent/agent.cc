@@ -22,8 +22,8 @@ std::string who(const Id& chassis, const Id& port, const Lldpdu* pdu = nullptr)
 } // namespace
 
 Agent::Agent(Identity identity, const std::vector<Port>& ports, const std::vector<Mac>& macs,
-             std::size_t most_of_a_port, Wire& wire, Tell tell)
-    : identity_(std::move(identity)), neighbours_(most_of_a_port), wire_(wire), tell_(std::move(tell))
+             std::size_t most_of_a_port, Wire& wire, Log log)
+    : identity_(std::move(identity)), neighbours_(most_of_a_port), wire_(wire), log_(std::move(log))
 {
     for (std::size_t i = 0; i < ports.size(); ++i) {
         PortState state;
@@ -61,9 +61,9 @@ void Agent::send(PortState& port, const Lldpdu& pdu)
         ++port.counters.sent;
     // A port whose link is down fails every time: what changes is worth a line, what stays is in the counters.
     if (error && error != port.send_error)
-        tell_(port.port.name + ": cannot announce: " + std::strerror(error));
+        log_(port.port.name + ": cannot announce: " + std::strerror(error));
     else if (!error && port.send_error)
-        tell_(port.port.name + ": announcing again");
+        log_(port.port.name + ": announcing again");
     port.send_error = error;
 }
 
@@ -79,7 +79,7 @@ void Agent::run(Time now)
         const auto& [ifindex, chassis, port] = gone.key();
         if (PortState* state = find(ifindex))
             ++state->counters.aged;
-        tell_(port_name(ifindex) + ": lost " + who(chassis, port, &gone.mapped().pdu) + ": not heard for its TTL of " +
+        log_(port_name(ifindex) + ": lost " + who(chassis, port, &gone.mapped().pdu) + ": not heard for its TTL of " +
               std::to_string(gone.mapped().pdu.ttl) + " s");
     }
 }
@@ -114,13 +114,13 @@ void Agent::receive(std::uint32_t ifindex, View frame, Time now)
     Id chassis = decoded.pdu->chassis, port_id = decoded.pdu->port;
     switch (neighbours_.update(ifindex, *decoded.pdu, now)) {
     case Change::kAdded:
-        tell_(port->port.name + ": found " + who(chassis, port_id, &*decoded.pdu));
+        log_(port->port.name + ": found " + who(chassis, port_id, &*decoded.pdu));
         break;
     case Change::kChanged:
-        tell_(port->port.name + ": changed: " + who(chassis, port_id, &*decoded.pdu));
+        log_(port->port.name + ": changed: " + who(chassis, port_id, &*decoded.pdu));
         break;
     case Change::kRemoved:
-        tell_(port->port.name + ": left: " + who(chassis, port_id));
+        log_(port->port.name + ": left: " + who(chassis, port_id));
         break;
     case Change::kRefused:
         ++port->counters.refused;

@@ -56,11 +56,11 @@ struct PortState {
 class Agent {
 public:
     /** Takes a line for the operator, without a newline. */
-    using Tell = std::function<void(const std::string& line)>;
+    using Log = std::function<void(const std::string& line)>;
 
     /** ports is not empty, no index and no name is there twice, macs has the address of each. wire has to outlive it. */
     Agent(Identity identity, const std::vector<Port>& ports, const std::vector<Mac>& macs, std::size_t most_of_a_port,
-          Wire& wire, Tell tell);
+          Wire& wire, Log log);
 
     /** Does what is due: announcements on every port, the first at once, and ageing. */
     void run(Time now);
@@ -89,7 +89,7 @@ private:
     std::vector<PortState> ports_;
     NeighbourTable neighbours_;
     Wire& wire_;
-    Tell tell_;
+    Log log_;
     std::optional<Time> next_announcement_; /**< nothing: at once */
     std::uint64_t strays_ = 0;
 };

@@ -96,7 +96,7 @@ bool read_address(View value, std::vector<ManagementAddress>& addresses)
     address.address.assign(value.begin() + 2, value.begin() + 1 + static_cast<std::ptrdiff_t>(length));
     address.numbering = tail[0];
     address.interface = static_cast<std::uint32_t>(u16_at(tail, 1)) << 16 | u16_at(tail, 3);
-    // Several addresses are common; the same one twice tells nothing.
+    // Several addresses are common; a repeated one is discarded.
     if (std::find(addresses.begin(), addresses.end(), address) != addresses.end())
         return false;
     addresses.push_back(std::move(address));

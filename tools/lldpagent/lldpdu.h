@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * An LLDPDU (IEEE 802.1AB): what one station tells its neighbour of itself, and the Ethernet frame around it.
+ * An LLDPDU (IEEE 802.1AB): what a station announces of itself, and the Ethernet frame around it.
  */
 #ifndef LLDPAGENT_LLDPDU_H
 #define LLDPAGENT_LLDPDU_H
@@ -20,7 +20,7 @@ using Mac = std::array<std::uint8_t, 6>;
 constexpr Mac kNearestBridge = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e};
 constexpr std::uint16_t kEtherType = 0x88cc;
 
-/** Chassis and port id: a subtype that tells what the value is. The subtypes of the two differ in their numbers. */
+/** Chassis and port id: a value and its subtype. The subtypes of the two differ in their numbers. */
 struct Id {
     std::uint8_t subtype = 0;
     Bytes value; /**< 1 to 255 bytes */

@@ -72,7 +72,7 @@ void run(lldp::Agent& agent, lldp::Listener& listener, lldp::StatusServer& statu
 
 int announce(const lldp::Options& options)
 {
-    auto tell = [&options](const std::string& line) {
+    auto log = [&options](const std::string& line) {
         if (!options.quiet)
             std::fprintf(stderr, "lldpagent: %s\n", line.c_str());
     };
@@ -81,8 +81,8 @@ int announce(const lldp::Options& options)
     // The listener before the first announcement: a neighbour may answer it at once.
     lldp::Listener listener(options.ports);
     lldp::Senders senders(options.ports);
-    lldp::Agent agent(options.identity, options.ports, senders.macs(), options.most_of_a_port, senders, tell);
-    tell("announcing " + options.identity.name + " on " + std::to_string(options.ports.size()) +
+    lldp::Agent agent(options.identity, options.ports, senders.macs(), options.most_of_a_port, senders, log);
+    log("announcing " + options.identity.name + " on " + std::to_string(options.ports.size()) +
          (options.ports.size() == 1 ? " port" : " ports"));
     run(agent, listener, status, waiting);
     agent.shut_down();

@@ -99,7 +99,7 @@ void Recorder::record(const mox::Frame& frame, const timespec& time)
     bool has_header = !control || !(control->flags & MOX_RECV_NO_L2);
     std::uint16_t ether_type = control ? ntohs(control->eth_type) : 0;
     Layout layout = options_.layout == Layout::kEthernet && !has_header ? Layout::kNetwork : options_.layout;
-    // Without a layer-2 header the record's EtherType was read from nowhere: the packet has to tell.
+    // Without a layer-2 header the record has no EtherType: it follows from the packet's IP version.
     if (!has_header) {
         std::uint8_t version = frame.bytes.empty() ? 0 : frame.bytes[0] >> 4;
         ether_type = version == 4 ? 0x0800 : version == 6 ? 0x86dd : 0;

@@ -17,7 +17,7 @@
 
 namespace moxcap {
 
-/** Everything that a frame's line tells. */
+/** The content of a frame's line. */
 struct Line {
     timespec time{};         /**< since the epoch; shown as local time of day */
     std::string_view label;  /**< stands in brackets in front, unless empty */

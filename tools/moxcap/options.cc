@@ -121,7 +121,7 @@ void look_up(const Words& words, const mox::InterfaceLookup& lookup, Options& op
     for (const std::string& rule : words.rules)
         options.rules.push_back(mox::Rule::parse(rule, lookup));
 
-    // 802.11 frames look like any other to the reader: only the rules tell that nothing else can come.
+    // Nothing in a frame says that it is an 802.11 frame: only rules can exclude all others.
     bool wlan_only = !options.rules.empty() &&
                      std::all_of(options.rules.begin(), options.rules.end(), [](const mox::Rule& rule) {
                          return rule.type().value == PACKET_WLAN_MGNT || rule.type().value == PACKET_PID_T;

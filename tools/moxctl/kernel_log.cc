@@ -149,7 +149,7 @@ std::string kernel_log_error(int error)
     switch (error) {
     case EPERM:
     case EACCES:
-        return text + "may not be read: run moxctl as root or with CAP_SYSLOG, or allow everybody to read it: "
+        return text + "may not be read: run moxctl as root or with CAP_SYSLOG, or allow every user to read it: "
                       "sysctl kernel.dmesg_restrict=0";
     case ENOENT:
         return text + "does not exist: mknod /dev/kmsg c 1 11 makes it";

@@ -4,7 +4,7 @@
  *
  * The module opens every request with a line that holds the requester's netlink port, which is unique: the
  * report begins behind it, and ends at the latest where the next request begins. In between, a record is the
- * report's when it came with the same priority (and caller, where the kernel is built to tell callers) as that line
+ * report's when it came with the same priority (and caller, where the kernel is built to record callers) as that line
  * and reads like a line of such a report.
  */
 #ifndef MOXCTL_REPORT_FILTER_H
@@ -24,7 +24,7 @@ public:
 
     /** The next record, in the order of the log. */
     void take(const LogRecord& record);
-    /** Records were overwritten before they could be read; the next one's sequence number tells how many. */
+    /** Records were overwritten before they could be read; the next one's sequence number shows how many. */
     void overwritten() { overwritten_ = true; }
     /** No more records follow. */
     void finish();

@@ -38,7 +38,7 @@ mox::MacAddress own_mac(const FrameSurroundings& around, const Machine& machine)
         throw mox::UsageError("the source address is missing: give --from MAC, or the --interface whose address it is");
     auto mac = machine.interface_mac(around.interface);
     if (!mac)
-        throw mox::UsageError("the platform tells no MAC address of interface " + std::to_string(around.interface) +
+        throw mox::UsageError("the platform has no MAC address of interface " + std::to_string(around.interface) +
                               ": give --from MAC");
     return *mac;
 }
