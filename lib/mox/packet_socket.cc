@@ -166,7 +166,7 @@ void PacketSocket::send(const SendRequest& request)
 int PacketSocket::try_send(const SendRequest& request)
 {
     LinkAddress name{};
-    // sendmsg reads these and has no const for it.
+    // sendmsg only reads them, but msghdr has no const.
     iovec io{const_cast<std::uint8_t*>(request.bytes.data()), request.bytes.size()};
     msghdr message{};
     message.msg_iov = &io;

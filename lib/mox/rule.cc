@@ -85,7 +85,7 @@ bool is_number(ValueKind kind)
     return kind != ValueKind::kCode && kind != ValueKind::kMac && kind != ValueKind::kNone && kind != ValueKind::kAll;
 }
 
-/** The element of a number: the module compares its own numbers in host order, and those of packets as they are there. */
+/** The element of a number: in host order for the platform's numbers, in network order for those of packets. */
 Bytes number_bytes(const RuleType& type, std::uint32_t number)
 {
     if (!is_number(type.kind))

@@ -26,7 +26,7 @@ struct SendAddress {
 
 /** The fields of the control record that sendmsg reads; 0 leaves a field to the platform. */
 struct SendControl {
-    std::uint32_t source_ifindex = 0;         /**< has to exist on the platform */
+    std::uint32_t source_ifindex = 0;         /**< must exist on the platform */
     std::uint32_t origin_ifindex = 0;
     std::uint32_t l2_ifindex = 0;
     std::uint32_t destination_l2_ifindex = 0;

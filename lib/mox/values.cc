@@ -134,8 +134,7 @@ std::uint16_t parse_ether_type(std::string_view text)
 
 std::uint32_t parse_interface(std::string_view text, const InterfaceLookup& lookup)
 {
-    // An index is tried first: Linux allows an interface to be called "7", but whoever does that can still say
-    // its index.
+    // An index is tried first: Linux allows an interface to be called "7", but its index works for that one, too.
     bool digits = !text.empty();
     for (char c : text)
         digits = digits && std::isdigit(static_cast<unsigned char>(c));

@@ -59,7 +59,7 @@ void Agent::send(PortState& port, const Lldpdu& pdu)
         ++port.counters.send_failures;
     else
         ++port.counters.sent;
-    // A port whose link is down fails every time: what changes is worth a line, what stays is in the counters.
+    // A port whose link is down fails every time: only a change is logged, the counters have the rest.
     if (error && error != port.send_error)
         log_(port.port.name + ": cannot announce: " + std::strerror(error));
     else if (!error && port.send_error)
@@ -72,7 +72,7 @@ void Agent::run(Time now)
     if (!next_announcement_ || *next_announcement_ <= now) {
         for (PortState& port : ports_)
             send(port, announcement_of(port));
-        // From now on and not from when it was due: after a halt of the machine they must not come in a burst.
+        // Counted from now and not from the time it was due: after a halt of the machine there must be no burst.
         next_announcement_ = now + std::chrono::seconds(identity_.interval);
     }
     for (const auto& gone : neighbours_.age(now)) {

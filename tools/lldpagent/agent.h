@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The agent: what it announces on which port and when, and what it does with received frames. Independent of sockets. */
+/* The agent: what it announces, when and on which port, and how it handles received frames. Independent of sockets. */
 #ifndef LLDPAGENT_AGENT_H
 #define LLDPAGENT_AGENT_H
 
@@ -40,7 +40,7 @@ struct Counters {
     std::uint64_t send_failures = 0;
     std::uint64_t received = 0;           /**< LLDP frames, the discarded ones included */
     std::uint64_t discarded = 0;          /**< of these, malformed ones */
-    std::uint64_t refused = 0;            /**< of these, from a neighbour too many */
+    std::uint64_t refused = 0;            /**< of these, from neighbours beyond the limit */
     std::uint64_t tlvs_discarded = 0;
     std::uint64_t tlvs_unrecognised = 0;
     std::uint64_t aged = 0;               /**< neighbours whose TTL ran out */
@@ -70,7 +70,7 @@ public:
     /** A frame that came in on an interface. One of an interface that is no port counts as stray. */
     void receive(std::uint32_t ifindex, View frame, Time now);
 
-    /** Tells every port's neighbours that the device goes away. */
+    /** Announces a shutdown on every port. */
     void shut_down();
 
     const Identity& identity() const { return identity_; }

@@ -51,7 +51,7 @@ void append_address(Bytes& out, const ManagementAddress& address)
     append_tlv(out, tlv_management_address, value);
 }
 
-// --- reading: each takes a TLV's value and answers whether it was a good one -----------------------------------------
+// --- reading: each takes a TLV's value and returns whether it is well-formed -----------------------------------------
 
 bool read_id(View value, Id& id)
 {

@@ -58,7 +58,7 @@ struct ManagementAddress {
 struct Lldpdu {
     Id chassis;
     Id port;
-    std::uint16_t ttl = 0; /**< seconds; 0: the sender goes away */
+    std::uint16_t ttl = 0; /**< seconds; 0: the sender shuts down */
     std::optional<std::string> port_description;
     std::optional<std::string> system_name;
     std::optional<std::string> system_description;
@@ -73,7 +73,7 @@ struct Lldpdu {
  */
 Bytes encode(const Lldpdu& pdu);
 
-/** The LLDPDU of a sender that goes away: its ids and TTL 0, nothing else. */
+/** The LLDPDU of a sender that shuts down: its ids and TTL 0, nothing else. */
 Lldpdu shutdown_of(const Lldpdu& pdu);
 
 struct Decoded {
@@ -85,7 +85,7 @@ struct Decoded {
 
 /**
  * Reads an LLDPDU. Chassis id, port id and TTL must come first, in this order, once each, and the TLVs must fit into
- * the bytes; else the whole LLDPDU is refused. An optional TLV that is malformed costs only itself.
+ * the bytes; else the whole LLDPDU is refused. Of the optional TLVs only the malformed ones are dropped.
  */
 Decoded decode(View bytes);
 

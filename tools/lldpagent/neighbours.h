@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Who is behind which port, as long as their announcements hold. */
+/* The neighbours of each port until their TTL runs out. */
 #ifndef LLDPAGENT_NEIGHBOURS_H
 #define LLDPAGENT_NEIGHBOURS_H
 
@@ -23,11 +23,11 @@ struct Neighbour {
 /** What an announcement did to the table. */
 enum class Change {
     kAdded,
-    kRefreshed, /**< known, and says the same */
-    kChanged,   /**< known, and says something new */
+    kRefreshed, /**< in the table, with the same content */
+    kChanged,   /**< in the table, with new content */
     kRemoved,   /**< a shutdown of a neighbour in the list */
     kUnknown,   /**< a shutdown of another one */
-    kRefused,   /**< new, and its port has as many as it may */
+    kRefused,   /**< new, and its port is at its limit */
 };
 
 /** A neighbour is identified by the port that receives its frames, its chassis id and its port id. */
@@ -36,10 +36,10 @@ public:
     using Key = std::tuple<std::uint32_t, Id, Id>;
     using Map = std::map<Key, Neighbour>;
 
-    /** A limit for each port, since anybody can make up neighbours, and must not crowd out those of other ports. */
+    /** A limit for each port: a station that invents neighbours must not displace those of other ports. */
     explicit NeighbourTable(std::size_t most_of_a_port) : most_of_a_port_(most_of_a_port) {}
 
-    /** Takes in an announcement that came in on an interface. */
+    /** Enters an announcement that was received on an interface. */
     Change update(std::uint32_t ifindex, Lldpdu pdu, Time now);
 
     /** Removes those whose TTL has run out, and returns them. */

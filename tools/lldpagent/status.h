@@ -12,7 +12,10 @@ enum class StateForm : char { kText = 't', kJson = 'j' };
 
 class StatusServer {
 public:
-    /** Listens at path, for the owner of the process only. Takes over a path that a dead agent left. Throws SystemError. */
+    /**
+     * Listens at path, for the owner of the process only. Replaces the socket of an agent that was killed. Throws
+     * SystemError.
+     */
     explicit StatusServer(const std::string& path);
     /** Removes the path. */
     ~StatusServer();
@@ -22,7 +25,7 @@ public:
     /** For poll: readable when a client connects. */
     int fd() const { return fd_; }
 
-    /** Answers one request. Closes the connection of a client that neither writes nor reads within a quarter of a second. */
+    /** Answers one request. Closes the connection of a client that neither writes nor reads within 250 ms. */
     void answer(const std::function<std::string(StateForm)>& state);
 
 private:

@@ -13,7 +13,7 @@
 namespace moxcap {
 namespace {
 
-// A flood must not keep the capture from looking at its clock and at signals.
+// A flood of frames must not delay the check of the clock and of signals.
 constexpr unsigned kBatch = 256;
 
 constexpr long kNanosecondsPerSecond = 1'000'000'000;
@@ -159,7 +159,7 @@ Counters run_capture(mox::CaptureSocket& socket, const Options& options, Recorde
             throw mox::SocketError(std::string("cannot wait for frames: ") + std::strerror(errno), errno);
     }
 
-    // Out of the location nothing more is queued, so that what was captured already can be shown to its end.
+    // Without a location nothing more is queued: the frames that are queued now are the last ones.
     socket.set_location(PACKET_NONE_LOC);
     while (drain(socket, recorder, buffer, kBatch)) {
     }

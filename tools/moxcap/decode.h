@@ -15,7 +15,7 @@ namespace moxcap {
 /** How the bytes of a frame begin. */
 enum class Layout {
     kEthernet,   /**< with an Ethernet header */
-    kNetwork,    /**< with the network header; the EtherType is known from elsewhere */
+    kNetwork,    /**< with the network header; the EtherType comes from the control record */
     kWlan,       /**< with an 802.11 header */
 };
 

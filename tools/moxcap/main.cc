@@ -22,14 +22,14 @@ std::string interface_name(std::uint32_t index)
     return if_indextoname(index, name) ? name : "";
 }
 
-/** One write for the whole text: live, and not torn apart by others that write to the same terminal. */
+/** One write for the whole text: printed at once, and not mixed with the lines of other programs. */
 void print_to(int fd, const std::string& text)
 {
     std::size_t done = 0;
     while (done < text.size()) {
         ssize_t written = write(fd, text.data() + done, text.size() - done);
         if (written < 0 && errno != EINTR) {
-            tool::stop_requested = 1; // whoever was reading has gone
+            tool::stop_requested = 1; // the reader has ended
             return;
         }
         done += written > 0 ? static_cast<std::size_t>(written) : 0;

@@ -53,7 +53,7 @@ void PcapFile::write(const timespec& time, std::span<const std::uint8_t> bytes, 
                                                                  : 0;
     std::span<const std::uint8_t> stored = bytes;
     if (front != 0) {
-        // Both headers end in the EtherType; the rest of them says nothing, in zeroes.
+        // Both headers end in the EtherType; the rest is zero.
         scratch_.assign(front + bytes.size(), 0);
         scratch_[front - 2] = static_cast<std::uint8_t>(ether_type >> 8);
         scratch_[front - 1] = static_cast<std::uint8_t>(ether_type);

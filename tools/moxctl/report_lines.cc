@@ -217,7 +217,7 @@ bool matches(std::string_view line, std::string_view format, std::array<std::str
         line.remove_prefix(place);
         format.remove_prefix(place + 2);
 
-        // A value reaches to the last place where the literal text behind it fits: names may hold anything.
+        // A value ends where the literal text behind it stands for the last time: names may hold any text.
         std::string_view literal = format.substr(0, format.find('%'));
         std::size_t end = literal.size() == format.size()
                               ? (line.ends_with(literal) ? line.size() - literal.size() : std::string_view::npos)

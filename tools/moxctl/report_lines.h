@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Every line that a report can have: one table for telling them from other log lines and for taking them apart. */
+/* Every line that a report can have: one table to recognize them among other log lines and to parse them. */
 #ifndef MOXCTL_REPORT_LINES_H
 #define MOXCTL_REPORT_LINES_H
 

@@ -45,7 +45,7 @@ struct Ending {
     std::string text;
 };
 
-/** Exit status: a call was refused or a file is not readable; a wrong command line; some frames failed, the rest was sent. */
+/** Exit status: a refused call or unreadable file; a wrong command line; some frames failed, the rest was sent. */
 constexpr int kSystemStatus = 1, kUsageStatus = 2, kPartialStatus = 3;
 
 /** What the command line needs of the machine. */
