@@ -3,7 +3,7 @@
  * mox_packet.h - the user interface of mox_ef_socket, the capture sockets of
  * protocol family 17.
  *
- * Plain C99 and C++; needs nothing but fixed-width integers. The module itself
+ * Plain C99 and C++; needs nothing but fixed-width integers and size_t. The module itself
  * is built from this header, so that a number can never differ between the two
  * sides. All multi-byte fields are in host byte order unless a comment says
  * "network order".
@@ -18,8 +18,10 @@
 #include <linux/types.h>
 #endif
 #elif defined(__cplusplus)
+#include <cstddef>
 #include <cstdint>
 #else
+#include <stddef.h>
 #include <stdint.h>
 #endif
 
@@ -123,6 +125,52 @@ struct mox_packet_rule {
 	uint16_t count; /* number of elements */
 };
 
+#ifndef __KERNEL__
+
+/** Bytes of a rule record with count elements. */
+#define MOX_PACKET_RULE_LENGTH(element_size, count) \
+	(sizeof(struct mox_packet_rule) + (size_t)(element_size) * (count))
+
+/**
+ * Builds a rule record: the head, and the elements behind it without padding.
+ *
+ * record, room    buffer for the record and its size in bytes, at least
+ *                 MOX_PACKET_RULE_LENGTH(element_size, count)
+ * type            enum mox_packet_rule_type
+ * elements        count elements of element_size bytes, one behind the other,
+ *                 in the byte order that the type asks for; may be null when
+ *                 there is no byte to copy
+ * element_size    bytes of one element as the type has it, 0 for types without
+ *                 a value
+ * count           number of elements: 1 for types without a value, 0 for
+ *                 PACKET_ALL
+ *
+ * Returns the record's length, which is the option length of MOX_PACKET_ADD_RULE
+ * and MOX_PACKET_DEL_RULE, or 0 when the record does not fit; the buffer is
+ * unchanged then.
+ */
+static inline size_t mox_packet_build_rule(void *record, size_t room, uint16_t type,
+					   const void *elements, uint16_t element_size,
+					   uint16_t count)
+{
+	const struct mox_packet_rule head = { type, element_size, count };
+	const unsigned char *from = (const unsigned char *)&head;
+	unsigned char *to = (unsigned char *)record;
+	const size_t length = MOX_PACKET_RULE_LENGTH(element_size, count);
+	size_t i;
+
+	if (length > room)
+		return 0;
+	for (i = 0; i < sizeof(head); i++)
+		to[i] = from[i];
+	from = (const unsigned char *)elements;
+	for (; i < length; i++)
+		to[i] = from[i - sizeof(head)];
+	return length;
+}
+
+#endif /* !__KERNEL__ */
+
 /** Reply of MOX_PACKET_STATISTICS; packets includes drops. */
 struct mox_packet_stats {
 	uint32_t packets;
@@ -141,7 +189,10 @@ enum mox_packet_recv_flags {
 /**
  * The control record that recvmsg stores raw (without a cmsg header) at
  * msg_control once PACKET_CTRL_INFO is on. Give msg_control 48 bytes: the
- * length of the buffer is not looked at.
+ * length of the buffer is not looked at. With SO_TIMESTAMP and the like on, the
+ * kernel's control messages come first, and the record stands at msg_control
+ * plus the msg_controllen that recvmsg returned: give msg_control 48 bytes more
+ * than the msg_controllen passed in.
  */
 struct mox_packet_ctrl_info {
 	uint32_t pkt_ifx;        /* interface the frame came in on */

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Only for static programs. The distribution's libpcap.a can also capture from the D-Bus and then wants libdbus and
+ * Only for static programs. The distribution's libpcap.a can also capture from the D-Bus and then needs libdbus and
  * libsystemd, which have no static build. The tools write and read files with libpcap and capture nothing through it:
  * these two stand in front of libpcap's own and say that there is no D-Bus here, so that the linker leaves those alone.
  */

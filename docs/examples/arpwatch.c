@@ -11,12 +11,6 @@
 
 #include "mox_packet.h"
 
-/* A rule record with one u16 value. Types with 4-byte elements need memcpy: they start at byte 6. */
-struct rule16 {
-	struct mox_packet_rule head;
-	uint16_t value;
-};
-
 static int set_u32(int fd, int option, uint32_t value)
 {
 	return setsockopt(fd, MOX_SOL_PACKET, option, &value, sizeof(value));
@@ -24,7 +18,10 @@ static int set_u32(int fd, int option, uint32_t value)
 
 int main(void)
 {
-	struct rule16 arp = { { PACKET_ETH_PROT_EQUAL, 2, 1 }, htons(0x0806) };
+	const uint16_t arp = htons(0x0806);
+	unsigned char rule[MOX_PACKET_RULE_LENGTH(sizeof(arp), 1)];
+	size_t rule_len = mox_packet_build_rule(rule, sizeof(rule), PACKET_ETH_PROT_EQUAL, &arp,
+						sizeof(arp), 1);
 	struct mox_packet_ctrl_info ctrl;
 	unsigned char frame[2048], *a = frame + 14; /* the ARP packet */
 	ssize_t len;
@@ -32,7 +29,7 @@ int main(void)
 	int fd = socket(MOX_PACKET_FAMILY, SOCK_RAW, 0);
 	/* The rule and the treatment first: the location is what starts the capture. */
 	if (fd < 0 ||
-	    setsockopt(fd, MOX_SOL_PACKET, MOX_PACKET_ADD_RULE, &arp, sizeof(arp)) ||
+	    setsockopt(fd, MOX_SOL_PACKET, MOX_PACKET_ADD_RULE, rule, rule_len) ||
 	    set_u32(fd, PACKET_TREATMENT, PACKET_COPY) || set_u32(fd, PACKET_CTRL_INFO, 1) ||
 	    set_u32(fd, PACKET_LOCATION, PACKET_LEV2_LOC)) {
 		perror("arpwatch: cannot open the capture socket");

@@ -131,7 +131,7 @@ std::vector<std::uint8_t> build(const Request& request, const Reply& reply, Addr
         option(out, mask_option, reply.mask, 4);
     }
     out.push_back(end);
-    // Clients of old want a message no shorter than BOOTP's.
+    // Old clients require a message at least as long as BOOTP's.
     out.resize(std::max(out.size(), message + 300));
 
     out[0] = 0x45;

@@ -13,7 +13,6 @@
 
 #include <arpa/inet.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -24,18 +23,7 @@ namespace {
 constexpr dhcp::Address mask = 0xffffff00;
 constexpr std::uint32_t lease_seconds = 600;
 constexpr std::uint16_t ether_type_ipv4 = 0x0800;
-constexpr dhcp::Mac everybody = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
-
-struct LinkAddress {
-    std::uint16_t family;
-    std::uint16_t protocol; // network order
-    std::uint32_t ifindex;
-    std::uint16_t hardware_type;
-    std::uint8_t packet_type;
-    std::uint8_t address_length;
-    std::uint8_t address[8];
-};
-static_assert(sizeof(LinkAddress) == 20);
+constexpr dhcp::Mac all_stations = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 
 std::string text_of(dhcp::Address address)
 {
@@ -44,7 +32,7 @@ std::string text_of(dhcp::Address address)
     return inet_ntop(AF_INET, &network, text, sizeof(text));
 }
 
-/** Addresses by MAC address: who comes again gets the same. */
+/** Addresses by MAC address: a client that asks again gets the same. */
 class Pool {
 public:
     Pool(dhcp::Address first, dhcp::Address last) : next_(first), last_(last) {}
@@ -84,23 +72,16 @@ std::optional<dhcp::Reply> answer_to(const dhcp::Request& request, dhcp::Address
     return reply;
 }
 
-/** Sends an answer out of an interface. False, with errno, when it is not taken. */
-bool send(const mox::CaptureSocket& socket, const dhcp::Request& request, const dhcp::Reply& reply,
-          std::uint32_t ifindex)
+/** Sends an answer out of an interface. 0, or the errno of the send. */
+int send(mox::CaptureSocket& socket, const dhcp::Request& request, const dhcp::Reply& reply, std::uint32_t ifindex)
 {
-    // A client without an address hears a unicast only if it says so by not asking for a broadcast.
+    // A client without an address receives a unicast only if it says so by not asking for a broadcast.
     bool to_all = request.wants_broadcast || reply.type == dhcp::nak;
-    const dhcp::Mac& mac = to_all ? everybody : request.client;
     std::vector<std::uint8_t> packet = dhcp::build(request, reply, to_all ? dhcp::broadcast : reply.offered);
-
-    LinkAddress to{};
-    to.family = MOX_PACKET_FAMILY;
-    to.protocol = htons(ether_type_ipv4);
-    to.ifindex = ifindex;
-    to.address_length = static_cast<std::uint8_t>(mac.size());
-    std::memcpy(to.address, mac.data(), mac.size());
-    return sendto(socket.fd(), packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) >=
-           0;
+    return socket.try_send({.bytes = packet,
+                            .to = mox::SendAddress{.ifindex = ifindex,
+                                                   .ether_type = ether_type_ipv4,
+                                                   .mac = to_all ? all_stations : request.client}});
 }
 
 const char* name_of(dhcp::Type type)
@@ -125,7 +106,7 @@ const char* name_of(dhcp::Type type)
             continue;
         auto request = dhcp::parse(frame->bytes);
         if (!request) {
-            std::puts("something that is no sound DHCP request");
+            std::puts("not a valid DHCP request");
             continue;
         }
         std::uint32_t ifindex = frame->control->pkt_ifx;
@@ -133,8 +114,8 @@ const char* name_of(dhcp::Type type)
         std::printf("if %u: %s -> %s", ifindex, name_of(request->type), reply ? name_of(reply->type) : "no answer");
         if (reply && reply->offered)
             std::printf(" %s", text_of(reply->offered).c_str());
-        if (reply && !send(socket, *request, *reply, ifindex))
-            std::printf(": cannot send: %s", std::strerror(errno));
+        if (int error = reply ? send(socket, *request, *reply, ifindex) : 0; error != 0)
+            std::printf(": cannot send: %s", std::strerror(error));
         std::puts("");
     }
 }
@@ -164,7 +145,7 @@ int main(int argc, char** argv)
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     Pool pool(first, last);
     try {
-        mox::CaptureSocket socket(mox::SocketKind::datagram);
+        mox::CaptureSocket socket(mox::SocketKind::kDatagram);
         socket.set_control_info(true);
         socket.add_rule(mox::Rule::parse("dport=67", mox::system_interface_index));
         socket.set_treatment(PACKET_TRAP);

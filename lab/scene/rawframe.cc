@@ -186,7 +186,7 @@ int main(int argc, char** argv)
             return usage(stderr, 2);
     }
 
-    // Opening a device that is not there would make one, which nobody has made a port.
+    // Opening a device that does not exist would create one, which is not a port.
     if (if_nametoindex(tap) == 0) {
         std::fprintf(stderr, "rawframe: there is no device %s: ip tuntap add dev %s mode tap\n", tap, tap);
         return 1;

@@ -5,12 +5,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace mox {
 namespace {
 
 // recvmsg reports a length of 26 for its 20-byte address; the last bytes belong to no field, but they are stored.
-constexpr std::size_t received_name_size = 26;
+constexpr std::size_t kReceivedNameSize = 26;
+
+// Room for the kernel's own control messages: timestamps and counters take 176 bytes when all of them are on. The
+// kernel cuts what does not fit.
+constexpr std::size_t kMessageRoom = 256;
 
 } // namespace
 
@@ -50,10 +55,12 @@ void CaptureSocket::set_receive_buffer(int bytes)
 
 std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool wait)
 {
-    mox_packet_ctrl_info control{};
+    // The module stores its record behind the kernel's messages and does not look at the buffer's length. The kernel
+    // is given the room in front of the last 48 bytes only, so that the record fits whatever options are on.
+    alignas(cmsghdr) std::uint8_t control[kMessageRoom + sizeof(mox_packet_ctrl_info)] = {};
     union {
         LinkAddress address;
-        std::uint8_t bytes[received_name_size];
+        std::uint8_t bytes[kReceivedNameSize];
     } name{};
     iovec io{buffer.data(), buffer.size()};
     msghdr message{};
@@ -61,8 +68,8 @@ std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool
     message.msg_namelen = sizeof(name);
     message.msg_iov = &io;
     message.msg_iovlen = 1;
-    message.msg_control = &control;
-    message.msg_controllen = sizeof(control);
+    message.msg_control = control;
+    message.msg_controllen = kMessageRoom;
 
     // MSG_TRUNC as a flag asks for the frame's full length as the result.
     ssize_t length = calls().recvmsg(fd(), &message, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
@@ -76,10 +83,12 @@ std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool
     frame.length = static_cast<std::size_t>(length);
     frame.bytes = buffer.first(std::min(frame.length, buffer.size()));
     frame.ifindex = static_cast<std::uint32_t>(name.address.ifindex);
-    // The record comes without a control-message header, and the length that the kernel hands back counts such
-    // headers only: that the record is there is known from having asked for it.
-    if (control_info_)
-        frame.control = control;
+    // The record has no control-message header, and the returned length counts the kernel's messages only. So the
+    // record is there if it was asked for, and it stands where that length ends.
+    if (control_info_) {
+        std::size_t messages = std::min<std::size_t>(message.msg_controllen, kMessageRoom);
+        std::memcpy(&frame.control.emplace(), control + messages, sizeof(mox_packet_ctrl_info));
+    }
     return frame;
 }
 

@@ -2,18 +2,18 @@
 /*
  * A capture socket of family 17.
  *
- * Set the rules, the control information and the treatment before the location: the module captures from the
- * moment the location is set, and a frame queued earlier than a rule or option would be there without it.
+ * Set the rules, the control information and the treatment before the location: the capture starts when
+ * the location is set, and a frame that was queued before a rule or option was set has been captured without it.
  *
- *     mox::CaptureSocket socket(mox::SocketKind::raw);
+ *     mox::CaptureSocket socket(mox::SocketKind::kRaw);
  *     socket.set_control_info(true);
  *     socket.add_rule(mox::Rule::parse("eth=arp", mox::system_interface_index));
  *     socket.set_treatment(PACKET_COPY);
  *     socket.set_location(PACKET_LEV2_LOC);
  *     while (auto frame = socket.receive(buffer)) ...
  *
- * Opening, binding and sending are those of every packet socket (mox/packet_socket.h): a daemon hears and answers
- * with the same one.
+ * Opening, binding and sending are those of every packet socket (mox/packet_socket.h): a daemon receives and
+ * answers through the same one.
  *
  * Unless said otherwise functions throw SocketError when the kernel refuses. Nothing here is shared between
  * threads; the kernel allows any number of readers on one socket.
@@ -33,8 +33,8 @@ namespace mox {
 
 /** One received frame. */
 struct Frame {
-    std::span<const std::uint8_t> bytes; /**< what fitted into the buffer */
-    std::size_t length = 0;              /**< full length of the frame, as it stood in the queue */
+    std::span<const std::uint8_t> bytes; /**< as much as the buffer holds */
+    std::size_t length = 0;              /**< full length of the frame */
     std::uint32_t ifindex = 0;           /**< interface it came in on */
     std::optional<mox_packet_ctrl_info> control; /**< when control information is on */
 
@@ -50,9 +50,9 @@ public:
     /** Whether frames come with their control record. */
     void set_control_info(bool on);
     void add_rule(const Rule& rule);
-    /** Deletes the rule's values; values that the socket does not have are passed over. */
+    /** Deletes the rule's values; values that the socket does not have are ignored. */
     void delete_rule(const Rule& rule);
-    /** SO_RCVBUF; the kernel doubles the number and holds it between its own limits. */
+    /** SO_RCVBUF; the kernel doubles the number and applies its own limits. */
     void set_receive_buffer(int bytes);
 
     /**

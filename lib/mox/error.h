@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The two ways in which the library refuses. Both carry a text fit to be shown to an operator as it stands.
+ * The exceptions of the library. The text of each can be shown to an operator as it is.
  */
 #ifndef MOX_ERROR_H
 #define MOX_ERROR_H

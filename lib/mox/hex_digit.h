@@ -5,7 +5,7 @@
 
 namespace mox {
 
-/** What a digit of either case stands for; -1 for any other character. */
+/** The value of a digit of either case; -1 for any other character. */
 constexpr int hex_digit(char c)
 {
     if (c >= '0' && c <= '9')

@@ -10,46 +10,51 @@
 namespace mox {
 namespace {
 
-constexpr Name location_table[] = {
-    {PACKET_NONE_LOC, "PACKET_NONE_LOC", "none", "nowhere"},
-    {PACKET_LOCAL_LOC, "PACKET_LOCAL_LOC", "local", "frames about to leave"},
-    {PACKET_LEV2_LOC, "PACKET_LEV2_LOC", "lev2 l2", "every frame that comes in"},
-    {PACKET_IPv4_LOC, "PACKET_IPv4_LOC", "ipv4 ip", "IPv4 packets"},
-    {PACKET_IPv6_LOC, "PACKET_IPv6_LOC", "ipv6 ip6", "IPv6 packets"},
-    {PACKET_MPLS_LOC, "PACKET_MPLS_LOC", "mpls", "MPLS, refused by the module"},
-    {PACKET_TRILL_LOC, "PACKET_TRILL_LOC", "trill", "TRILL, refused by the module"},
-    {PACKET_RESV_LOC, "PACKET_RESV_LOC", "resv", "frames to reserved multicast addresses"},
-    {PACKET_WLAN_LOC, "PACKET_WLAN_LOC", "wlan", "frames from and to WLAN interfaces"},
-    {PACKET_LEV2_RESV_LOC, "PACKET_LEV2_RESV_LOC", "l2resv", "resv, reserved layer-2 addresses only"},
-    {PACKET_LEV3_RESV_LOC, "PACKET_LEV3_RESV_LOC", "l3resv", "resv, reserved layer-3 addresses only"},
+// A row's full name is its enumerator's.
+#define ROW(number, ...) {number, #number, __VA_ARGS__}
+
+constexpr Name kLocationTable[] = {
+    ROW(PACKET_NONE_LOC, "none", "nowhere"),
+    ROW(PACKET_LOCAL_LOC, "local", "frames about to leave"),
+    ROW(PACKET_LEV2_LOC, "lev2 l2", "every frame that comes in"),
+    ROW(PACKET_IPv4_LOC, "ipv4 ip", "IPv4 packets"),
+    ROW(PACKET_IPv6_LOC, "ipv6 ip6", "IPv6 packets"),
+    ROW(PACKET_MPLS_LOC, "mpls", "MPLS, refused by the module"),
+    ROW(PACKET_TRILL_LOC, "trill", "TRILL, refused by the module"),
+    ROW(PACKET_RESV_LOC, "resv", "frames to reserved multicast addresses"),
+    ROW(PACKET_WLAN_LOC, "wlan", "frames from and to WLAN interfaces"),
+    ROW(PACKET_LEV2_RESV_LOC, "l2resv", "resv, reserved layer-2 addresses only"),
+    ROW(PACKET_LEV3_RESV_LOC, "l3resv", "resv, reserved layer-3 addresses only"),
 };
 
-constexpr Name treatment_table[] = {
-    {PACKET_TREATMENT_NONE, "PACKET_TREATMENT_NONE", "none", "nothing"},
-    {PACKET_COPY, "PACKET_COPY", "copy", "the frame goes its way, every matching socket gets a copy"},
-    {PACKET_FETCH, "PACKET_FETCH", "fetch", "the frame is taken, every matching socket gets a copy"},
-    {PACKET_TRAP, "PACKET_TRAP", "trap", "the frame is taken for the first matching socket alone"},
-    {PACKET_COPY_LOCAL, "PACKET_COPY_LOCAL", "copy-local",
-     "a copy of frames that some other rule of the location captures"},
-    {PACKET_FETCH_LOCAL, "PACKET_FETCH_LOCAL", "fetch-local",
-     "as copy-local, placed among the rules that come first"},
+constexpr Name kTreatmentTable[] = {
+    ROW(PACKET_TREATMENT_NONE, "none", "nothing"),
+    ROW(PACKET_COPY, "copy", "the platform forwards the frame, every matching socket gets a copy"),
+    ROW(PACKET_FETCH, "fetch", "the frame is taken, every matching socket gets a copy"),
+    ROW(PACKET_TRAP, "trap", "the frame is taken for the first matching socket alone"),
+    ROW(PACKET_COPY_LOCAL, "copy-local",
+     "a copy of frames that some other rule of the location captures"),
+    ROW(PACKET_FETCH_LOCAL, "fetch-local",
+     "as copy-local, placed among the rules that come first"),
 };
 
-constexpr Name send_flag_table[] = {
-    {MOX_SEND_DEBUG, "MOX_SEND_DEBUG", "debug trace", "mark the frame for tracing and log its outcome"},
-    {MOX_SEND_EF_40000, "MOX_SEND_EF_40000", "ef40000", "frame flag 0x40000"},
-    {MOX_SEND_VXLAN_ENCAP, "MOX_SEND_VXLAN_ENCAP", "vxlan-encap vxlan", "VXLAN encapsulation (send flag 0x1)"},
-    {MOX_SEND_BLOCK, "MOX_SEND_BLOCK", "block block-send", "block send (send flag 0x2)"},
-    {MOX_SEND_400, "MOX_SEND_400", "send4 400 0x400", "send flag 0x4"},
-    {MOX_SEND_4000, "MOX_SEND_4000", "send20 4000 0x4000", "send flag 0x20"},
-    {MOX_SEND_10000, "MOX_SEND_10000", "send40 10000 0x10000", "send flag 0x40"},
-    {MOX_SEND_20000, "MOX_SEND_20000", "send80 20000 0x20000", "send flag 0x80"},
-    {MOX_SEND_NO_ACL, "MOX_SEND_NO_ACL", "no-acl", "do not match access lists (send flag 0x8)"},
-    {MOX_SEND_PROXY_CAPTURE, "MOX_SEND_PROXY_CAPTURE", "proxy-capture",
-     "the proxy-capture byte is valid (send flag 0x10)"},
+constexpr Name kSendFlagTable[] = {
+    ROW(MOX_SEND_DEBUG, "debug trace", "mark the frame for tracing and log its outcome"),
+    ROW(MOX_SEND_EF_40000, "ef40000", "frame flag 0x40000"),
+    ROW(MOX_SEND_VXLAN_ENCAP, "vxlan-encap vxlan", "VXLAN encapsulation (send flag 0x1)"),
+    ROW(MOX_SEND_BLOCK, "block block-send", "block send (send flag 0x2)"),
+    ROW(MOX_SEND_400, "send4 400 0x400", "send flag 0x4"),
+    ROW(MOX_SEND_4000, "send20 4000 0x4000", "send flag 0x20"),
+    ROW(MOX_SEND_10000, "send40 10000 0x10000", "send flag 0x40"),
+    ROW(MOX_SEND_20000, "send80 20000 0x20000", "send flag 0x80"),
+    ROW(MOX_SEND_NO_ACL, "no-acl", "do not match access lists (send flag 0x8)"),
+    ROW(MOX_SEND_PROXY_CAPTURE, "proxy-capture",
+     "the proxy-capture byte is valid (send flag 0x10)"),
 };
 
-constexpr std::string_view prefix = "PACKET_";
+#undef ROW
+
+constexpr std::string_view kPrefix = "PACKET_";
 
 char folded(char c)
 {
@@ -106,8 +111,8 @@ bool same_name(std::string_view a, std::string_view b)
 
 std::string_view without_prefix(std::string_view text)
 {
-    if (text.size() > prefix.size() && same_name(text.substr(0, prefix.size()), prefix))
-        text.remove_prefix(prefix.size());
+    if (text.size() > kPrefix.size() && same_name(text.substr(0, kPrefix.size()), kPrefix))
+        text.remove_prefix(kPrefix.size());
     return text;
 }
 
@@ -126,17 +131,17 @@ bool in_word_list(std::string_view words, std::string_view text)
 
 std::span<const Name> locations()
 {
-    return location_table;
+    return kLocationTable;
 }
 
 std::span<const Name> treatments()
 {
-    return treatment_table;
+    return kTreatmentTable;
 }
 
 std::span<const Name> send_flags()
 {
-    return send_flag_table;
+    return kSendFlagTable;
 }
 
 std::optional<Name> find_name(std::span<const Name> table, std::string_view text)
@@ -155,23 +160,23 @@ std::optional<Name> find_name(std::span<const Name> table, std::string_view text
 
 std::uint32_t parse_location(std::string_view text)
 {
-    return parse("location", location_table, allowed_location, text);
+    return parse("location", kLocationTable, allowed_location, text);
 }
 
 std::uint32_t parse_treatment(std::string_view text)
 {
-    return parse("treatment", treatment_table, allowed_treatment, text);
+    return parse("treatment", kTreatmentTable, allowed_treatment, text);
 }
 
 std::uint32_t parse_send_flag(std::string_view text)
 {
-    return parse("send flag", send_flag_table, allowed_send_flag, text);
+    return parse("send flag", kSendFlagTable, allowed_send_flag, text);
 }
 
 std::string send_flags_text(std::uint32_t flags)
 {
     std::string text;
-    for (const Name& row : send_flag_table)
+    for (const Name& row : kSendFlagTable)
         if (flags & row.value) {
             text += (text.empty() ? "" : " ") + std::string(row.alias());
             flags &= ~row.value;
@@ -186,12 +191,12 @@ std::string send_flags_text(std::uint32_t flags)
 
 std::string_view location_name(std::uint32_t location)
 {
-    return name_of(location_table, location);
+    return name_of(kLocationTable, location);
 }
 
 std::string_view treatment_name(std::uint32_t treatment)
 {
-    return name_of(treatment_table, treatment);
+    return name_of(kTreatmentTable, treatment);
 }
 
 } // namespace mox

@@ -3,7 +3,7 @@
  * Names of the numbers in mox_packet.h: locations, treatments, send flags and rule types, with the short aliases that
  * command lines use.
  *
- * Looking a name up ignores case, takes '_' and '-' for the same, and lets the prefix "PACKET_" be left out.
+ * A look-up ignores case, treats '_' and '-' as the same character, and accepts names without the prefix "PACKET_".
  */
 #ifndef MOX_NAMES_H
 #define MOX_NAMES_H
@@ -40,7 +40,7 @@ constexpr bool location_is_open(std::uint32_t location)
     return location != 5 && location != 6;
 }
 
-/** The row that a full name or an alias means; nothing when there is none. */
+/** The row with this full name or alias; nothing when there is none. */
 std::optional<Name> find_name(std::span<const Name> table, std::string_view text);
 
 /**

@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 #include <net/if.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,9 +17,9 @@ namespace mox {
 namespace {
 
 // An option number that Linux's own packet sockets answer and ours refuse.
-constexpr int linux_packet_version = 10;
+constexpr int kLinuxPacketVersion = 10;
 
-const std::string vsd_remedy = std::string("a process whose working directory lies below ") + MOX_VSD_PREFIX +
+const std::string kVsdRemedy = std::string("a process whose working directory lies below ") + MOX_VSD_PREFIX +
                                "N, N other than 0, may not: change to another directory";
 
 [[noreturn]] void fail_to_open()
@@ -26,9 +27,9 @@ const std::string vsd_remedy = std::string("a process whose working directory li
     constexpr char what[] = "cannot open a packet socket";
     switch (errno) {
     case EAFNOSUPPORT:
-        throw_socket_error(what, "nobody serves family 17: is mox_ef_socket.ko loaded?");
+        throw_socket_error(what, "no module has registered family 17: is mox_ef_socket.ko loaded?");
     case EINVAL:
-        throw_socket_error(what, vsd_remedy);
+        throw_socket_error(what, kVsdRemedy);
     case EPERM:
         throw_socket_error(what, "mox_ef_socket asks for no privilege, so family 17 is served by Linux's own packet "
                                  "sockets: unload them and load mox_ef_socket.ko");
@@ -76,7 +77,12 @@ int SocketCalls::getsockopt(int fd, int level, int option, void* value, socklen_
     return ::getsockopt(fd, level, option, value, length);
 }
 
-ssize_t SocketCalls::recvmsg(int fd, msghdr* message, int flags) { return ::recvmsg(fd, message, flags); }
+ssize_t SocketCalls::recvmsg(int fd, msghdr* message, int flags)
+{
+    // Not the C library's function: with a 64-bit time_t on a 32-bit machine it appends converted timestamps to the
+    // control buffer, over the module's record.
+    return ::syscall(SYS_recvmsg, fd, message, flags);
+}
 
 ssize_t SocketCalls::sendmsg(int fd, const msghdr* message, int flags) { return ::sendmsg(fd, message, flags); }
 
@@ -95,7 +101,7 @@ std::uint32_t system_interface_index(const std::string& name)
 
 PacketSocket::PacketSocket(SocketKind kind, std::uint16_t protocol, SocketCalls& calls) : calls_(calls), kind_(kind)
 {
-    int type = (kind == SocketKind::raw ? SOCK_RAW : SOCK_DGRAM) | SOCK_CLOEXEC;
+    int type = (kind == SocketKind::kRaw ? SOCK_RAW : SOCK_DGRAM) | SOCK_CLOEXEC;
     fd_ = calls_.socket(MOX_PACKET_FAMILY, type, htons(protocol));
     if (fd_ < 0)
         fail_to_open();
@@ -103,7 +109,7 @@ PacketSocket::PacketSocket(SocketKind kind, std::uint16_t protocol, SocketCalls&
     // Linux's own packet sockets give other meanings to options 15 to 17 and would accept them.
     int version = 0;
     socklen_t length = sizeof(version);
-    if (calls_.getsockopt(fd_, MOX_SOL_PACKET, linux_packet_version, &version, &length) == 0) {
+    if (calls_.getsockopt(fd_, MOX_SOL_PACKET, kLinuxPacketVersion, &version, &length) == 0) {
         calls_.close(std::exchange(fd_, -1));
         errno = EPROTONOSUPPORT;
         throw_socket_error("cannot open a packet socket", "family 17 is served by Linux's own packet sockets: unload "
@@ -134,7 +140,7 @@ void PacketSocket::bind(std::uint32_t ifindex, std::uint16_t protocol)
     if (errno == ENODEV)
         throw_socket_error(what, "the forwarding platform has no interface of this index");
     if (errno == EINVAL)
-        throw_socket_error(what, vsd_remedy);
+        throw_socket_error(what, kVsdRemedy);
     throw_socket_error(what);
 }
 
@@ -153,8 +159,14 @@ std::optional<MacAddress> PacketSocket::interface_mac() const
 
 void PacketSocket::send(const SendRequest& request)
 {
+    if (int error = try_send(request); error != 0)
+        fail_to_send(request, error);
+}
+
+int PacketSocket::try_send(const SendRequest& request)
+{
     LinkAddress name{};
-    // sendmsg reads these and has no const for it.
+    // sendmsg only reads them, but msghdr has no const.
     iovec io{const_cast<std::uint8_t*>(request.bytes.data()), request.bytes.size()};
     msghdr message{};
     message.msg_iov = &io;
@@ -175,13 +187,11 @@ void PacketSocket::send(const SendRequest& request)
         message.msg_control = &control;
         message.msg_controllen = sizeof(control);
     }
-    if (calls_.sendmsg(fd_, &message, 0) < 0)
-        fail_to_send(request);
+    return calls_.sendmsg(fd_, &message, 0) < 0 ? errno : 0;
 }
 
-void PacketSocket::fail_to_send(const SendRequest& request) const
+void PacketSocket::fail_to_send(const SendRequest& request, int error) const
 {
-    int error = errno;
     std::uint32_t to = request.to ? request.to->ifindex : bound_to_;
     std::uint32_t from = request.control ? request.control->pkt_ifx : 0;
     std::string destination = "interface " + std::to_string(to);
@@ -201,15 +211,15 @@ void PacketSocket::fail_to_send(const SendRequest& request) const
     case ENETDOWN:
         throw_socket_error(what, "the link of " + destination + " is down: bring it up and send again");
     case ENETUNREACH:
-        throw_socket_error(what, "the platform took the frame and dropped it: an output hook, an access list or the "
+        throw_socket_error(what, "the platform dropped the frame: an output hook, an access list or the "
                                  "destination refused it");
     case EINVAL:
-        if (kind_ == SocketKind::datagram && !(request.to && request.to->mac))
+        if (kind_ == SocketKind::kDatagram && !(request.to && request.to->mac))
             throw_socket_error(what, "a datagram socket needs a destination MAC address with every frame");
-        if (kind_ == SocketKind::datagram)
-            throw_socket_error(what, "the platform does not tell the device's MAC address at the moment: send with "
-                                     "a raw socket; or: " + vsd_remedy);
-        throw_socket_error(what, vsd_remedy);
+        if (kind_ == SocketKind::kDatagram)
+            throw_socket_error(what, "the device's MAC address is not available at the moment: send with a raw "
+                                     "socket; or: " + kVsdRemedy);
+        throw_socket_error(what, kVsdRemedy);
     case ENOMEM:
         throw_socket_error(what, "the platform has no buffer for a frame of this length: send a shorter one, or "
                                  "later");

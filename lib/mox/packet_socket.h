@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * A socket of family 17: opening, naming its interface, sending. CaptureSocket adds receiving, so that one socket can
- * hear and answer.
+ * receive requests and send answers.
  *
- *     mox::PacketSocket socket(mox::SocketKind::raw);
+ *     mox::PacketSocket socket(mox::SocketKind::kRaw);
  *     socket.send({frame, mox::SendAddress{mox::system_interface_index("port1")}});
  *
  * Unless said otherwise functions throw SocketError when the kernel refuses. A socket without a location receives
- * nothing, so that one which only sends need not be read.
+ * nothing: a program that only sends need not read from it.
  */
 #ifndef MOX_PACKET_SOCKET_H
 #define MOX_PACKET_SOCKET_H
@@ -23,7 +23,7 @@
 
 namespace mox {
 
-/** The system calls that a packet socket makes; tests put their own in place. Results and errno as in libc. */
+/** The system calls that a packet socket makes; tests replace them. Results and errno as in libc. */
 class SocketCalls {
 public:
     virtual ~SocketCalls() = default;
@@ -41,13 +41,13 @@ public:
 };
 
 enum class SocketKind {
-    raw,      /**< frames with their layer-2 header */
-    datagram, /**< frames without it */
+    kRaw,      /**< frames with their layer-2 header */
+    kDatagram, /**< frames without it */
 };
 
 /**
- * The link-layer address of family 17, as the kernel lays it out. hardware_type and packet_type are not looked at
- * in a send.
+ * The link-layer address of family 17, as the kernel lays it out. A send ignores hardware_type and
+ * packet_type.
  */
 struct LinkAddress {
     std::uint16_t family;
@@ -67,7 +67,7 @@ class PacketSocket {
 public:
     /**
      * Opens a socket. protocol is an EtherType in host order; other than 0 it becomes the socket's first rule
-     * (3 stands for any). Refuses, with a text, when family 17 belongs to somebody else than mox_ef_socket.
+     * (3 stands for any). Throws also when another module than mox_ef_socket has family 17.
      */
     explicit PacketSocket(SocketKind kind, std::uint16_t protocol = 0, SocketCalls& calls = SocketCalls::system());
     ~PacketSocket();
@@ -76,7 +76,7 @@ public:
     PacketSocket& operator=(const PacketSocket&) = delete;
     PacketSocket& operator=(PacketSocket&&) = delete;
 
-    /** For poll; stays owned by this object. */
+    /** For poll; this object keeps the ownership. */
     int fd() const { return fd_; }
 
     /**
@@ -90,16 +90,18 @@ public:
     std::optional<MacAddress> interface_mac() const;
 
     /**
-     * Hands one frame to the platform; does not wait for it to leave. Whether the platform's answer was success is
-     * all that is known: "dropped" is a SocketError of ENETUNREACH, everything else counts as sent.
+     * Passes one frame to the platform; does not wait for it to leave. A frame that the platform drops is a
+     * SocketError with ENETUNREACH. Success means that the platform accepted the frame, not that it sent it.
      */
     void send(const SendRequest& request);
+    /** The same without an exception, for callers that go on after a failure: 0, or the errno of the send. */
+    int try_send(const SendRequest& request);
 
 protected:
     SocketCalls& calls() const { return calls_; }
 
 private:
-    [[noreturn]] void fail_to_send(const SendRequest& request) const;
+    [[noreturn]] void fail_to_send(const SendRequest& request, int error) const;
 
     SocketCalls& calls_;
     int fd_ = -1;

@@ -3,7 +3,7 @@
  * Rule records: what MOX_PACKET_ADD_RULE and MOX_PACKET_DEL_RULE take.
  *
  * A socket captures a frame when every rule type it has holds (AND), and a type holds when one of its values
- * does (OR). A Rule is one type with its values, already laid out as the module reads them.
+ * does (OR). A Rule is one type with its values, laid out as the module reads them.
  */
 #ifndef MOX_RULE_H
 #define MOX_RULE_H
@@ -22,25 +22,26 @@ namespace mox {
 
 /** How the text of one value becomes the bytes of one element. */
 enum class ValueKind {
-    none,         /**< no value; one element of no bytes */
-    all,          /**< no value and no element */
-    code,         /**< code[.sub-code], each 0 to 255 */
-    mac,          /**< 6 bytes as in the frame */
-    ether_type,   /**< u16, network order */
-    port,         /**< u16, network order */
-    ip_protocol,  /**< one byte */
-    interface_index, /**< u32, host order */
-    icmpv6_type,  /**< one byte */
-    eapol_type,   /**< one byte */
-    filler,       /**< one byte that the module does not compare; may be left out */
-    attribute,    /**< u32, host order; "any" is 0xffffffff */
-    arp_operation, /**< u16, network order */
+    kNone,         /**< no value; one element of no bytes */
+    kAll,          /**< no value and no element */
+    kCode,         /**< code[.sub-code], each 0 to 255 */
+    kMac,          /**< 6 bytes as in the frame */
+    kEtherType,   /**< u16, network order */
+    kPort,         /**< u16, network order */
+    kIpProtocol,  /**< one byte */
+    kInterfaceIndex, /**< u32, host order */
+    kIcmpv6Type,  /**< one byte */
+    kEapolType,   /**< one byte */
+    kFiller,       /**< one byte that the module does not compare; optional */
+    kAttribute,    /**< u32, host order; "any" is 0xffffffff */
+    kArpOperation, /**< u16, network order */
 };
 
 /** One row of the table of rule types. */
 struct RuleType {
     std::uint16_t value;
     std::string_view full;    /**< as in mox_packet.h */
+    std::uint16_t width;      /**< bytes of one element */
     std::string_view aliases; /**< separated by spaces; the first one is the one to show */
     ValueKind kind;
     std::string_view meaning; /**< half a sentence for help texts, with an example value */
@@ -53,9 +54,6 @@ std::span<const RuleType> rule_types();
 
 /** The row of a name or alias. Throws UsageError listing the allowed names. */
 const RuleType& find_rule_type(std::string_view text);
-
-/** Bytes of one element of the kind, as the module strides over them. */
-std::size_t element_size(ValueKind kind);
 
 /** One rule type with its values. */
 class Rule {
@@ -78,6 +76,11 @@ public:
      */
     void add_value(std::string_view text, const InterfaceLookup& lookup);
     void add_element(std::span<const std::uint8_t> element);
+    /**
+     * Adds one value given as a number in host order; the record has it in the byte order and width of the type.
+     * Throws UsageError for a number that does not fit, and for types whose values are no numbers.
+     */
+    void add_number(std::uint32_t number);
 
     /** The whole record for setsockopt: the head and count elements of the type's own size. */
     std::vector<std::uint8_t> record() const;
@@ -89,11 +92,11 @@ private:
 };
 
 /**
- * The rules in an order, and with the additions, that make the module look for the frames they describe; what
- * they match is unchanged:
+ * The rules in an order, and with additions, that make the hooks find the frames that the rules match. The frames
+ * that match stay the same:
  *
- *  - The module files a socket under its first type (its key). ARP operations are looked up there by one byte
- *    only and would never be found, so they go last, and behind "eth=arp" when they would come first.
+ *  - The module files a socket under its first type (its key). ARP operations are looked up by one byte only
+ *    and would never be found as a key, so they go last, and behind "eth=arp" when they would come first.
  *  - Exclusions are no key at all: alone they get "all" in front.
  *  - No rules would match nothing: they become "all".
  *

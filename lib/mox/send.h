@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What goes out with one frame: its bytes, where it is to leave, and the control record.
+ * One frame to send: its bytes, its destination interface and its control record.
  *
- * SendControl is the record in the words of a sender. It is not the received record turned round: VLAN ids stand
- * in other bits there, so that a record that recvmsg stored must not be handed back to sendmsg as it is.
+ * SendControl has the fields that a sender sets. A received record must not be passed to sendmsg as it is: its VLAN
+ * ids are in other bits.
  */
 #ifndef MOX_SEND_H
 #define MOX_SEND_H
@@ -17,7 +17,7 @@
 
 namespace mox {
 
-/** The name that goes with a send. */
+/** The address of a send. */
 struct SendAddress {
     std::uint32_t ifindex = 0;     /**< destination interface, 0: the platform decides, whatever bind said */
     std::uint16_t ether_type = 0;  /**< host order; of a datagram's header, 0: the protocol of the socket */
@@ -26,7 +26,7 @@ struct SendAddress {
 
 /** The fields of the control record that sendmsg reads; 0 leaves a field to the platform. */
 struct SendControl {
-    std::uint32_t source_ifindex = 0;         /**< has to exist on the platform */
+    std::uint32_t source_ifindex = 0;         /**< must exist on the platform */
     std::uint32_t origin_ifindex = 0;
     std::uint32_t l2_ifindex = 0;
     std::uint32_t destination_l2_ifindex = 0;
@@ -38,13 +38,13 @@ struct SendControl {
     std::uint16_t wlan_id = 0;
     std::uint16_t ap_wlan_id = 0;
     std::uint8_t radio_id = 0;
-    std::optional<std::uint8_t> proxy_capture; /**< brings MOX_SEND_PROXY_CAPTURE, without which nobody reads it */
+    std::optional<std::uint8_t> proxy_capture; /**< sets MOX_SEND_PROXY_CAPTURE too; without that flag it is not read */
 
     /** The record as sendmsg reads it. Throws UsageError for a VLAN id that does not fit. */
     mox_packet_ctrl_info record() const;
 };
 
-/** One frame to send. The bytes have to stay until the send is over. */
+/** One frame to send. The bytes must stay valid until the send returns. */
 struct SendRequest {
     std::span<const std::uint8_t> bytes; /**< from the MAC header on; for a datagram socket from behind it */
     std::optional<SendAddress> to = std::nullopt; /**< nothing: by the interface of the bind, if any */

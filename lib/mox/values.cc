@@ -11,20 +11,20 @@
 namespace mox {
 namespace {
 
-constexpr NamedValue ether_types[] = {
+constexpr NamedValue kEtherTypes[] = {
     {0x0003, "any"},    {0x0800, "ipv4"},  {0x0800, "ip"},    {0x0806, "arp"},   {0x8035, "rarp"},
     {0x8100, "vlan"},   {0x86dd, "ipv6"},  {0x86dd, "ip6"},   {0x8809, "slow"},  {0x8847, "mpls"},
     {0x8863, "pppoed"}, {0x8864, "pppoe"}, {0x888e, "eapol"}, {0x88a8, "qinq"},  {0x88c7, "preauth"},
     {0x88cc, "lldp"},   {0x88e5, "macsec"}, {0x88f7, "ptp"},  {0x8902, "cfm"},   {0x9000, "loopback"},
 };
 
-constexpr NamedValue ip_protocols[] = {
+constexpr NamedValue kIpProtocols[] = {
     {1, "icmp"},  {2, "igmp"}, {4, "ipip"},    {6, "tcp"},   {17, "udp"},  {41, "ip6ip"}, {47, "gre"},
     {50, "esp"},  {51, "ah"},  {58, "icmpv6"}, {58, "icmp6"}, {88, "eigrp"}, {89, "ospf"}, {103, "pim"},
     {112, "vrrp"}, {115, "l2tp"}, {132, "sctp"},
 };
 
-constexpr NamedValue ports[] = {
+constexpr NamedValue kPorts[] = {
     {22, "ssh"},          {23, "telnet"},        {53, "dns"},           {67, "dhcps"},  {67, "bootps"},
     {68, "dhcpc"},        {68, "bootpc"},        {69, "tftp"},          {80, "http"},   {123, "ntp"},
     {161, "snmp"},        {162, "snmptrap"},     {443, "https"},        {514, "syslog"}, {546, "dhcp6c"},
@@ -32,17 +32,17 @@ constexpr NamedValue ports[] = {
     {5353, "mdns"},
 };
 
-constexpr NamedValue icmpv6_types[] = {
+constexpr NamedValue kIcmpv6Types[] = {
     {1, "unreachable"}, {2, "too-big"},     {3, "time-exceeded"}, {4, "parameter"}, {128, "echo-request"},
     {129, "echo-reply"}, {130, "mld-query"}, {131, "mld-report"},  {132, "mld-done"}, {133, "rs"},
     {134, "ra"},        {135, "ns"},        {136, "na"},          {137, "redirect"}, {143, "mld2-report"},
 };
 
-constexpr NamedValue eapol_types[] = {
+constexpr NamedValue kEapolTypes[] = {
     {0, "eap"}, {1, "start"}, {2, "logoff"}, {3, "key"}, {4, "asf-alert"}, {5, "mka"},
 };
 
-constexpr NamedValue arp_operations[] = {
+constexpr NamedValue kArpOperations[] = {
     {1, "request"}, {2, "reply"}, {3, "rarp-request"}, {4, "rarp-reply"},
 };
 
@@ -68,12 +68,12 @@ std::string shown(std::uint32_t value, int base)
 
 } // namespace
 
-std::span<const NamedValue> ether_type_names() { return ether_types; }
-std::span<const NamedValue> ip_protocol_names() { return ip_protocols; }
-std::span<const NamedValue> port_names() { return ports; }
-std::span<const NamedValue> icmpv6_type_names() { return icmpv6_types; }
-std::span<const NamedValue> eapol_type_names() { return eapol_types; }
-std::span<const NamedValue> arp_operation_names() { return arp_operations; }
+std::span<const NamedValue> ether_type_names() { return kEtherTypes; }
+std::span<const NamedValue> ip_protocol_names() { return kIpProtocols; }
+std::span<const NamedValue> port_names() { return kPorts; }
+std::span<const NamedValue> icmpv6_type_names() { return kIcmpv6Types; }
+std::span<const NamedValue> eapol_type_names() { return kEapolTypes; }
+std::span<const NamedValue> arp_operation_names() { return kArpOperations; }
 
 std::string_view value_name(std::span<const NamedValue> names, std::uint32_t value)
 {
@@ -129,13 +129,12 @@ MacAddress parse_mac(std::string_view text)
 
 std::uint16_t parse_ether_type(std::string_view text)
 {
-    return static_cast<std::uint16_t>(parse_number("EtherType", text, 0, 0xffff, ether_types, 16));
+    return static_cast<std::uint16_t>(parse_number("EtherType", text, 0, 0xffff, kEtherTypes, 16));
 }
 
 std::uint32_t parse_interface(std::string_view text, const InterfaceLookup& lookup)
 {
-    // An index is tried first: Linux allows an interface to be called "7", but whoever does that can still say
-    // its index.
+    // An index is tried first: Linux allows an interface to be called "7", but its index works for that one, too.
     bool digits = !text.empty();
     for (char c : text)
         digits = digits && std::isdigit(static_cast<unsigned char>(c));

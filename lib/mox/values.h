@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Text to the values that rules compare: MAC addresses, EtherTypes, IP protocols, ports and the rest.
+ * Parsers for the values that rules compare: MAC addresses, EtherTypes, IP protocols, ports and the rest.
  *
- * Every parser throws UsageError with the text that it was given and what would have been allowed. Numbers are
+ * Every parser throws UsageError with the text and the allowed values. Numbers are
  * decimal, or hexadecimal after "0x"; EtherTypes are hexadecimal with or without it. Results are in host order;
- * the rule builder (mox/rule.h) turns what the module compares in network order.
+ * mox/rule.h converts what the module compares in network order.
  */
 #ifndef MOX_VALUES_H
 #define MOX_VALUES_H

@@ -62,7 +62,7 @@ protected:
 
 TEST_F(Capture, prepare_socket__sets_everything_before_the_location)
 {
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     options.protocol = 0x88cc;
     options.interface = 7;
     options.buffer = 4096;
@@ -144,7 +144,7 @@ TEST_F(Capture, record__a_packet_without_layer_2_is_read_from_its_network_header
 
 TEST_F(Capture, record__a_datagram_takes_its_EtherType_from_the_control_record)
 {
-    options.layout = moxcap::Layout::network;
+    options.layout = moxcap::Layout::kNetwork;
     auto to = recorder();
     QueuedFrame queued{from_hex("02010000"), {}};
     queued.control.eth_type = 0x8e88;

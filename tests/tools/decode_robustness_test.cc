@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The decoder reads what strangers send. Every buffer here is on the heap at its exact size, so that the address
+/* The decoder reads received bytes. Every buffer here is on the heap at its exact size, so that the address
  * sanitizer stops the test at the first byte read beyond it. */
 #include "decode.h"
 #include "frames.h"
@@ -39,7 +39,7 @@ TEST(decode_robustness, every_sample_cut_at_every_byte)
 TEST(decode_robustness, a_cut_header_is_said_to_be_cut)
 {
     for (std::size_t length = 0; length < 14; ++length)
-        EXPECT_EQ(moxcap::describe(std::vector<std::uint8_t>(length), moxcap::Layout::ethernet).protocol,
+        EXPECT_EQ(moxcap::describe(std::vector<std::uint8_t>(length), moxcap::Layout::kEthernet).protocol,
                   "(cut short)");
 }
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A kernel made of vectors: it writes down every call, answers as told, and hands out queued frames. Its
+ * A kernel made of vectors: it records every call, answers as the test sets it, and returns queued frames. Its
  * descriptor is an event counter that is readable while frames are queued, so that waiting works for real.
  */
 #ifndef FAKE_CALLS_H
@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/eventfd.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -175,9 +176,14 @@ public:
         EXPECT_GE(message->msg_namelen, sizeof(name));
         std::memcpy(message->msg_name, name, sizeof(name));
         message->msg_namelen = sizeof(name);
-        EXPECT_GE(message->msg_controllen, sizeof(frame.control));
-        std::memcpy(message->msg_control, &frame.control, sizeof(frame.control));
-        message->msg_controllen = 0;
+        // The kernel's own messages first; the record follows them, whatever room is left, and is not counted.
+        auto at = static_cast<std::uint8_t*>(message->msg_control);
+        std::size_t used = 0;
+        for (std::size_t data : kernel_messages())
+            used += put_message(at + used, message->msg_controllen - used, data);
+        if (control_info())
+            std::memcpy(at + used, &frame.control, sizeof(frame.control));
+        message->msg_controllen = used;
 
         std::size_t copied = std::min(frame.bytes.size(), message->msg_iov[0].iov_len);
         std::memcpy(message->msg_iov[0].iov_base, frame.bytes.data(), copied);
@@ -195,6 +201,44 @@ public:
     }
 
 private:
+    /** The value that a 4-byte option was last set to. */
+    std::uint32_t last_set(int level, int option) const
+    {
+        std::uint32_t value = 0;
+        for (const OptionCall& each : options)
+            if (each.level == level && each.option == option)
+                value = each.u32();
+        return value;
+    }
+    bool control_info() const { return last_set(263, 16) != 0; }
+
+    /** Data sizes of the control messages that the kernel adds for the options that are on. */
+    std::vector<std::size_t> kernel_messages() const
+    {
+        constexpr struct {
+            int option;
+            std::size_t data;
+        } table[] = {{SO_TIMESTAMP, sizeof(timeval)},
+                     {SO_TIMESTAMPNS, sizeof(timespec)},
+                     {SO_TIMESTAMPING, 3 * sizeof(timespec)},
+                     {SO_WIFI_STATUS, sizeof(int)},
+                     {SO_RXQ_OVFL, sizeof(std::uint32_t)}};
+        std::vector<std::size_t> sizes;
+        for (const auto& each : table)
+            if (last_set(SOL_SOCKET, each.option) != 0)
+                sizes.push_back(each.data);
+        return sizes;
+    }
+
+    /** Stores one message of recognizable bytes as far as there is room; how much of it that took. */
+    static std::size_t put_message(std::uint8_t* at, std::size_t room, std::size_t data)
+    {
+        if (room < sizeof(cmsghdr))
+            return 0;
+        std::memset(at, 0xcc, std::min(room, CMSG_LEN(data)));
+        return std::min(room, CMSG_SPACE(data));
+    }
+
     static void append(std::vector<std::uint8_t>& to, const void* from, std::size_t length)
     {
         auto bytes = static_cast<const std::uint8_t*>(from);

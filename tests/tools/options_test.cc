@@ -41,8 +41,8 @@ TEST(options, without_any__copies_everything_at_lev2)
     EXPECT_EQ(options.location, 2u);
     EXPECT_EQ(options.treatment, 1u);
     EXPECT_EQ(types(options), (std::vector<int>{PACKET_ALL}));
-    EXPECT_EQ(options.kind, mox::SocketKind::raw);
-    EXPECT_EQ(options.layout, moxcap::Layout::ethernet);
+    EXPECT_EQ(options.kind, mox::SocketKind::kRaw);
+    EXPECT_EQ(options.layout, moxcap::Layout::kEthernet);
     EXPECT_EQ(options.protocol, 0);
     EXPECT_EQ(options.interface, 0u);
     EXPECT_EQ(options.count, 0u);
@@ -99,12 +99,12 @@ TEST(options, layout_follows_from_what_can_come)
         std::vector<const char*> words;
         moxcap::Layout layout;
     } const cases[] = {
-        {{"--dgram"}, moxcap::Layout::network},
-        {{"-l", "wlan"}, moxcap::Layout::ethernet},
-        {{"-l", "wlan", "-r", "wlan-mgnt"}, moxcap::Layout::wlan},
-        {{"-l", "wlan", "-r", "wlan-mgnt", "-r", "not-attr=any"}, moxcap::Layout::wlan},
-        {{"-l", "wlan", "-r", "not-attr=any"}, moxcap::Layout::ethernet},
-        {{"-l", "wlan", "-r", "eapol=key"}, moxcap::Layout::ethernet},
+        {{"--dgram"}, moxcap::Layout::kNetwork},
+        {{"-l", "wlan"}, moxcap::Layout::kEthernet},
+        {{"-l", "wlan", "-r", "wlan-mgnt"}, moxcap::Layout::kWlan},
+        {{"-l", "wlan", "-r", "wlan-mgnt", "-r", "not-attr=any"}, moxcap::Layout::kWlan},
+        {{"-l", "wlan", "-r", "not-attr=any"}, moxcap::Layout::kEthernet},
+        {{"-l", "wlan", "-r", "eapol=key"}, moxcap::Layout::kEthernet},
     };
     for (const auto& each : cases)
         EXPECT_EQ(parse(each.words).options.layout, each.layout) << each.words.back();

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The sending half of a socket: what reaches the kernel to the byte, and what a refusal is told as. */
+/* The sending half of a socket: what is passed to the kernel, to the byte, and the texts of refusals. */
 #include "mox/packet_socket.h"
 
 #include "expect_error.h"
@@ -19,7 +19,7 @@ const Bytes frame = {1, 2, 3, 4, 5};
 TEST(packet_socket, send__bytes_alone)
 {
     FakeCalls calls;
-    mox::PacketSocket socket(mox::SocketKind::raw, 0, calls);
+    mox::PacketSocket socket(mox::SocketKind::kRaw, 0, calls);
     socket.send({frame, {}, {}});
     ASSERT_EQ(calls.sent.size(), 1u);
     EXPECT_EQ(calls.sent[0].bytes, frame);
@@ -32,7 +32,7 @@ TEST(packet_socket, send__bytes_alone)
 TEST(packet_socket, send__address_to_the_byte)
 {
     FakeCalls calls;
-    mox::PacketSocket socket(mox::SocketKind::datagram, 0, calls);
+    mox::PacketSocket socket(mox::SocketKind::kDatagram, 0, calls);
     socket.send({frame, mox::SendAddress{0x01020304, 0x88cc, lldp_group}, {}});
     socket.send({frame, mox::SendAddress{7, 0, {}}, {}});
     ASSERT_EQ(calls.sent.size(), 2u);
@@ -59,7 +59,7 @@ TEST(packet_socket, send__control_record_to_the_byte)
     control.proxy_capture = 0xcc;
 
     FakeCalls calls;
-    mox::PacketSocket socket(mox::SocketKind::raw, 0, calls);
+    mox::PacketSocket socket(mox::SocketKind::kRaw, 0, calls);
     socket.send({frame, {}, control.record()});
     ASSERT_EQ(calls.sent.size(), 1u);
     EXPECT_FALSE(calls.sent[0].has_name);
@@ -113,21 +113,21 @@ TEST(packet_socket, send__refusals_name_the_thing_and_the_remedy)
     using enum mox::SocketKind;
     const mox::SendAddress to_7{7, 0x88cc, lldp_group}, to_7_without_mac{7, 0x88cc, {}};
     const Refusal cases[] = {
-        {"destination in the name", raw, 0, to_7, 0, ENXIO, {"to interface 7", "platform has no interface 7"}},
-        {"bound destination", raw, 4, {}, 0, ENXIO, {"to interface 4", "platform has no interface 4"}},
-        {"the name counts, not the binding", raw, 4, to_7, 0, ENXIO, {"platform has no interface 7"}},
-        {"source", raw, 0, {}, 9, ENXIO, {"platform has no source interface 9"}},
-        {"either", raw, 0, to_7, 9, ENXIO, {"no interface 7, or no source interface 9"}},
-        {"link", raw, 4, {}, 0, ENETDOWN, {"link of interface 4 is down", "bring it up"}},
-        {"dropped", raw, 0, to_7, 0, ENETUNREACH, {"to interface 7", "the platform took the frame and dropped it"}},
-        {"vsd", raw, 0, to_7, 0, EINVAL, {"/data/var/run/vsd/"}},
-        {"no MAC", datagram, 0, to_7_without_mac, 0, EINVAL, {"needs a destination MAC"}},
-        {"no name", datagram, 7, {}, 0, EINVAL, {"needs a destination MAC"}},
-        {"no service", datagram, 0, to_7, 0, EINVAL, {"does not tell the device's MAC", "/data/var/run/vsd/"}},
-        {"no buffer", raw, 0, to_7, 0, ENOMEM, {"5 bytes", "no buffer"}},
-        {"fault", raw, 0, to_7, 0, EFAULT, {"cannot be read"}},
-        {"old module", raw, 0, to_7, 0, EOPNOTSUPP, {"load a newer one"}},
-        {"any other", raw, 0, {}, 0, EPERM, {"cannot send 5 bytes: Operation not permitted"}},
+        {"destination in the name", kRaw, 0, to_7, 0, ENXIO, {"to interface 7", "platform has no interface 7"}},
+        {"bound destination", kRaw, 4, {}, 0, ENXIO, {"to interface 4", "platform has no interface 4"}},
+        {"the name counts, not the binding", kRaw, 4, to_7, 0, ENXIO, {"platform has no interface 7"}},
+        {"source", kRaw, 0, {}, 9, ENXIO, {"platform has no source interface 9"}},
+        {"either", kRaw, 0, to_7, 9, ENXIO, {"no interface 7, or no source interface 9"}},
+        {"link", kRaw, 4, {}, 0, ENETDOWN, {"link of interface 4 is down", "bring it up"}},
+        {"dropped", kRaw, 0, to_7, 0, ENETUNREACH, {"to interface 7", "the platform dropped the frame"}},
+        {"vsd", kRaw, 0, to_7, 0, EINVAL, {"/data/var/run/vsd/"}},
+        {"no MAC", kDatagram, 0, to_7_without_mac, 0, EINVAL, {"needs a destination MAC"}},
+        {"no name", kDatagram, 7, {}, 0, EINVAL, {"needs a destination MAC"}},
+        {"no service", kDatagram, 0, to_7, 0, EINVAL, {"the device's MAC address is not available", "/data/var/run/vsd/"}},
+        {"no buffer", kRaw, 0, to_7, 0, ENOMEM, {"5 bytes", "no buffer"}},
+        {"fault", kRaw, 0, to_7, 0, EFAULT, {"cannot be read"}},
+        {"old module", kRaw, 0, to_7, 0, EOPNOTSUPP, {"load a newer one"}},
+        {"any other", kRaw, 0, {}, 0, EPERM, {"cannot send 5 bytes: Operation not permitted"}},
     };
     for (const Refusal& each : cases) {
         SCOPED_TRACE(each.what);
@@ -154,7 +154,7 @@ TEST(packet_socket, send__refusals_name_the_thing_and_the_remedy)
 TEST(packet_socket, move__keeps_what_refusals_are_told_by)
 {
     FakeCalls calls;
-    mox::PacketSocket first(mox::SocketKind::datagram, 0, calls);
+    mox::PacketSocket first(mox::SocketKind::kDatagram, 0, calls);
     first.bind(4);
     mox::PacketSocket second(std::move(first));
     calls.send_errors = {EINVAL};
@@ -164,7 +164,7 @@ TEST(packet_socket, move__keeps_what_refusals_are_told_by)
 TEST(packet_socket, interface_mac__is_that_of_the_bound_interface)
 {
     FakeCalls calls;
-    mox::PacketSocket socket(mox::SocketKind::raw, 0, calls);
+    mox::PacketSocket socket(mox::SocketKind::kRaw, 0, calls);
     calls.name = {17, 0, 0, 0, 7, 0, 0, 0, 1, 0, 0, 6, 2, 0, 0, 0, 1, 1};
     EXPECT_EQ(socket.interface_mac(), (mox::MacAddress{2, 0, 0, 0, 1, 1}));
     calls.name = {17, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
@@ -176,11 +176,24 @@ TEST(packet_socket, interface_mac__is_that_of_the_bound_interface)
 TEST(packet_socket, a_capture_socket_answers_on_the_socket_that_heard)
 {
     FakeCalls calls;
-    mox::CaptureSocket socket(mox::SocketKind::raw, 0, calls);
+    mox::CaptureSocket socket(mox::SocketKind::kRaw, 0, calls);
     socket.set_location(PACKET_LEV2_LOC);
     socket.send({frame, mox::SendAddress{7}, {}});
     ASSERT_EQ(calls.sent.size(), 1u);
     EXPECT_EQ(calls.sent[0].bytes, frame);
+}
+
+TEST(packet_socket, try_send__returns_the_errno)
+{
+    FakeCalls calls;
+    mox::PacketSocket socket(mox::SocketKind::kRaw, 0, calls);
+    calls.send_errors = {0, ENETDOWN, EINTR};
+    const std::vector<std::uint8_t> frame(60, 1);
+    for (int expected : {0, ENETDOWN, EINTR, 0})
+        EXPECT_EQ(socket.try_send({frame}), expected);
+    ASSERT_EQ(calls.sent.size(), 4u);
+    EXPECT_EQ(calls.sent[0].bytes, frame);
+    EXPECT_FALSE(calls.sent[0].has_name) << "without an address: by the interface of the bind";
 }
 
 } // namespace

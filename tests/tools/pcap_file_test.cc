@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <filesystem>
 
@@ -41,7 +44,7 @@ StoredFile read_back(const std::string& path)
     int result;
     while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
         file.frames.push_back({*head, Bytes(bytes, bytes + head->caplen)});
-    EXPECT_EQ(result, PCAP_ERROR_BREAK) << pcap_geterr(pcap); // which is how the end of a file is told
+    EXPECT_EQ(result, PCAP_ERROR_BREAK) << pcap_geterr(pcap); // which stands for the end of the file
     pcap_close(pcap);
     return file;
 }
@@ -67,7 +70,7 @@ TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
     for (std::size_t i = 0; i < second.size(); ++i)
         second[i] = static_cast<std::uint8_t>(i * 7);
     {
-        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
         file.write({1700000000, 123456789}, first, first.size(), 0x0806);
         file.write({1700000001, 0}, second, second.size(), 0x0800);
     }
@@ -85,7 +88,7 @@ TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
 TEST_F(PcapFileTest, a_cut_frame_keeps_its_full_length)
 {
     {
-        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 20);
+        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 20);
         file.write({0, 0}, Bytes(20, 1), 100, 0);
     }
     StoredFile stored = read_back(path);
@@ -96,7 +99,7 @@ TEST_F(PcapFileTest, a_cut_frame_keeps_its_full_length)
 
 TEST_F(PcapFileTest, a_frame_can_be_read_while_the_file_is_still_open)
 {
-    moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+    moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
     file.write({0, 0}, Bytes(60, 1), 60, 0);
     EXPECT_EQ(read_back(path).frames.size(), 1u);
     file.write({0, 0}, Bytes(60, 2), 60, 0);
@@ -107,7 +110,7 @@ TEST_F(PcapFileTest, a_frame_without_its_header_gets_one_of_zeroes_and_the_Ether
 {
     Bytes packet = {0x45, 1, 2, 3};
     {
-        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
         file.write({0, 0}, packet, 200, 0x0800, false);
     }
     StoredFile stored = read_back(path);
@@ -119,7 +122,7 @@ TEST_F(PcapFileTest, a_frame_without_its_header_gets_one_of_zeroes_and_the_Ether
 TEST_F(PcapFileTest, datagrams_are_stored_cooked)
 {
     {
-        moxcap::PcapFile file(path, moxcap::Layout::network, 65535);
+        moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535);
         file.write({0, 0}, Bytes{0x45, 1}, 2, 0x0800);
         file.write({0, 0}, Bytes{9}, 1, 0x88cc);
     }
@@ -133,7 +136,7 @@ TEST_F(PcapFileTest, datagrams_are_stored_cooked)
 TEST_F(PcapFileTest, management_frames_have_their_own_link_type)
 {
     {
-        moxcap::PcapFile file(path, moxcap::Layout::wlan, 65535);
+        moxcap::PcapFile file(path, moxcap::Layout::kWlan, 65535);
         file.write({0, 0}, Bytes(24, 0x80), 24, 0);
     }
     StoredFile stored = read_back(path);
@@ -145,7 +148,7 @@ TEST_F(PcapFileTest, management_frames_have_their_own_link_type)
 TEST_F(PcapFileTest, an_empty_capture_is_a_valid_file)
 {
     {
-        moxcap::PcapFile file(path, moxcap::Layout::ethernet, 65535);
+        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
     }
     EXPECT_EQ(read_back(path).frames.size(), 0u);
 }
@@ -153,7 +156,7 @@ TEST_F(PcapFileTest, an_empty_capture_is_a_valid_file)
 TEST_F(PcapFileTest, a_file_that_cannot_be_made_is_named)
 {
     expect_error<moxcap::FileError>(
-        [] { moxcap::PcapFile file("/nonexistent/dir/a.pcap", moxcap::Layout::ethernet, 100); },
+        [] { moxcap::PcapFile file("/nonexistent/dir/a.pcap", moxcap::Layout::kEthernet, 100); },
         {"/nonexistent/dir/a.pcap", "No such file"});
 }
 
@@ -162,8 +165,48 @@ TEST_F(PcapFileTest, a_full_disk_is_told)
     if (access("/dev/full", W_OK) != 0)
         GTEST_SKIP() << "no /dev/full here";
     // The file's head waits in a buffer, so making the file succeeds and the first frame fails.
-    moxcap::PcapFile file("/dev/full", moxcap::Layout::ethernet, 100);
-    expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); }, {"/dev/full", "disk full"});
+    moxcap::PcapFile file("/dev/full", moxcap::Layout::kEthernet, 100);
+    expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); },
+                                    {"/dev/full", "No space left on device", "disk full"});
+}
+
+TEST_F(PcapFileTest, a_reader_of_a_named_pipe_that_has_gone_is_told)
+{
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    auto before = std::signal(SIGPIPE, SIG_IGN);
+    {
+        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 100);
+        file.write({0, 0}, Bytes(60), 60, 0);
+        close(reader);
+        expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); },
+                                        {"\"" + path + "\"", "the program that reads the capture has ended"});
+    }
+    std::signal(SIGPIPE, before);
+}
+
+TEST_F(PcapFileTest, a_reader_of_standard_output_that_has_gone_is_told)
+{
+    // In a process of its own: closing the capture file closes standard output.
+    auto write_into_the_pipe = [] {
+        int ends[2];
+        if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0)
+            _exit(1);
+        close(ends[0]);
+        std::signal(SIGPIPE, SIG_IGN);
+        try {
+            moxcap::PcapFile file("-", moxcap::Layout::kEthernet, 100);
+            file.write({0, 0}, Bytes(60), 60, 0);
+        } catch (const moxcap::FileError& error) {
+            std::fputs(error.what(), stderr);
+            _exit(42);
+        }
+        _exit(2);
+    };
+    EXPECT_EXIT(write_into_the_pipe(), testing::ExitedWithCode(42),
+                "cannot write to standard output: the program that reads the capture has ended");
 }
 
 } // namespace

@@ -70,6 +70,47 @@ TEST(rule, table_stands_in_the_order_of_the_numbers_with_one_name_each)
     EXPECT_EQ(mox::rule_types().size(), 20u);
 }
 
+TEST(rule, add_number__in_the_byte_order_and_width_of_the_type)
+{
+    struct {
+        std::uint32_t type, number;
+        Bytes element; // as a little-endian machine stores it
+    } const cases[] = {
+        {PACKET_ETH_PROT_EQUAL, 0x88cc, {0x88, 0xcc}},
+        {PACKET_SNAP_ETH_TYPE_EQUAL, 0x0800, {8, 0}},
+        {PACKET_IPv4_PROT_EQUAL, 255, {255}},
+        {PACKET_IPv6_DEST_PORT_EQUAL, 546, {2, 0x22}},
+        {PACKET_SRC_INTF_EQUAL, 0x01020304, {4, 3, 2, 1}},
+        {PACKET_EAPOL_TYPE_WPS, 0, {0}},
+        {PACKET_PID_T, 0xffffffff, {255, 255, 255, 255}},
+        {PACKET_ARP_TYPE, 2, {0, 2}},
+    };
+    for (const auto& each : cases) {
+        mox::Rule rule(each.type);
+        rule.add_number(each.number);
+        Bytes record = rule.record();
+        EXPECT_EQ(Bytes(record.begin() + 6, record.end()), each.element) << each.type;
+        EXPECT_EQ(rule.count(), 1u);
+    }
+}
+
+TEST(rule, add_number__refuses_what_does_not_fit_and_types_without_numbers)
+{
+    struct {
+        std::uint32_t type, number;
+        const char* part;
+    } const cases[] = {
+        {PACKET_ETH_PROT_EQUAL, 0x10000, "eth has values of 2 bytes: 65536 does not fit"},
+        {PACKET_IPv4_PROT_EQUAL, 256, "ipproto has values of 1 bytes: 256 does not fit"},
+        {PACKET_PACKET_CODE_EQUAL, 1, "code has no values that are numbers"},
+        {PACKET_DEST_MAC_EQUAL, 1, "dmac has no values that are numbers"},
+        {PACKET_IPv4_MCAST_TRAFFIC, 1, "mcast has no values that are numbers"},
+        {PACKET_ALL, 1, "all has no values that are numbers"},
+    };
+    for (const auto& each : cases)
+        expect_error<mox::UsageError>([&] { mox::Rule(each.type).add_number(each.number); }, {each.part});
+}
+
 TEST(rule, parse__refuses_unknown_types_and_lists_the_allowed)
 {
     for (const char* text : {"ethertype=arp", "=arp", "", "PACKET_=1", "all all"})

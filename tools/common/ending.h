@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* How the programs end: by a signal, or before they begin. Nothing here knows of sockets. */
+/* How the programs end: by a signal, or at once with a text. Independent of sockets. */
 #ifndef MOX_TOOLS_COMMON_ENDING_H
 #define MOX_TOOLS_COMMON_ENDING_H
 
@@ -9,7 +9,7 @@
 
 namespace tool {
 
-/** Not zero when the program shall end: a caught signal sets it, and so may whoever finds that its reader has gone. */
+/** Not zero when the program shall end: a caught signal sets it, and so may code whose output has no reader left. */
 extern volatile std::sig_atomic_t stop_requested;
 
 /**
@@ -18,7 +18,7 @@ extern volatile std::sig_atomic_t stop_requested;
  */
 sigset_t catch_ending_signals(std::initializer_list<int> signals);
 
-/** Prints what a command line led to other than a run (help, version, an error) and returns the exit status. */
+/** Prints the text of a command line that ends the program (help, version, an error) and returns the exit status. */
 template <typename Ending>
 int end_at_once(const Ending& ending)
 {

@@ -9,7 +9,7 @@
 namespace lldp {
 namespace {
 
-constexpr unsigned longest_ttl = 0xffff;
+constexpr unsigned kLongestTtl = 0xffff;
 
 std::string who(const Id& chassis, const Id& port, const Lldpdu* pdu = nullptr)
 {
@@ -22,8 +22,8 @@ std::string who(const Id& chassis, const Id& port, const Lldpdu* pdu = nullptr)
 } // namespace
 
 Agent::Agent(Identity identity, const std::vector<Port>& ports, const std::vector<Mac>& macs,
-             std::size_t most_of_a_port, Wire& wire, Tell tell)
-    : identity_(std::move(identity)), neighbours_(most_of_a_port), wire_(wire), tell_(std::move(tell))
+             std::size_t most_of_a_port, Wire& wire, Log log)
+    : identity_(std::move(identity)), neighbours_(most_of_a_port), wire_(wire), log_(std::move(log))
 {
     for (std::size_t i = 0; i < ports.size(); ++i) {
         PortState state;
@@ -40,8 +40,8 @@ Lldpdu Agent::announcement_of(const PortState& port) const
     Lldpdu pdu;
     pdu.chassis = {chassis_mac, Bytes(identity_.chassis->begin(), identity_.chassis->end())};
     pdu.port = {port_interface_name, Bytes(port.port.name.begin(), port.port.name.end())};
-    // One second more than the announcements take: the last one may be on its way.
-    pdu.ttl = static_cast<std::uint16_t>(std::min(identity_.interval * identity_.hold + 1, longest_ttl));
+    // One second more than the announcements take: the last one may be late.
+    pdu.ttl = static_cast<std::uint16_t>(std::min(identity_.interval * identity_.hold + 1, kLongestTtl));
     pdu.port_description = "interface " + std::to_string(port.port.ifindex);
     pdu.system_name = identity_.name;
     pdu.system_description = identity_.description;
@@ -59,11 +59,11 @@ void Agent::send(PortState& port, const Lldpdu& pdu)
         ++port.counters.send_failures;
     else
         ++port.counters.sent;
-    // A port whose link is down fails every time: what changes is worth a line, what stays is in the counters.
+    // A port whose link is down fails every time: only a change is logged, the counters have the rest.
     if (error && error != port.send_error)
-        tell_(port.port.name + ": cannot announce: " + std::strerror(error));
+        log_(port.port.name + ": cannot announce: " + std::strerror(error));
     else if (!error && port.send_error)
-        tell_(port.port.name + ": announcing again");
+        log_(port.port.name + ": announcing again");
     port.send_error = error;
 }
 
@@ -72,14 +72,14 @@ void Agent::run(Time now)
     if (!next_announcement_ || *next_announcement_ <= now) {
         for (PortState& port : ports_)
             send(port, announcement_of(port));
-        // From now on and not from when it was due: after a halt of the machine they must not come in a burst.
+        // Counted from now and not from the time it was due: after a halt of the machine there must be no burst.
         next_announcement_ = now + std::chrono::seconds(identity_.interval);
     }
     for (const auto& gone : neighbours_.age(now)) {
         const auto& [ifindex, chassis, port] = gone.key();
         if (PortState* state = find(ifindex))
             ++state->counters.aged;
-        tell_(port_name(ifindex) + ": lost " + who(chassis, port, &gone.mapped().pdu) + ": not heard for its TTL of " +
+        log_(port_name(ifindex) + ": lost " + who(chassis, port, &gone.mapped().pdu) + ": not heard for its TTL of " +
               std::to_string(gone.mapped().pdu.ttl) + " s");
     }
 }
@@ -113,20 +113,20 @@ void Agent::receive(std::uint32_t ifindex, View frame, Time now)
 
     Id chassis = decoded.pdu->chassis, port_id = decoded.pdu->port;
     switch (neighbours_.update(ifindex, *decoded.pdu, now)) {
-    case Change::added:
-        tell_(port->port.name + ": found " + who(chassis, port_id, &*decoded.pdu));
+    case Change::kAdded:
+        log_(port->port.name + ": found " + who(chassis, port_id, &*decoded.pdu));
         break;
-    case Change::changed:
-        tell_(port->port.name + ": changed: " + who(chassis, port_id, &*decoded.pdu));
+    case Change::kChanged:
+        log_(port->port.name + ": changed: " + who(chassis, port_id, &*decoded.pdu));
         break;
-    case Change::removed:
-        tell_(port->port.name + ": left: " + who(chassis, port_id));
+    case Change::kRemoved:
+        log_(port->port.name + ": left: " + who(chassis, port_id));
         break;
-    case Change::refused:
+    case Change::kRefused:
         ++port->counters.refused;
         break;
-    case Change::refreshed:
-    case Change::unknown:
+    case Change::kRefreshed:
+    case Change::kUnknown:
         break;
     }
 }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The agent: what to say on which port and when, and what becomes of what is heard. Knows nothing of sockets. */
+/* The agent: what it announces, when and on which port, and how it handles received frames. Independent of sockets. */
 #ifndef LLDPAGENT_AGENT_H
 #define LLDPAGENT_AGENT_H
 
@@ -11,11 +11,11 @@ namespace lldp {
 
 struct Port {
     std::uint32_t ifindex = 0; /**< the platform's */
-    std::string name;          /**< what neighbours are told as the port id */
+    std::string name;          /**< the port id that is announced */
     auto operator<=>(const Port&) const = default;
 };
 
-/** What the agent says of the device, and how often. */
+/** What the agent announces of the device, and how often. */
 struct Identity {
     std::optional<Mac> chassis; /**< nothing: the MAC address of the first port */
     std::string name;
@@ -23,10 +23,10 @@ struct Identity {
     std::optional<Capabilities> capabilities;
     std::vector<ManagementAddress> management;
     unsigned interval = 30; /**< seconds between announcements, 1 to 3600 */
-    unsigned hold = 4;      /**< a neighbour may miss so many less one, 1 to 100 */
+    unsigned hold = 4;      /**< announcements that fit into a TTL, 1 to 100 */
 };
 
-/** Where frames leave. */
+/** Sends frames out of ports. */
 class Wire {
 public:
     virtual ~Wire() = default;
@@ -36,11 +36,11 @@ public:
 
 /** Counted for each port since the start. */
 struct Counters {
-    std::uint64_t sent = 0;               /**< announcements and shutdowns that the platform took */
+    std::uint64_t sent = 0;               /**< announcements and shutdowns that the platform accepted */
     std::uint64_t send_failures = 0;
     std::uint64_t received = 0;           /**< LLDP frames, the discarded ones included */
     std::uint64_t discarded = 0;          /**< of these, malformed ones */
-    std::uint64_t refused = 0;            /**< of these, from a neighbour too many */
+    std::uint64_t refused = 0;            /**< of these, from neighbours beyond the limit */
     std::uint64_t tlvs_discarded = 0;
     std::uint64_t tlvs_unrecognised = 0;
     std::uint64_t aged = 0;               /**< neighbours whose TTL ran out */
@@ -56,11 +56,11 @@ struct PortState {
 class Agent {
 public:
     /** Takes a line for the operator, without a newline. */
-    using Tell = std::function<void(const std::string& line)>;
+    using Log = std::function<void(const std::string& line)>;
 
     /** ports is not empty, no index and no name is there twice, macs has the address of each. wire has to outlive it. */
     Agent(Identity identity, const std::vector<Port>& ports, const std::vector<Mac>& macs, std::size_t most_of_a_port,
-          Wire& wire, Tell tell);
+          Wire& wire, Log log);
 
     /** Does what is due: announcements on every port, the first at once, and ageing. */
     void run(Time now);
@@ -70,7 +70,7 @@ public:
     /** A frame that came in on an interface. One of an interface that is no port counts as stray. */
     void receive(std::uint32_t ifindex, View frame, Time now);
 
-    /** Tells every port's neighbours that the device goes away. */
+    /** Announces a shutdown on every port. */
     void shut_down();
 
     const Identity& identity() const { return identity_; }
@@ -89,7 +89,7 @@ private:
     std::vector<PortState> ports_;
     NeighbourTable neighbours_;
     Wire& wire_;
-    Tell tell_;
+    Log log_;
     std::optional<Time> next_announcement_; /**< nothing: at once */
     std::uint64_t strays_ = 0;
 };

@@ -7,8 +7,8 @@
 namespace lldp {
 namespace {
 
-constexpr std::size_t longest_id = 255, longest_text = 255, longest_address = 31, longest_oid = 128;
-constexpr std::size_t ethernet_header = 14, shortest_frame = 60;
+constexpr std::size_t kLongestId = 255, kLongestText = 255, kLongestAddress = 31, kLongestOid = 128;
+constexpr std::size_t kEthernetHeader = 14, kShortestFrame = 60;
 
 void append_u16(Bytes& out, std::uint16_t value)
 {
@@ -23,7 +23,7 @@ std::uint16_t u16_at(View bytes, std::size_t at)
 
 void append_id(Bytes& out, std::uint8_t type, const Id& id)
 {
-    if (id.value.empty() || id.value.size() > longest_id)
+    if (id.value.empty() || id.value.size() > kLongestId)
         throw std::length_error("an id has 1 to 255 bytes");
     Bytes value{id.subtype};
     value.insert(value.end(), id.value.begin(), id.value.end());
@@ -35,12 +35,12 @@ void append_text(Bytes& out, std::uint8_t type, const std::optional<std::string>
     if (!text)
         return;
     auto first = reinterpret_cast<const std::uint8_t*>(text->data());
-    append_tlv(out, type, View(first, std::min(text->size(), longest_text)));
+    append_tlv(out, type, View(first, std::min(text->size(), kLongestText)));
 }
 
 void append_address(Bytes& out, const ManagementAddress& address)
 {
-    if (address.address.empty() || address.address.size() > longest_address)
+    if (address.address.empty() || address.address.size() > kLongestAddress)
         throw std::length_error("a management address has 1 to 31 bytes");
     Bytes value{static_cast<std::uint8_t>(1 + address.address.size()), address.family};
     value.insert(value.end(), address.address.begin(), address.address.end());
@@ -51,11 +51,11 @@ void append_address(Bytes& out, const ManagementAddress& address)
     append_tlv(out, tlv_management_address, value);
 }
 
-// --- reading: each takes a TLV's value and answers whether it was a good one -----------------------------------------
+// --- reading: each takes a TLV's value and returns whether it is well-formed -----------------------------------------
 
 bool read_id(View value, Id& id)
 {
-    if (value.size() < 2 || value.size() > 1 + longest_id)
+    if (value.size() < 2 || value.size() > 1 + kLongestId)
         return false;
     id = {value[0], Bytes(value.begin() + 1, value.end())};
     return true;
@@ -63,7 +63,7 @@ bool read_id(View value, Id& id)
 
 bool read_text(View value, std::optional<std::string>& text)
 {
-    if (text || value.size() > longest_text)
+    if (text || value.size() > kLongestText)
         return false;
     text.emplace(value.begin(), value.end());
     return true;
@@ -84,11 +84,11 @@ bool read_address(View value, std::vector<ManagementAddress>& addresses)
         return false;
     std::size_t length = value[0]; // counts the family byte, too
     constexpr std::size_t behind = 1 + 4 + 1;
-    if (length < 2 || length > 1 + longest_address || value.size() < 1 + length + behind)
+    if (length < 2 || length > 1 + kLongestAddress || value.size() < 1 + length + behind)
         return false;
     View tail = value.subspan(1 + length);
     std::size_t oid = tail[behind - 1];
-    if (oid > longest_oid || tail.size() != behind + oid)
+    if (oid > kLongestOid || tail.size() != behind + oid)
         return false;
 
     ManagementAddress address;
@@ -96,7 +96,7 @@ bool read_address(View value, std::vector<ManagementAddress>& addresses)
     address.address.assign(value.begin() + 2, value.begin() + 1 + static_cast<std::ptrdiff_t>(length));
     address.numbering = tail[0];
     address.interface = static_cast<std::uint32_t>(u16_at(tail, 1)) << 16 | u16_at(tail, 3);
-    // Several addresses are common; the same one twice tells nothing.
+    // Several addresses are common; a repeated one is discarded.
     if (std::find(addresses.begin(), addresses.end(), address) != addresses.end())
         return false;
     addresses.push_back(std::move(address));
@@ -181,22 +181,22 @@ Decoded decode(View bytes)
     Lldpdu& pdu = result.pdu.emplace();
 
     using Step = TlvReader::Step;
-    if (reader.next(tlv) != Step::tlv || tlv.type != tlv_chassis_id || !read_id(tlv.value, pdu.chassis))
+    if (reader.next(tlv) != Step::kTlv || tlv.type != tlv_chassis_id || !read_id(tlv.value, pdu.chassis))
         return refused("does not begin with a chassis id");
-    if (reader.next(tlv) != Step::tlv || tlv.type != tlv_port_id || !read_id(tlv.value, pdu.port))
+    if (reader.next(tlv) != Step::kTlv || tlv.type != tlv_port_id || !read_id(tlv.value, pdu.port))
         return refused("has no port id in the second place");
     // A longer TTL is one of a later version; its first two bytes are the number all the same.
-    if (reader.next(tlv) != Step::tlv || tlv.type != tlv_ttl || tlv.value.size() < 2)
+    if (reader.next(tlv) != Step::kTlv || tlv.type != tlv_ttl || tlv.value.size() < 2)
         return refused("has no TTL in the third place");
     pdu.ttl = u16_at(tlv.value, 0);
 
     for (;;) {
         switch (reader.next(tlv)) {
-        case Step::end:
+        case Step::kEnd:
             return result;
-        case Step::broken:
+        case Step::kBroken:
             return refused("has a TLV that does not fit");
-        case Step::tlv:
+        case Step::kTlv:
             if (tlv.type <= tlv_ttl)
                 return refused("has a mandatory TLV twice");
             read_optional(tlv, result);
@@ -207,22 +207,22 @@ Decoded decode(View bytes)
 Bytes frame_of(const Mac& source, View lldpdu)
 {
     Bytes frame;
-    frame.reserve(std::max(ethernet_header + lldpdu.size(), shortest_frame));
-    frame.insert(frame.end(), nearest_bridge.begin(), nearest_bridge.end());
+    frame.reserve(std::max(kEthernetHeader + lldpdu.size(), kShortestFrame));
+    frame.insert(frame.end(), kNearestBridge.begin(), kNearestBridge.end());
     frame.insert(frame.end(), source.begin(), source.end());
-    append_u16(frame, ether_type);
+    append_u16(frame, kEtherType);
     frame.insert(frame.end(), lldpdu.begin(), lldpdu.end());
-    if (frame.size() < shortest_frame)
-        frame.resize(shortest_frame);
+    if (frame.size() < kShortestFrame)
+        frame.resize(kShortestFrame);
     return frame;
 }
 
 std::optional<View> lldpdu_of(View frame)
 {
-    if (frame.size() < ethernet_header || !std::equal(nearest_bridge.begin(), nearest_bridge.end(), frame.begin()) ||
-        u16_at(frame, 12) != ether_type)
+    if (frame.size() < kEthernetHeader || !std::equal(kNearestBridge.begin(), kNearestBridge.end(), frame.begin()) ||
+        u16_at(frame, 12) != kEtherType)
         return std::nullopt;
-    return frame.subspan(ethernet_header);
+    return frame.subspan(kEthernetHeader);
 }
 
 } // namespace lldp

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * An LLDPDU (IEEE 802.1AB): what one station tells its neighbour of itself, and the Ethernet frame around it.
+ * An LLDPDU (IEEE 802.1AB): what a station announces of itself, and the Ethernet frame around it.
  */
 #ifndef LLDPAGENT_LLDPDU_H
 #define LLDPAGENT_LLDPDU_H
@@ -17,10 +17,10 @@ namespace lldp {
 using Mac = std::array<std::uint8_t, 6>;
 
 /** The group address of LLDP between neighbours: no bridge forwards it. */
-constexpr Mac nearest_bridge = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e};
-constexpr std::uint16_t ether_type = 0x88cc;
+constexpr Mac kNearestBridge = {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e};
+constexpr std::uint16_t kEtherType = 0x88cc;
 
-/** Chassis and port id: a subtype that tells what the value is. The subtypes of the two differ in their numbers. */
+/** Chassis and port id: a value and its subtype. The subtypes of the two differ in their numbers. */
 struct Id {
     std::uint8_t subtype = 0;
     Bytes value; /**< 1 to 255 bytes */
@@ -58,7 +58,7 @@ struct ManagementAddress {
 struct Lldpdu {
     Id chassis;
     Id port;
-    std::uint16_t ttl = 0; /**< seconds; 0: the sender goes away */
+    std::uint16_t ttl = 0; /**< seconds; 0: the sender shuts down */
     std::optional<std::string> port_description;
     std::optional<std::string> system_name;
     std::optional<std::string> system_description;
@@ -73,19 +73,19 @@ struct Lldpdu {
  */
 Bytes encode(const Lldpdu& pdu);
 
-/** The LLDPDU of a sender that goes away: its ids and TTL 0, nothing else. */
+/** The LLDPDU of a sender that shuts down: its ids and TTL 0, nothing else. */
 Lldpdu shutdown_of(const Lldpdu& pdu);
 
 struct Decoded {
     std::optional<Lldpdu> pdu;      /**< nothing: the LLDPDU is to be discarded */
     const char* error = nullptr;    /**< then why */
     unsigned tlvs_discarded = 0;    /**< optional TLVs that were malformed or there for a second time */
-    unsigned tlvs_unrecognised = 0; /**< optional TLVs that nobody here knows */
+    unsigned tlvs_unrecognised = 0; /**< optional TLVs of unknown types */
 };
 
 /**
  * Reads an LLDPDU. Chassis id, port id and TTL must come first, in this order, once each, and the TLVs must fit into
- * the bytes; else the whole LLDPDU is refused. An optional TLV that is malformed costs only itself.
+ * the bytes; else the whole LLDPDU is refused. Of the optional TLVs only the malformed ones are dropped.
  */
 Decoded decode(View bytes);
 

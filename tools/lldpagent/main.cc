@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* lldpagent: LLDP on the ports of the forwarding platform. */
 #include "common/ending.h"
+#include "error.h"
 #include "options.h"
 #include "socket.h"
 #include "state.h"
@@ -16,8 +17,8 @@
 
 namespace {
 
-// A flood of frames must not keep the agent from its announcements and from its operator.
-constexpr unsigned batch = 64;
+// A flood of frames must not delay announcements and answers to the operator.
+constexpr unsigned kBatch = 64;
 
 lldp::Time now()
 {
@@ -56,7 +57,7 @@ void run(lldp::Agent& agent, lldp::Listener& listener, lldp::StatusServer& statu
             throw lldp::SystemError(std::string("cannot wait for frames: ") + std::strerror(errno));
         }
         if (ready[0].revents)
-            for (unsigned i = 0; i < batch; ++i) {
+            for (unsigned i = 0; i < kBatch; ++i) {
                 auto received = listener.receive(buffer);
                 if (!received)
                     break;
@@ -64,14 +65,14 @@ void run(lldp::Agent& agent, lldp::Listener& listener, lldp::StatusServer& statu
             }
         if (ready[1].revents)
             status.answer([&agent](lldp::StateForm form) {
-                return form == lldp::StateForm::json ? state_as_json(agent, now()) : state_as_text(agent, now());
+                return form == lldp::StateForm::kJson ? state_as_json(agent, now()) : state_as_text(agent, now());
             });
     }
 }
 
 int announce(const lldp::Options& options)
 {
-    auto tell = [&options](const std::string& line) {
+    auto log = [&options](const std::string& line) {
         if (!options.quiet)
             std::fprintf(stderr, "lldpagent: %s\n", line.c_str());
     };
@@ -80,8 +81,8 @@ int announce(const lldp::Options& options)
     // The listener before the first announcement: a neighbour may answer it at once.
     lldp::Listener listener(options.ports);
     lldp::Senders senders(options.ports);
-    lldp::Agent agent(options.identity, options.ports, senders.macs(), options.most_of_a_port, senders, tell);
-    tell("announcing " + options.identity.name + " on " + std::to_string(options.ports.size()) +
+    lldp::Agent agent(options.identity, options.ports, senders.macs(), options.most_of_a_port, senders, log);
+    log("announcing " + options.identity.name + " on " + std::to_string(options.ports.size()) +
          (options.ports.size() == 1 ? " port" : " ports"));
     run(agent, listener, status, waiting);
     agent.shut_down();
@@ -99,9 +100,9 @@ int main(int argc, char** argv)
         if (!options.show)
             return announce(options);
         std::fputs(lldp::ask_status(options.status, options.form).c_str(), stdout);
-        return std::fflush(stdout) == 0 ? 0 : lldp::failure_status;
+        return std::fflush(stdout) == 0 ? 0 : lldp::kFailureStatus;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "lldpagent: %s\n", error.what());
-        return lldp::failure_status;
+        return lldp::kFailureStatus;
     }
 }

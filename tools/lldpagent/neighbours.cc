@@ -12,9 +12,9 @@ Change NeighbourTable::update(std::uint32_t ifindex, Lldpdu pdu, Time now)
 
     if (pdu.ttl == 0) {
         if (known == neighbours_.end())
-            return Change::unknown;
+            return Change::kUnknown;
         neighbours_.erase(known);
-        return Change::removed;
+        return Change::kRemoved;
     }
 
     Time expires = now + std::chrono::seconds(pdu.ttl);
@@ -22,11 +22,11 @@ Change NeighbourTable::update(std::uint32_t ifindex, Lldpdu pdu, Time now)
         auto of_port = std::count_if(neighbours_.begin(), neighbours_.end(),
                                      [ifindex](const auto& each) { return std::get<0>(each.first) == ifindex; });
         if (static_cast<std::size_t>(of_port) >= most_of_a_port_)
-            return Change::refused;
+            return Change::kRefused;
         neighbours_.emplace(std::move(key), Neighbour{std::move(pdu), now, expires});
-        return Change::added;
+        return Change::kAdded;
     }
-    Change change = known->second.pdu == pdu ? Change::refreshed : Change::changed;
+    Change change = known->second.pdu == pdu ? Change::kRefreshed : Change::kChanged;
     known->second = {std::move(pdu), now, expires};
     return change;
 }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Who is behind which port, as long as their announcements hold. */
+/* The neighbours of each port until their TTL runs out. */
 #ifndef LLDPAGENT_NEIGHBOURS_H
 #define LLDPAGENT_NEIGHBOURS_H
 
@@ -11,7 +11,7 @@
 
 namespace lldp {
 
-/** Time that no change of the wall clock moves. Functions that depend on it are told it, so that tests can set it. */
+/** Time of a clock that does not follow the wall clock. Functions take it as an argument, so that tests can set it. */
 using Time = std::chrono::steady_clock::time_point;
 
 struct Neighbour {
@@ -22,24 +22,24 @@ struct Neighbour {
 
 /** What an announcement did to the table. */
 enum class Change {
-    added,
-    refreshed, /**< known, and says the same */
-    changed,   /**< known, and says something new */
-    removed,   /**< a shutdown of somebody known */
-    unknown,   /**< a shutdown of somebody unknown */
-    refused,   /**< new, and its port has as many as it may */
+    kAdded,
+    kRefreshed, /**< in the table, with the same content */
+    kChanged,   /**< in the table, with new content */
+    kRemoved,   /**< a shutdown of a neighbour in the list */
+    kUnknown,   /**< a shutdown of another one */
+    kRefused,   /**< new, and its port is at its limit */
 };
 
-/** Neighbours are told apart by the port they are heard on, their chassis id and their port id. */
+/** A neighbour is identified by the port that receives its frames, its chassis id and its port id. */
 class NeighbourTable {
 public:
     using Key = std::tuple<std::uint32_t, Id, Id>;
     using Map = std::map<Key, Neighbour>;
 
-    /** A limit for each port, since anybody can make up neighbours, and must not crowd out those of other ports. */
+    /** A limit for each port: a station that invents neighbours must not displace those of other ports. */
     explicit NeighbourTable(std::size_t most_of_a_port) : most_of_a_port_(most_of_a_port) {}
 
-    /** Takes in an announcement that came in on an interface. */
+    /** Enters an announcement that was received on an interface. */
     Change update(std::uint32_t ifindex, Lldpdu pdu, Time now);
 
     /** Removes those whose TTL has run out, and returns them. */

@@ -13,8 +13,8 @@
 namespace lldp {
 namespace {
 
-constexpr std::size_t longest_text = 255; // bytes that a TLV of text holds
-constexpr char examples[] =
+constexpr std::size_t kLongestText = 255; // bytes that a TLV of text holds
+constexpr char kExamples[] =
     "\nExamples:\n"
     "  lldpagent --port 3=port1 --port 4=port2 --name ap-lobby --management 10.0.0.1\n"
     "      Announce the device on two ports of the platform, and keep their neighbours.\n"
@@ -22,8 +22,8 @@ constexpr char examples[] =
     "      Print the neighbours and counters of the running agent.\n"
     "  lldpagent show --json | jq .neighbours\n"
     "\n"
-    "SIGTERM and SIGINT end the agent; it tells its neighbours that it goes.\n"
-    "Exit status: 0 ended by a signal, or shown; 1 a system call failed, or no agent answers; 2 wrong use.\n";
+    "SIGTERM and SIGINT end the agent; it announces a shutdown to its neighbours.\n"
+    "Exit status: 0 success, or ended by a signal; 1 a system call failed, or no agent answers; 2 wrong command line.\n";
 
 class UsageError : public std::runtime_error {
 public:
@@ -39,7 +39,7 @@ Port port_of(const std::string& word)
     if (equals == std::string::npos || error != std::errc{} || end != index.data() + index.size() || port.ifindex == 0)
         throw UsageError("--port \"" + word + "\": give the platform's interface index and a name, as in 3=port1");
     port.name = word.substr(equals + 1);
-    if (port.name.empty() || port.name.size() > longest_text)
+    if (port.name.empty() || port.name.size() > kLongestText)
         throw UsageError("--port \"" + word + "\": the name has 1 to 255 bytes");
     return port;
 }
@@ -113,9 +113,9 @@ void describe_command_line(CLI::App& app, Words& words, Options& options)
         return option->expected(1)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)->allow_extra_args(false);
     };
     auto text_length = CLI::Validator(
-        [](std::string& text) { return text.size() > longest_text ? "is longer than 255 bytes" : ""; }, "");
+        [](std::string& text) { return text.size() > kLongestText ? "is longer than 255 bytes" : ""; }, "");
 
-    each_once(app.add_option("-p,--port", words.ports, "A port to announce on, and its name; several times"))
+    each_once(app.add_option("-p,--port", words.ports, "A port to announce on, and its name; may be given several times"))
         ->type_name("INDEX=NAME");
     app.add_option("-i,--interval", identity.interval, "Seconds between announcements (default 30)")
         ->type_name("SECONDS")
@@ -133,16 +133,16 @@ void describe_command_line(CLI::App& app, Words& words, Options& options)
                    "What the device is, all of it enabled (default bridge,wlan-ap): " + all_capabilities())
         ->type_name("NAME,...")
         ->delimiter(',');
-    each_once(app.add_option("-m,--management", words.management, "An address to manage the device at; several times"))
+    each_once(app.add_option("-m,--management", words.management, "Management address of the device; may be given several times"))
         ->type_name("ADDRESS");
     app.add_option("--chassis", words.chassis, "Chassis id (default: the first port's)")->type_name("MAC");
-    app.add_option("--neighbours", options.most_of_a_port, "Most neighbours of a port (default 32)")
+    app.add_option("--neighbours", options.most_of_a_port, "Maximum number of neighbours of a port (default 32)")
         ->type_name("N")
         ->check(CLI::Range(1u, 1000u));
     app.add_option("-s,--status", options.status, "Where the agent answers \"show\" (default /run/lldpagent.sock)")
         ->type_name("PATH");
-    app.add_flag("-q,--quiet", options.quiet, "Do not tell of neighbours that come and go");
-    app.footer(examples);
+    app.add_flag("-q,--quiet", options.quiet, "Print nothing about neighbours that appear and expire");
+    app.footer(kExamples);
 
     CLI::App* show = app.add_subcommand("show", "Print neighbours and counters of the running agent");
     show->add_flag("--json", words.json, "Print them as JSON");
@@ -152,7 +152,7 @@ void describe_command_line(CLI::App& app, Words& words, Options& options)
 
 void look_up(const Words& words, Options& options)
 {
-    options.form = words.json ? StateForm::json : StateForm::text;
+    options.form = words.json ? StateForm::kJson : StateForm::kText;
     if (options.show)
         return;
     if (words.ports.empty())
@@ -182,9 +182,9 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const Defa
     } catch (const CLI::ParseError& error) {
         std::ostringstream out, complaint;
         int status = app.exit(error, out, complaint);
-        return status == 0 ? Ending{0, out.str()} : Ending{usage_status, "lldpagent: " + complaint.str()};
+        return status == 0 ? Ending{0, out.str()} : Ending{kUsageStatus, "lldpagent: " + complaint.str()};
     } catch (const UsageError& error) {
-        return Ending{usage_status, std::string("lldpagent: ") + error.what() + "\n"};
+        return Ending{kUsageStatus, std::string("lldpagent: ") + error.what() + "\n"};
     }
     return std::nullopt;
 }

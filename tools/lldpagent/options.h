@@ -10,7 +10,7 @@ namespace lldp {
 
 struct Options {
     bool show = false; /**< ask a running agent, and end */
-    StateForm form = StateForm::text;
+    StateForm form = StateForm::kText;
     std::string status = "/run/lldpagent.sock";
 
     // Of an agent.
@@ -20,16 +20,16 @@ struct Options {
     bool quiet = false;
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;
 };
 
 /** Exit status of a wrong command line, and of everything else that fails. */
-constexpr int usage_status = 2, failure_status = 1;
+constexpr int kUsageStatus = 2, kFailureStatus = 1;
 
-/** What the device says of itself where the command line says nothing. */
+/** What is announced where the command line gives nothing. */
 struct Defaults {
     std::string name;
     std::string description;

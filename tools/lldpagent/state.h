@@ -11,7 +11,7 @@ namespace lldp {
 std::string state_as_text(const Agent& agent, Time now);
 
 /**
- * The same as one JSON object, with a newline behind it. Texts that strangers sent have every byte beyond printable
+ * The same as one JSON object, with a newline behind it. Received texts have every byte beyond printable
  * ASCII escaped as if it were Latin-1, so that any bytes make valid JSON.
  */
 std::string state_as_json(const Agent& agent, Time now);

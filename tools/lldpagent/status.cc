@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 #include "status.h"
 
-#include "socket.h"
+#include "error.h"
 
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/un.h>
@@ -15,7 +16,7 @@
 namespace lldp {
 namespace {
 
-constexpr suseconds_t client_patience = 250'000; // microseconds
+constexpr suseconds_t kClientPatience = 250'000; // microseconds
 
 [[noreturn]] void fail(const std::string& what, const char* remedy = "")
 {
@@ -58,7 +59,7 @@ int open_unix()
     return fd;
 }
 
-bool somebody_listens(const sockaddr_un& address)
+bool is_served(const sockaddr_un& address)
 {
     int fd = open_unix();
     Closing closing(fd);
@@ -69,7 +70,7 @@ bool send_all(int fd, const std::string& text)
 {
     std::size_t done = 0;
     while (done < text.size()) {
-        // A client that has gone is no reason for a signal.
+        // A client that has closed its end must not cause a signal.
         ssize_t sent = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
         if (sent < 0)
             return false;
@@ -83,9 +84,9 @@ bool send_all(int fd, const std::string& text)
 StatusServer::StatusServer(const std::string& path) : path_(path), fd_(-1)
 {
     sockaddr_un address = address_of(path);
-    if (somebody_listens(address))
-        throw SystemError("an agent is running already: it answers at " + path + " (choose another --status)");
-    // A path that nobody answers at was left by an agent that was killed. Anything but a socket is not ours to remove.
+    if (is_served(address))
+        throw SystemError("another agent is running and answers at " + path + ": choose another --status");
+    // A socket without a listener was left by an agent that was killed. Anything else is not removed.
     struct stat found;
     if (lstat(path.c_str(), &found) == 0 && S_ISSOCK(found.st_mode))
         unlink(path.c_str());
@@ -112,17 +113,17 @@ void StatusServer::answer(const std::function<std::string(StateForm)>& state)
 {
     int client = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (client < 0)
-        return; // it has gone again
+        return; // it has closed the connection
     Closing closing(client);
-    // The agent has one thread: whoever asks must not keep it from its announcements.
-    timeval patience{0, client_patience};
+    // The agent has one thread: a client must not delay its announcements.
+    timeval patience{0, kClientPatience};
     setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof(patience));
 
     char question;
     if (recv(client, &question, 1, 0) != 1)
         return;
-    if (question == static_cast<char>(StateForm::text) || question == static_cast<char>(StateForm::json))
+    if (question == static_cast<char>(StateForm::kText) || question == static_cast<char>(StateForm::kJson))
         send_all(client, state(static_cast<StateForm>(question)));
 }
 
@@ -132,7 +133,7 @@ std::string ask_status(const std::string& path, StateForm form)
     int fd = open_unix();
     Closing closing(fd);
     if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-        fail("nobody answers at " + path, "is the agent running? is this its --status?");
+        fail("no agent answers at " + path, "is the agent running? is this its --status?");
     if (!send_all(fd, std::string(1, static_cast<char>(form))))
         fail("cannot ask at " + path);
 
@@ -146,9 +147,9 @@ std::string ask_status(const std::string& path, StateForm form)
             break;
         answer.append(part, static_cast<std::size_t>(length));
     }
-    // The answer ends with a newline; without it the agent gave up in the middle.
+    // The answer ends with a newline; without it the agent closed the connection early.
     if (answer.empty() || answer.back() != '\n')
-        throw SystemError("the agent at " + path + " did not answer to the end (try again)");
+        throw SystemError("the agent at " + path + " sent only a part of its answer: try again");
     return answer;
 }
 

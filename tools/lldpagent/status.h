@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* How "lldpagent show" asks a running agent: a Unix socket, one question and one answer to a connection. */
+/* How "lldpagent show" asks a running agent: a Unix socket, one request and one answer for each connection. */
 #ifndef LLDPAGENT_STATUS_H
 #define LLDPAGENT_STATUS_H
 
@@ -8,21 +8,24 @@
 
 namespace lldp {
 
-enum class StateForm : char { text = 't', json = 'j' };
+enum class StateForm : char { kText = 't', kJson = 'j' };
 
 class StatusServer {
 public:
-    /** Listens at path, for the owner of the process only. Takes over a path that a dead agent left. Throws SystemError. */
+    /**
+     * Listens at path, for the owner of the process only. Replaces the socket of an agent that was killed. Throws
+     * SystemError.
+     */
     explicit StatusServer(const std::string& path);
     /** Removes the path. */
     ~StatusServer();
     StatusServer(const StatusServer&) = delete;
     StatusServer& operator=(const StatusServer&) = delete;
 
-    /** For poll: readable when somebody asks. */
+    /** For poll: readable when a client connects. */
     int fd() const { return fd_; }
 
-    /** Answers one question. Gives up on a client that neither asks nor reads within a quarter of a second. */
+    /** Answers one request. Closes the connection of a client that neither writes nor reads within 250 ms. */
     void answer(const std::function<std::string(StateForm)>& state);
 
 private:

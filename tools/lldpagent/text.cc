@@ -12,28 +12,28 @@ struct CapabilityName {
     std::uint16_t bit;
     std::string_view name;
 };
-constexpr CapabilityName capability_table[] = {
+constexpr CapabilityName kCapabilityTable[] = {
     {capability_other, "other"},         {capability_repeater, "repeater"}, {capability_bridge, "bridge"},
     {capability_wlan_ap, "wlan-ap"},     {capability_router, "router"},     {capability_telephone, "telephone"},
     {capability_docsis, "docsis"},       {capability_station, "station"},
 };
 
 /** What an id's value is. */
-enum class Kind { bytes, mac, network, text };
+enum class Kind { kBytes, kMac, kNetwork, kText };
 struct IdSubtype {
     std::string_view name;
     Kind kind;
 };
 // By number, from 0. Subtypes behind the end are reserved.
-constexpr IdSubtype chassis_subtypes[] = {
-    {"reserved", Kind::bytes},  {"component", Kind::text}, {"ifalias", Kind::text}, {"port", Kind::text},
-    {"mac", Kind::mac},         {"network", Kind::network}, {"ifname", Kind::text},  {"local", Kind::text},
+constexpr IdSubtype kChassisSubtypes[] = {
+    {"reserved", Kind::kBytes},  {"component", Kind::kText}, {"ifalias", Kind::kText}, {"port", Kind::kText},
+    {"mac", Kind::kMac},         {"network", Kind::kNetwork}, {"ifname", Kind::kText},  {"local", Kind::kText},
 };
-constexpr IdSubtype port_subtypes[] = {
-    {"reserved", Kind::bytes},   {"ifalias", Kind::text}, {"component", Kind::text},  {"mac", Kind::mac},
-    {"network", Kind::network},  {"ifname", Kind::text},  {"circuit", Kind::bytes},   {"local", Kind::text},
+constexpr IdSubtype kPortSubtypes[] = {
+    {"reserved", Kind::kBytes},   {"ifalias", Kind::kText}, {"component", Kind::kText},  {"mac", Kind::kMac},
+    {"network", Kind::kNetwork},  {"ifname", Kind::kText},  {"circuit", Kind::kBytes},   {"local", Kind::kText},
 };
-static_assert(std::size(chassis_subtypes) == 8 && std::size(port_subtypes) == 8);
+static_assert(std::size(kChassisSubtypes) == 8 && std::size(kPortSubtypes) == 8);
 
 std::string id_text(const Id& id, const IdSubtype (&subtypes)[8])
 {
@@ -42,14 +42,14 @@ std::string id_text(const Id& id, const IdSubtype (&subtypes)[8])
     const IdSubtype& subtype = subtypes[id.subtype];
     std::string text = std::string(subtype.name) + " ";
     switch (subtype.kind) {
-    case Kind::text:
+    case Kind::kText:
         return text + printable({reinterpret_cast<const char*>(id.value.data()), id.value.size()});
-    case Kind::network: // family and address
+    case Kind::kNetwork: // family and address
         if (!id.value.empty())
             return text + address_text(id.value[0], View(id.value).subspan(1));
         break;
-    case Kind::mac:
-    case Kind::bytes:
+    case Kind::kMac:
+    case Kind::kBytes:
         break;
     }
     return text + hex(id.value);
@@ -83,9 +83,9 @@ std::string hex(View bytes)
     return out;
 }
 
-std::string chassis_text(const Id& id) { return id_text(id, chassis_subtypes); }
+std::string chassis_text(const Id& id) { return id_text(id, kChassisSubtypes); }
 
-std::string port_text(const Id& id) { return id_text(id, port_subtypes); }
+std::string port_text(const Id& id) { return id_text(id, kPortSubtypes); }
 
 std::string address_text(std::uint8_t family, View address)
 {
@@ -100,7 +100,7 @@ std::string address_text(std::uint8_t family, View address)
 std::string capabilities_text(const Capabilities& capabilities)
 {
     std::string text;
-    for (const CapabilityName& each : capability_table)
+    for (const CapabilityName& each : kCapabilityTable)
         if (capabilities.available & each.bit) {
             text += text.empty() ? "" : " ";
             text += each.name;
@@ -112,7 +112,7 @@ std::string capabilities_text(const Capabilities& capabilities)
 std::string capability_names(std::uint16_t bits)
 {
     std::string text;
-    for (const CapabilityName& each : capability_table)
+    for (const CapabilityName& each : kCapabilityTable)
         if (bits & each.bit) {
             text += text.empty() ? "" : ",";
             text += each.name;
@@ -122,7 +122,7 @@ std::string capability_names(std::uint16_t bits)
 
 std::uint16_t capability_of(std::string_view name)
 {
-    for (const CapabilityName& each : capability_table)
+    for (const CapabilityName& each : kCapabilityTable)
         if (each.name == name)
             return each.bit;
     return 0;

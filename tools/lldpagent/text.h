@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What strangers sent, in a form that is safe to show. */
+/* Received bytes in a form that is safe to print. */
 #ifndef LLDPAGENT_TEXT_H
 #define LLDPAGENT_TEXT_H
 
@@ -9,12 +9,12 @@
 
 namespace lldp {
 
-/** The text with everything but printable ASCII as "\xNN": nothing in it can steer a terminal. */
+/** The text with everything but printable ASCII as "\xNN": it has no control sequences for a terminal. */
 std::string printable(std::string_view text);
 /** "02:00:00:00:03:01", of any number of bytes. */
 std::string hex(View bytes);
 
-/** "mac 02:00:00:00:03:01", "ifname eth0", "local 17", "network 10.0.0.1"; bytes where the subtype tells no better. */
+/** "mac 02:00:00:00:03:01", "ifname eth0", "local 17", "network 10.0.0.1"; bytes where the subtype has no text form. */
 std::string chassis_text(const Id& id);
 std::string port_text(const Id& id);
 

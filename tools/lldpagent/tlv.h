@@ -29,7 +29,7 @@ enum TlvType : std::uint8_t {
     tlv_organisation = 127,
 };
 
-constexpr std::size_t tlv_header = 2, longest_tlv_value = 511;
+constexpr std::size_t kTlvHeader = 2, kLongestTlvValue = 511;
 
 struct Tlv {
     std::uint8_t type = tlv_end;
@@ -42,17 +42,17 @@ public:
     explicit TlvReader(View bytes) : rest_(bytes) {}
 
     enum class Step {
-        tlv,    /**< there was one */
-        end,    /**< end of the LLDPDU: its End TLV, or no more bytes */
-        broken, /**< a header or a value that does not fit into what is left, or an End TLV with a value */
+        kTlv,    /**< there was one */
+        kEnd,    /**< end of the LLDPDU: its End TLV, or no more bytes */
+        kBroken, /**< a header or a value that does not fit into what is left, or an End TLV with a value */
     };
 
-    /** The next TLV, stored in tlv when the step is Step::tlv. After end and broken it stays that way. */
+    /** The next TLV, stored in tlv when the step is Step::kTlv. After end and broken it stays that way. */
     Step next(Tlv& tlv);
 
 private:
     View rest_;
-    Step last_ = Step::tlv;
+    Step last_ = Step::kTlv;
 };
 
 /** Appends a TLV. type is at most 127; throws std::length_error for a value above 511 bytes. */

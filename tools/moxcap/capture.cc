@@ -13,18 +13,18 @@
 namespace moxcap {
 namespace {
 
-// A flood must not keep the capture from looking at its clock and at signals.
-constexpr unsigned batch = 256;
+// A flood of frames must not delay the check of the clock and of signals.
+constexpr unsigned kBatch = 256;
 
-constexpr long nanoseconds_per_second = 1'000'000'000;
+constexpr long kNanosecondsPerSecond = 1'000'000'000;
 
 timespec after(timespec time, double seconds)
 {
     auto whole = static_cast<time_t>(seconds);
     time.tv_sec += whole;
-    time.tv_nsec += static_cast<long>((seconds - static_cast<double>(whole)) * nanoseconds_per_second);
-    if (time.tv_nsec >= nanoseconds_per_second) {
-        time.tv_nsec -= nanoseconds_per_second;
+    time.tv_nsec += static_cast<long>((seconds - static_cast<double>(whole)) * kNanosecondsPerSecond);
+    if (time.tv_nsec >= kNanosecondsPerSecond) {
+        time.tv_nsec -= kNanosecondsPerSecond;
         ++time.tv_sec;
     }
     return time;
@@ -37,7 +37,7 @@ std::optional<timespec> until(const timespec& end)
     clock_gettime(CLOCK_MONOTONIC, &now);
     timespec left{end.tv_sec - now.tv_sec, end.tv_nsec - now.tv_nsec};
     if (left.tv_nsec < 0) {
-        left.tv_nsec += nanoseconds_per_second;
+        left.tv_nsec += kNanosecondsPerSecond;
         --left.tv_sec;
     }
     if (left.tv_sec < 0)
@@ -98,8 +98,8 @@ void Recorder::record(const mox::Frame& frame, const timespec& time)
     const mox_packet_ctrl_info* control = frame.control ? &*frame.control : nullptr;
     bool has_header = !control || !(control->flags & MOX_RECV_NO_L2);
     std::uint16_t ether_type = control ? ntohs(control->eth_type) : 0;
-    Layout layout = options_.layout == Layout::ethernet && !has_header ? Layout::network : options_.layout;
-    // Without a layer-2 header the record's EtherType was read from nowhere: the packet has to tell.
+    Layout layout = options_.layout == Layout::kEthernet && !has_header ? Layout::kNetwork : options_.layout;
+    // Without a layer-2 header the record has no EtherType: it follows from the packet's IP version.
     if (!has_header) {
         std::uint8_t version = frame.bytes.empty() ? 0 : frame.bytes[0] >> 4;
         ether_type = version == 4 ? 0x0800 : version == 6 ? 0x86dd : 0;
@@ -149,7 +149,7 @@ Counters run_capture(mox::CaptureSocket& socket, const Options& options, Recorde
 
     pollfd poll_for{socket.fd(), POLLIN, 0};
     for (;;) {
-        drain(socket, recorder, buffer, batch);
+        drain(socket, recorder, buffer, kBatch);
         if (stop || recorder.complete())
             break;
         std::optional<timespec> left = end ? until(*end) : std::nullopt;
@@ -159,9 +159,9 @@ Counters run_capture(mox::CaptureSocket& socket, const Options& options, Recorde
             throw mox::SocketError(std::string("cannot wait for frames: ") + std::strerror(errno), errno);
     }
 
-    // Out of the location nothing more is queued, so that what was captured already can be shown to its end.
+    // Without a location nothing more is queued: the frames that are queued now are the last ones.
     socket.set_location(PACKET_NONE_LOC);
-    while (drain(socket, recorder, buffer, batch)) {
+    while (drain(socket, recorder, buffer, kBatch)) {
     }
 
     mox::StatisticsSum sum;

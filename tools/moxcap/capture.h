@@ -24,10 +24,10 @@ mox::CaptureSocket prepare_socket(const Options& options,
 
 /** Names an interface index; null or empty when it has no name. */
 using InterfaceName = std::function<std::string(std::uint32_t index)>;
-/** Takes whole lines and hands them on at once. */
+/** Prints whole lines at once. */
 using Print = std::function<void(const std::string& text)>;
 
-/** Turns received frames into output and counts them. Knows nothing of sockets' readiness, signals or time. */
+/** Turns received frames into output and counts them. Independent of sockets, signals and clocks. */
 class Recorder {
 public:
     Recorder(const Options& options, InterfaceName interface_name, Print print);

@@ -9,9 +9,9 @@
 namespace moxcap {
 namespace {
 
-constexpr std::uint16_t vlan_tag = 0x8100;
-constexpr std::uint16_t service_tag = 0x88a8;
-constexpr std::uint16_t first_ether_type = 0x600; // below, the field is the length of an 802.3 frame
+constexpr std::uint16_t kVlanTag = 0x8100;
+constexpr std::uint16_t kServiceTag = 0x88a8;
+constexpr std::uint16_t kFirstEtherType = 0x600; // below, the field is the length of an 802.3 frame
 
 struct EtherDecoder {
     std::uint16_t ether_type;
@@ -65,10 +65,10 @@ void decode_lldp(const Reader& lldp, std::string& text)
 
 void decode_eapol(const Reader& eapol, std::string& text)
 {
-    static constexpr mox::NamedValue eap_codes[] = {
+    static constexpr mox::NamedValue kEapCodes[] = {
         {1, "request"}, {2, "response"}, {3, "success"}, {4, "failure"}, {5, "initiate"}, {6, "finish"},
     };
-    static constexpr mox::NamedValue eap_methods[] = {
+    static constexpr mox::NamedValue kEapMethods[] = {
         {1, "identity"}, {2, "notification"}, {3, "nak"}, {4, "md5"}, {13, "tls"}, {21, "ttls"}, {25, "peap"},
         {254, "expanded"},
     };
@@ -79,14 +79,14 @@ void decode_eapol(const Reader& eapol, std::string& text)
     if (type != eap_packet)
         return;
     std::uint8_t code = eapol.u8(4);
-    text += " " + name_or_number(eap_codes, "code", code);
+    text += " " + name_or_number(kEapCodes, "code", code);
     if (code == 1 || code == 2)
-        text += " " + name_or_number(eap_methods, "method", eapol.u8(8));
+        text += " " + name_or_number(kEapMethods, "method", eapol.u8(8));
 }
 
 void decode_nothing(const Reader&, std::string&) {}
 
-constexpr EtherDecoder ether_decoders[] = {
+constexpr EtherDecoder kEtherDecoders[] = {
     {0x0800, "IPv4", decode_ipv4},  {0x86dd, "IPv6", decode_ipv6},    {0x0806, "ARP", decode_arp},
     {0x88cc, "LLDP", decode_lldp},  {0x888e, "EAPOL", decode_eapol},  {0x88c7, "EAPOL preauth", decode_eapol},
     {0x8809, "slow protocols", decode_nothing}, {0x8863, "PPPoE discovery", decode_nothing},
@@ -96,7 +96,7 @@ constexpr EtherDecoder ether_decoders[] = {
 
 void decode_payload(std::uint16_t ether_type, const Reader& payload, std::string& text)
 {
-    for (const EtherDecoder& each : ether_decoders)
+    for (const EtherDecoder& each : kEtherDecoders)
         if (each.ether_type == ether_type) {
             text += each.name;
             each.decode(payload, text);
@@ -130,12 +130,12 @@ void decode_ethernet(const Reader& frame, Description& result)
 
     std::size_t at = 12;
     std::uint16_t ether_type = frame.u16(at);
-    while (ether_type == vlan_tag || ether_type == service_tag) {
+    while (ether_type == kVlanTag || ether_type == kServiceTag) {
         result.protocol += "tag " + std::to_string(frame.u16(at + 2) & 0xfff) + " ";
         at += 4;
         ether_type = frame.u16(at);
     }
-    if (ether_type < first_ether_type)
+    if (ether_type < kFirstEtherType)
         decode_llc(frame.from(at + 2), result.protocol);
     else
         decode_payload(ether_type, frame.from(at + 2), result.protocol);
@@ -152,7 +152,7 @@ void decode_network(const Reader& packet, std::uint16_t ether_type, Description&
 
 void decode_wlan(const Reader& frame, Description& result)
 {
-    static constexpr mox::NamedValue management_frames[] = {
+    static constexpr mox::NamedValue kManagementFrames[] = {
         {0, "association request"}, {1, "association response"}, {2, "reassociation request"},
         {3, "reassociation response"}, {4, "probe request"}, {5, "probe response"}, {8, "beacon"},
         {9, "atim"}, {10, "disassociation"}, {11, "authentication"}, {12, "deauthentication"}, {13, "action"},
@@ -161,7 +161,7 @@ void decode_wlan(const Reader& frame, Description& result)
     std::uint8_t subtype = frame.u8(0) >> 4;
     result.protocol = "802.11 ";
     if (type == 0)
-        result.protocol += name_or_number(management_frames, "management subtype", subtype);
+        result.protocol += name_or_number(kManagementFrames, "management subtype", subtype);
     else
         result.protocol += (type == 1 ? "control subtype " : type == 2 ? "data subtype " : "extension subtype ") +
                            std::to_string(subtype);
@@ -178,13 +178,13 @@ Description describe(std::span<const std::uint8_t> bytes, Layout layout, std::ui
     try {
         Reader frame(bytes);
         switch (layout) {
-        case Layout::ethernet:
+        case Layout::kEthernet:
             decode_ethernet(frame, result);
             break;
-        case Layout::network:
+        case Layout::kNetwork:
             decode_network(frame, ether_type, result);
             break;
-        case Layout::wlan:
+        case Layout::kWlan:
             decode_wlan(frame, result);
             break;
         }

@@ -14,9 +14,9 @@ namespace moxcap {
 
 /** How the bytes of a frame begin. */
 enum class Layout {
-    ethernet,   /**< with an Ethernet header */
-    network,    /**< with the network header; the EtherType is known from elsewhere */
-    wlan,       /**< with an 802.11 header */
+    kEthernet,   /**< with an Ethernet header */
+    kNetwork,    /**< with the network header; the EtherType comes from the control record */
+    kWlan,       /**< with an 802.11 header */
 };
 
 struct Description {
@@ -27,7 +27,7 @@ struct Description {
 
 /**
  * Describes a frame, of which bytes may be only the beginning. ether_type (host order) is used with
- * Layout::network; 0 leaves it to the version in an IP header. Reads no byte outside bytes, and says "cut short"
+ * Layout::kNetwork; 0 leaves it to the version in an IP header. Reads no byte outside bytes, and says "cut short"
  * where a header is not all there.
  */
 Description describe(std::span<const std::uint8_t> bytes, Layout layout, std::uint16_t ether_type = 0);

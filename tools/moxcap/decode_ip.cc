@@ -15,7 +15,7 @@ enum Protocol : std::uint8_t {
     no_next = 59, destination_options = 60,
 };
 
-constexpr std::uint16_t dhcp_server_port = 67, dhcp_client_port = 68;
+constexpr std::uint16_t kDhcpServerPort = 67, kDhcpClientPort = 68;
 
 std::string shown_ipv6(std::span<const std::uint8_t> address)
 {
@@ -35,19 +35,19 @@ std::string echo(const Reader& message)
 
 std::string icmp_text(const Reader& message)
 {
-    static constexpr mox::NamedValue types[] = {
+    static constexpr mox::NamedValue kTypes[] = {
         {0, "echo reply"}, {3, "unreachable"}, {5, "redirect"}, {8, "echo request"}, {9, "router advertisement"},
         {10, "router solicitation"}, {11, "time exceeded"}, {12, "parameter problem"},
     };
     std::uint8_t type = message.u8(0);
-    std::string text = " " + name_or_number(types, "type", type);
+    std::string text = " " + name_or_number(kTypes, "type", type);
     return type == 0 || type == 8 ? text + echo(message) : text;
 }
 
 std::string icmpv6_text(const Reader& message)
 {
     constexpr std::uint8_t echo_request = 128, echo_reply = 129, solicitation = 135, advertisement = 136;
-    static constexpr mox::NamedValue types[] = {
+    static constexpr mox::NamedValue kTypes[] = {
         {1, "unreachable"}, {2, "packet too big"}, {3, "time exceeded"}, {4, "parameter problem"},
         {echo_request, "echo request"}, {echo_reply, "echo reply"}, {130, "listener query"},
         {131, "listener report"}, {132, "listener done"}, {133, "router solicitation"},
@@ -55,7 +55,7 @@ std::string icmpv6_text(const Reader& message)
         {advertisement, "neighbour advertisement"}, {137, "redirect"}, {143, "listener report v2"},
     };
     std::uint8_t type = message.u8(0);
-    std::string text = " " + name_or_number(types, "type", type);
+    std::string text = " " + name_or_number(kTypes, "type", type);
     if (type == echo_request || type == echo_reply)
         text += echo(message);
     else if (type == solicitation || type == advertisement)
@@ -65,12 +65,12 @@ std::string icmpv6_text(const Reader& message)
 
 std::string tcp_text(const Reader& segment)
 {
-    static constexpr char letters[] = "FSRPAUEW"; // in the order of the bits, from bit 0 up
+    static constexpr char kLetters[] = "FSRPAUEW"; // in the order of the bits, from bit 0 up
     std::uint8_t flags = segment.u8(13);
     std::string set;
     for (int bit = 0; bit < 8; ++bit)
         if (flags >> bit & 1)
-            set += letters[bit];
+            set += kLetters[bit];
     return " flags " + (set.empty() ? std::string("none") : set);
 }
 
@@ -80,7 +80,7 @@ std::string dhcp_text(const Reader& message)
     constexpr std::size_t magic_at = 236;
     constexpr std::uint32_t magic = 0x63825363;
     constexpr std::uint8_t pad = 0, message_type = 53, end = 255;
-    static constexpr mox::NamedValue types[] = {
+    static constexpr mox::NamedValue kTypes[] = {
         {1, "discover"}, {2, "offer"}, {3, "request"}, {4, "decline"}, {5, "ack"}, {6, "nak"}, {7, "release"},
         {8, "inform"},
     };
@@ -97,7 +97,7 @@ std::string dhcp_text(const Reader& message)
             continue;
         }
         if (message.u8(at) == message_type)
-            return " " + name_or_number(types, "type", message.u8(at + 2)) + text;
+            return " " + name_or_number(kTypes, "type", message.u8(at + 2)) + text;
         at += 2 + message.u8(at + 1);
     }
     return " BOOTP" + text;
@@ -115,7 +115,7 @@ void decode_transport(std::uint8_t protocol, const Reader& payload, const std::s
         text += icmpv6_text(payload);
     } else if (protocol == udp || protocol == tcp) {
         std::uint16_t from = payload.u16(0), to = payload.u16(2);
-        bool dhcp = protocol == udp && (to == dhcp_server_port || to == dhcp_client_port);
+        bool dhcp = protocol == udp && (to == kDhcpServerPort || to == kDhcpClientPort);
         text += protocol == tcp ? " TCP" : dhcp ? " DHCP" : " UDP";
         text += between(source + "." + std::to_string(from), destination + "." + std::to_string(to));
         if (dhcp)

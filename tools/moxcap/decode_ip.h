@@ -25,7 +25,7 @@ std::string shown_ipv4(std::span<const std::uint8_t> address);
 /** The name of a value, or "kind N". */
 std::string name_or_number(std::span<const mox::NamedValue> names, std::string_view kind, std::uint32_t value);
 
-/** Text from a frame, with '.' for what is not printable ASCII: it goes to an operator's terminal. */
+/** Text from a frame, with '.' for what is not printable ASCII: it is printed to a terminal. */
 std::string printable(std::span<const std::uint8_t> text);
 
 } // namespace moxcap

@@ -13,7 +13,7 @@ struct FlagName {
     std::string_view name;
 };
 
-constexpr FlagName flag_names[] = {
+constexpr FlagName kFlagNames[] = {
     {MOX_RECV_TRACE, "trace"},
     {MOX_RECV_EF_40000, "ef40000"},
     {MOX_RECV_EF_80, "ef80"},
@@ -21,7 +21,7 @@ constexpr FlagName flag_names[] = {
     {MOX_RECV_WLAN_800000, "wlan800000"},
 };
 
-constexpr unsigned priority_mask = 7, vid_shift = 4, vid_mask = 0xfff;
+constexpr unsigned kPriorityMask = 7, kVidShift = 4, kVidMask = 0xfff;
 
 std::string bracketed(std::string_view label)
 {
@@ -41,9 +41,9 @@ std::string time_of_day(const timespec& time)
 std::string control_text(const mox_packet_ctrl_info& control)
 {
     std::string text;
-    unsigned priority = control.vlan & priority_mask;
-    unsigned vid = control.vlan >> vid_shift;
-    unsigned inner = control.inner_vlan & vid_mask;
+    unsigned priority = control.vlan & kPriorityMask;
+    unsigned vid = control.vlan >> kVidShift;
+    unsigned inner = control.inner_vlan & kVidMask;
     if (vid != 0 || priority != 0) {
         text += ", vlan " + std::to_string(vid);
         if (priority != 0)
@@ -101,7 +101,7 @@ std::string format_flags(std::uint32_t flags)
 {
     std::string text;
     std::uint32_t rest = flags;
-    for (const FlagName& each : flag_names)
+    for (const FlagName& each : kFlagNames)
         if ((flags & each.bits) == each.bits) {
             text += (text.empty() ? "" : " ") + std::string(each.name);
             rest &= ~each.bits;

@@ -17,7 +17,7 @@
 
 namespace moxcap {
 
-/** Everything that a frame's line tells. */
+/** The content of a frame's line. */
 struct Line {
     timespec time{};         /**< since the epoch; shown as local time of day */
     std::string_view label;  /**< stands in brackets in front, unless empty */
@@ -36,10 +36,10 @@ std::string format_hex(std::span<const std::uint8_t> bytes);
 /** The flag word's names with blanks between them; bits without a name as one hexadecimal number. */
 std::string format_flags(std::uint32_t flags);
 
-/** Says what is captured from now on. */
+/** The line that a capture begins with. */
 std::string format_opening(const Options& options);
 
-/** What a capture has come to. */
+/** The result of a capture. */
 struct Counters {
     std::uint64_t captured = 0;  /**< frames read and shown */
     std::uint64_t truncated = 0; /**< of these, cut to the snapshot length */

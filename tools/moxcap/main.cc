@@ -22,14 +22,14 @@ std::string interface_name(std::uint32_t index)
     return if_indextoname(index, name) ? name : "";
 }
 
-/** One write for the whole text: live, and not torn apart by others that write to the same terminal. */
+/** One write for the whole text: printed at once, and not mixed with the lines of other programs. */
 void print_to(int fd, const std::string& text)
 {
     std::size_t done = 0;
     while (done < text.size()) {
         ssize_t written = write(fd, text.data() + done, text.size() - done);
         if (written < 0 && errno != EINTR) {
-            tool::stop_requested = 1; // whoever was reading has gone
+            tool::stop_requested = 1; // the reader has ended
             return;
         }
         done += written > 0 ? static_cast<std::size_t>(written) : 0;
@@ -63,7 +63,7 @@ int main(int argc, char** argv)
             print_to(text_fd, moxcap::format_counters(options.label, counters));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "moxcap: %s\n", error.what());
-        return moxcap::system_status;
+        return moxcap::kSystemStatus;
     }
     return 0;
 }

@@ -12,18 +12,18 @@
 namespace moxcap {
 namespace {
 
-constexpr char examples[] =
+constexpr char kExamples[] =
     "Examples:\n"
     "  moxcap --location lev2 --rule eth=arp\n"
-    "      Show ARP; the frames go their way.\n"
+    "      Show ARP; the platform forwards the frames.\n"
     "  moxcap --location ipv4 --rule dport=67,68 --hex --write dhcp.pcap\n"
     "      Show DHCP with its bytes, and keep it for other programs.\n"
     "  moxcap --location resv --treatment fetch --rule dmac=01:80:c2:00:00:0e --interface port1\n"
     "      Take LLDP off the pipeline, from one port only.\n"
     "  moxcap --location ipv6 --treatment trap --rule icmp6=echo-request --count 3\n"
-    "      Take three echo requests away from everybody else.\n"
+    "      Trap three echo requests: no other socket gets them.\n"
     "\n"
-    "Several --rule of different types must all hold; of several values of one type, one must.\n"
+    "A frame is captured if it matches every rule type that is given, with one of the type's values.\n"
     "Without any rule every frame of the location is captured.\n";
 
 template <typename Row>
@@ -57,8 +57,8 @@ std::string footer()
     list(out, "Locations", mox::locations());
     list(out, "Treatments", mox::treatments());
     list(out, "Rule types", mox::rule_types());
-    out << "The full names of mox_packet.h (PACKET_LEV2_LOC, PACKET_ETH_PROT_EQUAL, ...) are taken as well.\n\n"
-        << examples;
+    out << "The full names of mox_packet.h (PACKET_LEV2_LOC, PACKET_ETH_PROT_EQUAL, ...) are accepted as well.\n\n"
+        << kExamples;
     return out.str();
 }
 
@@ -115,13 +115,13 @@ void look_up(const Words& words, const mox::InterfaceLookup& lookup, Options& op
     options.location = mox::parse_location(words.location);
     options.treatment = mox::parse_treatment(words.treatment);
     if (words.datagram)
-        options.kind = mox::SocketKind::datagram;
+        options.kind = mox::SocketKind::kDatagram;
     if (!words.protocol.empty())
         options.protocol = mox::parse_ether_type(words.protocol);
     for (const std::string& rule : words.rules)
         options.rules.push_back(mox::Rule::parse(rule, lookup));
 
-    // 802.11 frames look like any other to the reader: only the rules tell that nothing else can come.
+    // Nothing in a frame says that it is an 802.11 frame: only rules can exclude all others.
     bool wlan_only = !options.rules.empty() &&
                      std::all_of(options.rules.begin(), options.rules.end(), [](const mox::Rule& rule) {
                          return rule.type().value == PACKET_WLAN_MGNT || rule.type().value == PACKET_PID_T;
@@ -129,9 +129,9 @@ void look_up(const Words& words, const mox::InterfaceLookup& lookup, Options& op
                      std::any_of(options.rules.begin(), options.rules.end(), [](const mox::Rule& rule) {
                          return rule.type().value == PACKET_WLAN_MGNT;
                      });
-    options.layout = wlan_only          ? Layout::wlan
-                     : words.datagram ? Layout::network
-                                      : Layout::ethernet;
+    options.layout = wlan_only          ? Layout::kWlan
+                     : words.datagram ? Layout::kNetwork
+                                      : Layout::kEthernet;
 
     if (!words.interface.empty()) {
         mox::Rule from(PACKET_SRC_INTF_EQUAL);
@@ -157,9 +157,9 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const mox:
     } catch (const CLI::ParseError& error) {
         std::ostringstream out, complaint;
         int status = app.exit(error, out, complaint);
-        return status == 0 ? Ending{0, out.str()} : Ending{usage_status, "moxcap: " + complaint.str()};
+        return status == 0 ? Ending{0, out.str()} : Ending{kUsageStatus, "moxcap: " + complaint.str()};
     } catch (const mox::UsageError& error) {
-        return Ending{usage_status, std::string("moxcap: ") + error.what() + "\n"};
+        return Ending{kUsageStatus, std::string("moxcap: ") + error.what() + "\n"};
     }
     return std::nullopt;
 }

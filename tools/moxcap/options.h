@@ -17,10 +17,10 @@ struct Options {
     std::uint32_t location = PACKET_LEV2_LOC;
     std::uint32_t treatment = PACKET_COPY;
     std::vector<mox::Rule> rules; /**< in the order in which to add them, never empty unless protocol is given */
-    mox::SocketKind kind = mox::SocketKind::raw;
+    mox::SocketKind kind = mox::SocketKind::kRaw;
     std::uint16_t protocol = 0;   /**< host order, 0: none */
     std::uint32_t interface = 0;  /**< index, 0: all */
-    Layout layout = Layout::ethernet;
+    Layout layout = Layout::kEthernet;
 
     std::string label;
     std::string file;              /**< capture file, empty: none */
@@ -33,14 +33,14 @@ struct Options {
     bool counters = false;
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;
 };
 
 /** Exit status of a wrong command line and of a refused system call. */
-constexpr int usage_status = 2, system_status = 1;
+constexpr int kUsageStatus = 2, kSystemStatus = 1;
 
 /**
  * Reads the command line. lookup resolves interface names. Returns nothing in the optional when options are

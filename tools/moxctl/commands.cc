@@ -28,20 +28,20 @@ struct Expected {
 Expected expected_of(const Options& options)
 {
     switch (options.action) {
-    case Action::show_rules:
+    case Action::kShowRules:
         return {report_rules, options.location == 0 ? 8u : 1u};
-    case Action::show_queues:
+    case Action::kShowQueues:
         return {report_queues, 8};
-    case Action::show_memory:
+    case Action::kShowMemory:
         return {report_memory, 0};
-    case Action::show_thread:
+    case Action::kShowThread:
         return {report_thread, 0};
     default:
         return {report_process, 0};
     }
 }
 
-/** Process names may hold anything, which a terminal would obey. */
+/** Process names may hold control characters, which a terminal would execute. */
 std::string printable(const std::string& line)
 {
     constexpr char digits[] = "0123456789abcdef";
@@ -65,7 +65,7 @@ void complain_of(const std::vector<std::string>& problems, const char* what, con
         world.complain("... and " + std::to_string(problems.size() - most) + " more");
 }
 
-/** Has the request served while the log is read, and leaves the report's lines in filter. */
+/** Sends the request while the log is read, and stores the report's lines in filter. */
 void follow_request(Channel& channel, const Request& request, KernelLog& log, ReportFilter& filter)
 {
     LogFollower follower(log);
@@ -83,7 +83,7 @@ void follow_request(Channel& channel, const Request& request, KernelLog& log, Re
 
 Status show(const Options& options, const World& world)
 {
-    // First the log: without it the report would be printed for nobody.
+    // The log first: if it cannot be read, the request would print a report that this program cannot return.
     auto log = world.open_kernel_log();
     auto socket = world.open_netlink();
     Channel channel(*socket, timeout_of(options));
@@ -153,10 +153,10 @@ Status run_command(const Options& options, const World& world)
     if (!options.note.empty())
         world.complain(options.note);
     switch (options.action) {
-    case Action::tech:
+    case Action::kTech:
         return tech(options, world);
-    case Action::switches:
-    case Action::filter: {
+    case Action::kSwitches:
+    case Action::kFilter: {
         auto socket = world.open_netlink();
         Channel channel(*socket, timeout_of(options));
         for (const Request& request : requests_of(options))

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Carries a command out. */
+/* Executes a command. */
 #ifndef MOXCTL_COMMANDS_H
 #define MOXCTL_COMMANDS_H
 
@@ -14,7 +14,7 @@
 
 namespace moxctl {
 
-/** What a command touches outside of this program; tests put their own in place. */
+/** What a command uses of the system; tests replace it. */
 struct World {
     std::function<std::unique_ptr<NetlinkSocket>()> open_netlink;
     std::function<std::unique_ptr<KernelLog>()> open_kernel_log;

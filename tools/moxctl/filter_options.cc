@@ -26,7 +26,7 @@ std::uint32_t put_address(const std::string& text, const AddressFields& to)
         return to.ipv6_flag;
     throw mox::UsageError(std::string(to.what) + " \"" + text +
                           "\" is not valid; allowed: one whole IPv4 or IPv6 address, such as 10.0.0.1 or fe80::1 "
-                          "(the filter knows no prefixes)");
+                          "(the filter has no prefixes)");
 }
 
 std::uint32_t put_mac(const std::string& text, std::uint8_t (&to)[6], std::uint32_t flag)

@@ -17,8 +17,9 @@ struct FilterWords {
 };
 
 /**
- * A filter in force for packets that meet every criterion given. lookup resolves interface names. Throws UsageError
- * for a value that is none, for addresses of two IP versions, and when neither a criterion nor every_packet is given.
+ * A filter that is in force and matches packets that satisfy every criterion. lookup resolves interface names. Throws
+ * UsageError for a value that is not valid, for addresses of two IP versions, and when neither a criterion nor
+ * every_packet is given.
  */
 mox_packet_filter make_filter(const FilterWords& words, const mox::InterfaceLookup& lookup);
 

@@ -33,9 +33,9 @@ Json decimal_value(mox::ValueKind kind, const std::string& text)
 {
     long long number = std::strtoll(text.c_str(), nullptr, 10);
     switch (kind) {
-    case mox::ValueKind::arp_operation:
+    case mox::ValueKind::kArpOperation:
         return ntohs(static_cast<std::uint16_t>(number));
-    case mox::ValueKind::attribute:
+    case mox::ValueKind::kAttribute:
         return static_cast<std::uint32_t>(number);
     default:
         return number;
@@ -49,10 +49,10 @@ Json value_of(const std::string& type, const std::string& text)
     if (row == types.end() || text == "illegal regular type!")
         return text;
     switch (row->kind) {
-    case mox::ValueKind::code:
+    case mox::ValueKind::kCode:
         return code_value(text);
-    case mox::ValueKind::mac:
-    case mox::ValueKind::ether_type:
+    case mox::ValueKind::kMac:
+    case mox::ValueKind::kEtherType:
         return text;
     default:
         return decimal_value(row->kind, text);

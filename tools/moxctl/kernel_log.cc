@@ -16,9 +16,9 @@
 namespace moxctl {
 namespace {
 
-constexpr char device[] = "/dev/kmsg";
+constexpr char kDevice[] = "/dev/kmsg";
 // The kernel's own buffer for one record has 8 KiB; a shorter one than the record is refused.
-constexpr std::size_t longest_record = 16 * 1024;
+constexpr std::size_t kLongestRecord = 16 * 1024;
 
 template <typename Number>
 bool take_number(std::string_view& text, Number& number)
@@ -60,7 +60,7 @@ class Device : public KernelLog {
 public:
     Device()
     {
-        fd_ = open(device, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        fd_ = open(kDevice, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         if (fd_ < 0)
             throw Failure(kernel_log_error(errno));
         wake_ = eventfd(0, EFD_CLOEXEC);
@@ -82,12 +82,12 @@ public:
         while (length < 0 && errno == EINTR);
         if (length >= 0) {
             raw.assign(buffer_.data(), static_cast<std::size_t>(length));
-            return Read::record;
+            return Read::kRecord;
         }
         if (errno == EAGAIN)
-            return Read::none;
+            return Read::kNone;
         if (errno == EPIPE)
-            return Read::overwritten;
+            return Read::kOverwritten;
         throw Failure(kernel_log_error(errno));
     }
 
@@ -113,7 +113,7 @@ private:
     }
 
     int fd_ = -1, wake_ = -1;
-    std::vector<char> buffer_ = std::vector<char>(longest_record);
+    std::vector<char> buffer_ = std::vector<char>(kLongestRecord);
 };
 
 } // namespace
@@ -145,11 +145,11 @@ std::optional<LogRecord> decode_record(std::string_view raw)
 
 std::string kernel_log_error(int error)
 {
-    std::string text = std::string("the report goes to the kernel log, and ") + device + " ";
+    std::string text = std::string("the report goes to the kernel log, and ") + kDevice + " ";
     switch (error) {
     case EPERM:
     case EACCES:
-        return text + "may not be read: run moxctl as root or with CAP_SYSLOG, or allow everybody to read it: "
+        return text + "may not be read: run moxctl as root or with CAP_SYSLOG, or allow every user to read it: "
                       "sysctl kernel.dmesg_restrict=0";
     case ENOENT:
         return text + "does not exist: mknod /dev/kmsg c 1 11 makes it";

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The kernel log, record by record, as /dev/kmsg hands it out. */
+/* The kernel log, record by record, as read from /dev/kmsg. */
 #ifndef MOXCTL_KERNEL_LOG_H
 #define MOXCTL_KERNEL_LOG_H
 
@@ -15,20 +15,20 @@ namespace moxctl {
 struct LogRecord {
     unsigned priority = 0;      /**< facility * 8 + level */
     std::uint64_t sequence = 0; /**< without gaps, unless records were overwritten */
-    std::string caller;         /**< "T" and thread id or "C" and CPU, where the kernel is built to tell */
+    std::string caller;         /**< "T" and thread id or "C" and CPU, where the kernel is built to record it */
     std::string text;           /**< as printed, but for one line end at its end */
 };
 
 /** Takes one read of /dev/kmsg apart: escapes are undone, dictionary lines left out. Nothing when it is no record. */
 std::optional<LogRecord> decode_record(std::string_view raw);
 
-/** Where log records come from; tests put their own in place. */
+/** Source of log records; tests replace it. */
 class KernelLog {
 public:
     enum class Read {
-        record,      /**< one was stored */
-        none,        /**< all that there are have been read */
-        overwritten, /**< records were lost; reading goes on behind them */
+        kRecord,      /**< one was stored */
+        kNone,        /**< all that there are have been read */
+        kOverwritten, /**< records were lost; reading goes on behind them */
     };
     virtual ~KernelLog() = default;
     /** Does not wait. Throws Failure when the log cannot be read. */

@@ -19,8 +19,8 @@ void LogFollower::follow()
             // Asked before the log is emptied: what was logged before the call of stop is read for certain.
             bool last = last_round_;
             KernelLog::Read read;
-            while ((read = log_.read(raw)) != KernelLog::Read::none) {
-                if (read == KernelLog::Read::record)
+            while ((read = log_.read(raw)) != KernelLog::Read::kNone) {
+                if (read == KernelLog::Read::kRecord)
                     records_ += raw;
                 ends_.push_back(records_.size());
             }

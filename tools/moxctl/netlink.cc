@@ -23,8 +23,8 @@ struct FreeMessage {
 Failure no_family()
 {
     return Failure("the kernel has no generic netlink family " MOX_PACKET_GENL_NAME
-                   ": is mox_ef_socket.ko loaded (lsmod), and is this the initial network namespace? Elsewhere it is "
-                   "not to be seen; in a container or namespace try: nsenter -t 1 -n moxctl ...");
+                   ": is mox_ef_socket.ko loaded (lsmod), and is this the initial network namespace? The family exists "
+                   "in no other one; from a container or namespace run: nsenter -t 1 -n moxctl ...");
 }
 
 Failure refused(int error)
@@ -38,11 +38,11 @@ Failure refused(int error)
 Failure silent(std::chrono::milliseconds timeout)
 {
     return Failure("the kernel did not acknowledge the request within " + std::to_string(timeout.count()) +
-                       " ms; another request may be at work: try again",
+                       " ms; another request may be in progress: try again",
                    status_timeout);
 }
 
-/** The errno value (0: done) of an acknowledgement of a request; nothing when the message is none of it. */
+/** The errno value (0: done) of an acknowledgement of a request; nothing when the message is not one. */
 std::optional<int> acknowledgement(const nlmsghdr* message, std::uint32_t sequence)
 {
     if (message->nlmsg_type != NLMSG_ERROR || message->nlmsg_seq != sequence ||
@@ -77,7 +77,7 @@ std::vector<std::uint8_t> Channel::message(std::uint16_t type, std::uint16_t fla
     return {bytes, bytes + head->nlmsg_len};
 }
 
-/** Hands every message that comes to take, until that returns true; false when the time is over first. */
+/** Passes every message to take until that returns true; false when the time is over first. */
 template <typename Take>
 bool Channel::receive_until(Take take)
 {
@@ -94,7 +94,7 @@ bool Channel::receive_until(Take take)
         int length = static_cast<int>(datagram.size());
         for (auto head = reinterpret_cast<nlmsghdr*>(datagram.data()); nlmsg_ok(head, length);
              head = nlmsg_next(head, &length)) {
-            // The module's answer bears no sequence number, and comes before the acknowledgement.
+            // The module's answer has sequence number 0, and arrives before the acknowledgement.
             if (family_ != 0 && head->nlmsg_type == family_ && head->nlmsg_seq == 0)
                 ++answers_;
             taken = take(head) || taken;

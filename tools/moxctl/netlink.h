@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The road to the module: a generic netlink socket, and the messages over it. */
+/* The channel to the module: a generic netlink socket and its messages. */
 #ifndef MOXCTL_NETLINK_H
 #define MOXCTL_NETLINK_H
 
@@ -13,21 +13,26 @@
 
 namespace moxctl {
 
-/** Sends and receives whole netlink datagrams; tests put their own in place. Functions throw Failure. */
+/** Sends and receives whole netlink datagrams; tests replace it. Functions throw Failure. */
 class NetlinkSocket {
 public:
     virtual ~NetlinkSocket() = default;
-    /** The port id by which the kernel knows the socket. */
+    /** The port id of the socket. */
     virtual std::uint32_t port() const = 0;
     virtual void send(std::span<const std::uint8_t> datagram) = 0;
-    /** The next datagram from the kernel; empty when none came within the time. */
+    /** The next datagram from the kernel; empty when none arrived in time. */
     virtual std::vector<std::uint8_t> receive(std::chrono::milliseconds time) = 0;
 };
 
 /** A generic netlink socket of the calling process's network namespace. */
 std::unique_ptr<NetlinkSocket> open_netlink();
 
-/** The module's family, found by name. */
+/**
+ * The module's family, found by name.
+ *
+ * The messages are read here and not by libnl's genl_ctrl_resolve and nl_wait_for_ack: both read one datagram and take
+ * it for the answer, while the module's own answer comes before the acknowledgement and has no sequence number.
+ */
 class Channel {
 public:
     /** Finds the family. timeout is for each answer. Throws Failure with the remedy when it is not there. */

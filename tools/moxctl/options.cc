@@ -15,20 +15,22 @@
 namespace moxctl {
 namespace {
 
-constexpr char examples[] =
+constexpr char kExamples[] =
     "\nExamples:\n"
     "  moxctl show rules lev2\n"
     "      Who captures what at layer 2.\n"
-    "  moxctl show rules --json | jq '.locations[].sockets[] | {process, counters}'\n"
-    "      The counters of every socket, for a script.\n"
-    "  moxctl filter set --src-ip 10.0.0.17 && moxctl debug on\n"
-    "      Trace one host's packets.\n"
-    "  moxctl hook off wlan\n"
-    "      Take the WLAN hook away: nothing is captured there until \"moxctl hook on wlan\".\n"
+    "  moxctl show rules --json | jq '.locations[].sockets[] | [.process, .counters.rcvbuf_full_drops]'\n"
+    "      The process and the dropped frames of every socket, for a script.\n"
+    "  moxctl debug on && dmesg -w\n"
+    "      The module's debug lines as they come, until \"moxctl debug off\".\n"
+    "  moxctl debug on && moxctl filter set --src-ip 10.0.0.17\n"
+    "      Set the debug filter; the module prints its fields while debugging is on.\n"
+    "  moxctl hook off wlan; sleep 10; moxctl hook on wlan\n"
+    "      Let frames pass the WLAN location by for ten seconds.\n"
     "  moxctl tech --output tech.txt\n"
-    "      Everything into one file.\n"
+    "      Write all reports to one file.\n"
     "\n"
-    "Exit status: 0 done, 1 failed, 2 wrong command line, 3 the report is incomplete, 4 no answer in time.\n";
+    "Exit status: 0 success, 1 failure, 2 wrong command line, 3 incomplete report, 4 no answer in time.\n";
 
 /** The words as they were typed, before anything is looked up. */
 struct Words {
@@ -52,16 +54,16 @@ void describe_show(CLI::App& app, Words& words, Options& options)
     CLI::App* show = app.add_subcommand("show", "Ask for a report and print it");
     show->require_subcommand(1);
     CLI::App* rules = add_command(*show, "rules", "Queues, sockets and rules of the locations", options,
-                                  Action::show_rules);
+                                  Action::kShowRules);
     rules->add_option("location", words.location, "Only this location (default: all eight)")->type_name("LOCATION");
     rules->footer("\nLocations:\n" + reported_location_help());
     CLI::App* queues = add_command(*show, "queues", "Buffers that wait for the copy thread, for each location and CPU",
-                                   options, Action::show_queues);
+                                   options, Action::kShowQueues);
     CLI::App* memory =
-        add_command(*show, "memory", "Counters of rule memory and socket buffers", options, Action::show_memory);
-    CLI::App* thread = add_command(*show, "thread", "Counters of the copy thread", options, Action::show_thread);
+        add_command(*show, "memory", "Counters of rule memory and socket buffers", options, Action::kShowMemory);
+    CLI::App* thread = add_command(*show, "thread", "Counters of the copy thread", options, Action::kShowThread);
     CLI::App* process =
-        add_command(*show, "process", "Sockets and rules of one process", options, Action::show_process);
+        add_command(*show, "process", "Sockets and rules of one process", options, Action::kShowProcess);
     process->add_option("process", words.process, "Process id, or the name of the process that opened the sockets")
         ->required()
         ->type_name("NAME|PID");
@@ -77,7 +79,7 @@ void describe_debug(CLI::App& app, Words& words, Options& options)
     for (bool on : {true, false}) {
         CLI::App* command = debug->add_subcommand(on ? "on" : "off", on ? "Set switches" : "Clear switches");
         command->parse_complete_callback([&options, on] {
-            options.action = Action::switches;
+            options.action = Action::kSwitches;
             options.is_open = on;
         });
         command->add_option("path", words.paths, "Switches (default: general)")->type_name("PATH");
@@ -91,14 +93,17 @@ void describe_hook(CLI::App& app, Words& words, Options& options)
     hook->require_subcommand(1);
     for (bool off : {true, false}) {
         CLI::App* command = hook->add_subcommand(
-            off ? "off" : "on", off ? "Take a hook away: nothing more is captured there"
+            off ? "off" : "on", off ? "Take a hook away: frames pass the location by, and none is captured there"
                                     : "Put a hook back, if a socket has rules at its location");
         command->parse_complete_callback([&options, off] {
-            options.action = Action::switches;
+            options.action = Action::kSwitches;
             options.is_open = off;
         });
         command->add_option("location", words.hook, "Location, or all")->required()->type_name("LOCATION|all");
-        command->footer("\nLocations:\n" + hook_help());
+        command->footer((off ? "\nThe hook stays away until \"hook on\", or until a socket comes, goes or changes its "
+                               "rule there.\n\nLocations:\n"
+                             : "\nLocations:\n") +
+                        hook_help());
     }
 }
 
@@ -106,8 +111,8 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
 {
     CLI::App* filter = app.add_subcommand("filter", "Set the debug packet filter");
     filter->require_subcommand(1);
-    CLI::App* set = add_command(*filter, "set", "Replace the filter: packets must meet all criteria given", options,
-                                Action::filter);
+    CLI::App* set = add_command(*filter, "set", "Replace the filter: a packet matches if it satisfies every criterion", options,
+                                Action::kFilter);
     struct {
         const char* name;
         std::string& word;
@@ -124,14 +129,16 @@ void describe_filter(CLI::App& app, Words& words, Options& options)
     };
     for (const auto& each : criteria)
         set->add_option(each.name, each.word, each.what)->type_name(each.type);
+    set->footer("\nThe filter prints nothing and hides nothing: only the platform's trace mark makes a frame leave "
+                "lines.\n");
     set->add_flag("--every-packet", words.filter.every_packet, "No criterion: every packet matches");
-    add_command(*filter, "off", "Put no filter in force", options, Action::filter);
+    add_command(*filter, "off", "Put no filter in force", options, Action::kFilter);
 }
 
 void describe_tech(CLI::App& app, Options& options)
 {
-    CLI::App* tech = add_command(app, "tech", "Have everything written to the dump file, and print that", options,
-                                 Action::tech);
+    CLI::App* tech = add_command(app, "tech", "Write all reports to the dump file, and print it", options,
+                                 Action::kTech);
     tech->add_option("-o,--output", options.output, "Save it to this file instead of printing it")->type_name("FILE");
     tech->add_option("-t,--timeout", options.timeout, "Seconds to wait for the answer (default 10)")
         ->type_name("SECONDS")
@@ -159,14 +166,14 @@ void look_up_process(const Words& words, Options& options)
 void look_up(const CLI::App& app, const Words& words, const mox::InterfaceLookup& lookup, Options& options)
 {
     switch (options.action) {
-    case Action::show_rules:
+    case Action::kShowRules:
         if (!words.location.empty())
             options.location = parse_reported_location(words.location);
         break;
-    case Action::show_process:
+    case Action::kShowProcess:
         look_up_process(words, options);
         break;
-    case Action::switches:
+    case Action::kSwitches:
         if (app.got_subcommand("hook")) {
             options.switches = {parse_hook(words.hook)};
         } else {
@@ -177,7 +184,7 @@ void look_up(const CLI::App& app, const Words& words, const mox::InterfaceLookup
                 options.switches = {MOX_DEBUG_GENERAL};
         }
         break;
-    case Action::filter:
+    case Action::kFilter:
         if (app.get_subcommand("filter")->got_subcommand("set"))
             options.filter = make_filter(words.filter, lookup);
         break;
@@ -186,7 +193,7 @@ void look_up(const CLI::App& app, const Words& words, const mox::InterfaceLookup
     }
 }
 
-/** What is wrong, and the commands that there are where one is missing or unknown. */
+/** What is wrong, with the list of commands where one is missing or unknown. */
 std::string complaint_of(const CLI::App& app, const CLI::Error& error)
 {
     const CLI::App* deepest = &app;
@@ -210,7 +217,7 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const mox:
     CLI::App app{"Asks the capture module mox_ef_socket for reports and switches its debugging and its hooks.",
                  "moxctl"};
     app.require_subcommand(1);
-    app.footer(examples);
+    app.footer(kExamples);
     Words words;
     describe_show(app, words, options);
     describe_debug(app, words, options);
@@ -224,7 +231,7 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const mox:
         std::ostringstream out, complaint;
         if (app.exit(error, out, complaint) == 0)
             return Ending{status_ok, out.str()};
-        return Ending{status_usage, "moxctl: " + complaint_of(app, error) + "; --help tells more\n"};
+        return Ending{status_usage, "moxctl: " + complaint_of(app, error) + "; see --help\n"};
     } catch (const mox::UsageError& error) {
         return Ending{status_usage, std::string("moxctl: ") + error.what() + "\n"};
     }

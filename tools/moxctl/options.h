@@ -14,18 +14,18 @@
 namespace moxctl {
 
 enum class Action {
-    show_rules,
-    show_queues,
-    show_memory,
-    show_thread,
-    show_process,
-    switches, /**< debug and hook */
-    filter,
-    tech,
+    kShowRules,
+    kShowQueues,
+    kShowMemory,
+    kShowThread,
+    kShowProcess,
+    kSwitches, /**< debug and hook */
+    kFilter,
+    kTech,
 };
 
 struct Options {
-    Action action = Action::show_rules;
+    Action action = Action::kShowRules;
     std::uint32_t location = 0;           /**< show rules: 1 to 8, 0: all */
     std::string process;                  /**< show process: the name; empty: by pid */
     std::uint32_t pid = 0;
@@ -35,10 +35,10 @@ struct Options {
     mox_packet_filter filter{};
     std::string output;                   /**< tech: file, empty: standard output */
     double timeout = 10;                  /**< seconds */
-    std::string note;                     /**< to tell the operator before anything is done */
+    std::string note;                     /**< for the operator, printed first */
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;

@@ -32,6 +32,15 @@ std::size_t forms_of(Line line)
     return count;
 }
 
+/** How many counters a whole section of the memory report has. */
+std::size_t counters_of(unsigned section)
+{
+    std::size_t count = 0;
+    for (const LineForm& form : line_forms())
+        count += form.line == Line::kMemoryCounter && (form.sections & section);
+    return count;
+}
+
 class Parser {
 public:
     Parser(unsigned kind, std::size_t locations) : kind_(kind), locations_(locations) {}
@@ -44,40 +53,40 @@ public:
             return;
         }
         switch (line->form->line) {
-        case Line::blank:
-        case Line::regulars:
-        case Line::match_head:
-        case Line::thread_head:
-        case Line::process_head:
-        case Line::dump_banner:
+        case Line::kBlank:
+        case Line::kRegulars:
+        case Line::kMatchHead:
+        case Line::kThreadHead:
+        case Line::kProcessHead:
+        case Line::kDumpBanner:
             break;
-        case Line::queue_location:
-        case Line::queue_cpu:
-        case Line::filter_count:
+        case Line::kQueueLocation:
+        case Line::kQueueCpu:
+        case Line::kFilterCount:
             take_location(*line);
             break;
-        case Line::match_process:
-        case Line::match_treatment:
-        case Line::match_type:
-        case Line::match_data:
+        case Line::kMatchProcess:
+        case Line::kMatchTreatment:
+        case Line::kMatchType:
+        case Line::kMatchData:
             take_match(*line);
             break;
-        case Line::rule_type:
-        case Line::rule_data:
-        case Line::more_data:
+        case Line::kRuleType:
+        case Line::kRuleData:
+        case Line::kMoreData:
             take_rule(*line, text);
             break;
-        case Line::memory_head:
+        case Line::kMemoryHead:
             end_socket();
             report_.memory.emplace_back(line->form->key, Counters());
             break;
-        case Line::memory_counter:
+        case Line::kMemoryCounter:
             if (report_.memory.empty())
                 problem("a memory counter stands before the sections");
             else
                 report_.memory.back().second.emplace_back(line->form->key, number<std::int64_t>(line->values[0]));
             break;
-        case Line::thread_counter:
+        case Line::kThreadCounter:
             report_.thread.emplace_back(line->form->key, number<std::int64_t>(line->values[0]));
             break;
         default:
@@ -93,7 +102,7 @@ public:
             check_locations();
         if (kind_ & (report_memory | report_tech))
             check_memory();
-        if ((kind_ & report_thread) && report_.thread.size() != forms_of(Line::thread_counter))
+        if ((kind_ & report_thread) && report_.thread.size() != forms_of(Line::kThreadCounter))
             problem("counters of the copy thread are missing");
         return std::move(report_);
     }
@@ -114,8 +123,8 @@ private:
     void take_location(const ScannedLine& line)
     {
         end_socket();
-        in_filters_ = line.form->line == Line::filter_count;
-        if (line.form->line == Line::queue_location) {
+        in_filters_ = line.form->line == Line::kFilterCount;
+        if (line.form->line == Line::kQueueLocation) {
             report_.locations.emplace_back().name = line.values[0];
             return;
         }
@@ -130,7 +139,7 @@ private:
 
     void end_socket()
     {
-        if (socket_ && socket_->counters.size() != forms_of(Line::counter))
+        if (socket_ && socket_->counters.size() != forms_of(Line::kCounter))
             problem("a socket of process \"" + socket_->process + "\" (pid " + std::to_string(socket_->pid) +
                     ") is not complete");
         if (!socket_)
@@ -145,7 +154,7 @@ private:
     void take_socket(const ScannedLine& line, const std::string& text)
     {
         std::string_view value = line.values[0];
-        if (line.form->line == Line::socket_head) {
+        if (line.form->line == Line::kSocketHead) {
             end_socket();
             in_filters_ = false;
             socket_.emplace();
@@ -156,14 +165,14 @@ private:
             return;
         }
         switch (line.form->line) {
-        case Line::process: socket_->process = value; break;
-        case Line::vsd: socket_->vsd = number<std::uint32_t>(value); break;
-        case Line::pid: socket_->pid = number<std::int32_t>(value); break;
-        case Line::running: socket_->running = !line.form->key.empty(); break;
-        case Line::ctrldata: socket_->control_data = !line.form->key.empty(); break;
-        case Line::ifindex: socket_->interface = number<std::uint32_t>(value); break;
-        case Line::location: socket_->location = value; break;
-        case Line::treatment: socket_->treatment = value; break;
+        case Line::kProcess: socket_->process = value; break;
+        case Line::kVsd: socket_->vsd = number<std::uint32_t>(value); break;
+        case Line::kPid: socket_->pid = number<std::int32_t>(value); break;
+        case Line::kRunning: socket_->running = !line.form->key.empty(); break;
+        case Line::kCtrldata: socket_->control_data = !line.form->key.empty(); break;
+        case Line::kIfindex: socket_->interface = number<std::uint32_t>(value); break;
+        case Line::kLocation: socket_->location = value; break;
+        case Line::kTreatment: socket_->treatment = value; break;
         default: socket_->counters.emplace_back(line.form->key, number<std::int64_t>(value)); break;
         }
     }
@@ -181,7 +190,7 @@ private:
     {
         if (socket_) {
             take_data(socket_->rules, line, text);
-        } else if (line.form->line != Line::rule_type) {
+        } else if (line.form->line != Line::kRuleType) {
             if (FilterEntry* to = entry("a value"))
                 add_value(to->rule, line);
         } else if (!in_filters_) {
@@ -196,7 +205,7 @@ private:
         FilterEntry* to = entry("a match");
         if (!to)
             return;
-        if (line.form->line == Line::match_process) {
+        if (line.form->line == Line::kMatchProcess) {
             to->matches.emplace_back().process = line.values[0];
             return;
         }
@@ -204,7 +213,7 @@ private:
             problem("a match has no process");
             return;
         }
-        if (line.form->line == Line::match_treatment)
+        if (line.form->line == Line::kMatchTreatment)
             to->matches.back().treatment = line.values[0];
         else
             take_data(to->matches.back().rules, line, "a value");
@@ -212,7 +221,7 @@ private:
 
     void take_data(std::vector<RuleData>& rules, const ScannedLine& line, const std::string& text)
     {
-        if (line.form->line == Line::rule_type || line.form->line == Line::match_type)
+        if (line.form->line == Line::kRuleType || line.form->line == Line::kMatchType)
             rules.emplace_back().type = line.values[0];
         else if (rules.empty())
             problem("\"" + text + "\" has no type");
@@ -245,20 +254,17 @@ private:
         }
     }
 
-    /** The table has each section's heading, but the counters of items and data once for both. */
     void check_memory()
     {
-        struct {
-            const char* section;
-            std::size_t counters;
-        } constexpr whole[] = {{"rule_data", 2}, {"items", 21}, {"data", 19}, {"skbs", 2}};
-        for (const auto& each : whole) {
-            std::size_t found = 0;
+        for (const LineForm& head : line_forms()) {
+            if (head.line != Line::kMemoryHead)
+                continue;
+            std::size_t found = 0, expected = counters_of(head.sections);
             for (const auto& [name, counters] : report_.memory)
-                found += name == each.section ? counters.size() : 0;
-            if (found != each.counters)
-                problem(std::string("the memory section ") + each.section + " has " + std::to_string(found) + " of " +
-                        std::to_string(each.counters) + " counters");
+                found += name == head.key ? counters.size() : 0;
+            if (found != expected)
+                problem("the memory section " + std::string(head.key) + " has " + std::to_string(found) + " of " +
+                        std::to_string(expected) + " counters");
         }
     }
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What a report says. */
+/* The content of a report. */
 #ifndef MOXCTL_REPORT_H
 #define MOXCTL_REPORT_H
 
@@ -54,7 +54,7 @@ struct LocationReport {
     std::string name;
     std::vector<CpuQueue> queues;
     std::vector<Socket> sockets;
-    std::optional<std::int64_t> filter_count; /**< entries that the list has; filters may hold less of them */
+    std::optional<std::int64_t> filter_count; /**< entries that the list has; filters may hold fewer */
     std::vector<FilterEntry> filters;
 };
 

@@ -8,33 +8,33 @@
 namespace moxctl {
 namespace {
 
-constexpr std::string_view opening_of_any = "Deal message from ";
+constexpr std::string_view kOpeningOfAny = "Deal message from ";
 
 } // namespace
 
 ReportFilter::ReportFilter(std::uint32_t port, unsigned kind)
-    : opening_(std::string(opening_of_any) + std::to_string(port) + ", "), kind_(kind)
+    : opening_(std::string(kOpeningOfAny) + std::to_string(port) + ", "), kind_(kind)
 {
 }
 
 void ReportFilter::take(const LogRecord& record)
 {
-    if (state_ == State::inside && record.sequence > *next_sequence_)
+    if (state_ == State::kInside && record.sequence > *next_sequence_)
         lost_ += record.sequence - *next_sequence_;
     next_sequence_ = record.sequence + 1;
 
-    if (state_ == State::before) {
+    if (state_ == State::kBefore) {
         if (record.text.starts_with(opening_)) {
-            state_ = State::inside;
+            state_ = State::kInside;
             first_ = record;
         }
         return;
     }
-    if (state_ == State::behind || record.priority != first_.priority)
+    if (state_ == State::kBehind || record.priority != first_.priority)
         return;
-    if (record.text.starts_with(opening_of_any)) {
+    if (record.text.starts_with(kOpeningOfAny)) {
         finish();
-        state_ = State::behind;
+        state_ = State::kBehind;
         return;
     }
     if (record.caller == first_.caller)

@@ -2,9 +2,9 @@
 /*
  * Picks the report of one request out of the kernel log.
  *
- * The module opens every request with a line that holds the requester's netlink port, which nobody else has: the
+ * The module opens every request with a line that holds the requester's netlink port, which is unique: the
  * report begins behind it, and ends at the latest where the next request begins. In between, a record is the
- * report's when it came with the same priority (and caller, where the kernel is built to tell callers) as that line
+ * report's when it came with the same priority (and caller, where the kernel is built to record callers) as that line
  * and reads like a line of such a report.
  */
 #ifndef MOXCTL_REPORT_FILTER_H
@@ -24,13 +24,13 @@ public:
 
     /** The next record, in the order of the log. */
     void take(const LogRecord& record);
-    /** Records were overwritten before they could be read; the next one's sequence number tells how many. */
+    /** Records were overwritten before they could be read; the next one's sequence number shows how many. */
     void overwritten() { overwritten_ = true; }
     /** No more records follow. */
     void finish();
 
     /** Whether the request's opening line has come. */
-    bool begun() const { return state_ != State::before; }
+    bool begun() const { return state_ != State::kBefore; }
     /** Whether the log lost records, of the report's or before it. */
     bool was_overwritten() const { return overwritten_; }
     /** Records that the log lost behind the opening line. */
@@ -41,11 +41,11 @@ public:
 private:
     void take_text(std::string text);
 
-    enum class State { before, inside, behind };
+    enum class State { kBefore, kInside, kBehind };
 
     std::string opening_;
     unsigned kind_;
-    State state_ = State::before;
+    State state_ = State::kBefore;
     LogRecord first_;              /**< the opening line: whose the report is */
     std::optional<std::uint64_t> next_sequence_;
     std::uint64_t lost_ = 0;

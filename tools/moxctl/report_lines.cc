@@ -3,6 +3,7 @@
 
 #include "mox/names.h"
 #include "mox/rule.h"
+#include "mox_packet_tables.h"
 
 #include <algorithm>
 #include <cctype>
@@ -10,101 +11,122 @@
 namespace moxctl {
 namespace {
 
-constexpr unsigned any_kind = ~0u;
-constexpr unsigned rules = report_rules | report_tech;
-constexpr unsigned queues = rules | report_queues;
-constexpr unsigned sockets = rules | report_process;
-constexpr unsigned memory = report_memory | report_tech;
+constexpr unsigned kAnyKind = ~0u;
+constexpr unsigned kRules = report_rules | report_tech;
+constexpr unsigned kQueues = kRules | report_queues;
+constexpr unsigned kSockets = kRules | report_process;
+constexpr unsigned kMemory = report_memory | report_tech;
 
-constexpr LineForm forms[] = {
-    {Line::blank, any_kind, "", {}},
+/** A short text that is put together at compile time. */
+struct Text {
+    char characters[40] = {};
+    std::size_t length = 0;
 
-    {Line::queue_location, queues, "location: %l", {}},
-    {Line::queue_cpu, queues, "cpu %d efbuff cnt:      %u", {}},
+    constexpr void add(char c) { characters[length++] = c; }
+    constexpr std::string_view view() const { return {characters, length}; }
+};
 
-    {Line::socket_head, sockets, "------------ dump sock ------------", {}},
-    {Line::process, sockets, "process:       %s", {}},
-    {Line::vsd, sockets, "vsd:           %u", {}},
-    {Line::pid, sockets, "pid:           %d", {}},
-    {Line::running, sockets, "running:       running", "running"},
-    {Line::running, sockets, "running:       stop", {}},
-    {Line::ctrldata, sockets, "ctrldata:      require", "require"},
-    {Line::ctrldata, sockets, "ctrldata:      unrequire", {}},
-    {Line::ifindex, sockets, "ifindex:       %u", {}},
-    {Line::regulars, sockets, "regulars:", {}},
-    {Line::rule_type, sockets, "regular type:  %r", {}},
-    {Line::rule_data, sockets, "regular data:  %v", {}},
-    {Line::more_data, sockets, "               %v", {}},
-    {Line::location, sockets, "PACKET LOC:         %l", {}},
-    {Line::treatment, sockets, "PACKET TREATMENT:   %t", {}},
-    {Line::counter, sockets, "sk recv packets:        %u", "recv_packets"},
-    {Line::counter, sockets, "sk filter drops:        %u", "filter_drops"},
-    {Line::counter, sockets, "sk rcvbuff full drops:  %u", "rcvbuf_full_drops"},
-    {Line::counter, sockets, "sk trim fail drops:     %u", "trim_fail_drops"},
-    {Line::counter, sockets, "sk send packet:         %u", "send_packets"},
-    {Line::counter, sockets, "sk sendmsg ill fails:   %u", "sendmsg_ill_fails"},
-    {Line::counter, sockets, "sk macfunc ill fails:   %u", "macfunc_ill_fails"},
-    {Line::counter, sockets, "sk dstintf ill fails:   %u", "dstintf_ill_fails"},
-    {Line::counter, sockets, "sk srcintf ill fails:   %u", "srcintf_ill_fails"},
-    {Line::counter, sockets, "sk intf linkdown fails: %u", "intf_linkdown_fails"},
-    {Line::counter, sockets, "sk alloc efbuff fails:  %u", "alloc_efbuff_fails"},
-    {Line::counter, sockets, "sk pkt copy fails:      %u", "pkt_copy_fails"},
-    {Line::counter, sockets, "sk ef send fails:       %u", "ef_send_fails"},
-    {Line::counter, sockets, "skbs to be recv:        %u", "skbs_to_be_recv"},
-    {Line::counter, sockets, "skbs to be send:        %u", "skbs_to_be_send"},
-    {Line::counter, sockets, "sk refcnt:              %u", "refcnt"},
+/** The form of a line with a number in a column; a longer label pushes its number to the right. */
+constexpr Text number_form(std::string_view label, std::size_t column)
+{
+    Text text;
+    for (char c : label)
+        text.add(c);
+    while (text.length < column)
+        text.add(' ');
+    text.add('%');
+    text.add('u');
+    return text;
+}
 
-    {Line::filter_count, rules, "filter regular list cnt: %d", {}},
-    {Line::match_head, rules, "  match regulars:", {}},
-    {Line::match_process, rules, "    process:      %s", {}},
-    {Line::match_treatment, rules, "    PACKET TREATMENT:   %t", {}},
-    {Line::match_type, rules, "    regular type:  %r", {}},
-    {Line::match_data, rules, "    regular data:  %v", {}},
+/** A label as a name in JSON: lower case, underscores for blanks, no colon. */
+constexpr Text json_name(std::string_view label)
+{
+    Text text;
+    for (char c : label)
+        if (c != ':')
+            text.add(c == ' ' ? '_' : c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+    return text;
+}
+
+// The texts that the tables' rows have in common with the module.
+#define COUNTER_TEXT(field, label, ...) constexpr Text field##_form = number_form(label, MOX_PACKET_COUNTER_COLUMN);
+MOX_PACKET_COUNTER_TABLE(COUNTER_TEXT)
+#undef COUNTER_TEXT
+#define MEMORY_TEXT(type, width, compared, key, form, label, ...)                                                      \
+    constexpr Text type##_form = number_form(label, MOX_PACKET_MEMORY_COLUMN);                                         \
+    constexpr Text type##_name = json_name(label);
+MOX_PACKET_RULE_TYPE_TABLE(MEMORY_TEXT)
+#undef MEMORY_TEXT
+
+#define COUNTER_FORM(field, ...) {Line::kCounter, kSockets, field##_form.view(), #field},
+// Items count rule types; data are counted for the types whose values are stored.
+#define MEMORY_FORM(type, width, compared, ...)                                                                        \
+    {Line::kMemoryCounter, kMemory, type##_form.view(), type##_name.view(),                                             \
+     section_items | ((compared) != 0 ? section_data : 0u)},
+
+constexpr LineForm kForms[] = {
+    {Line::kBlank, kAnyKind, "", {}},
+
+    {Line::kQueueLocation, kQueues, "location: %l", {}},
+    {Line::kQueueCpu, kQueues, "cpu %d efbuff cnt:      %u", {}},
+
+    {Line::kSocketHead, kSockets, "------------ dump sock ------------", {}},
+    {Line::kProcess, kSockets, "process:       %s", {}},
+    {Line::kVsd, kSockets, "vsd:           %u", {}},
+    {Line::kPid, kSockets, "pid:           %d", {}},
+    {Line::kRunning, kSockets, "running:       running", "running"},
+    {Line::kRunning, kSockets, "running:       stop", {}},
+    {Line::kCtrldata, kSockets, "ctrldata:      require", "require"},
+    {Line::kCtrldata, kSockets, "ctrldata:      unrequire", {}},
+    {Line::kIfindex, kSockets, "ifindex:       %u", {}},
+    {Line::kRegulars, kSockets, "regulars:", {}},
+    {Line::kRuleType, kSockets, "regular type:  %r", {}},
+    {Line::kRuleData, kSockets, "regular data:  %v", {}},
+    {Line::kMoreData, kSockets, "               %v", {}},
+    {Line::kLocation, kSockets, "PACKET LOC:         %l", {}},
+    {Line::kTreatment, kSockets, "PACKET TREATMENT:   %t", {}},
+    MOX_PACKET_COUNTER_TABLE(COUNTER_FORM)
+    {Line::kCounter, kSockets, "skbs to be recv:        %u", "skbs_to_be_recv"},
+    {Line::kCounter, kSockets, "skbs to be send:        %u", "skbs_to_be_send"},
+    {Line::kCounter, kSockets, "sk refcnt:              %u", "refcnt"},
+
+    {Line::kFilterCount, kRules, "filter regular list cnt: %d", {}},
+    {Line::kMatchHead, kRules, "  match regulars:", {}},
+    {Line::kMatchProcess, kRules, "    process:      %s", {}},
+    {Line::kMatchTreatment, kRules, "    PACKET TREATMENT:   %t", {}},
+    {Line::kMatchType, kRules, "    regular type:  %r", {}},
+    {Line::kMatchData, kRules, "    regular data:  %v", {}},
 
     // The blank at the end of this heading is the report's own.
-    {Line::memory_head, memory, "------------------ DUMP PACKET DATA MEM ----------------- ", "rule_data"},
-    {Line::memory_counter, memory, "regular data alloc:     %u", "alloc"},
-    {Line::memory_counter, memory, "regular data free:      %u", "free"},
-    {Line::memory_head, memory, "--------------------- ITEM MEM ---------------------", "items"},
-    {Line::memory_head, memory, "--------------------- DATA MEM ---------------------", "data"},
-    {Line::memory_counter, memory, "PACKET_CODE:  %u", "packet_code"},
-    {Line::memory_counter, memory, "DST MAC:      %u", "dst_mac"},
-    {Line::memory_counter, memory, "SRC MAC:      %u", "src_mac"},
-    {Line::memory_counter, memory, "ETH PRO:      %u", "eth_pro"},
-    {Line::memory_counter, memory, "SNAP PRO:     %u", "snap_pro"},
-    {Line::memory_counter, memory, "IPV4 PRO:     %u", "ipv4_pro"},
-    {Line::memory_counter, memory, "IPV6 PRO:     %u", "ipv6_pro"},
-    {Line::memory_counter, memory, "DST PORT NUM: %u", "dst_port_num"},
-    {Line::memory_counter, memory, "SRC PORT NUM: %u", "src_port_num"},
-    {Line::memory_counter, memory, "SRC INTF:     %u", "src_intf"},
-    {Line::memory_counter, memory, "IPV6 DST PORT:%u", "ipv6_dst_port"},
-    {Line::memory_counter, memory, "PID TYPE:     %u", "pid_type"},
-    {Line::memory_counter, memory, "ICMPV6 TYPE:  %u", "icmpv6_type"},
-    {Line::memory_counter, memory, "ARP TYPE:     %u", "arp_type"},
-    {Line::memory_counter, memory, "IPv4 MCAST:   %u", "ipv4_mcast"},
-    {Line::memory_counter, memory, "IPv6 MCAST:   %u", "ipv6_mcast"},
-    {Line::memory_counter, memory, "WLAN MGNT:    %u", "wlan_mgnt"},
-    {Line::memory_counter, memory, "EAPOL TYPE:   %u", "eapol_type"},
-    {Line::memory_counter, memory, "EAPOL WPS TYPE:%u", "eapol_wps_type"},
-    {Line::memory_counter, memory, "PACKET ALL:   %u", "packet_all"},
-    {Line::memory_counter, memory, "FILTER LIST:  %u", "filter_list"},
-    {Line::memory_counter, memory, "REGULAR:      %u", "regular"},
-    {Line::memory_counter, memory, "ALLOC FAILED: %u", "alloc_failed"},
-    {Line::memory_head, memory, "---------------  SKB NUM ----------------", "skbs"},
-    {Line::memory_counter, memory, "AF-PACKET alloc %d skbs", "alloc"},
-    {Line::memory_counter, memory, "AF-PACKET free  %d skbs", "free"},
+    {Line::kMemoryHead, kMemory, "------------------ DUMP PACKET DATA MEM ----------------- ", "rule_data",
+     section_rule_data},
+    {Line::kMemoryCounter, kMemory, "regular data alloc:     %u", "alloc", section_rule_data},
+    {Line::kMemoryCounter, kMemory, "regular data free:      %u", "free", section_rule_data},
+    {Line::kMemoryHead, kMemory, "--------------------- ITEM MEM ---------------------", "items", section_items},
+    {Line::kMemoryHead, kMemory, "--------------------- DATA MEM ---------------------", "data", section_data},
+    MOX_PACKET_RULE_TYPE_TABLE(MEMORY_FORM)
+    {Line::kMemoryCounter, kMemory, "FILTER LIST:  %u", "filter_list", section_data},
+    {Line::kMemoryCounter, kMemory, "REGULAR:      %u", "regular", section_data},
+    {Line::kMemoryCounter, kMemory, "ALLOC FAILED: %u", "alloc_failed", section_items | section_data},
+    {Line::kMemoryHead, kMemory, "---------------  SKB NUM ----------------", "skbs", section_skbs},
+    {Line::kMemoryCounter, kMemory, "AF-PACKET alloc %d skbs", "alloc", section_skbs},
+    {Line::kMemoryCounter, kMemory, "AF-PACKET free  %d skbs", "free", section_skbs},
 
-    {Line::thread_head, report_thread, "-------------PACKET-COPY-THREAD---------------", {}},
-    {Line::thread_counter, report_thread, "scheduled:          %u", "scheduled"},
-    {Line::thread_counter, report_thread, "Alloc skb failed:   %u", "alloc_skb_failed"},
+    {Line::kThreadHead, report_thread, "-------------PACKET-COPY-THREAD---------------", {}},
+    {Line::kThreadCounter, report_thread, "scheduled:          %u", "scheduled"},
+    {Line::kThreadCounter, report_thread, "Alloc skb failed:   %u", "alloc_skb_failed"},
 
-    {Line::process_head, report_process, "show process %s regular:", {}},
+    {Line::kProcessHead, report_process, "show process %s regular:", {}},
 
-    {Line::dump_banner, report_tech, "**************** AF-PACKET DUMP REGULAR START ****************", {}},
-    {Line::dump_banner, report_tech, "**************** AF-PACKET DUMP REGULAR END ****************", {}},
-    {Line::dump_banner, report_tech, "**************** AF-PACKET DUMP MEM START ****************", {}},
-    {Line::dump_banner, report_tech, "**************** AF-PACKET DUMP MEM END ****************", {}},
+    {Line::kDumpBanner, report_tech, "**************** AF-PACKET DUMP REGULAR START ****************", {}},
+    {Line::kDumpBanner, report_tech, "**************** AF-PACKET DUMP REGULAR END ****************", {}},
+    {Line::kDumpBanner, report_tech, "**************** AF-PACKET DUMP MEM START ****************", {}},
+    {Line::kDumpBanner, report_tech, "**************** AF-PACKET DUMP MEM END ****************", {}},
 };
+
+#undef COUNTER_FORM
+#undef MEMORY_FORM
 
 bool is_digits(std::string_view text)
 {
@@ -195,7 +217,7 @@ bool matches(std::string_view line, std::string_view format, std::array<std::str
         line.remove_prefix(place);
         format.remove_prefix(place + 2);
 
-        // A value reaches to the last place where the literal text behind it fits: names may hold anything.
+        // A value ends where the literal text behind it stands for the last time: names may hold any text.
         std::string_view literal = format.substr(0, format.find('%'));
         std::size_t end = literal.size() == format.size()
                               ? (line.ends_with(literal) ? line.size() - literal.size() : std::string_view::npos)
@@ -212,7 +234,7 @@ bool matches(std::string_view line, std::string_view format, std::array<std::str
 
 std::optional<ScannedLine> scan_line(std::string_view line, unsigned kinds)
 {
-    for (const LineForm& form : forms) {
+    for (const LineForm& form : kForms) {
         ScannedLine scanned{&form, {}};
         if ((form.kinds & kinds) && matches(line, form.format, scanned.values))
             return scanned;
@@ -222,7 +244,7 @@ std::optional<ScannedLine> scan_line(std::string_view line, unsigned kinds)
 
 bool is_label(std::string_view text)
 {
-    return std::any_of(std::begin(forms), std::end(forms), [&](const LineForm& form) {
+    return std::any_of(std::begin(kForms), std::end(kForms), [&](const LineForm& form) {
         return (form.format.ends_with("%r") || form.format.ends_with("%v")) &&
                form.format.substr(0, form.format.size() - 2) == text;
     });
@@ -230,7 +252,7 @@ bool is_label(std::string_view text)
 
 std::span<const LineForm> line_forms()
 {
-    return forms;
+    return kForms;
 }
 
 } // namespace moxctl

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Every line that a report can have: one table for telling them from other log lines and for taking them apart. */
+/* Every line that a report can have: one table to recognize them among other log lines and to parse them. */
 #ifndef MOXCTL_REPORT_LINES_H
 #define MOXCTL_REPORT_LINES_H
 
@@ -11,15 +11,15 @@
 namespace moxctl {
 
 enum class Line {
-    blank,
-    queue_location, queue_cpu,
-    socket_head, process, vsd, pid, running, ctrldata, ifindex, regulars,
-    rule_type, rule_data, more_data, location, treatment, counter,
-    filter_count, match_head, match_process, match_treatment, match_type, match_data,
-    memory_head, memory_counter,
-    thread_head, thread_counter,
-    process_head,
-    dump_banner,
+    kBlank,
+    kQueueLocation, kQueueCpu,
+    kSocketHead, kProcess, kVsd, kPid, kRunning, kCtrldata, kIfindex, kRegulars,
+    kRuleType, kRuleData, kMoreData, kLocation, kTreatment, kCounter,
+    kFilterCount, kMatchHead, kMatchProcess, kMatchTreatment, kMatchType, kMatchData,
+    kMemoryHead, kMemoryCounter,
+    kThreadHead, kThreadCounter,
+    kProcessHead,
+    kDumpBanner,
 };
 
 /** The kinds of report, as bits: which of them a line can be in. */
@@ -32,6 +32,14 @@ enum ReportKind : unsigned {
     report_tech = 32, /**< the dump file */
 };
 
+/** The sections of the memory report, as bits. */
+enum MemorySection : unsigned {
+    section_rule_data = 1,
+    section_items = 2,
+    section_data = 4,
+    section_skbs = 8,
+};
+
 /**
  * One form of line. In the format, %u is a number without a sign, %d one that may have it, %s any text, %r a rule
  * type, %v a rule value, %l a location, %t a treatment; the rest stands for itself. No form has more than two.
@@ -41,6 +49,7 @@ struct LineForm {
     unsigned kinds;          /**< bits of ReportKind */
     std::string_view format;
     std::string_view key;    /**< of counters: the name in JSON */
+    unsigned sections = 0;   /**< of the memory report: those that have the counter, or the one that the line heads */
 };
 
 /** A line taken apart. */
@@ -58,7 +67,7 @@ std::optional<ScannedLine> scan_line(std::string_view line, unsigned kinds);
  */
 bool is_label(std::string_view text);
 
-/** The forms of counters of one kind of line, in the report's order. */
+/** All forms of lines. */
 std::span<const LineForm> line_forms();
 
 } // namespace moxctl

@@ -7,12 +7,12 @@
 namespace moxctl {
 namespace {
 
-constexpr std::size_t head_size = offsetof(mox_packet_request, body);
+constexpr std::size_t kHeadSize = offsetof(mox_packet_request, body);
 
 /** The record's first bytes: the head and body_size bytes of the body. */
 Request cut(const mox_packet_request& record, std::size_t body_size)
 {
-    Request bytes(head_size + body_size);
+    Request bytes(kHeadSize + body_size);
     std::memcpy(bytes.data(), &record, bytes.size());
     return bytes;
 }
@@ -63,23 +63,23 @@ Request filter(const mox_packet_filter& filter)
 std::vector<Request> requests_of(const Options& options)
 {
     switch (options.action) {
-    case Action::show_rules:
+    case Action::kShowRules:
         if (options.location == 0)
             return {plain(MOX_MSG_SHOW_ALL)};
         return {plain(MOX_MSG_SHOW_FIRST + options.location - 1)};
-    case Action::show_queues:
+    case Action::kShowQueues:
         return {plain(MOX_MSG_SHOW_QUEUES)};
-    case Action::show_memory:
+    case Action::kShowMemory:
         return {plain(MOX_MSG_SHOW_MEMORY)};
-    case Action::show_thread:
+    case Action::kShowThread:
         return {plain(MOX_MSG_SHOW_THREAD)};
-    case Action::show_process:
+    case Action::kShowProcess:
         return {process(options)};
-    case Action::filter:
+    case Action::kFilter:
         return {filter(options.filter)};
-    case Action::tech:
+    case Action::kTech:
         return {plain(MOX_MSG_TECH)};
-    case Action::switches:
+    case Action::kSwitches:
         break;
     }
     std::vector<Request> requests;

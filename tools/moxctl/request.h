@@ -13,7 +13,7 @@ namespace moxctl {
 /** Payload of the request's attribute: a struct mox_packet_request, cut behind the body that its type has. */
 using Request = std::vector<std::uint8_t>;
 
-/** The requests that carry out a command, in the order in which to send them; never none. */
+/** The requests of a command, in the order in which to send them; at least one. */
 std::vector<Request> requests_of(const Options& options);
 
 } // namespace moxctl

@@ -11,7 +11,7 @@ namespace moxctl {
 /** Exit statuses; the manual page lists them. */
 enum Status {
     status_ok = 0,
-    status_failure = 1,    /**< the kernel, a file or a right stands in the way */
+    status_failure = 1,    /**< the kernel refused, or a file or a permission is missing */
     status_usage = 2,      /**< wrong command line */
     status_incomplete = 3, /**< there is a report, but lines of it are missing */
     status_timeout = 4,    /**< no answer within the time limit */

@@ -18,7 +18,7 @@ struct SwitchGroup {
     std::string_view meaning;
 };
 
-constexpr SwitchGroup groups[] = {
+constexpr SwitchGroup kGroups[] = {
     {"deliver", MOX_DEBUG_DELIVER_ALL, MOX_DEBUG_DELIVER_FIRST, "copy thread and delivery to sockets"},
     {"receive", MOX_DEBUG_RECEIVE_ALL, MOX_DEBUG_RECEIVE_FIRST, "receive hooks"},
 };
@@ -64,7 +64,7 @@ std::vector<std::uint32_t> parse_debug_path(std::string_view text)
         return {MOX_DEBUG_GENERAL};
     if (mox::same_name(text, "all"))
         return {MOX_DEBUG_GENERAL, MOX_DEBUG_DELIVER_ALL, MOX_DEBUG_RECEIVE_ALL};
-    for (const SwitchGroup& group : groups) {
+    for (const SwitchGroup& group : kGroups) {
         std::string_view head = text.substr(0, group.name.size());
         if (!mox::same_name(head, group.name))
             continue;
@@ -110,7 +110,7 @@ std::uint32_t parse_reported_location(std::string_view text)
 std::string debug_path_help()
 {
     std::string text = "  general             every tagged line of the module hangs on it\n";
-    for (const SwitchGroup& group : groups) {
+    for (const SwitchGroup& group : kGroups) {
         std::string each = "  " + std::string(group.name), one = each + "-LOCATION";
         each.resize(22, ' ');
         one.resize(22, ' ');

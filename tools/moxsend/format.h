@@ -15,7 +15,7 @@ namespace moxsend {
 std::string format_summary(const Counters& counters);
 /** For scripts: name=value words. */
 std::string format_counters(const Counters& counters);
-/** How far it is; total is in frames. Without an end of line. */
+/** Progress; total is in frames. Without an end of line. */
 std::string format_progress(const Counters& counters, const std::optional<std::uint64_t>& total);
 
 /** Where a frame would go and with what record, as a comment of a file of hexadecimal digits; empty: nothing to say. */

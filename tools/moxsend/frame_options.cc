@@ -29,7 +29,7 @@ std::string mac_text(const mox::MacAddress& mac)
     return text;
 }
 
-/** The address that frames come from: as told, or else that of the interface. */
+/** The source address of the frames: as given, or else that of the interface. */
 mox::MacAddress own_mac(const FrameSurroundings& around, const Machine& machine)
 {
     if (around.from)
@@ -38,7 +38,7 @@ mox::MacAddress own_mac(const FrameSurroundings& around, const Machine& machine)
         throw mox::UsageError("the source address is missing: give --from MAC, or the --interface whose address it is");
     auto mac = machine.interface_mac(around.interface);
     if (!mac)
-        throw mox::UsageError("the platform tells no MAC address of interface " + std::to_string(around.interface) +
+        throw mox::UsageError("the platform has no MAC address of interface " + std::to_string(around.interface) +
                               ": give --from MAC");
     return *mac;
 }
@@ -59,8 +59,8 @@ Bytes build_arp(const FrameWords& words, const FrameSurroundings& around, const 
         arp.target_mac = mox::parse_mac(words.target_mac);
     arp.sender_mac = words.sender_mac.empty() ? own_mac(around, machine) : mox::parse_mac(words.sender_mac);
 
-    // A request asks everybody, anything else goes to the one it tells.
-    Addresses addresses{around.to.value_or(arp.operation == 1 || words.target_mac.empty() ? broadcast
+    // A request is broadcast, anything else goes to its target.
+    Addresses addresses{around.to.value_or(arp.operation == 1 || words.target_mac.empty() ? kBroadcast
                                                                                          : arp.target_mac),
                         around.from.value_or(arp.sender_mac)};
     return arp_frame(addresses, arp);
@@ -82,11 +82,11 @@ Bytes build_eapol(const FrameWords& words, const FrameSurroundings& around, cons
     eapol.id = static_cast<std::uint8_t>(words.eapol_id);
     eapol.version = static_cast<std::uint8_t>(words.eapol_version);
     eapol.identity = words.identity;
-    if (eapol.kind == EapolKind::identity && words.identity.empty())
+    if (eapol.kind == EapolKind::kIdentity && words.identity.empty())
         throw mox::UsageError("an identity response says who: give --identity TEXT");
-    if (eapol.kind != EapolKind::identity && !words.identity.empty())
+    if (eapol.kind != EapolKind::kIdentity && !words.identity.empty())
         throw mox::UsageError("--identity goes with \"eapol identity\" alone");
-    return eapol_frame({around.to.value_or(eapol_group), header_source(around, machine)}, eapol);
+    return eapol_frame({around.to.value_or(kEapolGroup), header_source(around, machine)}, eapol);
 }
 
 Bytes build_lldp(const FrameWords& words, const FrameSurroundings& around, const Machine& machine)
@@ -105,7 +105,7 @@ Bytes build_lldp(const FrameWords& words, const FrameSurroundings& around, const
         lldp.management_ip = parse_ipv4("management address", words.management_ip);
         lldp.management_ifindex = around.interface;
     }
-    return lldp_frame({around.to.value_or(lldp_group), header_source(around, machine)}, lldp);
+    return lldp_frame({around.to.value_or(kLldpGroup), header_source(around, machine)}, lldp);
 }
 
 } // namespace
@@ -117,7 +117,7 @@ void describe_frames(CLI::App& app, FrameWords& words)
 
     words.arp = app.add_subcommand("arp", "Send an ARP packet");
     words.arp->add_option("operation", words.arp_operation, "request (default), reply, or a number");
-    words.arp->add_option("--sender-ip", words.sender_ip, "Whose address is told")->type_name("IP")->required();
+    words.arp->add_option("--sender-ip", words.sender_ip, "IPv4 address of the sender")->type_name("IP")->required();
     words.arp->add_option("--target-ip", words.target_ip, "Whose address is asked for")->type_name("IP")->required();
     words.arp->add_option("--sender-mac", words.sender_mac, "Default: the source address")->type_name("MAC");
     words.arp->add_option("--target-mac", words.target_mac, "Default: zeroes")->type_name("MAC");

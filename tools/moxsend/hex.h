@@ -13,13 +13,13 @@
 namespace moxsend {
 
 /**
- * The bytes of digit pairs, with blanks, ':', '-' or '.' between pairs as one likes. `where` begins the text of an
+ * The bytes of digit pairs, with blanks, ':', '-' or '.' allowed between pairs. `where` begins the text of an
  * error ("--hex"). Throws UsageError that names the column, counted from 1, also when there is no byte at all.
  */
 Bytes parse_hex(std::string_view where, std::string_view text);
 
 /**
- * One frame a line, as parse_hex reads them; empty lines and what follows a '#' are passed over. Throws UsageError
+ * One frame a line, as parse_hex reads them; empty lines and what follows a '#' are ignored. Throws UsageError
  * that names line and column, and when there is no frame at all.
  */
 std::vector<Bytes> read_hex_lines(const std::string& name, std::istream& in);

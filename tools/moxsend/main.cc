@@ -20,7 +20,7 @@ namespace {
 
 std::optional<mox::MacAddress> interface_mac(std::uint32_t ifindex)
 {
-    mox::PacketSocket socket(mox::SocketKind::raw);
+    mox::PacketSocket socket(mox::SocketKind::kRaw);
     socket.bind(ifindex);
     return socket.interface_mac();
 }
@@ -34,13 +34,13 @@ std::unique_ptr<moxsend::FrameSource> open_source(const moxsend::Options& option
     if (!options.hex_file.empty()) {
         std::ifstream file(options.hex_file);
         if (!file)
-            throw moxsend::FileError("cannot read \"" + options.hex_file + "\": is it there, and readable?");
+            throw moxsend::FileError("cannot read \"" + options.hex_file + "\": does it exist, and is it readable?");
         return std::make_unique<moxsend::ListSource>(moxsend::read_hex_lines(options.hex_file, file));
     }
     return std::make_unique<moxsend::ListSource>(options.frames);
 }
 
-/** Tells progress on standard error; on a terminal the line is written over and cleared at the end. */
+/** Prints progress on standard error; on a terminal the line is overwritten, and cleared at the end. */
 class ProgressLine {
 public:
     ProgressLine(const moxsend::Options& options, std::optional<std::uint64_t> frames)
@@ -75,7 +75,7 @@ moxsend::Deliver printer()
         if (heading != last)
             std::fputs(heading.c_str(), stdout);
         last = heading;
-        // A reader that has gone is noticed here: nobody would stop an endless run otherwise.
+        // If the reader has ended, stop: an endless run would not end otherwise.
         if (std::printf("%s\n", moxsend::to_hex(request.bytes).c_str()) < 0 || std::fflush(stdout) != 0)
             tool::stop_requested = 1;
     };
@@ -107,14 +107,14 @@ int send_all(const moxsend::Options& options, const sigset_t& waiting)
     if (!error.empty())
         std::fprintf(stderr, "moxsend: %s\n", error.c_str());
     if (!options.quiet && !options.dry_run) {
-        // The failure that ended it is told already.
+        // The failure that ended the run has been printed.
         if (!error.empty())
             counters.failures.clear();
         std::fputs(moxsend::format_summary(counters).c_str(), stderr);
     }
     if (options.counters)
         std::fputs(moxsend::format_counters(counters).c_str(), options.dry_run ? stderr : stdout);
-    return !error.empty() ? moxsend::system_status : counters.failed != 0 ? moxsend::partial_status : 0;
+    return !error.empty() ? moxsend::kSystemStatus : counters.failed != 0 ? moxsend::kPartialStatus : 0;
 }
 
 } // namespace
@@ -126,15 +126,15 @@ int main(int argc, char** argv)
     if (auto ending = moxsend::read_options(argc, argv, machine, options))
         return tool::end_at_once(*ending);
     signal(SIGPIPE, SIG_IGN);
-    // The kernel may end a wait up to 50 microseconds late; for a schedule of frames it shall not.
+    // The kernel may end a wait up to 50 microseconds late; that is too late for a schedule of frames.
     prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     try {
         return send_all(options, tool::catch_ending_signals({SIGINT, SIGTERM, SIGHUP}));
     } catch (const mox::UsageError& error) {
         std::fprintf(stderr, "moxsend: %s\n", error.what());
-        return moxsend::usage_status;
+        return moxsend::kUsageStatus;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "moxsend: %s\n", error.what());
-        return moxsend::system_status;
+        return moxsend::kSystemStatus;
     }
 }

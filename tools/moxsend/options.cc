@@ -12,14 +12,14 @@
 namespace moxsend {
 namespace {
 
-constexpr char examples[] =
+constexpr char kExamples[] =
     "Examples:\n"
     "  moxsend --interface port1 arp request --sender-ip 10.0.0.1 --target-ip 10.0.0.2\n"
     "      Ask for an address, out of port1.\n"
     "  moxsend -i port1 --count 0 --rate 0.033 lldp --system-name ap-1 --capability bridge --capability wlan-ap\n"
     "      Announce the device every 30 seconds.\n"
     "  moxsend -i port1 --datagram --to 02:00:00:00:00:07 --ethertype eapol --hex 02010000\n"
-    "      The platform puts the MAC header in front, with the device's own address.\n"
+    "      The module puts the MAC header in front, with the device's own address.\n"
     "  moxsend -i port1 --vlan 10 --flag no-acl --flag debug --pcap dhcp.pcap\n"
     "      Replay a capture into VLAN 10, past the access lists, with a trace of every frame.\n"
     "  moxsend --dry-run eapol identity --identity alice --from 02:00:00:00:00:01\n"
@@ -45,8 +45,8 @@ std::string footer()
         head.resize(std::max<std::size_t>(head.size() + 1, 20), ' ');
         out << head << row.meaning << "\n";
     }
-    out << "The names of mox_packet.h (MOX_SEND_NO_ACL, ...) are taken as well.\n\n"
-        << examples << "\nmoxsend arp --help, moxsend lldp --help and moxsend eapol --help tell their options.\n";
+    out << "The names of mox_packet.h (MOX_SEND_NO_ACL, ...) are accepted as well.\n\n"
+        << kExamples << "\nFor the options of a command see moxsend arp --help, moxsend lldp --help and moxsend eapol --help.\n";
     return out.str();
 }
 
@@ -66,7 +66,7 @@ void describe_destination(CLI::App& app, Words& words, Options& options)
     app.add_option("-i,--interface", words.interface, "Destination interface (default: the platform decides)")
         ->type_name("NAME|INDEX");
     app.add_flag("-b,--bind", options.bind, "Bind the socket to the interface, and send without an address");
-    app.add_flag("-d,--datagram", words.datagram, "Let the platform make the MAC header (SOCK_DGRAM)");
+    app.add_flag("-d,--datagram", words.datagram, "Let the module make the MAC header (SOCK_DGRAM)");
     app.add_option("-t,--to", words.to, "Destination address of a datagram, or of arp, lldp and eapol")
         ->type_name("MAC");
     app.add_option("--from", words.from, "Source address of arp, lldp and eapol (default: the interface's)")
@@ -119,21 +119,21 @@ void describe_control(CLI::App& app, Words& words)
 
 void describe_run(CLI::App& app, Options& options)
 {
-    app.add_option("-c,--count", options.count, "Send everything so often (default 1; 0: until interrupted)")
+    app.add_option("-c,--count", options.count, "Times to send everything (default 1; 0: until interrupted)")
         ->type_name("N")
         ->check(CLI::Range(std::uint64_t{0}, std::uint64_t{1} << 62));
-    app.add_option("--rate", options.rate, "Frames a second (default: as fast as it goes)")
+    app.add_option("--rate", options.rate, "Frames a second (default: as fast as possible)")
         ->type_name("N")
         ->check(CLI::Range(1e-6, 1e9));
     app.add_flag("-k,--continue-on-error", options.continue_on_error, "Go on when a frame is refused");
     app.add_flag("-n,--dry-run", options.dry_run, "Print the frames in hexadecimal, and send nothing");
-    app.add_flag("--progress", options.progress, "Tell how far it is, also when standard error is no terminal");
+    app.add_flag("--progress", options.progress, "Print the progress, also when standard error is no terminal");
     app.add_flag("-q,--quiet", options.quiet, "Print no progress and no summary");
     app.add_flag("--stats", options.counters,
                  "End with a line of counters for scripts (name=value), also with --quiet");
 }
 
-/** The control record, when at least one of its fields was given: without, the platform gets none. */
+/** The control record, when at least one of its fields was given: without one, the frame has no record. */
 std::optional<mox_packet_ctrl_info> control_record(const Words& words, const mox::InterfaceLookup& lookup)
 {
     mox::SendControl control;
@@ -201,7 +201,7 @@ void look_up(const Words& words, const FrameWords& frame_words, const Machine& m
               "--count does not go with --pcap -: standard input can be read once only");
 
     if (words.datagram)
-        options.kind = mox::SocketKind::datagram;
+        options.kind = mox::SocketKind::kDatagram;
     if (!words.interface.empty())
         options.interface = mox::parse_interface(words.interface, machine.interface_index);
     if (!words.to.empty())
@@ -241,11 +241,11 @@ std::optional<Ending> read_options(int argc, const char* const* argv, const Mach
     } catch (const CLI::ParseError& error) {
         std::ostringstream out, complaint;
         int status = app.exit(error, out, complaint);
-        return status == 0 ? Ending{0, out.str()} : Ending{usage_status, "moxsend: " + complaint.str()};
+        return status == 0 ? Ending{0, out.str()} : Ending{kUsageStatus, "moxsend: " + complaint.str()};
     } catch (const mox::UsageError& error) {
-        return Ending{usage_status, std::string("moxsend: ") + error.what() + "\n"};
+        return Ending{kUsageStatus, std::string("moxsend: ") + error.what() + "\n"};
     } catch (const mox::SocketError& error) {
-        return Ending{system_status, std::string("moxsend: ") + error.what() + "\n"};
+        return Ending{kSystemStatus, std::string("moxsend: ") + error.what() + "\n"};
     }
     return std::nullopt;
 }

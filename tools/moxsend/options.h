@@ -23,7 +23,7 @@ struct Options {
     bool pad = false;       /**< with zeroes, to the shortest frame of Ethernet */
 
     // Where to, and how.
-    mox::SocketKind kind = mox::SocketKind::raw;
+    mox::SocketKind kind = mox::SocketKind::kRaw;
     std::uint32_t interface = 0; /**< 0: the platform decides */
     bool bind = false;           /**< name the interface by binding to it, and send without an address */
     std::optional<mox::MacAddress> to;       /**< of a datagram; nothing: as in the frame's header */
@@ -39,16 +39,16 @@ struct Options {
     bool counters = false;
 };
 
-/** A command line that is to end the program at once: help (status 0, text for standard output) or an error. */
+/** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
     int status;
     std::string text;
 };
 
-/** Exit status: a call was refused or a file not readable; a wrong command line; some frames failed, the rest went. */
-constexpr int system_status = 1, usage_status = 2, partial_status = 3;
+/** Exit status: a refused call or unreadable file; a wrong command line; some frames failed, the rest was sent. */
+constexpr int kSystemStatus = 1, kUsageStatus = 2, kPartialStatus = 3;
 
-/** What the command line has to ask of the machine. */
+/** What the command line needs of the machine. */
 struct Machine {
     mox::InterfaceLookup interface_index;
     /** MAC address of a platform interface; may throw SocketError. */

@@ -8,14 +8,14 @@
 
 namespace moxsend {
 
-/** Nanoseconds of a clock that only goes forward; tests put their own in place. */
+/** Nanoseconds of a monotonic clock; tests replace it. */
 class Clock {
 public:
     virtual ~Clock() = default;
     virtual std::uint64_t now() = 0;
     /**
-     * Returns at the deadline, or earlier when a signal came. Signals are let in here and nowhere else; a deadline
-     * that has passed does that alone.
+     * Returns at the deadline, or earlier when a signal came. Signals are delivered here and nowhere else, also
+     * when the deadline has passed.
      */
     virtual void wait_until(std::uint64_t deadline) = 0;
 };
@@ -32,18 +32,18 @@ private:
 };
 
 /**
- * A schedule of so many frames a second: each frame has its place from the start on, so that what one waits too long
- * the next one waits less. A schedule that was missed by more than 100 ms (the machine slept, the program was
- * stopped) starts anew, for what was missed would otherwise come as one burst.
+ * A schedule of frames at a constant rate. The time of each frame is fixed from the start, so that a late frame does
+ * not delay those behind it. A schedule that was missed by more than 100 ms (the machine slept, the program was
+ * stopped) starts anew; the missed frames would otherwise be sent as one burst.
  */
 class Pacer {
 public:
     /** rate in frames a second; 0: no schedule, every frame is due at once. */
     Pacer(double rate, std::uint64_t start) : rate_(rate), start_(start) {}
 
-    /** When the coming frame is due; 0 without a schedule. */
+    /** When the next frame is due; 0 without a schedule. */
     std::uint64_t due() const;
-    /** The coming frame goes out at this time. */
+    /** The next frame is sent at this time. */
     void advance(std::uint64_t now);
 
 private:

@@ -8,7 +8,7 @@
 namespace moxsend {
 namespace {
 
-constexpr std::uint16_t arp_type = 0x0806, eapol_type = 0x888e, lldp_type = 0x88cc;
+constexpr std::uint16_t kArpType = 0x0806, kEapolType = 0x888e, kLldpType = 0x88cc;
 
 void put_u8(Bytes& to, unsigned value)
 {
@@ -38,7 +38,7 @@ Bytes begin_frame(const Addresses& addresses, std::uint16_t ether_type)
 
 std::optional<mox::MacAddress> as_mac(const std::string& text)
 {
-    if (text == "broadcast") // a word that parse_mac knows, and no chassis has as its address
+    if (text == "broadcast") // parse_mac accepts the word, but it is no address of a chassis
         return std::nullopt;
     try {
         return mox::parse_mac(text);
@@ -51,7 +51,7 @@ std::optional<mox::MacAddress> as_mac(const std::string& text)
 
 Bytes arp_frame(const Addresses& addresses, const Arp& arp)
 {
-    Bytes frame = begin_frame(addresses, arp_type);
+    Bytes frame = begin_frame(addresses, kArpType);
     put_u16(frame, 1);      // Ethernet
     put_u16(frame, 0x0800); // IPv4
     put_u8(frame, 6);
@@ -68,9 +68,9 @@ Bytes arp_frame(const Addresses& addresses, const Arp& arp)
 
 namespace {
 
-constexpr unsigned eapol_packet = 0, eapol_start = 1, eapol_logoff = 2;
-constexpr unsigned eap_request = 1, eap_response = 2, eap_success = 3, eap_failure = 4;
-constexpr unsigned eap_identity = 1;
+constexpr unsigned kEapolPacket = 0, kEapolStart = 1, kEapolLogoff = 2;
+constexpr unsigned kEapRequest = 1, kEapResponse = 2, kEapSuccess = 3, kEapFailure = 4;
+constexpr unsigned kEapIdentity = 1;
 
 struct EapolRow {
     unsigned packet_type;
@@ -79,35 +79,35 @@ struct EapolRow {
 };
 
 // By EapolKind.
-constexpr EapolRow eapol_rows[] = {
-    {eapol_start, 0, false},           {eapol_logoff, 0, false},           {eapol_packet, eap_request, true},
-    {eapol_packet, eap_response, true}, {eapol_packet, eap_success, false}, {eapol_packet, eap_failure, false},
+constexpr EapolRow kEapolRows[] = {
+    {kEapolStart, 0, false},           {kEapolLogoff, 0, false},           {kEapolPacket, kEapRequest, true},
+    {kEapolPacket, kEapResponse, true}, {kEapolPacket, kEapSuccess, false}, {kEapolPacket, kEapFailure, false},
 };
 
-constexpr mox::NamedValue eapol_kinds[] = {
-    {static_cast<std::uint32_t>(EapolKind::start), "start"},
-    {static_cast<std::uint32_t>(EapolKind::logoff), "logoff"},
-    {static_cast<std::uint32_t>(EapolKind::request_identity), "request-identity"},
-    {static_cast<std::uint32_t>(EapolKind::identity), "identity"},
-    {static_cast<std::uint32_t>(EapolKind::success), "success"},
-    {static_cast<std::uint32_t>(EapolKind::failure), "failure"},
+constexpr mox::NamedValue kEapolKinds[] = {
+    {static_cast<std::uint32_t>(EapolKind::kStart), "start"},
+    {static_cast<std::uint32_t>(EapolKind::kLogoff), "logoff"},
+    {static_cast<std::uint32_t>(EapolKind::kRequestIdentity), "request-identity"},
+    {static_cast<std::uint32_t>(EapolKind::kIdentity), "identity"},
+    {static_cast<std::uint32_t>(EapolKind::kSuccess), "success"},
+    {static_cast<std::uint32_t>(EapolKind::kFailure), "failure"},
 };
-static_assert(std::size(eapol_kinds) == std::size(eapol_rows));
+static_assert(std::size(kEapolKinds) == std::size(kEapolRows));
 
 } // namespace
 
 std::span<const mox::NamedValue> eapol_kind_names()
 {
-    return eapol_kinds;
+    return kEapolKinds;
 }
 
 Bytes eapol_frame(const Addresses& addresses, const Eapol& eapol)
 {
-    const EapolRow& row = eapol_rows[static_cast<std::size_t>(eapol.kind)];
+    const EapolRow& row = kEapolRows[static_cast<std::size_t>(eapol.kind)];
     Bytes packet;
     if (row.code != 0) {
         // The length counts the packet's own head of 4 bytes.
-        std::string_view text = eapol.kind == EapolKind::identity ? std::string_view(eapol.identity) : "";
+        std::string_view text = eapol.kind == EapolKind::kIdentity ? std::string_view(eapol.identity) : "";
         std::size_t length = 4 + (row.typed ? 1 + text.size() : 0);
         if (length > 0xffff)
             throw mox::UsageError("an identity of " + std::to_string(text.size()) +
@@ -116,10 +116,10 @@ Bytes eapol_frame(const Addresses& addresses, const Eapol& eapol)
         put_u8(packet, eapol.id);
         put_u16(packet, static_cast<unsigned>(length));
         if (row.typed)
-            put_u8(packet, eap_identity);
+            put_u8(packet, kEapIdentity);
         put(packet, text);
     }
-    Bytes frame = begin_frame(addresses, eapol_type);
+    Bytes frame = begin_frame(addresses, kEapolType);
     put_u8(frame, eapol.version);
     put_u8(frame, row.packet_type);
     put_u16(frame, static_cast<unsigned>(packet.size()));
@@ -142,12 +142,12 @@ enum Tlv : unsigned {
     system_capabilities = 7,
     management_address = 8,
 };
-constexpr unsigned chassis_mac = 4, chassis_local = 7;
-constexpr unsigned port_mac = 3, port_name = 5;
-constexpr unsigned address_ipv4 = 1, interface_unknown = 1, interface_ifindex = 2;
-constexpr std::size_t longest_text = 255;
+constexpr unsigned kChassisMac = 4, kChassisLocal = 7;
+constexpr unsigned kPortMac = 3, kPortName = 5;
+constexpr unsigned kAddressIpv4 = 1, kInterfaceUnknown = 1, kInterfaceIfindex = 2;
+constexpr std::size_t kLongestText = 255;
 
-constexpr mox::NamedValue capabilities[] = {
+constexpr mox::NamedValue kCapabilities[] = {
     {0x01, "other"}, {0x02, "repeater"}, {0x04, "bridge"}, {0x08, "wlan-ap"},
     {0x10, "router"}, {0x20, "phone"},   {0x40, "docsis"}, {0x80, "station"},
 };
@@ -160,9 +160,9 @@ void put_tlv(Bytes& frame, Tlv type, const Bytes& value)
 
 void check_text(const char* what, const std::string& text)
 {
-    if (text.size() > longest_text)
+    if (text.size() > kLongestText)
         throw mox::UsageError(std::string(what) + " of " + std::to_string(text.size()) +
-                              " bytes is too long; allowed: up to " + std::to_string(longest_text));
+                              " bytes is too long; allowed: up to " + std::to_string(kLongestText));
 }
 
 void put_id(Bytes& frame, Tlv type, const char* what, const std::string& text, unsigned mac_subtype,
@@ -193,14 +193,14 @@ void put_text(Bytes& frame, Tlv type, const char* what, const std::string& text)
 
 std::span<const mox::NamedValue> lldp_capability_names()
 {
-    return capabilities;
+    return kCapabilities;
 }
 
 Bytes lldp_frame(const Addresses& addresses, const Lldp& lldp)
 {
-    Bytes frame = begin_frame(addresses, lldp_type);
-    put_id(frame, chassis_id, "chassis id", lldp.chassis_id, chassis_mac, chassis_local);
-    put_id(frame, port_id, "port id", lldp.port_id, port_mac, port_name);
+    Bytes frame = begin_frame(addresses, kLldpType);
+    put_id(frame, chassis_id, "chassis id", lldp.chassis_id, kChassisMac, kChassisLocal);
+    put_id(frame, port_id, "port id", lldp.port_id, kPortMac, kPortName);
     Bytes ttl;
     put_u16(ttl, lldp.ttl);
     put_tlv(frame, time_to_live, ttl);
@@ -216,9 +216,9 @@ Bytes lldp_frame(const Addresses& addresses, const Lldp& lldp)
     if (lldp.management_ip) {
         Bytes value;
         put_u8(value, 1 + static_cast<unsigned>(lldp.management_ip->size())); // with the subtype
-        put_u8(value, address_ipv4);
+        put_u8(value, kAddressIpv4);
         put(value, *lldp.management_ip);
-        put_u8(value, lldp.management_ifindex != 0 ? interface_ifindex : interface_unknown);
+        put_u8(value, lldp.management_ifindex != 0 ? kInterfaceIfindex : kInterfaceUnknown);
         put_u16(value, lldp.management_ifindex >> 16);
         put_u16(value, lldp.management_ifindex);
         put_u8(value, 0); // no object identifier

@@ -8,11 +8,11 @@
 namespace moxsend {
 namespace {
 
-constexpr std::uint64_t nanoseconds_per_second = 1'000'000'000;
-// Without a schedule nothing waits, and signals would never come in.
-constexpr unsigned frames_without_a_wait = 64;
+constexpr std::uint64_t kNanosecondsPerSecond = 1'000'000'000;
+// Without a schedule nothing waits, and signals would never be delivered.
+constexpr unsigned kFramesWithoutAWait = 64;
 
-/** Lets the coming frame wait for its time; false when a signal asked to stop. */
+/** Waits until the next frame is due; false when a signal asked to stop. */
 class Gate {
 public:
     Gate(double rate, Clock& clock, const volatile std::sig_atomic_t& stop)
@@ -29,7 +29,7 @@ public:
                 now = clock_.now();
             }
             unwaited_ = 0;
-        } else if (++unwaited_ == frames_without_a_wait) {
+        } else if (++unwaited_ == kFramesWithoutAWait) {
             clock_.wait_until(0);
             unwaited_ = 0;
         }
@@ -52,7 +52,7 @@ void count_failure(Counters& counters, int error, const char* text)
         failures.first = text;
 }
 
-/** Sends one frame and counts it. Throws what went wrong, counted already. */
+/** Sends one frame and counts it. Throws the failure after counting it. */
 void send_one(const SourceFrame& frame, const Options& options, const Deliver& deliver, Prepared& prepared,
               Counters& counters)
 {
@@ -77,15 +77,15 @@ void send_one(const SourceFrame& frame, const Options& options, const Deliver& d
 void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepared& prepared)
 {
     prepared.request = {};
-    std::size_t shortest = shortest_frame;
+    std::size_t shortest = kShortestFrame;
     mox::SendAddress to;
     to.ifindex = options.interface;
-    if (options.kind == mox::SocketKind::datagram) {
-        shortest -= ethernet_header;
+    if (options.kind == mox::SocketKind::kDatagram) {
+        shortest -= kEthernetHeader;
         to.mac = options.to;
         to.ether_type = options.ether_type.value_or(0);
         if (options.has_header) {
-            if (frame.size() < ethernet_header)
+            if (frame.size() < kEthernetHeader)
                 throw mox::UsageError("a frame of " + std::to_string(frame.size()) + " bytes has no MAC header to be "
                                       "taken off for a datagram; allowed: 14 bytes and more, or no --datagram");
             mox::MacAddress mac;
@@ -94,7 +94,7 @@ void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepar
                 to.mac = mac;
             if (!options.ether_type)
                 to.ether_type = static_cast<std::uint16_t>(frame[12] << 8 | frame[13]);
-            frame = frame.subspan(ethernet_header);
+            frame = frame.subspan(kEthernetHeader);
         }
     }
     prepared.bytes.assign(frame.begin(), frame.end());
@@ -102,7 +102,7 @@ void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepar
         prepared.bytes.resize(shortest, 0);
     prepared.request.bytes = prepared.bytes;
     // Naming no interface is what an address of interface 0 says, too, but a datagram needs the address.
-    if (!options.bind && (options.interface != 0 || options.kind == mox::SocketKind::datagram))
+    if (!options.bind && (options.interface != 0 || options.kind == mox::SocketKind::kDatagram))
         prepared.request.to = to;
     prepared.request.control = options.control;
 }
@@ -120,7 +120,7 @@ void run_send(FrameSource& source, const Options& options, const Deliver& delive
 {
     Gate gate(options.rate, clock, stop);
     Prepared prepared;
-    std::uint64_t start = clock.now(), told = start;
+    std::uint64_t start = clock.now(), reported = start;
     for (std::uint64_t round = 0; !stop && (options.count == 0 || round < options.count); ++round) {
         if (round != 0)
             source.rewind();
@@ -138,12 +138,12 @@ void run_send(FrameSource& source, const Options& options, const Deliver& delive
             }
             std::uint64_t now = clock.now();
             counters.elapsed = now - start;
-            if (now - told >= nanoseconds_per_second) {
-                told = now;
+            if (now - reported >= kNanosecondsPerSecond) {
+                reported = now;
                 progress(counters);
             }
         }
-        if (!any) // and no round will ever have one
+        if (!any) // the following rounds would have none either
             throw FileError(source.name() + " holds no frame");
     }
 }

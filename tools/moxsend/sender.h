@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The sending itself: from a source of frames to sends and counters. Knows nothing of files, terminals and time. */
+/* The sending itself: from a source of frames to sends and counters. Independent of files, terminals and clocks. */
 #ifndef MOXSEND_SENDER_H
 #define MOXSEND_SENDER_H
 
@@ -24,14 +24,14 @@ struct Failures {
 };
 
 struct Counters {
-    std::uint64_t sent = 0;   /**< frames that the platform took */
-    std::uint64_t bytes = 0;  /**< of these, as handed over: a datagram without its header */
+    std::uint64_t sent = 0;   /**< frames that the platform accepted */
+    std::uint64_t bytes = 0;  /**< of these, as passed to the socket: a datagram without its header */
     std::uint64_t failed = 0; /**< frames that were refused or could not be sent */
     std::uint64_t elapsed = 0; /**< nanoseconds from the first frame to the last */
-    std::map<int, Failures> failures; /**< by errno; 0: never came to a send */
+    std::map<int, Failures> failures; /**< by errno; 0: not passed to a send */
 };
 
-/** One frame as it is handed to the socket. */
+/** One frame as it is passed to the socket. */
 struct Prepared {
     Bytes bytes;
     mox::SendRequest request; /**< of these bytes */
@@ -50,14 +50,14 @@ void prepare(std::span<const std::uint8_t> frame, const Options& options, Prepar
 /** The socket that the options ask for, bound if they say so. */
 mox::PacketSocket prepare_socket(const Options& options, mox::SocketCalls& calls = mox::SocketCalls::system());
 
-/** Hands a frame on; throws SocketError when it is refused. */
+/** Sends a frame; throws SocketError when it is refused. */
 using Deliver = std::function<void(const mox::SendRequest&)>;
-/** Is told of the counters about once a second while the sending lasts. */
+/** Called with the counters about once a second while frames are sent. */
 using Progress = std::function<void(const Counters&)>;
 
 /**
  * Sends everything as often as the options say, until `stop` is set by a signal handler. counters is kept up to
- * date, so that it tells the truth behind an exception, too: SocketError, UsageError or FileError for the first frame
+ * date, so that it is right after an exception, too: SocketError, UsageError or FileError for the first frame
  * that fails, unless the options say to go on; FileError for a source that cannot be read in any case.
  */
 void run_send(FrameSource& source, const Options& options, const Deliver& deliver, Clock& clock,

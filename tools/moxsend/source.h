@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Where frames come from: a list in memory, or a capture file that is read as it is sent. */
+/* Sources of frames: a list in memory, or a capture file that is read while it is sent. */
 #ifndef MOXSEND_SOURCE_H
 #define MOXSEND_SOURCE_H
 
@@ -34,7 +34,7 @@ public:
     virtual ~FrameSource() = default;
     /** The next frame, nothing behind the last one. May throw FileError. */
     virtual std::optional<SourceFrame> next() = 0;
-    /** To the first frame again. May throw FileError. */
+    /** Goes back to the first frame. May throw FileError. */
     virtual void rewind() = 0;
     /** How many frames there are from the first to the last one, where that is known. */
     virtual std::optional<std::uint64_t> size() const = 0;

@@ -33,12 +33,12 @@ struct FrameWords {
     bool any() const { return *arp || *eapol || *lldp; }
 };
 
-/** What the commands need to know of the rest of the line. */
+/** What the commands need of the rest of the line. */
 struct FrameSurroundings {
     std::string interface_word; /**< as typed; empty: none */
     std::uint32_t interface = 0;
     std::optional<mox::MacAddress> to, from;
-    bool header_used = true; /**< false: a datagram, whose source address is the platform's affair */
+    bool header_used = true; /**< false: a datagram, whose source address the platform sets */
 };
 
 /** Adds the commands to the command line. */

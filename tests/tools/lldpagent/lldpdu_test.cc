@@ -213,7 +213,7 @@ TEST(lldpdu, frame__header_and_padding)
     EXPECT_EQ(inner->size(), 46u);
 }
 
-TEST(lldpdu, frame__of_somebody_else)
+TEST(lldpdu, frame__of_another_kind)
 {
     Bytes frame = lldp::frame_of(sample_mac, Bytes{0, 0});
     Bytes other_type = frame, other_group = frame;

@@ -26,45 +26,45 @@ Lldpdu from(const char* name, std::uint16_t ttl = 120)
 TEST(neighbours, update__what_each_announcement_changes)
 {
     NeighbourTable table(8);
-    EXPECT_EQ(table.update(3, from("a"), start), Change::added);
-    EXPECT_EQ(table.update(3, from("a"), start + 1s), Change::refreshed);
+    EXPECT_EQ(table.update(3, from("a"), start), Change::kAdded);
+    EXPECT_EQ(table.update(3, from("a"), start + 1s), Change::kRefreshed);
     Lldpdu renamed = from("a");
     renamed.system_name = "other";
-    EXPECT_EQ(table.update(3, renamed, start + 2s), Change::changed);
+    EXPECT_EQ(table.update(3, renamed, start + 2s), Change::kChanged);
     EXPECT_EQ(table.all().begin()->second.pdu.system_name, "other");
     EXPECT_EQ(table.all().size(), 1u);
-    EXPECT_EQ(table.update(3, lldp::shutdown_of(from("a")), start + 3s), Change::removed);
+    EXPECT_EQ(table.update(3, lldp::shutdown_of(from("a")), start + 3s), Change::kRemoved);
     EXPECT_TRUE(table.all().empty());
-    EXPECT_EQ(table.update(3, lldp::shutdown_of(from("a")), start + 4s), Change::unknown);
+    EXPECT_EQ(table.update(3, lldp::shutdown_of(from("a")), start + 4s), Change::kUnknown);
 }
 
 TEST(neighbours, update__told_apart_by_port_chassis_and_neighbours_port)
 {
     NeighbourTable table(8);
-    EXPECT_EQ(table.update(3, from("a"), start), Change::added);
-    EXPECT_EQ(table.update(4, from("a"), start), Change::added);
-    EXPECT_EQ(table.update(3, from("b"), start), Change::added);
+    EXPECT_EQ(table.update(3, from("a"), start), Change::kAdded);
+    EXPECT_EQ(table.update(4, from("a"), start), Change::kAdded);
+    EXPECT_EQ(table.update(3, from("b"), start), Change::kAdded);
     Lldpdu other_port = from("a");
     other_port.port.value.push_back('1');
-    EXPECT_EQ(table.update(3, other_port, start), Change::added);
+    EXPECT_EQ(table.update(3, other_port, start), Change::kAdded);
     Lldpdu other_subtype = from("a");
     other_subtype.chassis.subtype = lldp::chassis_interface_name;
-    EXPECT_EQ(table.update(3, other_subtype, start), Change::added);
+    EXPECT_EQ(table.update(3, other_subtype, start), Change::kAdded);
     EXPECT_EQ(table.all().size(), 5u);
-    EXPECT_EQ(table.update(4, lldp::shutdown_of(from("a")), start), Change::removed);
+    EXPECT_EQ(table.update(4, lldp::shutdown_of(from("a")), start), Change::kRemoved);
     EXPECT_EQ(table.all().size(), 4u);
 }
 
 TEST(neighbours, update__no_port_can_take_the_room_of_another)
 {
     NeighbourTable table(2);
-    EXPECT_EQ(table.update(3, from("a"), start), Change::added);
-    EXPECT_EQ(table.update(3, from("b"), start), Change::added);
-    EXPECT_EQ(table.update(3, from("c"), start), Change::refused);
-    EXPECT_EQ(table.update(4, from("c"), start), Change::added);
-    EXPECT_EQ(table.update(3, from("b"), start), Change::refreshed) << "those known still count";
-    EXPECT_EQ(table.update(3, lldp::shutdown_of(from("a")), start), Change::removed);
-    EXPECT_EQ(table.update(3, from("c"), start), Change::added);
+    EXPECT_EQ(table.update(3, from("a"), start), Change::kAdded);
+    EXPECT_EQ(table.update(3, from("b"), start), Change::kAdded);
+    EXPECT_EQ(table.update(3, from("c"), start), Change::kRefused);
+    EXPECT_EQ(table.update(4, from("c"), start), Change::kAdded);
+    EXPECT_EQ(table.update(3, from("b"), start), Change::kRefreshed) << "those known still count";
+    EXPECT_EQ(table.update(3, lldp::shutdown_of(from("a")), start), Change::kRemoved);
+    EXPECT_EQ(table.update(3, from("c"), start), Change::kAdded);
 }
 
 TEST(neighbours, age__at_the_second_of_the_ttl_and_not_before)

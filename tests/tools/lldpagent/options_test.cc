@@ -64,10 +64,10 @@ TEST(lldp_options, show)
     auto [plain, no_ending] = parse({"show"});
     ASSERT_FALSE(no_ending) << no_ending->text;
     EXPECT_TRUE(plain.show);
-    EXPECT_EQ(plain.form, lldp::StateForm::text);
+    EXPECT_EQ(plain.form, lldp::StateForm::kText);
     auto [json, ending] = parse({"show", "--json", "--status", "/tmp/s"});
     ASSERT_FALSE(ending) << ending->text;
-    EXPECT_EQ(json.form, lldp::StateForm::json);
+    EXPECT_EQ(json.form, lldp::StateForm::kJson);
     EXPECT_EQ(json.status, "/tmp/s");
 }
 

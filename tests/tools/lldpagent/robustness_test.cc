@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The parser reads what strangers send. Every buffer here is on the heap at its exact size, so that the address
+/* The parser reads received bytes. Every buffer here is on the heap at its exact size, so that the address
  * sanitizer stops the test at the first byte read beyond it. */
 #include "agent.h"
 #include "samples.h"

@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What the agent asks of the kernel, in which order, and what it makes of the answers. */
+/* The calls that the agent makes, their order, and how it handles the answers. */
 #include "samples.h"
 #include "socket.h"
 
+#include "mox/error.h"
 #include "mox_packet.h"
 
 #include <gtest/gtest.h>
@@ -16,8 +17,8 @@ namespace {
 
 using lldp::Bytes;
 
-/** A kernel that writes down every call and answers as told. */
-class FakeCalls : public lldp::Calls {
+/** A kernel that records every call and answers as the test sets it. */
+class FakeCalls : public mox::SocketCalls {
 public:
     ~FakeCalls() override { EXPECT_TRUE(open.empty()) << "a socket was left open"; }
 
@@ -74,8 +75,9 @@ public:
     }
     ssize_t recvmsg(int, msghdr* message, int flags) override
     {
-        EXPECT_EQ(flags, MSG_DONTWAIT);
+        EXPECT_EQ(flags, MSG_DONTWAIT | MSG_TRUNC);
         EXPECT_GE(message->msg_controllen, sizeof(mox_packet_ctrl_info));
+        EXPECT_GE(message->msg_namelen, 26u);
         if (receive_error)
             return fail(receive_error);
         if (queue.empty())
@@ -88,7 +90,7 @@ public:
         message->msg_controllen = 0;
         std::size_t copied = std::min(frame.size(), message->msg_iov[0].iov_len);
         std::memcpy(message->msg_iov[0].iov_base, frame.data(), copied);
-        return static_cast<ssize_t>(copied);
+        return static_cast<ssize_t>(frame.size());
     }
     ssize_t sendmsg(int fd, const msghdr* message, int) override
     {
@@ -122,7 +124,7 @@ std::string refusal(Action action)
 {
     try {
         action();
-    } catch (const lldp::SystemError& error) {
+    } catch (const mox::SocketError& error) {
         return error.what();
     }
     return "nothing was refused";
@@ -196,11 +198,21 @@ TEST(listener, errors__say_what_and_the_remedy)
     FakeCalls other;
     other.linux_packet_sockets = true;
     EXPECT_NE(refusal([&] { lldp::Listener listener(ports, other); }).find("Linux's own"), std::string::npos);
-    for (int option : {11, 15, 16, 17}) {
+    struct {
+        int option;
+        const char* part;
+    } const options[] = {
+        {11, "cannot add rule PACKET_DEST_MAC_EQUAL"},
+        {15, "cannot set treatment PACKET_FETCH"},
+        {16, "cannot switch control information"},
+        {17, "cannot set location PACKET_RESV_LOC"},
+    };
+    for (const auto& each : options) {
         FakeCalls calls;
-        calls.failing_option = option;
-        EXPECT_NE(refusal([&] { lldp::Listener listener(ports, calls); }).find("cannot set"), std::string::npos);
-        EXPECT_EQ(calls.options.back().option, option) << "it goes no further";
+        calls.failing_option = each.option;
+        std::string text = refusal([&] { lldp::Listener listener(ports, calls); });
+        EXPECT_NE(text.find(each.part), std::string::npos) << text;
+        EXPECT_EQ(calls.options.back().option, each.option) << "it goes no further";
     }
 }
 
@@ -230,7 +242,7 @@ TEST(senders, errors__name_the_interface)
         FakeCalls calls;
         calls.bind_error = ENODEV;
         std::string text = refusal([&] { lldp::Senders senders(ports, calls); });
-        EXPECT_NE(text.find("interface 3 (port1)"), std::string::npos) << text;
+        EXPECT_NE(text.find("port1: cannot bind to interface 3"), std::string::npos) << text;
         EXPECT_NE(text.find("no interface of this index"), std::string::npos) << text;
     }
     {
@@ -241,7 +253,8 @@ TEST(senders, errors__name_the_interface)
     {
         FakeCalls calls;
         calls.address_length = 0;
-        EXPECT_NE(refusal([&] { lldp::Senders senders(ports, calls); }).find("no MAC address"), std::string::npos);
+        EXPECT_NE(refusal([&] { lldp::Senders senders(ports, calls); }).find("port1: interface 3 has no MAC address"),
+                  std::string::npos);
     }
 }
 

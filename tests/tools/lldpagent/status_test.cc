@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 #include "socket.h"
+#include "error.h"
 #include "status.h"
 
 #include <gtest/gtest.h>
@@ -58,16 +59,16 @@ protected:
 TEST_F(StatusTest, answers_in_the_form_asked_for_whatever_the_length)
 {
     lldp::StatusServer server(path);
-    EXPECT_EQ(ask(server, lldp::StateForm::text, "state\n"), "tstate\n");
-    EXPECT_EQ(ask(server, lldp::StateForm::json, "{}\n"), "j{}\n");
+    EXPECT_EQ(ask(server, lldp::StateForm::kText, "state\n"), "tstate\n");
+    EXPECT_EQ(ask(server, lldp::StateForm::kJson, "{}\n"), "j{}\n");
     std::string much(3'000'000, 'x');
-    EXPECT_EQ(ask(server, lldp::StateForm::text, much + "\n"), "t" + much + "\n");
+    EXPECT_EQ(ask(server, lldp::StateForm::kText, much + "\n"), "t" + much + "\n");
 }
 
 TEST_F(StatusTest, an_answer_without_its_end_is_an_error)
 {
     lldp::StatusServer server(path);
-    EXPECT_TRUE(ask(server, lldp::StateForm::text, "half of it").starts_with("error: ")) << "no newline at its end";
+    EXPECT_TRUE(ask(server, lldp::StateForm::kText, "half of it").starts_with("error: ")) << "no newline at its end";
 }
 
 TEST_F(StatusTest, only_the_owner_may_ask_and_the_path_goes_with_the_server)
@@ -79,7 +80,7 @@ TEST_F(StatusTest, only_the_owner_may_ask_and_the_path_goes_with_the_server)
         EXPECT_EQ(found.st_mode & 0777, 0600u);
     }
     EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_THROW(lldp::ask_status(path, lldp::StateForm::text), lldp::SystemError);
+    EXPECT_THROW(lldp::ask_status(path, lldp::StateForm::kText), lldp::SystemError);
 }
 
 TEST_F(StatusTest, a_path_left_behind_is_taken_over_but_a_living_agents_is_not)
@@ -112,7 +113,7 @@ TEST_F(StatusTest, a_client_that_says_nothing_does_not_hold_the_agent_up)
     int fd = connect_client();
     auto before = std::chrono::steady_clock::now();
     server.answer([](lldp::StateForm) -> std::string {
-        ADD_FAILURE() << "nobody asked";
+        ADD_FAILURE() << "no client asked";
         return "";
     });
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));

@@ -20,7 +20,7 @@ TEST(tlv, append__header_of_7_bits_type_and_9_bits_length)
     EXPECT_EQ(out, from_hex("ff 0602 0078"));
 
     out.clear();
-    lldp::append_tlv(out, lldp::tlv_organisation, Bytes(lldp::longest_tlv_value, 0xaa));
+    lldp::append_tlv(out, lldp::tlv_organisation, Bytes(lldp::kLongestTlvValue, 0xaa));
     ASSERT_EQ(out.size(), 513u);
     EXPECT_EQ(out[0], 0xff);
     EXPECT_EQ(out[1], 0xff);
@@ -39,16 +39,16 @@ TEST(tlv, reader__one_after_the_other_and_nothing_behind_the_end)
     Bytes bytes = from_hex("0602 0078 0a00 fe01 aa 0000 0602 0001");
     TlvReader reader(bytes);
     Tlv tlv;
-    ASSERT_EQ(reader.next(tlv), Step::tlv);
+    ASSERT_EQ(reader.next(tlv), Step::kTlv);
     EXPECT_EQ(tlv.type, lldp::tlv_ttl);
     EXPECT_EQ(Bytes(tlv.value.begin(), tlv.value.end()), (Bytes{0, 0x78}));
-    ASSERT_EQ(reader.next(tlv), Step::tlv);
+    ASSERT_EQ(reader.next(tlv), Step::kTlv);
     EXPECT_EQ(tlv.type, lldp::tlv_system_name);
     EXPECT_TRUE(tlv.value.empty());
-    ASSERT_EQ(reader.next(tlv), Step::tlv);
+    ASSERT_EQ(reader.next(tlv), Step::kTlv);
     EXPECT_EQ(tlv.type, lldp::tlv_organisation);
-    EXPECT_EQ(reader.next(tlv), Step::end);
-    EXPECT_EQ(reader.next(tlv), Step::end);
+    EXPECT_EQ(reader.next(tlv), Step::kEnd);
+    EXPECT_EQ(reader.next(tlv), Step::kEnd);
 }
 
 TEST(tlv, reader__every_way_to_end)
@@ -57,14 +57,14 @@ TEST(tlv, reader__every_way_to_end)
         const char* hex;
         Step step;
     } const cases[] = {
-        {"", Step::end},          // no End TLV: the frame's end will do
-        {"0000", Step::end},
-        {"0000ff", Step::end},    // padding is of no meaning
-        {"02", Step::broken},     // half a header
-        {"0001", Step::broken},   // an End TLV whose value is not there
-        {"000100", Step::broken}, // and one whose value is
-        {"0201", Step::broken},   // a byte too few
-        {"03ff00", Step::broken},
+        {"", Step::kEnd},          // no End TLV: the frame's end will do
+        {"0000", Step::kEnd},
+        {"0000ff", Step::kEnd},    // padding is of no meaning
+        {"02", Step::kBroken},     // half a header
+        {"0001", Step::kBroken},   // an End TLV whose value is not there
+        {"000100", Step::kBroken}, // and one whose value is
+        {"0201", Step::kBroken},   // a byte too few
+        {"03ff00", Step::kBroken},
     };
     for (const auto& each : cases) {
         Bytes bytes = from_hex(each.hex);

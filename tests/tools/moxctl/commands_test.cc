@@ -9,7 +9,7 @@ namespace {
 
 TEST_F(Commands, look_up_and_request_to_the_byte)
 {
-    options.action = Action::switches;
+    options.action = Action::kSwitches;
     options.switches = {20};
     options.is_open = true;
     EXPECT_EQ(run(), moxctl::status_ok);
@@ -41,7 +41,7 @@ TEST_F(Commands, look_up_and_request_to_the_byte)
 
 TEST_F(Commands, switches__are_sent_in_order_each_with_its_acknowledgement)
 {
-    options.action = Action::switches;
+    options.action = Action::kSwitches;
     options.switches = {0, 9, 18};
     netlink.foreign_messages = true;
     EXPECT_EQ(run(), moxctl::status_ok);
@@ -51,7 +51,7 @@ TEST_F(Commands, switches__are_sent_in_order_each_with_its_acknowledgement)
 
 TEST_F(Commands, a_filter_is_sent)
 {
-    options.action = Action::filter;
+    options.action = Action::kFilter;
     EXPECT_EQ(run(), moxctl::status_ok);
     ASSERT_EQ(netlink.payloads.size(), 1u);
     EXPECT_EQ(netlink.payloads[0].size(), 76u);
@@ -59,7 +59,7 @@ TEST_F(Commands, a_filter_is_sent)
 
 TEST_F(Commands, show__prints_just_the_report)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     will_print(all_reports());
     print("before\n");
     EXPECT_EQ(run(), moxctl::status_ok) << complaints;
@@ -75,11 +75,11 @@ TEST_F(Commands, show__every_kind)
         std::uint32_t location;
         std::string text;
     } const cases[] = {
-        {Action::show_rules, 2, lev2_report()},
-        {Action::show_queues, 0, queues_report()},
-        {Action::show_memory, 0, memory_report()},
-        {Action::show_thread, 0, thread_report()},
-        {Action::show_process, 0, "show process arpwatch regular:\n" + arpwatch_socket()},
+        {Action::kShowRules, 2, lev2_report()},
+        {Action::kShowQueues, 0, queues_report()},
+        {Action::kShowMemory, 0, memory_report()},
+        {Action::kShowThread, 0, thread_report()},
+        {Action::kShowProcess, 0, "show process arpwatch regular:\n" + arpwatch_socket()},
     };
     for (const auto& each : cases) {
         options.action = each.action;
@@ -94,7 +94,7 @@ TEST_F(Commands, show__every_kind)
 
 TEST_F(Commands, show__as_json)
 {
-    options.action = Action::show_memory;
+    options.action = Action::kShowMemory;
     options.json = true;
     will_print(memory_report());
     EXPECT_EQ(run(), moxctl::status_ok);
@@ -103,7 +103,7 @@ TEST_F(Commands, show__as_json)
 
 TEST_F(Commands, show__a_terminal_gets_no_control_characters)
 {
-    options.action = Action::show_process;
+    options.action = Action::kShowProcess;
     std::string text = arpwatch_socket();
     text.replace(text.find("arpwatch"), 8, "a\x1b[2J");
     will_print(text);
@@ -113,7 +113,7 @@ TEST_F(Commands, show__a_terminal_gets_no_control_characters)
 
 TEST_F(Commands, show__a_report_with_holes_is_printed_and_called_incomplete)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     options.location = 2;
     netlink.on_request = [this](const Bytes&) {
         print("Deal message from 4711, moxctl.\n");
@@ -136,7 +136,7 @@ TEST_F(Commands, show__a_report_with_holes_is_printed_and_called_incomplete)
 
 TEST_F(Commands, show__a_truncated_report_is_called_incomplete)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     will_print(lev2_report());
     EXPECT_EQ(run(), moxctl::status_incomplete);
     EXPECT_NE(complaints.find("1 locations instead of 8"), std::string::npos) << complaints;
@@ -144,7 +144,7 @@ TEST_F(Commands, show__a_truncated_report_is_called_incomplete)
 
 TEST_F(Commands, show__many_problems_are_cut_short)
 {
-    options.action = Action::show_process;
+    options.action = Action::kShowProcess;
     std::string text;
     for (int i = 0; i < 30; ++i)
         text += "process:       x\n";
@@ -155,7 +155,7 @@ TEST_F(Commands, show__many_problems_are_cut_short)
 
 TEST_F(Commands, show__a_log_that_overwrote_everything)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     netlink.on_request = [this](const Bytes&) {
         log.overwrite();
         print("something much later\n");
@@ -165,13 +165,13 @@ TEST_F(Commands, show__a_log_that_overwrote_everything)
 
 TEST_F(Commands, show__a_log_without_the_modules_lines)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     expect_error<Failure>([this] { run(); }, {"no line of it", "mox_printk"});
 }
 
 TEST_F(Commands, show__without_the_right_to_read_the_log_nothing_is_asked)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     log_error = EPERM;
     expect_error<Failure>([this] { run(); }, {"/dev/kmsg", "dmesg_restrict", "root"});
     EXPECT_TRUE(netlink.datagrams.empty());
@@ -179,14 +179,14 @@ TEST_F(Commands, show__without_the_right_to_read_the_log_nothing_is_asked)
 
 TEST_F(Commands, show__a_log_that_breaks)
 {
-    options.action = Action::show_rules;
+    options.action = Action::kShowRules;
     log.fail(EIO);
     expect_error<Failure>([this] { run(); }, {"/dev/kmsg", "Input/output error"});
 }
 
 TEST_F(Commands, the_note_is_said)
 {
-    options.action = Action::filter;
+    options.action = Action::kFilter;
     options.note = "mind";
     run();
     EXPECT_EQ(complaints, "mind\n");
@@ -195,7 +195,7 @@ TEST_F(Commands, the_note_is_said)
 TEST_F(Commands, no_family)
 {
     netlink.family_error = ENOENT;
-    for (Action action : {Action::show_rules, Action::filter, Action::tech}) {
+    for (Action action : {Action::kShowRules, Action::kFilter, Action::kTech}) {
         options.action = action;
         expect_error<Failure>([this] { run(); }, {"PACKET_GENL", "mox_ef_socket.ko", "initial network namespace"});
     }
@@ -205,7 +205,7 @@ TEST_F(Commands, no_family)
 
 TEST_F(Commands, a_family_without_an_id)
 {
-    options.action = Action::filter;
+    options.action = Action::kFilter;
     netlink.family_answer = {1, 2, 0, 0, 5, 0, 1, 0, 9, 0, 0, 0};
     expect_error<Failure>([this] { run(); }, {"no id"});
     netlink.family_answer = {1, 2, 0, 0};
@@ -216,7 +216,7 @@ TEST_F(Commands, a_family_without_an_id)
 
 TEST_F(Commands, a_refused_request)
 {
-    options.action = Action::filter;
+    options.action = Action::kFilter;
     netlink.request_error = EPERM;
     expect_error<Failure>([this] { run(); }, {"refused", "Operation not permitted"});
     netlink.request_error = EOPNOTSUPP;
@@ -227,7 +227,7 @@ TEST_F(Commands, a_refused_request)
 
 TEST_F(Commands, no_acknowledgement_in_time)
 {
-    options.action = Action::filter;
+    options.action = Action::kFilter;
     netlink.acknowledges = false;
     try {
         run();
@@ -239,7 +239,7 @@ TEST_F(Commands, no_acknowledgement_in_time)
 
 TEST_F(Commands, broken_messages_do_no_harm)
 {
-    options.action = Action::filter;
+    options.action = Action::kFilter;
     for (std::size_t length = 1; length < 20; ++length)
         netlink.queue(Bytes(length, 0xff));
     netlink.queue(netlink_message(2, 0, 1, 0, {}));

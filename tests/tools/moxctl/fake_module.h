@@ -66,10 +66,10 @@ public:
         if (error_)
             throw moxctl::Failure(moxctl::kernel_log_error(error_));
         if (records_.empty())
-            return Read::none;
+            return Read::kNone;
         raw = records_.front();
         records_.pop_front();
-        return raw.empty() ? Read::overwritten : Read::record;
+        return raw.empty() ? Read::kOverwritten : Read::kRecord;
     }
     void wait() override
     {
@@ -171,7 +171,7 @@ private:
         return number;
     }
 
-    /** CTRL_CMD_NEWFAMILY with the name, the id, and an attribute that nobody asked for. */
+    /** CTRL_CMD_NEWFAMILY with the name, the id, and an attribute that is not needed. */
     static Bytes family_body()
     {
         Bytes body = {1, 2, 0, 0};

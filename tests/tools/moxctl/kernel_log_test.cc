@@ -166,7 +166,7 @@ TEST(ctl_filter, the_next_request_ends_it)
     log.sequence += 10;
     log.print("late\n");
     EXPECT_EQ(log.text(), lev2_report());
-    EXPECT_EQ(log.filter.lost(), 0u) << "what was lost behind the report is nobody's loss";
+    EXPECT_EQ(log.filter.lost(), 0u) << "records lost behind the report do not count";
 }
 
 TEST(ctl_filter, foreign_lines_in_between_are_left_out)

@@ -222,7 +222,7 @@ TEST(ctl_options, actions_and_flags)
 {
     auto [options, ending] = parse({"tech", "-o", "out.txt", "-t", "2.5"});
     ASSERT_FALSE(ending) << ending->text;
-    EXPECT_EQ(options.action, moxctl::Action::tech);
+    EXPECT_EQ(options.action, moxctl::Action::kTech);
     EXPECT_EQ(options.output, "out.txt");
     EXPECT_EQ(options.timeout, 2.5);
     EXPECT_EQ(parse({"tech"}).options.timeout, 10);
@@ -232,7 +232,7 @@ TEST(ctl_options, actions_and_flags)
         EXPECT_TRUE(parse({"show", report, "--json"}).options.json) << report;
     }
     EXPECT_TRUE(parse({"show", "process", "1", "--json"}).options.json);
-    EXPECT_EQ(parse({"show", "process", "1"}).options.action, moxctl::Action::show_process);
+    EXPECT_EQ(parse({"show", "process", "1"}).options.action, moxctl::Action::kShowProcess);
 }
 
 TEST(ctl_options, help__is_everywhere_and_a_success)
@@ -309,7 +309,7 @@ TEST(ctl_options, errors__status_2_and_what_would_be_allowed)
         {{"filter", "set", "--vlan", "4096"}, {"VLAN id \"4096\"", "0 to 4095"}},
         {{"filter", "set", "--src-mac", "02:00"}, {"MAC address \"02:00\""}},
         {{"filter", "set", "--dst-if", "port9"}, {"interface \"port9\"", "ip link"}},
-        {{"filter", "set", "--src-ip", "10.0.0"}, {"source address \"10.0.0\"", "no prefixes"}},
+        {{"filter", "set", "--src-ip", "10.0.0"}, {"source address \"10.0.0\"", "has no prefixes"}},
         {{"filter", "set", "--dst-ip", "10.0.0.0/8"}, {"destination address \"10.0.0.0/8\""}},
         {{"filter", "set", "--src-ip", "10.0.0.1", "--dst-ip", "::1"}, {"two IP versions"}},
         {{"filter", "set", "--src-ip", "::1", "--dst-ip", "10.0.0.1"}, {"two IP versions"}},

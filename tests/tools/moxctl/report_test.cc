@@ -38,7 +38,7 @@ TEST(ctl_report, lines__kinds_and_values)
 {
     auto line = moxctl::scan_line("cpu 3 efbuff cnt:      17", moxctl::report_queues);
     ASSERT_TRUE(line);
-    EXPECT_EQ(line->form->line, moxctl::Line::queue_cpu);
+    EXPECT_EQ(line->form->line, moxctl::Line::kQueueCpu);
     EXPECT_EQ(line->values[0], "3");
     EXPECT_EQ(line->values[1], "17");
 

@@ -11,7 +11,7 @@ namespace {
 
 TEST_F(Commands, tech__prints_the_file)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     will_write(dump_file_text());
     EXPECT_EQ(run(), moxctl::status_ok) << complaints;
     EXPECT_EQ(printed, dump_file_text());
@@ -20,7 +20,7 @@ TEST_F(Commands, tech__prints_the_file)
 
 TEST_F(Commands, tech__removes_an_old_file_and_saves_the_new_one)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     options.output = root / "saved";
     will_write(dump_file_text());
     fs::create_directories(root / "tmp/vsd/0/ef/af_packet");
@@ -32,7 +32,7 @@ TEST_F(Commands, tech__removes_an_old_file_and_saves_the_new_one)
 
 TEST_F(Commands, tech__of_a_virtual_switch_device)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     directory = "/data/var/run/vsd/5/here";
     will_write(dump_file_text(), "5");
     EXPECT_EQ(run(), moxctl::status_ok) << complaints;
@@ -41,7 +41,7 @@ TEST_F(Commands, tech__of_a_virtual_switch_device)
 
 TEST_F(Commands, tech__a_dump_with_dropped_lines_is_saved_and_called_incomplete)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     std::string text = dump_file_text();
     std::size_t at = text.find("sk refcnt");
     text.erase(at, text.find('\n', at) + 1 - at);
@@ -55,20 +55,20 @@ TEST_F(Commands, tech__a_dump_with_dropped_lines_is_saved_and_called_incomplete)
 
 TEST_F(Commands, tech__no_file)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     expect_error<Failure>([this] { run(); }, {"wrote no file", "/tmp/vsd/0//ef/af_packet/afpacketdump", "debug on"});
 }
 
 TEST_F(Commands, tech__an_empty_file)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     will_write("");
     expect_error<Failure>([this] { run(); }, {"wrote nothing", "memory"});
 }
 
 TEST_F(Commands, tech__no_answer_in_time)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     netlink.answers_tech = false;
     try {
         run();
@@ -81,7 +81,7 @@ TEST_F(Commands, tech__no_answer_in_time)
 
 TEST_F(Commands, tech__an_answer_that_comes_late)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     options.timeout = 5;
     netlink.answers_tech = false;
     will_write(dump_file_text());
@@ -101,7 +101,7 @@ TEST_F(Commands, tech__an_answer_that_comes_late)
 
 TEST_F(Commands, tech__directories_in_the_way)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     std::ofstream(root / "tmp/vsd") << "a file";
     expect_error<Failure>([this] { run(); }, {"tmp/vsd is no directory", "remove it"});
     EXPECT_TRUE(netlink.payloads.empty()) << "asked although there is no place for the file";
@@ -114,7 +114,7 @@ TEST_F(Commands, tech__directories_in_the_way)
 
 TEST_F(Commands, tech__output_that_cannot_be_written)
 {
-    options.action = Action::tech;
+    options.action = Action::kTech;
     options.output = root / "no/such/directory";
     will_write(dump_file_text());
     expect_error<Failure>([this] { run(); }, {"cannot write", "no/such/directory", "No such file"});

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* A clock that stands still but where somebody waits. */
+/* A clock that moves only while the program waits. */
 #ifndef FAKE_CLOCK_H
 #define FAKE_CLOCK_H
 

@@ -54,7 +54,7 @@ TEST(moxsend_options, hex_alone__one_raw_frame_to_wherever_the_platform_says)
     auto [options, ending] = parse({"--hex", "01 02"});
     ASSERT_FALSE(ending) << ending->text;
     EXPECT_EQ(options.frames, std::vector<Bytes>{hex("0102")});
-    EXPECT_EQ(options.kind, mox::SocketKind::raw);
+    EXPECT_EQ(options.kind, mox::SocketKind::kRaw);
     EXPECT_EQ(options.interface, 0u);
     EXPECT_EQ(options.count, 1u);
     EXPECT_EQ(options.rate, 0);
@@ -144,7 +144,7 @@ TEST(moxsend_options, datagram__digits_begin_behind_the_header)
     auto [options, ending] =
         parse({"--datagram", "--to", "02:00:00:00:00:07", "--ethertype", "lldp", "--hex", "0102"});
     ASSERT_FALSE(ending) << ending->text;
-    EXPECT_EQ(options.kind, mox::SocketKind::datagram);
+    EXPECT_EQ(options.kind, mox::SocketKind::kDatagram);
     EXPECT_FALSE(options.has_header);
     EXPECT_EQ(options.to, (mox::MacAddress{2, 0, 0, 0, 0, 7}));
     EXPECT_EQ(options.ether_type, 0x88cc);

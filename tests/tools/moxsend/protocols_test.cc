@@ -20,7 +20,7 @@ Bytes hex(std::string_view text)
 TEST(moxsend_protocols, arp__request_and_reply)
 {
     moxsend::Arp arp{1, own, {10, 0, 0, 1}, {}, {10, 0, 0, 2}};
-    EXPECT_EQ(moxsend::arp_frame({moxsend::broadcast, own}, arp),
+    EXPECT_EQ(moxsend::arp_frame({moxsend::kBroadcast, own}, arp),
               hex("ffffffffffff 020000000101 0806 0001 0800 06 04 0001 020000000101 0a000001 000000000000 0a000002"));
     arp = {2, own, {192, 168, 255, 1}, other, {172, 16, 0, 254}};
     EXPECT_EQ(moxsend::arp_frame({other, own}, arp),
@@ -36,29 +36,29 @@ TEST(moxsend_protocols, eapol__every_kind)
         moxsend::EapolKind kind;
         const char* expected;
     } const cases[] = {
-        {moxsend::EapolKind::start, "02 01 0000"},
-        {moxsend::EapolKind::logoff, "02 02 0000"},
-        {moxsend::EapolKind::request_identity, "02 00 0005 01 07 0005 01"},
-        {moxsend::EapolKind::identity, "02 00 000a 02 07 000a 01 616c696365"},
-        {moxsend::EapolKind::success, "02 00 0004 03 07 0004"},
-        {moxsend::EapolKind::failure, "02 00 0004 04 07 0004"},
+        {moxsend::EapolKind::kStart, "02 01 0000"},
+        {moxsend::EapolKind::kLogoff, "02 02 0000"},
+        {moxsend::EapolKind::kRequestIdentity, "02 00 0005 01 07 0005 01"},
+        {moxsend::EapolKind::kIdentity, "02 00 000a 02 07 000a 01 616c696365"},
+        {moxsend::EapolKind::kSuccess, "02 00 0004 03 07 0004"},
+        {moxsend::EapolKind::kFailure, "02 00 0004 04 07 0004"},
     };
     EXPECT_EQ(std::size(cases), moxsend::eapol_kind_names().size());
     for (const auto& each : cases) {
         moxsend::Eapol eapol{each.kind, 2, 7, "alice"};
-        EXPECT_EQ(moxsend::eapol_frame({moxsend::eapol_group, own}, eapol), hex(std::string(head) + each.expected))
+        EXPECT_EQ(moxsend::eapol_frame({moxsend::kEapolGroup, own}, eapol), hex(std::string(head) + each.expected))
             << each.expected;
     }
 }
 
 TEST(moxsend_protocols, eapol__version_and_the_longest_identity)
 {
-    moxsend::Eapol eapol{moxsend::EapolKind::identity, 1, 0xff, std::string(65530, 'x')};
-    Bytes frame = moxsend::eapol_frame({moxsend::eapol_group, own}, eapol);
+    moxsend::Eapol eapol{moxsend::EapolKind::kIdentity, 1, 0xff, std::string(65530, 'x')};
+    Bytes frame = moxsend::eapol_frame({moxsend::kEapolGroup, own}, eapol);
     ASSERT_EQ(frame.size(), 14u + 4 + 5 + 65530);
     EXPECT_EQ(Bytes(frame.begin() + 14, frame.begin() + 23), hex("01 00 ffff 02 ff ffff 01"));
     eapol.identity += 'x';
-    expect_error<mox::UsageError>([&] { moxsend::eapol_frame({moxsend::eapol_group, own}, eapol); },
+    expect_error<mox::UsageError>([&] { moxsend::eapol_frame({moxsend::kEapolGroup, own}, eapol); },
                                   {"65531 bytes", "up to 65530"});
 }
 
@@ -67,7 +67,7 @@ TEST(moxsend_protocols, lldp__the_least)
     moxsend::Lldp lldp;
     lldp.chassis_id = "02:00:00:00:01:01";
     lldp.port_id = "port1";
-    EXPECT_EQ(moxsend::lldp_frame({moxsend::lldp_group, own}, lldp),
+    EXPECT_EQ(moxsend::lldp_frame({moxsend::kLldpGroup, own}, lldp),
               hex("0180c200000e 020000000101 88cc"
                   "0207 04 020000000101" // chassis: a MAC address
                   "0406 05 706f727431"   // port: an interface name
@@ -87,7 +87,7 @@ TEST(moxsend_protocols, lldp__everything)
     lldp.capabilities = 0x000c;
     lldp.management_ip = moxsend::Ipv4Address{10, 0, 0, 1};
     lldp.management_ifindex = 0x01020304;
-    EXPECT_EQ(moxsend::lldp_frame({moxsend::lldp_group, own}, lldp),
+    EXPECT_EQ(moxsend::lldp_frame({moxsend::kLldpGroup, own}, lldp),
               hex("0180c200000e 020000000101 88cc"
                   "0205 07 61702d31"
                   "0407 03 020000000202"
@@ -99,7 +99,7 @@ TEST(moxsend_protocols, lldp__everything)
                   "100c 05 01 0a000001 02 01020304 00"
                   "0000"));
     lldp.management_ifindex = 0;
-    Bytes frame = moxsend::lldp_frame({moxsend::lldp_group, own}, lldp);
+    Bytes frame = moxsend::lldp_frame({moxsend::kLldpGroup, own}, lldp);
     EXPECT_EQ(Bytes(frame.end() - 8, frame.end()), hex("01 00000000 00 0000")) << "interface numbering: unknown";
 }
 
@@ -108,7 +108,7 @@ TEST(moxsend_protocols, lldp__a_length_of_9_bits)
     moxsend::Lldp lldp;
     lldp.chassis_id = std::string(255, 'c');
     lldp.port_id = "p";
-    Bytes frame = moxsend::lldp_frame({moxsend::lldp_group, own}, lldp);
+    Bytes frame = moxsend::lldp_frame({moxsend::kLldpGroup, own}, lldp);
     EXPECT_EQ(Bytes(frame.begin() + 14, frame.begin() + 17), hex("03 00 07")); // type 1, length 256
 }
 
@@ -117,7 +117,7 @@ TEST(moxsend_protocols, lldp__broadcast_is_a_name_there)
     moxsend::Lldp lldp;
     lldp.chassis_id = "broadcast";
     lldp.port_id = "p";
-    EXPECT_EQ(moxsend::lldp_frame({moxsend::lldp_group, own}, lldp)[16], 7);
+    EXPECT_EQ(moxsend::lldp_frame({moxsend::kLldpGroup, own}, lldp)[16], 7);
 }
 
 TEST(moxsend_protocols, lldp__refusals)
@@ -128,7 +128,7 @@ TEST(moxsend_protocols, lldp__refusals)
     auto expect_refused = [&](std::string moxsend::Lldp::*field, const std::string& value, const char* what) {
         moxsend::Lldp lldp = good;
         lldp.*field = value;
-        expect_error<mox::UsageError>([&] { moxsend::lldp_frame({moxsend::lldp_group, own}, lldp); }, {what});
+        expect_error<mox::UsageError>([&] { moxsend::lldp_frame({moxsend::kLldpGroup, own}, lldp); }, {what});
     };
     expect_refused(&moxsend::Lldp::chassis_id, "", "chassis id is missing");
     expect_refused(&moxsend::Lldp::port_id, "", "port id is missing");

@@ -31,7 +31,7 @@ protected:
     {
         mox::PacketSocket socket = moxsend::prepare_socket(options, calls);
         moxsend::run_send(source, options, [&](const mox::SendRequest& request) { socket.send(request); }, clock,
-                          stop, [&](const moxsend::Counters& now) { told.push_back(now.sent + now.failed); },
+                          stop, [&](const moxsend::Counters& now) { reported.push_back(now.sent + now.failed); },
                           counters);
     }
     std::vector<Bytes> sent_bytes() const
@@ -46,7 +46,7 @@ protected:
     FakeClock clock;
     moxsend::Options options;
     moxsend::Counters counters;
-    std::vector<std::uint64_t> told;
+    std::vector<std::uint64_t> reported;
     volatile std::sig_atomic_t stop;
 };
 
@@ -87,14 +87,14 @@ TEST_F(Sender, moxsend_prepare__pads_with_zeroes)
     EXPECT_EQ(Bytes(prepared.bytes.begin() + 20, prepared.bytes.end()), Bytes(40));
     moxsend::prepare(lldp_frame_of(61), options, prepared);
     EXPECT_EQ(prepared.bytes.size(), 61u);
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     moxsend::prepare(lldp_frame_of(20), options, prepared);
     EXPECT_EQ(prepared.bytes.size(), 46u) << "the header comes in front";
 }
 
 TEST_F(Sender, moxsend_prepare__a_datagram_gives_its_header_to_the_address)
 {
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     options.interface = 3;
     moxsend::Prepared prepared;
     moxsend::prepare(lldp_frame_of(17), options, prepared);
@@ -128,7 +128,7 @@ TEST_F(Sender, moxsend_prepare_socket__kind_and_binding)
         EXPECT_EQ(calls.protocol, 0) << "a protocol would be a rule";
         EXPECT_TRUE(calls.bound_to.empty());
     }
-    options.kind = mox::SocketKind::datagram;
+    options.kind = mox::SocketKind::kDatagram;
     options.bind = true;
     options.interface = 7;
     mox::PacketSocket socket = moxsend::prepare_socket(options, calls);
@@ -272,7 +272,7 @@ TEST_F(Sender, moxsend_run__progress_about_once_a_second)
     options.rate = 4;
     options.count = 10;
     run(source);
-    EXPECT_EQ(told, (std::vector<std::uint64_t>{5, 9}));
+    EXPECT_EQ(reported, (std::vector<std::uint64_t>{5, 9}));
 }
 
 TEST_F(Sender, moxsend_run__a_source_without_frames_does_not_run_for_ever)
