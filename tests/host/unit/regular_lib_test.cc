@@ -54,7 +54,7 @@ TEST_F(RegularLib, handle__library_of_each_location)
         Rule rule(location, PACKET_COPY);
         rule.add();
         for (u32 other = 1; other <= 8; other++)
-            EXPECT_EQ(kLibs[other]->regular_count, kLibs[other] == kLibs[location] ? 1u : 0u)
+            EXPECT_EQ(lib_of(other)->regular_count, lib_of(other) == lib_of(location) ? 1u : 0u)
                 << location << " in " << other;
     }
 }
@@ -328,7 +328,7 @@ TEST_F(RegularLib, no_memory__entry_of_a_value_is_skipped)
     Rule rule(kLoc, PACKET_COPY);
     rule.data(PACKET_ETH_PROT_EQUAL, {1}).data(PACKET_ETH_PROT_EQUAL, {2});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_flt_mem");
+    kernel().fail(Fail::kEntryAlloc);
     rule.add();
     EXPECT_EQ(lib->regular_count, 1u);
     ASSERT_EQ(entries().size(), 1u);
@@ -344,7 +344,7 @@ TEST_F(RegularLib, no_memory__entry_of_an_item_passes_the_key_on)
     Rule rule(kLoc, PACKET_COPY);
     rule.item(PACKET_ALL).data(PACKET_ETH_PROT_EQUAL, {1});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_flt_mem");
+    kernel().fail(Fail::kEntryAlloc);
     rule.add();
     std::vector<EntryView> e = entries();
     ASSERT_EQ(e.size(), 1u);
@@ -360,7 +360,7 @@ TEST_F(RegularLib, no_memory__copy_is_not_filed)
     Rule rule(kLoc, PACKET_TRAP);
     rule.data(PACKET_ETH_PROT_EQUAL, {1});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_match_mem");
+    kernel().fail(Fail::kCopyAlloc);
     rule.add();
     ASSERT_EQ(entries().size(), 1u);
     EXPECT_TRUE(entries()[0].match.empty());
@@ -373,8 +373,8 @@ TEST_F(RegularLib, no_memory__items_and_data_of_a_copy_are_left_out)
     rule.item(PACKET_ALL).data(PACKET_ETH_PROT_EQUAL, {1});
     rule.data(PACKET_IPv4_PROT_EQUAL, {1}).data(PACKET_IPv4_PROT_EQUAL, {2});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_item_mem");
-    kernel().fail("cache_alloc:pkt_regular_data");
+    kernel().fail(Fail::kItemAlloc);
+    kernel().fail(Fail::kDataAlloc);
     rule.add();
     std::vector<EntryView> e = entries();
     ASSERT_EQ(e.at(0).match.at(0).items.size(), 1u);
@@ -393,10 +393,11 @@ TEST_F(RegularLib, locking__changes_happen_under_the_write_lock_hooks_register_o
     Rule rule(kLoc, PACKET_COPY);
     rule.item(PACKET_ALL);
     std::vector<bool> under_lock;
-    kernel().at["reg_module"] = [&](const void *) { under_lock.push_back(kernel().holds(fake::LockKind::kLib)); };
-    kernel().at["dereg_module"] = kernel().at["reg_module"];
+    auto look = [&](const void *) { under_lock.push_back(kernel().holds(fake::LockKind::kLib)); };
+    kernel().at[Point::kRegModule] = look;
+    kernel().at[Point::kDeregModule] = look;
     int writes = 0;
-    kernel().at["lock"] = [&](const void *lock) {
+    kernel().at[Point::kLock] = [&](const void *lock) {
         if (lock == &lib->lock && reinterpret_cast<const fake::Lock *>(lock)->writers)
             writes++;
     };

@@ -3,13 +3,20 @@
 
 namespace {
 
-class RegularMem : public RulesTest {};
+class RegularMem : public RulesTest {
+protected:
+    static std::vector<std::string> caches(const std::string &what)
+    {
+        std::vector<std::string> out;
+        for (const contract::CacheFacts &cache : contract::kCaches)
+            out.push_back(what + cache.name);
+        return out;
+    }
+};
 
 TEST_F(RegularMem, init__creates_four_caches_in_order)
 {
-    const std::vector<std::string> wanted{"cache+ pkt_regular_data", "cache+ pkt_item_mem",
-                                          "cache+ pkt_flt_mem", "cache+ pkt_match_mem"};
-    EXPECT_EQ(kernel().journal, wanted);
+    EXPECT_EQ(kernel().journal, caches("cache+ "));
     EXPECT_EQ(mox_packet_regular_inited, 1);
 }
 
@@ -34,9 +41,7 @@ TEST_F(RegularMem, deinit__destroys_in_creation_order_and_once)
 {
     kernel().journal.clear();
     mox_packet_regular_deinit();
-    const std::vector<std::string> wanted{"cache- pkt_regular_data", "cache- pkt_item_mem",
-                                          "cache- pkt_flt_mem", "cache- pkt_match_mem"};
-    EXPECT_EQ(kernel().journal, wanted);
+    EXPECT_EQ(kernel().journal, caches("cache- "));
     EXPECT_EQ(mox_packet_regular_inited, 0);
     mox_packet_regular_deinit();
     EXPECT_EQ(kernel().journal.size(), 4u);
@@ -44,19 +49,13 @@ TEST_F(RegularMem, deinit__destroys_in_creation_order_and_once)
 
 TEST_F(RegularMem, init__failure_of_each_cache)
 {
-    const char *const lines[] = {
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_regular_data_cache.\n",
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_regular_item_cache.\n",
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_filter_list_cache.\n",
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_match_list_cache.\n",
-    };
     mox_packet_regular_deinit();
     for (int nth = 1; nth <= 4; nth++) {
         SCOPED_TRACE(nth);
         kernel().log.clear();
-        kernel().fail("cache_create", nth);
+        kernel().fail(Fail::kCacheCreate, nth);
         EXPECT_EQ(mox_packet_regular_init(), -1);
-        EXPECT_EQ(kernel().text(), lines[nth - 1]);
+        EXPECT_EQ(kernel().text(), contract::kCaches[nth - 1].not_created);
         EXPECT_TRUE(kernel().caches.empty());
         EXPECT_EQ(mox_packet_regular_inited, 0);
     }
@@ -122,33 +121,28 @@ TEST_F(RegularMem, entry_and_copy__counted_in_20_and_21)
     EXPECT_EQ(counters(), oracle::Counters{});
 }
 
-TEST_F(RegularMem, failures__counted_in_22_and_told_while_debugging)
+TEST_F(RegularMem, failures__counted_in_22_and_printed_while_debugging)
 {
     struct {
-        const char *cache;
+        contract::Cache cache;
         std::function<void *()> make;
         u32 *counter;
-        const char *line;
     } const cases[] = {
-        {"pkt_regular_data", [] { return mox_packet_alloc_init_data(3); }, &g_regular_data_stats[22],
-         "[MOX-PACKET(2)]: MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n"},
-        {"pkt_item_mem", [] { return mox_packet_alloc_init_item(3); }, &g_regular_item_stats[22],
-         "[MOX-PACKET(2)]: MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n"},
-        {"pkt_flt_mem", [] { return pkt_alloc_filter_list_data(3, nullptr); }, &g_regular_data_stats[22],
-         "[MOX-PACKET(2)]: PKT-ALLOC-FILTER-LIST-DATA: alloc failed!\n"},
-        {"pkt_match_mem", [] { return pkt_alloc_regular_data(); }, &g_regular_data_stats[22],
-         "[MOX-PACKET(2)]: PKT-ALLOC-REGULAR-DATA: alloc failed!\n"},
+        {contract::Cache::kData, [] { return mox_packet_alloc_init_data(3); }, &g_regular_data_stats[22]},
+        {contract::Cache::kItem, [] { return mox_packet_alloc_init_item(3); }, &g_regular_item_stats[22]},
+        {contract::Cache::kEntry, [] { return pkt_alloc_filter_list_data(3, nullptr); }, &g_regular_data_stats[22]},
+        {contract::Cache::kCopy, [] { return pkt_alloc_regular_data(); }, &g_regular_data_stats[22]},
     };
     kernel().cpu = 2;
     for (auto &c : cases) {
-        SCOPED_TRACE(c.cache);
+        SCOPED_TRACE(facts(c.cache).name);
         u32 before = *c.counter;
         for (u8 debug : {0, 1}) {
             mox_packet_debug[0] = debug;
             kernel().log.clear();
-            kernel().fail(std::string("cache_alloc:") + c.cache);
+            kernel().fail(fake::alloc_of(c.cache));
             EXPECT_EQ(c.make(), nullptr);
-            EXPECT_EQ(kernel().text(), debug ? c.line : "");
+            EXPECT_EQ(kernel().text(), debug ? std::string("[MOX-PACKET(2)]: ") + facts(c.cache).exhausted : "");
         }
         EXPECT_EQ(*c.counter, before + 2);
     }
@@ -176,7 +170,7 @@ TEST_F(RegularMem, list__operations_publish_with_a_full_barrier)
 {
     list_head head{&head, &head}, a, b, c;
     int barriers = 0;
-    kernel().at["mb"] = [&](const void *) { barriers++; };
+    kernel().at[Point::kBarrier] = [&](const void *) { barriers++; };
     mox_packet_list_add_tail_safe(&a, &head);
     mox_packet_list_add_tail_safe(&b, &head);
     mox_packet_list_ins_head_safe(&c, &head);
@@ -213,7 +207,7 @@ TEST_F(RegularMem, data_match__widths_and_missing_values)
     }
 }
 
-TEST_F(RegularMem, data_match__illegal_type_is_never_equal_and_told)
+TEST_F(RegularMem, data_match__illegal_type_is_never_equal_and_printed)
 {
     const u8 a[8] = {};
     EXPECT_FALSE(pkt_regular_data_match(20, a, a));
@@ -246,7 +240,7 @@ TEST_F(RegularMem, add_data__without_an_item_leaves_the_datum_with_the_caller)
 {
     Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_item_mem");
+    kernel().fail(Fail::kItemAlloc);
     regular_data *d = datum(PACKET_ETH_PROT_EQUAL, {8, 0});
     EXPECT_EQ(mox_packet_add_data_to_regular(d, &rule.regular()), -ENOMEM);
     EXPECT_TRUE(kernel().said("[MOX-PACKET(0)]: MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"));

@@ -180,7 +180,7 @@ TEST_F(Thread, init__clears_the_pending_bytes)
 TEST_F(Thread, init__failure)
 {
     mox_packet_thread_deinit();
-    kernel().fail("thread_create");
+    kernel().fail(Fail::kThreadCreate);
     EXPECT_EQ(mox_packet_thread_init(), -1);
     ASSERT_EQ(kernel().log.size(), 1u);
     EXPECT_EQ(kernel().log[0].text, "CAN NOT CREATE PACKET-COPY-THREAD !\n");
@@ -271,7 +271,7 @@ TEST_F(Thread, task__drains_in_queue_order_and_cpus_ascending)
     for (int cpu = 0; cpu < 64; cpu++)
         for (int q = 0; q < 8; q++)
             locks[&g_cpu_pkt_que[cpu][q].lock] = {q, cpu};
-    kernel().at["lock"] = [&](const void *lock) {
+    kernel().at[Point::kLock] = [&](const void *lock) {
         if (locks.count(lock))
             order.push_back(locks[lock]);
     };
@@ -323,7 +323,7 @@ TEST_F(Thread, task__present_cpus_beyond_the_possible_ids_are_not_visited)
 TEST_F(Thread, task__location_marked_during_a_drain)
 {
     int marks = 0;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock == &g_cpu_pkt_que[0][kQueueWlan].lock && marks++ == 0) {
             queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
             mox_packet_thread_active(PACKET_LEV2_LOC);
@@ -342,7 +342,7 @@ TEST_F(Thread, task__location_marked_during_a_drain)
 TEST_F(Thread, task__byte_is_cleared_before_its_queues_are_drained)
 {
     bool played = false;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock != &g_cpu_pkt_que[1][kQueueLev2].lock || played)
             return;
         played = true;
@@ -364,7 +364,7 @@ TEST_F(Thread, task__mark_in_every_barrier_window_is_drained)
         SCOPED_TRACE(window);
         int barriers = 0;
         bool marked = false;
-        kernel().at["mb"] = [&](const void *) {
+        kernel().at[Point::kBarrier] = [&](const void *) {
             if (barriers++ == window && !marked) {
                 marked = true;
                 queue_append(&g_cpu_pkt_que[0][kQueueIpv6], owned());
@@ -372,7 +372,7 @@ TEST_F(Thread, task__mark_in_every_barrier_window_is_drained)
             }
         };
         // Woken again if the hook woke it, else asleep for good.
-        kernel().at["wait"] = [&](const void *) {};
+        kernel().at[Point::kWait] = [&](const void *) {};
         mox_packet_thread_active(PACKET_LEV2_LOC);
         kernel().run_thread();
         kernel().at.clear();
@@ -387,12 +387,12 @@ TEST_F(Thread, task__lost_wakeup_at_the_clearing_of_running)
 {
     // The byte is set just before the thread clears running, seen only after.
     bool played = false, marked = false;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock != &g_cpu_pkt_que[1][kQueueLev2].lock || played)
             return;
         played = true;
         // From here the drain only tests the bytes; mark with running still set.
-        kernel().at["mb"] = [&](const void *) {
+        kernel().at[Point::kBarrier] = [&](const void *) {
             if (top.running || marked)
                 return;
             marked = true;
@@ -410,9 +410,9 @@ TEST_F(Thread, task__lost_wakeup_at_the_clearing_of_running)
 TEST_F(Thread, task__wake_set_meanwhile_is_handled_without_sleeping)
 {
     int waits = 0;
-    kernel().at["wait"] = [&](const void *) { waits++; };
+    kernel().at[Point::kWait] = [&](const void *) { waits++; };
     bool once = true;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock == &g_cpu_pkt_que[0][kQueueLev2].lock && once) {
             once = false;
             top.wake = 1;
