@@ -65,6 +65,20 @@ enum mox_packet_value_form {
 	X(PACKET_WLAN_MGNT, 0, 0, 1, MOX_FORM_NONE, "WLAN MGNT:", 16)                \
 	X(PACKET_ARP_TYPE, 2, 2, 1, MOX_FORM_U16, "ARP TYPE:", 13)
 
+/*
+ * Entries of the module's statistics arrays behind those of the rule types.
+ * Readers of memory dumps rely on their numbers, which a new rule type moves.
+ */
+enum mox_packet_stat {
+	MOX_STAT_ENTRIES = MOX_PACKET_RULE_TYPES, /* live entries of filter lists */
+	MOX_STAT_COPIES,                          /* live match copies */
+	MOX_STAT_FAILED,                          /* failed allocations */
+	MOX_STAT_COUNT,
+};
+#ifdef __cplusplus
+static_assert(MOX_STAT_ENTRIES == 20 && MOX_STAT_COUNT == 23, "today's numbers");
+#endif
+
 /** Column of the numbers in the memory report; a longer label pushes its number to the right. */
 #define MOX_PACKET_MEMORY_COLUMN 14
 

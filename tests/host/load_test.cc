@@ -14,10 +14,15 @@ using namespace mox;
 
 namespace {
 
-const Strings kCachesUp{"cache+ pkt_regular_data", "cache+ pkt_item_mem", "cache+ pkt_flt_mem",
-                        "cache+ pkt_match_mem"};
-const Strings kCachesDown{"cache- pkt_regular_data", "cache- pkt_item_mem", "cache- pkt_flt_mem",
-                          "cache- pkt_match_mem"};
+Strings caches(const std::string &what)
+{
+    Strings out;
+    for (const contract::CacheFacts &cache : contract::kCaches)
+        out.push_back(what + cache.name);
+    return out;
+}
+
+const Strings kCachesUp = caches("cache+ "), kCachesDown = caches("cache- ");
 const Strings kGenlUp{"genl+"}, kGenlDown{"genl-"};
 const Strings kFamilyUp{"proto+", "family+", "pernet+", "ns init"};
 const Strings kFamilyDown{"pernet-", "family-", "proto-"};
@@ -81,11 +86,11 @@ TEST_F(Load, unload__queues_are_emptied_behind_the_grace_period_and_before_the_t
 {
     ASSERT_EQ(mox_packet_init(), 0);
     bool queued = false, freed_at_stop = false;
-    kernel().at["grace"] = [&](const void *) {
+    kernel().at[Point::kGrace] = [&](const void *) {
         queue_append(&g_cpu_pkt_que[1][3], efmp().efbuff(Bytes(256), fake::Owner::kModule));
         queued = true;
     };
-    kernel().at["stop"] = [&](const void *) { freed_at_stop = efmp().freed == 1; };
+    kernel().at[Point::kStop] = [&](const void *) { freed_at_stop = efmp().freed == 1; };
     mox_packet_exit();
     EXPECT_TRUE(queued);
     EXPECT_TRUE(freed_at_stop);
@@ -118,16 +123,13 @@ TEST_F(Load, load_and_unload__can_be_repeated)
 
 TEST_F(Load, load__each_cache_failing)
 {
-    const char *const lines[] = {"data", "item", "filter_list", "match_list"};
     for (int nth = 1; nth <= 4; nth++) {
         SCOPED_TRACE(nth);
-        std::string name = nth <= 2 ? std::string("regular_") + lines[nth - 1] : lines[nth - 1];
         kernel().log.clear();
         kernel().journal.clear();
-        kernel().fail("cache_create", nth);
+        kernel().fail(Fail::kCacheCreate, nth);
         EXPECT_EQ(mox_packet_init(), -1);
-        EXPECT_EQ(kernel().text(), "MOX-PACKET-REGULAR-INIT: failed to create pkt_" + name +
-                                       "_cache.\nPACKET-REGULAR init failed\n");
+        EXPECT_EQ(kernel().text(), std::string(contract::kCaches[nth - 1].not_created) + "PACKET-REGULAR init failed\n");
         EXPECT_EQ(kernel().journal.size(), 2u * (nth - 1)) << "made and destroyed again";
         EXPECT_EQ(up(), Strings{});
     }
@@ -136,7 +138,7 @@ TEST_F(Load, load__each_cache_failing)
 // The platform does not let the module follow its services.
 TEST_F(Load, load__services_failing)
 {
-    kernel().fail("reg_serv");
+    kernel().fail(Fail::kRegServ);
     EXPECT_EQ(mox_packet_init(), -1);
     ASSERT_EQ(kernel().log.size(), 2u);
     EXPECT_EQ(kernel().log[0].text, "Reg serv change handler error\n");
@@ -152,11 +154,12 @@ TEST_F(Load, load__services_failing)
 TEST_F(Load, load__services_are_taken_back)
 {
     efmp().services[{32, 0}] = reinterpret_cast<void *>(0x1230);
-    for (const char *point : {"proto_register", "sock_register", "thread_create"}) {
+    for (Fail call : {Fail::kProtoRegister, Fail::kFamilyRegister, Fail::kThreadCreate}) {
+        SCOPED_TRACE(static_cast<int>(call));
         efmp().service_calls.clear();
-        kernel().fail(point);
-        EXPECT_EQ(mox_packet_init(), -1) << point;
-        EXPECT_EQ(efmp().service_calls, (Strings{"get 11 10", "get 32 0", "get 32 3", "reg", "unreg"})) << point;
+        kernel().fail(call);
+        EXPECT_EQ(mox_packet_init(), -1);
+        EXPECT_EQ(efmp().service_calls, (Strings{"get 11 10", "get 32 0", "get 32 3", "reg", "unreg"}));
         EXPECT_EQ(pkt_rnfp, nullptr);
         EXPECT_EQ(up(), Strings{});
     }
@@ -165,22 +168,22 @@ TEST_F(Load, load__services_are_taken_back)
 TEST_F(Load, load__family_failing)
 {
     struct {
-        const char *point;
+        Fail call;
         int error;
         const char *line;
         Strings journal;
     } const cases[] = {
-        {"proto_register", -12, "PROTO-REGISTER return -12.\n", {"proto+ fails"}},
-        {"proto_register", -105, "PROTO-REGISTER return -105.\n", {"proto+ fails"}},
+        {Fail::kProtoRegister, -12, "PROTO-REGISTER return -12.\n", {"proto+ fails"}},
+        {Fail::kProtoRegister, -105, "PROTO-REGISTER return -105.\n", {"proto+ fails"}},
         // Family 17 is held by another module.
-        {"sock_register", -17, "SOCK-REGISTER: return -17\n", {"proto+", "family+ fails", "proto-"}},
+        {Fail::kFamilyRegister, -17, "SOCK-REGISTER: return -17\n", {"proto+", "family+ fails", "proto-"}},
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.line);
         kernel().log.clear();
         kernel().journal.clear();
-        kernel().error[c.point] = c.error;
-        kernel().fail(c.point);
+        kernel().error[c.call] = c.error;
+        kernel().fail(c.call);
         EXPECT_EQ(mox_packet_init(), -1) << "not the unit's own error";
         EXPECT_EQ(kernel().text(), std::string(c.line) + "PACKET-FAMILY init failed\n");
         ASSERT_EQ(kernel().log.size(), 2u);
@@ -196,8 +199,8 @@ TEST_F(Load, load__control_channel_failing)
     for (int error : {-17, -12}) {
         kernel().log.clear();
         kernel().journal.clear();
-        kernel().error["genl_register"] = error;
-        kernel().fail("genl_register");
+        kernel().error[Fail::kGenlRegister] = error;
+        kernel().fail(Fail::kGenlRegister);
         EXPECT_EQ(mox_packet_init(), -1);
         EXPECT_EQ(kernel().text(), "Failed to register generic netlink family, errno " +
                                        std::to_string(error) + "\nPACKET-MSG init failed\n");
@@ -208,7 +211,7 @@ TEST_F(Load, load__control_channel_failing)
 
 TEST_F(Load, load__thread_failing_takes_the_registered_family_back)
 {
-    kernel().fail("thread_create");
+    kernel().fail(Fail::kThreadCreate);
     EXPECT_EQ(mox_packet_init(), -1);
     EXPECT_EQ(kernel().text(),
               "CAN NOT CREATE PACKET-COPY-THREAD !\nPACKET-THREAD init failed\n");
@@ -222,7 +225,7 @@ TEST_F(Load, load__thread_failing_takes_the_registered_family_back)
 // not there.
 TEST_F(Load, load__namespace_operations_failing_is_no_failure)
 {
-    kernel().fail("pernet_register");
+    kernel().fail(Fail::kPernetRegister);
     ASSERT_EQ(mox_packet_init(), 0);
     EXPECT_EQ(up(), kAll);
     EXPECT_TRUE(kernel().log.empty());
@@ -269,10 +272,11 @@ TEST_F(Load, units__second_init_changes_nothing_and_second_deinit_is_harmless)
 
 TEST_F(Load, family_init__answers_the_kernels_error)
 {
-    for (const char *point : {"proto_register", "sock_register"}) {
-        kernel().error[point] = -98;
-        kernel().fail(point);
-        EXPECT_EQ(mox_packet_family_init(), -98) << point;
+    for (Fail call : {Fail::kProtoRegister, Fail::kFamilyRegister}) {
+        SCOPED_TRACE(static_cast<int>(call));
+        kernel().error[call] = -98;
+        kernel().fail(call);
+        EXPECT_EQ(mox_packet_family_init(), -98);
         EXPECT_EQ(mox_packet_family_had_init(), 0);
     }
 }
@@ -310,7 +314,7 @@ TEST_F(Load, create__before_the_module_is_up_is_refused_and_takes_nothing)
     Sock s;
     EXPECT_EQ(s.create(), -97);
     EXPECT_EQ(s.create(kRaw, 0x0608), -97);
-    EXPECT_EQ(kernel().calls("sk_alloc"), 0u);
+    EXPECT_EQ(kernel().calls(Fail::kSkAlloc), 0u);
     EXPECT_EQ(fake::init_net().refs, 1);
     set_module_up(true);
     EXPECT_EQ(s.create(), 0);

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "module_fixture.h"
 
+#include <algorithm>
+
 #include "packet/filter.hpp"
 
 using namespace mox;
@@ -69,16 +71,18 @@ Sock &Sock::capture(u32 location, u32 treatment, int type)
     return *this;
 }
 
-const HookTraits kHooks[9] = {
-    {1, mox_packet_local_rcv, 3, 0, kQueueLocal, &g_local_packet_regular_lib, "PACKET_LOCAL_LOC"},
-    {2, mox_packet_lev2_rcv, 3, 0, kQueueLev2, &g_lev2_packet_regular_lib, "PACKET_LEV2_LOC"},
-    {3, mox_packet_ipv4_rcv, 3, 0, kQueueIpv4, &g_ipv4_packet_regular_lib, "PACKET_IPv4_LOC"},
-    {4, mox_packet_ipv6_rcv, 3, 0, kQueueIpv6, &g_ipv6_packet_regular_lib, "PACKET_IPv6_LOC"},
-    {5, mox_packet_mpls_rcv, 3, 0, kQueueMpls, &g_mpls_packet_regular_lib, "PACKET_MPLS_LOC"},
-    {6, mox_packet_trill_rcv, 3, 0, kQueueTrill, &g_trill_packet_regular_lib, "PACKET_TRILL_LOC"},
-    {7, mox_packet_resv_rcv, 0, 0xffffffffu, kQueueResv, &g_resv_packet_regular_lib, "PACKET_RESV_LOC"},
-    {8, mox_packet_wlan_in_rcv, 3, 0, kQueueWlan, &g_wlan_packet_regular_lib, "PACKET_WLAN_LOC"},
-    {8, mox_packet_wlan_out_rcv, 3, 0, kQueueWlan, &g_wlan_packet_regular_lib, "PACKET_WLAN_LOC"},
+HookTraits::HookTraits(contract::HookId id, u32 location, u32 (*func)(void))
+    : location(location), func(func), taken(contract::kHooks[id].taken), go_on(contract::kHooks[id].go_on),
+      queue(contract::kLocations[location].queue), lib(lib_of(location)), name(contract::location_name(location))
+{
+}
+
+const HookTraits kHooks[contract::kHookIds] = {
+    {contract::kLocalHook, 1, mox_packet_local_rcv}, {contract::kLev2Hook, 2, mox_packet_lev2_rcv},
+    {contract::kIpv4Hook, 3, mox_packet_ipv4_rcv}, {contract::kIpv6Hook, 4, mox_packet_ipv6_rcv},
+    {contract::kMplsHook, 5, mox_packet_mpls_rcv}, {contract::kTrillHook, 6, mox_packet_trill_rcv},
+    {contract::kResvHook, 7, mox_packet_resv_rcv}, {contract::kWlanInHook, 8, mox_packet_wlan_in_rcv},
+    {contract::kWlanOutHook, 8, mox_packet_wlan_out_rcv},
 };
 
 void ModuleTest::SetUp()
@@ -104,9 +108,9 @@ void ModuleTest::TearDown()
 {
     kernel().at.clear();
     for (u32 location = 1; location <= 8; location++) {
-        verify(kLibs[location]);
-        EXPECT_EQ(kLibs[location]->regular_count, 0u) << "rules left at location " << location;
-        EXPECT_EQ(kLibs[location]->filter_count, 0u) << "keys left at location " << location;
+        verify(lib_of(location));
+        EXPECT_EQ(lib_of(location)->regular_count, 0u) << "rules left at location " << location;
+        EXPECT_EQ(lib_of(location)->filter_count, 0u) << "keys left at location " << location;
     }
     oracle::Counters left = counters();
     left.data_failures = left.item_failures = 0;
@@ -118,8 +122,8 @@ void ModuleTest::TearDown()
 
 u32 ModuleTest::hook(u32 (*func)(void), void *efbuff, int cpu)
 {
-    u32 taken = func == mox_packet_resv_rcv ? 0 : 3;
-    return efmp().call(func, efbuff, taken, cpu);
+    auto *known = std::find_if(std::begin(kHooks), std::end(kHooks), [&](auto &h) { return h.func == func; });
+    return efmp().call(func, efbuff, known->taken, cpu);
 }
 
 void ModuleTest::drain() { kernel().run_thread(); }

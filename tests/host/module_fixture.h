@@ -79,13 +79,15 @@ protected:
     u32 port = 0;  // interface 7
 };
 
-// The receive function of each location, and its answers.
+// The receive functions, and what the contract says of each; by contract::HookId.
 struct HookTraits {
+    HookTraits(contract::HookId id, u32 location, u32 (*func)(void));
+
     u32 location;
     u32 (*func)(void);
     u32 taken, go_on;
     int queue;
     packet_regular_lib *lib;
-    const char *name;
+    const char *name;  // the location's
 };
-extern const HookTraits kHooks[9];
+extern const HookTraits kHooks[contract::kHookIds];

@@ -132,20 +132,20 @@ void verify(const packet_regular_lib *lib)
 void verify_all()
 {
     for (u32 location = 1; location <= 8; location++)
-        verify(kLibs[location]);
+        verify(lib_of(location));
 }
 
 oracle::Counters counters()
 {
     oracle::Counters c;
-    for (u32 i = 0; i < 20; i++) {
+    for (u32 i = 0; i < contract::kTypes; i++) {
         c.data[i] = g_regular_data_stats[i];
         c.item[i] = g_regular_item_stats[i];
     }
-    c.entries = g_regular_data_stats[20];
-    c.copies = g_regular_data_stats[21];
-    c.data_failures = g_regular_data_stats[22];
-    c.item_failures = g_regular_item_stats[22];
+    c.entries = g_regular_data_stats[contract::kLiveEntries];
+    c.copies = g_regular_data_stats[contract::kLiveCopies];
+    c.data_failures = g_regular_data_stats[contract::kFailedAllocations];
+    c.item_failures = g_regular_item_stats[contract::kFailedAllocations];
     return c;
 }
 
@@ -228,9 +228,9 @@ void RulesTest::TearDown()
     kernel().at.clear();
     if (mox_packet_regular_inited)
         for (u32 location = 1; location <= 8; location++) {
-            verify(kLibs[location]);
-            EXPECT_EQ(kLibs[location]->regular_count, 0u);
-            EXPECT_EQ(kLibs[location]->filter_count, 0u);
+            verify(lib_of(location));
+            EXPECT_EQ(lib_of(location)->regular_count, 0u);
+            EXPECT_EQ(lib_of(location)->filter_count, 0u);
         }
     oracle::Counters left = counters();
     left.data_failures = left.item_failures = 0;

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "contract/locations.h"
 #include "fake/fixture.h"
 #include "locations/registration.hpp"
 #include "base/list.hpp"
@@ -18,15 +19,20 @@
 using namespace mox;
 
 using fake::efmp;
+using fake::Fail;
 using fake::kernel;
+using fake::Point;
 
-// The libraries by location, as the module files them.
-inline packet_regular_lib *const kLibs[11] = {
-    nullptr, &g_local_packet_regular_lib, &g_lev2_packet_regular_lib, &g_ipv4_packet_regular_lib,
-    &g_ipv6_packet_regular_lib, &g_mpls_packet_regular_lib, &g_trill_packet_regular_lib,
-    &g_resv_packet_regular_lib, &g_wlan_packet_regular_lib, &g_resv_packet_regular_lib,
-    &g_resv_packet_regular_lib,
-};
+// The library of a location that has one.
+inline packet_regular_lib *lib_of(u32 location)
+{
+    packet_regular_lib *const libs[contract::kLibraries] = {
+        &g_local_packet_regular_lib, &g_lev2_packet_regular_lib, &g_ipv4_packet_regular_lib,
+        &g_ipv6_packet_regular_lib, &g_mpls_packet_regular_lib, &g_trill_packet_regular_lib,
+        &g_resv_packet_regular_lib, &g_wlan_packet_regular_lib,
+    };
+    return libs[contract::library(location)];
+}
 
 // A rule as plain values, comparable.
 struct RuleView {

@@ -5,7 +5,7 @@ LocalMac g_local_mac;
 
 namespace {
 
-// Exactly as long as it says, so that a byte read beyond it is found.
+// Exactly as long as its content, so that a byte read beyond it is found.
 class Exact {
 public:
     explicit Exact(const std::optional<Bytes> &content)
@@ -63,11 +63,11 @@ void SendTest::SetUp()
     efmp().add_interface(9, "eth9", mac);
     set_link(9, 0);
     publish_local_mac();
-    kernel().at["output"] = [this](const void *efbuff) {
+    kernel().at.watch(Point::kOutput, [this](const void *efbuff) {
         char text[16];
         snprintf(text, sizeof text, "%08x", fake::word(efbuff));
         efbuff_text = text;
-    };
+    });
     ASSERT_EQ(s.create(), 0);
     lines();
 }

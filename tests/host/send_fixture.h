@@ -5,6 +5,7 @@
 
 #include <optional>
 
+#include "contract/sockets.h"
 #include "platform.h"
 #include "services/services.hpp"
 #include "socket_fixture.h"
@@ -34,11 +35,8 @@ inline Bytes control_flags(u32 flags)
     return control(record);
 }
 
-// The thirteen counters, in their order in the socket.
-enum Counter {
-    kFilterDrops, kRcvbufFullDrops, kTrimFailDrops, kRecvPackets, kSendmsgIll, kMacfuncIll, kDstintfIll,
-    kSrcintfIll, kLinkdown, kAllocFails, kCopyFails, kEfSendFails, kSendPackets, kCounters,
-};
+using enum contract::Counter;
+using contract::Counter;
 using Counters13 = std::array<u32, kCounters>;
 
 // The header of an efbuff as it must leave: zero but for what is put.

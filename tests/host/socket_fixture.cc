@@ -16,26 +16,26 @@ LockTrace::LockTrace() { arm(); }
 
 LockTrace::~LockTrace()
 {
-    kernel().at.erase("lock");
-    kernel().at.erase("unlock");
+    kernel().at.erase(Point::kLock);
+    kernel().at.erase(Point::kUnlock);
 }
 
 void LockTrace::arm()
 {
-    kernel().at["lock"] = [this](const void *lock) {
+    kernel().at.watch(Point::kLock, [this](const void *lock) {
         std::string name = name_of(kernel().held.back().second);
         names_[lock] = name;
         steps.push_back("+" + name);
         if (look)
             look(steps.back());
-    };
-    kernel().at["unlock"] = [this](const void *lock) {
+    });
+    kernel().at.watch(Point::kUnlock, [this](const void *lock) {
         // The socket lock's end names the socket.
         auto it = names_.find(lock);
         steps.push_back("-" + (it == names_.end() ? "sock" : it->second));
         if (look)
             look(steps.back());
-    };
+    });
 }
 
 void SocketTest::SetUp()
@@ -105,10 +105,11 @@ size_t SocketTest::interleave(Sock &s, const std::function<void()> &prepare,
                 on_other_cpu(other);
             }
         };
-        for (const char *point : {"locking", "lock", "unlock"})
-            kernel().at[point] = visit;
+        // Only one of the steps acts, and the last round comes to none.
+        for (Point point : {Point::kLocking, Point::kLock, Point::kUnlock})
+            kernel().at.watch(point, visit);
         call();
-        for (const char *point : {"locking", "lock", "unlock"})
+        for (Point point : {Point::kLocking, Point::kLock, Point::kUnlock})
             kernel().at.erase(point);
         if (late) {
             waited++;

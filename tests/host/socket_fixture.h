@@ -50,7 +50,7 @@ protected:
     // are kept as they are, with "<level>" in front when they carry one.
     Strings lines();
     // The rules that are in a location's library.
-    static size_t filed(u32 location) { return rules_in(&kLibs[location]->regulars).size(); }
+    static size_t filed(u32 location) { return rules_in(&lib_of(location)->regulars).size(); }
     // How often a hook stands registered with the platform.
     static bool hooked(const std::string &name) { return efmp().registered[name] != 0; }
     static Items items(Sock &s) { return view(s.po().regular).items; }

@@ -113,7 +113,7 @@ TEST_F(Line, flush__that_fails_loses_what_was_staged)
 {
     begin(0);
     REPORT_LINE("lost\n");
-    kernel().fail("kernel_write");
+    kernel().fail(Fail::kFileWrite);
     report_flush();
     EXPECT_EQ(g_file_bufflen, 0u);
     REPORT_LINE("kept\n");

@@ -102,7 +102,7 @@ TEST_F(TechDump, path__without_a_working_directory_is_vsd_0s)
     kernel().cwd_renders = false;
     EXPECT_EQ(dump().begin()->first, "/tmp/vsd/0//ef/af_packet/afpacketdump");
     kernel().cwd_renders = true;
-    kernel().fail("kzalloc");
+    kernel().fail(Fail::kKzalloc);
     EXPECT_EQ(dump().begin()->first, "/tmp/vsd/0//ef/af_packet/afpacketdump");
     EXPECT_EQ(said(), "Failed to kmalloc buf.\n");
 }
@@ -132,23 +132,23 @@ TEST_F(TechDump, file__every_report_and_nothing_in_the_log)
 
 // ---- failures -----------------------------------------------------------------------------
 
-TEST_F(TechDump, open__failing_is_told_while_debugging)
+TEST_F(TechDump, open__failing_is_printed_while_debugging)
 {
     kernel().cwd = "/data/var/run/vsd/5";
     for (bool on : {false, true}) {
         debug(on);
-        kernel().fail("filp_open");
+        kernel().fail(Fail::kFileOpen);
         EXPECT_TRUE(dump().empty());
         EXPECT_EQ(said(), on ? tagged("Failed to open file: /tmp/vsd/5//ef/af_packet/afpacketdump.\n") : "");
     }
-    EXPECT_EQ(kernel().calls("vzalloc"), 0u);
+    EXPECT_EQ(kernel().calls(Fail::kVzalloc), 0u);
 }
 
-TEST_F(TechDump, buffer__failing_is_told_and_the_file_closed)
+TEST_F(TechDump, buffer__failing_is_printed_and_the_file_closed)
 {
     for (bool on : {false, true}) {
         debug(on);
-        kernel().fail("vzalloc");
+        kernel().fail(Fail::kVzalloc);
         EXPECT_EQ(text(), "");
         EXPECT_EQ(said(), on ? tagged("Vmalloc file buff failed.\n") : "");
         EXPECT_TRUE(kernel().open_files.empty());
@@ -163,7 +163,7 @@ TEST_F(TechDump, write__each_one_failing_loses_its_part_only)
     ASSERT_GT(writes.size(), 8u);
     size_t at = 0;
     for (size_t i = 0; i < writes.size(); at += writes[i++]) {
-        kernel().fail("kernel_write", i + 1);
+        kernel().fail(Fail::kFileWrite, i + 1);
         EXPECT_EQ(text(), whole.substr(0, at) + whole.substr(at + writes[i])) << "write " << i;
     }
 }
@@ -259,7 +259,7 @@ TEST_F(TechDump, race__rules_that_go_between_two_portions)
 {
     open_sockets(3000, PACKET_IPv4_LOC, false);
     int portions = 0;
-    kernel().at["write"] = [&](const void *) {
+    kernel().at[Point::kWrite] = [&](const void *) {
         portions++;
         while (socks.size() > 100 && kernel().writes.back() > kStagingSize / 2)
             socks.pop_back();
@@ -271,13 +271,13 @@ TEST_F(TechDump, race__rules_that_go_between_two_portions)
     EXPECT_EQ(socks.size(), 100u);
 }
 
-// The list grows faster than it is told, for as long as the report lasts: it ends all
+// The list grows faster than it is printed, for as long as the report lasts: it ends all
 // the same, about where the list ended at first.
 TEST_F(TechDump, race__rules_that_come_between_two_portions)
 {
     open_sockets(2000, PACKET_IPv4_LOC, true);
     int writes = 0;
-    kernel().at["write"] = [&](const void *) {
+    kernel().at[Point::kWrite] = [&](const void *) {
         ASSERT_LT(writes++, 100) << "a report without an end";
         if (kernel().writes.back() > kStagingSize / 2)
             open_sockets(1800, PACKET_IPv4_LOC, true);
@@ -304,7 +304,7 @@ TEST_F(TechDump, race__socket_report_of_another_task)
     kernel().comm = "captured";
     const std::string report = printed([&] { mox_packet_sock_dump(&other.po()); });
     int asked = 0;
-    kernel().at["write"] = [&](const void *) {
+    kernel().at[Point::kWrite] = [&](const void *) {
         kernel().pid = 9999;
         EXPECT_EQ(other.setsockopt(MOX_PACKET_DUMP_SOCKET, u32_bytes(0)), 0);
         kernel().pid = 4711;
@@ -324,8 +324,8 @@ TEST_F(TechDump, race__socket_report_of_another_task)
 TEST_F(TechDump, request__file_first_then_the_answer)
 {
     std::string at_answer;
-    kernel().fault = [&](const std::string &point) {
-        if (point == "genl_alloc")
+    kernel().fault = [&](Fail call) {
+        if (call == Fail::kGenlAlloc)
             at_answer = kernel().disk["/tmp/vsd/0//ef/af_packet/afpacketdump"];
         return false;
     };

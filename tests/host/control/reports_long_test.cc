@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Long reports are told in portions, with the locks dropped between: how many, and what
-// is told of a list that changes meanwhile.
+// Long reports are printed in batches, with the locks dropped between: how many, and what
+// is printed of a list that changes meanwhile.
 #include "control_fixture.h"
 
 namespace {
@@ -71,7 +71,7 @@ TEST_F(LongReport, sockets__eight_in_the_log_under_one_lock)
     }
 }
 
-// Only what is told counts: looking for one process among many is one look.
+// Only what is printed counts: looking for one process among many is one look.
 TEST_F(LongReport, sockets__that_are_passed_over_cost_nothing)
 {
     open_sockets(100);
@@ -90,13 +90,13 @@ TEST_F(LongReport, filter_list__64_blocks_in_the_log_under_one_lock)
     EXPECT_EQ(text, wanted + "\n");
 }
 
-// Sockets that go between two portions: nothing is told that is not there, and those
-// in front of them may make others be missed.
+// Sockets that go between two batches: nothing is printed that is not there, and others
+// may be left out when sockets in front of them go.
 TEST_F(LongReport, race__sockets_that_go)
 {
     open_sockets(40);
     bool gone = false;
-    kernel().at["schedule"] = [&](const void *) {
+    kernel().at[Point::kSchedule] = [&](const void *) {
         if (gone)
             return;
         gone = true;
@@ -108,12 +108,12 @@ TEST_F(LongReport, race__sockets_that_go)
     EXPECT_EQ(processes(), numbered(0, 8) + numbered(10, 22));
 }
 
-// Sockets that come as fast as others are told: the report ends where the list ended.
+// Sockets that come as fast as others are printed: the report ends where the list ended.
 TEST_F(LongReport, race__sockets_that_come)
 {
     open_sockets(40);
     int portions = 0;
-    kernel().at["schedule"] = [&](const void *) {
+    kernel().at[Point::kSchedule] = [&](const void *) {
         ASSERT_LT(portions++, 100) << "a report without an end";
         open_sockets(20);
     };

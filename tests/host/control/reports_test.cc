@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// The reports on locations, filter lists, queues, processes and memory, word by word.
-// Own tests have the lines (report_line_test.cc), how long reports are portioned
-// (report_long_test.cc) and the report of one socket (dump_test.cc).
+// The reports on locations, filter lists, queues and processes, word by word. Tests of their
+// own: single lines (base/report_test.cc), long reports (reports_long_test.cc), memory
+// (memory_report_test.cc) and the report on one socket (socket/dump_test.cc).
+#include "contract/reports.h"
 #include "control_fixture.h"
 
 namespace {
@@ -25,20 +26,17 @@ protected:
     {
         return printed([&] { mox_packet_sock_dump(&s.po()); });
     }
-    static std::string queues(const std::string &location)
+    static std::string queues(u32 location)
     {
-        return "location: " + location + "\ncpu 0 efbuff cnt:      0\ncpu 1 efbuff cnt:      0\n\n";
+        return contract::joined(contract::queue_pieces(location, 2));
     }
 
     std::vector<std::unique_ptr<Rule>> rules;
 };
 
-const char *const kNames[] = {"PACKET_LOCAL_LOC", "PACKET_LEV2_LOC", "PACKET_IPv4_LOC", "PACKET_IPv6_LOC",
-                              "PACKET_MPLS_LOC", "PACKET_TRILL_LOC", "PACKET_RESV_LOC", "PACKET_WLAN_LOC"};
-
 // ---- a location ----------------------------------------------------------------------------
 
-TEST_F(Report, show_regular__illegal_index_is_told_while_debugging)
+TEST_F(Report, show_regular__illegal_index_is_printed_while_debugging)
 {
     for (u32 index : {8u, 9u, 255u, 0xffffffffu}) {
         debug(false);
@@ -53,7 +51,7 @@ TEST_F(Report, show_regular__each_location_empty)
 {
     for (u32 index = 0; index < 8; index++)
         EXPECT_EQ(printed([&] { mox_packet_show_regular(index); }),
-                  queues(kNames[index]) + "\nfilter regular list cnt: 0\n");
+                  contract::joined(contract::location_pieces(index + 1, 2)));
 }
 
 TEST_F(Report, show_regular__queues_sockets_and_filter_list)
@@ -72,7 +70,7 @@ TEST_F(Report, show_regular__queues_sockets_and_filter_list)
     ASSERT_EQ(trap.set(PACKET_LOCATION, PACKET_IPv4_LOC), 0);
     const std::string one = sock_dump(trap), two = sock_dump(copy);
     EXPECT_EQ(printed([] { mox_packet_show_regular(2); }),
-              queues("PACKET_IPv4_LOC") + one + two +
+              queues(PACKET_IPv4_LOC) + one + two +
                   "\n"
                   "filter regular list cnt: 1\n"
                   "regular type:  PACKET_ETH_PROT_EQUAL\n"
@@ -184,7 +182,7 @@ TEST_F(Report, cpu_queue__of_each_location)
     }
 }
 
-TEST_F(Report, cpu_queue__illegal_location_is_told_while_debugging)
+TEST_F(Report, cpu_queue__illegal_location_is_printed_while_debugging)
 {
     for (int location : {0, 9, 10, 255, -1}) {
         debug(false);
@@ -220,7 +218,7 @@ TEST_F(Report, spec__by_name_and_by_pid)
     EXPECT_EQ(spec(13, 2, "dhcpd", 7), "") << "no such kind";
 }
 
-TEST_F(Report, spec__what_is_illegal_is_told_while_debugging)
+TEST_F(Report, spec__what_is_illegal_is_printed_while_debugging)
 {
     const struct { u32 kind, location; const char *name; s32 pid; const char *line; } cases[] = {
         {12, 2, nullptr, 0, "pid is <= 0!\n"},
@@ -239,85 +237,6 @@ TEST_F(Report, spec__what_is_illegal_is_told_while_debugging)
         debug();
         EXPECT_EQ(printed(call), tagged(std::string("MOX-PACKET-SHOW-REGULAR-SPEC: ") + c.line));
     }
-}
-
-// ---- memory -----------------------------------------------------------------------------------------
-
-TEST_F(Report, memory__every_counter_at_its_label)
-{
-    u32 saved[2][23];
-    memcpy(saved[0], g_regular_item_stats, sizeof saved[0]);
-    memcpy(saved[1], g_regular_data_stats, sizeof saved[1]);
-    for (u32 i = 0; i < 23; i++) {
-        g_regular_item_stats[i] = 100 + i;
-        g_regular_data_stats[i] = 200 + i;
-    }
-    g_regular_data_stats[19] = 4294967295u;
-    g_packet_regular_data_alloc = 4294967294u;
-    g_packet_regular_data_free = 12;
-    g_alloc_skb_num = 77;
-    g_free_skb_num = 4294967295u;
-    EXPECT_EQ(printed([] { mox_packet_dump_mem(); }),
-              "------------------ DUMP PACKET DATA MEM ----------------- \n"
-              "regular data alloc:     4294967294\n"
-              "regular data free:      12\n"
-              "\n--------------------- ITEM MEM ---------------------\n"
-              "PACKET_CODE:  100\n"
-              "DST MAC:      101\n"
-              "SRC MAC:      102\n"
-              "ETH PRO:      103\n"
-              "SNAP PRO:     104\n"
-              "IPV4 PRO:     105\n"
-              "IPV6 PRO:     106\n"
-              "DST PORT NUM: 107\n"
-              "SRC PORT NUM: 108\n"
-              "SRC INTF:     110\n"
-              "IPV6 DST PORT:109\n"
-              "PID TYPE:     117\n"
-              "ICMPV6 TYPE:  111\n"
-              "ARP TYPE:     119\n"
-              "IPv4 MCAST:   112\n"
-              "IPv6 MCAST:   113\n"
-              "WLAN MGNT:    118\n"
-              "EAPOL TYPE:   114\n"
-              "EAPOL WPS TYPE:115\n"
-              "PACKET ALL:   116\n"
-              "ALLOC FAILED: 122\n"
-              "\n--------------------- DATA MEM ---------------------\n"
-              "PACKET_CODE:  200\n"
-              "DST MAC:      201\n"
-              "SRC MAC:      202\n"
-              "ETH PRO:      203\n"
-              "SNAP PRO:     204\n"
-              "IPV4 PRO:     205\n"
-              "IPV6 PRO:     206\n"
-              "DST PORT NUM: 207\n"
-              "SRC PORT NUM: 208\n"
-              "SRC INTF:     210\n"
-              "IPV6 DST PORT:209\n"
-              "PID TYPE:     217\n"
-              "ICMPV6 TYPE:  211\n"
-              "ARP TYPE:     4294967295\n"
-              "EAPOL TYPE:   214\n"
-              "EAPOL WPS TYPE:215\n"
-              "FILTER LIST:  220\n"
-              "REGULAR:      221\n"
-              "ALLOC FAILED: 222\n"
-              "---------------  SKB NUM ----------------\n"
-              "AF-PACKET alloc 77 skbs\n"
-              "AF-PACKET free  -1 skbs\n");
-    memcpy(g_regular_item_stats, saved[0], sizeof saved[0]);
-    memcpy(g_regular_data_stats, saved[1], sizeof saved[1]);
-    g_packet_regular_data_alloc = g_packet_regular_data_free = 0;
-}
-
-TEST_F(Report, memory__the_three_parts_are_reports_of_their_own)
-{
-    std::string whole = printed([] { mox_packet_dump_mem(); });
-    std::string parts = printed([] { mox_packet_regular_data_mem_dump(); }) +
-                        printed([] { mox_packet_dump_item_mem(); }) + printed([] { mox_packet_dump_data_mem(); });
-    EXPECT_EQ(whole, parts + "---------------  SKB NUM ----------------\n"
-                             "AF-PACKET alloc 0 skbs\nAF-PACKET free  0 skbs\n");
 }
 
 // ---- locks ----------------------------------------------------------------------------------------------

@@ -32,7 +32,7 @@ protected:
         static const char *const cwds[] = {"/root", "/data/var/run/vsd/3/x", "/data/var/run/vsd/999"};
         kernel().cwd = cwds[below(3)];
         kernel().cwd_renders = below(10);
-        kernel().fault = [this](const std::string &) { return below(50) == 0; };
+        kernel().fault = [this](Fail) { return below(50) == 0; };
     }
 
     std::mt19937 rng;

@@ -18,21 +18,21 @@ TEST_F(Msg, init__registers_once)
 {
     EXPECT_EQ(mox_packet_msg_inited, 1);
     EXPECT_EQ(mox_packet_msg_init(), 0);
-    EXPECT_EQ(kernel().calls("genl_register"), 1u);
+    EXPECT_EQ(kernel().calls(Fail::kGenlRegister), 1u);
     mox_packet_msg_deinit();
     EXPECT_EQ(mox_packet_msg_inited, 0);
     mox_packet_msg_deinit();
     EXPECT_EQ(kernel().journal, Strings{"genl-"});
     EXPECT_EQ(mox_packet_msg_init(), 0);
-    EXPECT_EQ(kernel().calls("genl_register"), 2u);
+    EXPECT_EQ(kernel().calls(Fail::kGenlRegister), 2u);
 }
 
-TEST_F(Msg, init__failure_is_told_and_passed_back)
+TEST_F(Msg, init__failure_is_printed_and_passed_back)
 {
     mox_packet_msg_deinit();
     for (int error : {-17, -12, -1}) {
-        kernel().error["genl_register"] = error;
-        kernel().fail("genl_register");
+        kernel().error[Fail::kGenlRegister] = error;
+        kernel().fail(Fail::kGenlRegister);
         EXPECT_EQ(mox_packet_msg_init(), error);
         EXPECT_EQ(said(), "Failed to register generic netlink family, errno " + std::to_string(error) + "\n");
         EXPECT_EQ(mox_packet_msg_inited, 0);
@@ -130,7 +130,7 @@ TEST_F(Msg, recv__attribute_header_and_command_are_not_looked_at)
     }
 }
 
-TEST_F(Msg, recv__tells_the_attributes_length_and_counts)
+TEST_F(Msg, recv__prints_the_attributes_length_and_counts)
 {
     debug();
     const u32 before = g_packet_msg_recv;
@@ -158,7 +158,7 @@ TEST_F(Msg, recv__longer_than_a_record)
 
 // ---- dispatching ------------------------------------------------------------------------
 
-TEST_F(Msg, deal__says_who_asks_for_every_type_but_16)
+TEST_F(Msg, deal__prints_who_asks_for_every_type_but_16)
 {
     kernel().comm = "fifteen-letters";
     const std::string who = "Deal message from 74565, fifteen-letters.\n";
@@ -318,23 +318,23 @@ TEST_F(Msg, ask__answer_to_the_byte)
 
 TEST_F(Msg, ask__each_failure)
 {
-    const struct { const char *point; int result; const char *line; } cases[] = {
-        {"genl_alloc", -12, "Malloc skb fail.\n"},
-        {"genl_put", -1, "Genlmsg_put fail.\n"},
-        {"nla_put", -1, "Nla_put fail, ret -90.\n"},
-        {"genl_unicast", -1, "Genlmsg_unicast fail, ret -111.\n"},
+    const struct { Fail call; int result; const char *line; } cases[] = {
+        {Fail::kGenlAlloc, -12, "Malloc skb fail.\n"},
+        {Fail::kGenlPut, -1, "Genlmsg_put fail.\n"},
+        {Fail::kNlaPut, -1, "Nla_put fail, ret -90.\n"},
+        {Fail::kGenlUnicast, -1, "Genlmsg_unicast fail, ret -111.\n"},
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(c.point);
+        SCOPED_TRACE(c.line);
         debug(false);
-        kernel().fail(c.point);
+        kernel().fail(c.call);
         EXPECT_EQ(pkt_ask_msg(kClient), c.result);
         EXPECT_EQ(said(), "");
         debug();
-        kernel().fail(c.point);
+        kernel().fail(c.call);
         EXPECT_EQ(pkt_ask_msg(kClient), c.result);
         EXPECT_EQ(said(), tagged(c.line));
-        kernel().fail(c.point);
+        kernel().fail(c.call);
         ask(16);
         EXPECT_FALSE(kernel().said(tagged("Ask msg success.\n")));
         kernel().log.clear();
@@ -345,10 +345,10 @@ TEST_F(Msg, ask__each_failure)
 
 TEST_F(Msg, ask__is_sent_without_a_file)
 {
-    kernel().fail("filp_open");
+    kernel().fail(Fail::kFileOpen);
     ask(16);
     EXPECT_EQ(kernel().answers.size(), 1u);
-    kernel().fail("vzalloc");
+    kernel().fail(Fail::kVzalloc);
     ask(16);
     EXPECT_EQ(kernel().answers.size(), 2u);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The requests of the control channel that change something: the debug switches, the
 // hooks' switch and the filter for frames.
+#include "contract/control.h"
 #include "control_fixture.h"
 
 namespace {
@@ -27,13 +28,7 @@ TEST_F(Msg, debug__every_type_with_every_value)
                 memset(mox_packet_debug, before, sizeof mox_packet_debug);
                 mox_packet_debug[9] = mox_packet_debug[18] = 0;
                 std::vector<u8> wanted = switches();
-                u32 from = type, to = type;
-                if (type == 9)
-                    from = 1, to = 8;
-                else if (type == 18)
-                    from = 10, to = 17;
-                else if (type > 18)
-                    from = 1, to = 0;
+                const auto [from, to] = contract::switches_of(type);
                 for (u32 i = from; i <= to; i++)
                     wanted[i] = u8(value);
                 ask(14, debug_body(type, value));
@@ -45,7 +40,7 @@ TEST_F(Msg, debug__every_type_with_every_value)
     memset(mox_packet_debug, 0, sizeof mox_packet_debug);
 }
 
-TEST_F(Msg, debug__is_told_while_debugging)
+TEST_F(Msg, debug__is_printed_while_debugging)
 {
     debug();
     const struct { u32 type, value; Strings lines; } cases[] = {
@@ -69,7 +64,7 @@ TEST_F(Msg, debug__is_told_while_debugging)
 }
 
 // The switch is looked at before it changes.
-TEST_F(Msg, debug__general_switch_going_off_is_told_and_going_on_is_not)
+TEST_F(Msg, debug__general_switch_going_off_is_printed_and_going_on_is_not)
 {
     debug();
     ask(14, debug_body(0, 0));
@@ -83,54 +78,39 @@ TEST_F(Msg, debug__general_switch_going_off_is_told_and_going_on_is_not)
 
 // ---- hook switch -----------------------------------------------------------------------------
 
-struct HookCase {
-    u32 type, location;
-    Strings away, back;
-};
-
-const HookCase kHookCases[] = {
-    {19, 1, {"dereg_output local"}, {"reg_output local"}},
-    {20, 2, {"dereg_module lev2"}, {"reg_module lev2"}},
-    {21, 3, {"dereg_module ipv4"}, {"reg_module ipv4"}},
-    {22, 4, {"dereg_module ipv6"}, {"reg_module ipv6"}},
-    {23, 5, {}, {}},
-    {24, 6, {}, {}},
-    {25, 7, {"dereg_recv resv"}, {"reg_recv resv"}},
-    {26, 8, {"dereg_module wlan", "dereg_output wlan_out"}, {"reg_module wlan", "reg_output wlan_out"}},
-};
-
 TEST_F(Msg, hook__each_location_with_a_filled_library)
 {
-    for (auto &c : kHookCases) {
-        SCOPED_TRACE(c.type);
-        Rule rule(c.location, PACKET_COPY);
+    for (u32 location = 1; location <= contract::kLibraries; location++) {
+        SCOPED_TRACE(location);
+        const Strings away = contract::hook_calls(location, false), back = contract::hook_calls(location, true);
+        Rule rule(location, PACKET_COPY);
         rule.item(PACKET_ALL).add();
         auto turned = [&](u32 value) {
             efmp().registrations.clear();
-            ask(14, debug_body(c.type, value));
+            ask(14, debug_body(contract::hook_switch(location), value));
             return efmp().registrations;
         };
-        EXPECT_EQ(turned(1), c.away);
-        for (const std::string &call : c.away)
+        EXPECT_EQ(turned(1), away);
+        for (const std::string &call : away)
             EXPECT_FALSE(hooked(call.substr(call.find(' ') + 1)));
-        EXPECT_EQ(turned(256), c.back) << "the low byte counts";
-        for (const std::string &call : c.back)
+        EXPECT_EQ(turned(256), back) << "the low byte counts";
+        for (const std::string &call : back)
             EXPECT_TRUE(hooked(call.substr(call.find(' ') + 1)));
-        EXPECT_EQ(turned(255), c.away);
-        EXPECT_EQ(turned(0), c.back);
+        EXPECT_EQ(turned(255), away);
+        EXPECT_EQ(turned(0), back);
         kernel().log.clear();
     }
 }
 
 TEST_F(Msg, hook__each_location_with_an_empty_library)
 {
-    for (auto &c : kHookCases) {
-        SCOPED_TRACE(c.type);
+    for (u32 location = 1; location <= contract::kLibraries; location++) {
+        SCOPED_TRACE(location);
         efmp().registrations.clear();
-        ask(14, debug_body(c.type, 0));
+        ask(14, debug_body(contract::hook_switch(location), 0));
         EXPECT_EQ(efmp().registrations, Strings{}) << "nothing to put back";
-        ask(14, debug_body(c.type, 1));
-        // A module record knows that it is not registered; the functions do not.
+        ask(14, debug_body(contract::hook_switch(location), 1));
+        // A module record holds whether it is registered; functions have no such state.
         for (const std::string &call : efmp().registrations)
             EXPECT_EQ(call.find("dereg_module"), std::string::npos);
     }
@@ -145,13 +125,13 @@ TEST_F(Msg, hook__all_in_order_and_the_record_keeps_the_last)
     }
     for (u32 value : {1u, 0u}) {
         Strings wanted;
-        for (auto &c : kHookCases)
-            for (const std::string &call : value ? c.away : c.back)
+        for (u32 location = 1; location <= contract::kLibraries; location++)
+            for (const std::string &call : contract::hook_calls(location, !value))
                 wanted.push_back(call);
         efmp().registrations.clear();
         mox_packet_request r{};
         r.msg_type = 14;
-        r.body.debug.type = 27;
+        r.body.debug.type = contract::kEveryHookSwitch;
         r.body.debug.is_open = value;
         EXPECT_EQ(mox_packet_msg_deal(&r, kClient), 0);
         EXPECT_EQ(efmp().registrations, wanted);
@@ -194,13 +174,13 @@ TEST_F(Msg, hook__refused_by_the_platform)
     s.capture(PACKET_IPv4_LOC, PACKET_COPY);
     ask(14, debug_body(21, 1));
     kernel().log.clear();
-    kernel().fail("reg_module");
+    kernel().fail(Fail::kRegModule);
     ask(14, debug_body(21, 0));
     EXPECT_EQ(answer(), "reg PACKET-IPV4-MODULE failed\n");
     EXPECT_FALSE(hooked("ipv4"));
     const u32 body[2] = {21, 0};
-    kernel().error["reg_module"] = -77;
-    kernel().fail("reg_module");
+    kernel().error[Fail::kRegModule] = -77;
+    kernel().fail(Fail::kRegModule);
     EXPECT_EQ(mox_packet_dereg_msg_deal(body), -77);
     EXPECT_EQ(mox_packet_dereg_msg_deal(body), 0);
     EXPECT_TRUE(hooked("ipv4"));
@@ -228,7 +208,7 @@ TEST_F(Msg, hook__turned_while_the_last_rule_goes)
     ask(14, debug_body(20, 1));
     // The last rule goes just before the hook lock is taken to put the hook back.
     bool gone = false;
-    kernel().at["locking"] = [&](const void *) {
+    kernel().at[Point::kLocking] = [&](const void *) {
         if (!gone) {
             gone = true;
             on_other_cpu([&] { s.release(); });
@@ -295,7 +275,7 @@ TEST_F(Msg, filter__vlan_word_carries_the_senders_vsd)
 TEST_F(Msg, filter__without_memory_for_the_path_is_set_for_vsd_0)
 {
     kernel().cwd = "/data/var/run/vsd/3";
-    kernel().fail("kzalloc");
+    kernel().fail(Fail::kKzalloc);
     kernel().log.clear();
     ask(15, filter_record(1, 2, 5));
     ASSERT_EQ(kernel().log.size(), 2u);
@@ -305,7 +285,7 @@ TEST_F(Msg, filter__without_memory_for_the_path_is_set_for_vsd_0)
     EXPECT_EQ(Bytes(stored.begin() + 8, stored.begin() + 12), (Bytes{0, 0, 0, 5}));
 }
 
-TEST_F(Msg, filter__is_told_while_debugging)
+TEST_F(Msg, filter__is_printed_while_debugging)
 {
     kernel().cwd = "/data/var/run/vsd/2";
     debug();

@@ -7,6 +7,8 @@
 
 using fake::breach;
 using fake::kernel;
+using fake::Fail;
+using fake::Point;
 
 namespace {
 
@@ -45,10 +47,9 @@ int seam_scnprintf(char *buf, size_t size, const char *fmt, ...)
 int seam_genl_register(void)
 {
     kernel().may_sleep("genl_register_family");
-    if (kernel().failing("genl_register")) {
+    if (kernel().failing(Fail::kGenlRegister)) {
         kernel().journal.push_back("genl+ fails");
-        int given = kernel().error["genl_register"];
-        return given ? given : -EEXIST;
+        return kernel().error_of(Fail::kGenlRegister, -EEXIST);
     }
     if (kernel().genl_registered)
         breach("genl_register_family twice");
@@ -72,7 +73,7 @@ u32 seam_genl_client(const genl_info *info) { return info->client; }
 sk_buff *seam_genl_alloc(void)
 {
     kernel().may_sleep("nlmsg_new");
-    if (kernel().failing("genl_alloc"))
+    if (kernel().failing(Fail::kGenlAlloc))
         return nullptr;
     auto *skb = new sk_buff;
     skb->room.assign(36, 0xa5);
@@ -82,7 +83,7 @@ sk_buff *seam_genl_alloc(void)
 
 void *seam_genl_put(sk_buff *skb, u32 client)
 {
-    if (kernel().failing("genl_put"))
+    if (kernel().failing(Fail::kGenlPut))
         return nullptr;
     auto *head = static_cast<uint8_t *>(seam_skb_put(skb, kHeaders));
     const uint32_t begun = 0, seq = 0;
@@ -99,7 +100,7 @@ void *seam_genl_put(sk_buff *skb, u32 client)
 
 int seam_genl_put_empty(sk_buff *skb, int type)
 {
-    if (kernel().failing("nla_put"))
+    if (kernel().failing(Fail::kNlaPut))
         return -EMSGSIZE;
     const uint16_t attr[2] = {4, static_cast<uint16_t>(type)};
     std::memcpy(seam_skb_put(skb, 4), attr, 4);
@@ -116,7 +117,7 @@ void seam_genl_end(sk_buff *skb, void *message)
 int seam_genl_unicast(sk_buff *skb, u32 client)
 {
     int result = static_cast<int>(skb->len);
-    if (kernel().failing("genl_unicast"))
+    if (kernel().failing(Fail::kGenlUnicast))
         result = -ECONNREFUSED;
     else
         kernel().answers.push_back({client, {skb->room.begin(), skb->room.begin() + skb->len}});
@@ -129,8 +130,8 @@ void seam_genl_free(sk_buff *skb) { forget(skb, "nlmsg_free"); }
 file *seam_file_open(const char *path)
 {
     kernel().may_sleep("filp_open");
-    kernel().event("open");
-    if (kernel().failing("filp_open"))
+    kernel().event(Point::kOpen);
+    if (kernel().failing(Fail::kFileOpen))
         return nullptr;
     kernel().disk[path].clear();
     auto *f = new file{path};
@@ -143,12 +144,12 @@ long seam_file_write(file *f, const void *from, size_t len)
     kernel().may_sleep("kernel_write");
     if (!is_open(f, "kernel_write"))
         return -EBADF;
-    if (kernel().failing("kernel_write"))
+    if (kernel().failing(Fail::kFileWrite))
         return -ENOSPC;
     kernel().disk[f->path].append(static_cast<const char *>(from), len);
     f->at += len;
     kernel().writes.push_back(len);
-    kernel().event("write", f);
+    kernel().event(Point::kWrite, f);
     return static_cast<long>(len);
 }
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "contract/locations.h"
 #include "kernel.h"
 #include "platform.h"
 
@@ -105,25 +106,25 @@ void open_window(void *efbuff, uint32_t size)
 
 std::string target(u32 (*func)(void))
 {
-    struct { u32 (*func)(void); const char *name; } const known[] = {
-        {mox_packet_lev2_rcv, "lev2"}, {mox_packet_ipv4_rcv, "ipv4"}, {mox_packet_ipv6_rcv, "ipv6"},
-        {mox_packet_wlan_in_rcv, "wlan"}, {mox_packet_wlan_out_rcv, "wlan_out"},
-        {mox_packet_local_rcv, "local"}, {mox_packet_resv_rcv, "resv"},
+    u32 (*const known[contract::kHookIds])(void) = {
+        mox_packet_local_rcv, mox_packet_lev2_rcv, mox_packet_ipv4_rcv, mox_packet_ipv6_rcv, nullptr, nullptr,
+        mox_packet_resv_rcv, mox_packet_wlan_in_rcv, mox_packet_wlan_out_rcv,
     };
-    for (auto &k : known)
-        if (k.func && k.func == func)
-            return k.name;
+    for (int id = 0; id < contract::kHookIds; id++)
+        if (func && known[id] == func)
+            return contract::kHooks[id].name;
     return "unknown";
 }
 
-int registration(const char *call, const std::string &target, bool on)
+// A registration, and the deregistration behind it in both lists of points.h.
+int registration(const char *call, Point point, Fail fail, const std::string &target, bool on)
 {
-    efmp().registrations.push_back(std::string(call) + " " + target);
-    kernel().event(call, nullptr);
-    if (kernel().failing(call)) {
-        int given = kernel().error[call];
-        return given ? given : -5;
-    }
+    const int off = on ? 0 : 1;
+    efmp().registrations.push_back(std::string(on ? "reg_" : "dereg_") + call + " " + target);
+    kernel().event(static_cast<Point>(static_cast<int>(point) + off));
+    fail = static_cast<Fail>(static_cast<int>(fail) + off);
+    if (kernel().failing(fail))
+        return kernel().error_of(fail, -5);
     efmp().registered[target] = on;
     return 0;
 }
@@ -245,6 +246,8 @@ void Efmp::audit()
 
 using fake::breach;
 using fake::kernel;
+using fake::Fail;
+using fake::Point;
 using fake::Owner;
 using fake::efmp;
 
@@ -256,13 +259,13 @@ void *lsm_get_intfcb(u32 ifindex)
 
 int efmp_reg_module(void *descriptor)
 {
-    return fake::registration("reg_module",
+    return fake::registration("module", Point::kRegModule, Fail::kRegModule,
                               fake::target(static_cast<platform::descriptor *>(descriptor)->receive), true);
 }
 
 int efmp_dereg_module(void *descriptor)
 {
-    return fake::registration("dereg_module",
+    return fake::registration("module", Point::kRegModule, Fail::kRegModule,
                               fake::target(static_cast<platform::descriptor *>(descriptor)->receive), false);
 }
 
@@ -275,25 +278,25 @@ static void check_point(u32 point, u32 wanted)
 int efmp_reg_recv_pkt_func(efmp_pkt_func func, u32 point)
 {
     check_point(point, 2);
-    return fake::registration("reg_recv", fake::target(func), true);
+    return fake::registration("recv", Point::kRegRecv, Fail::kRegRecv, fake::target(func), true);
 }
 
 int efmp_dereg_recv_pkt_func(efmp_pkt_func func, u32 point)
 {
     check_point(point, 2);
-    return fake::registration("dereg_recv", fake::target(func), false);
+    return fake::registration("recv", Point::kRegRecv, Fail::kRegRecv, fake::target(func), false);
 }
 
 int efmp_reg_output_pkt_func(efmp_pkt_func func, u32 point)
 {
     check_point(point, 1);
-    return fake::registration("reg_output", fake::target(func), true);
+    return fake::registration("output", Point::kRegOutput, Fail::kRegOutput, fake::target(func), true);
 }
 
 int efmp_dereg_output_pkt_func(efmp_pkt_func func, u32 point)
 {
     check_point(point, 1);
-    return fake::registration("dereg_output", fake::target(func), false);
+    return fake::registration("output", Point::kRegOutput, Fail::kRegOutput, fake::target(func), false);
 }
 
 void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
@@ -305,7 +308,7 @@ void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
     }
     if (owner != 147)
         breach("clone with owner " + std::to_string(owner));
-    if (kernel().failing("clone"))
+    if (kernel().failing(Fail::kClone))
         return nullptr;
     uint32_t size = it->second.size;
     std::vector<uint8_t> content(size);
@@ -324,7 +327,7 @@ void *efmp_buff_alloc_sw_with_owner(u32 length, u32 owner)
 {
     if (owner != 147)
         breach("efbuff allocated with owner " + std::to_string(owner));
-    if (kernel().failing("efbuff_alloc") || length > efmp().longest)
+    if (kernel().failing(Fail::kEfbuffAlloc) || length > efmp().longest)
         return nullptr;
     // What is not the header is what was there before.
     const uint16_t room = efmp().room_at;
@@ -363,7 +366,7 @@ int efmp_output_pkt(void *efbuff)
     efmp().sent.push_back(sent);
     ASAN_POISON_MEMORY_REGION(p, size);
     efmp().live.erase(it);
-    kernel().event("output", efbuff);
+    kernel().event(Point::kOutput, efbuff);
     return efmp().outcome;
 }
 

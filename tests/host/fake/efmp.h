@@ -10,7 +10,7 @@
 
 namespace fake {
 
-// Set by tests; what efmp hands out belongs to somebody at every moment.
+// Set by tests; what efmp hands out has an owner at every moment.
 enum class Owner { kPlatform, kHook, kModule };
 
 struct Efbuff {
@@ -22,7 +22,7 @@ struct Efbuff {
 // An efbuff as efmp_output_pkt got it.
 struct Sent {
     std::vector<uint8_t> header;  // 256 bytes
-    std::vector<uint8_t> frame;   // as long as the header says
+    std::vector<uint8_t> frame;   // as long as the header has it
     template <typename T>
     T field(size_t at) const
     {
@@ -49,10 +49,10 @@ struct Efmp {
     std::map<std::pair<uint32_t, uint32_t>, void *> services;
     std::vector<std::string> service_calls;    // "get 11 10", "reg", "unreg"
     void (*change_handler)(uint32_t, void *) = nullptr;
-    // Change the table and tell the handler.
+    // Change the table and call the handler.
     void publish(uint32_t service_class, uint32_t instance, void *entry);
     void withdraw(uint32_t service_class, uint32_t instance);
-    // Tell the handler only.
+    // Call the handler only.
     void announce(uint32_t event, uint32_t service_class, uint32_t instance, void *entry);
 
     // An efbuff with that content (header and frame) that the platform owns. The

@@ -20,35 +20,16 @@ struct net &init_net()
 
 void breach(const std::string &what) { ADD_FAILURE() << "breach: " << what; }
 
-void Kernel::fail(const std::string &point, int nth) { fail_at_[point].insert(calls_[point] + nth); }
-
-uint64_t Kernel::calls(const std::string &point) const
+bool Kernel::failing(Fail call)
 {
-    auto it = calls_.find(point);
-    return it == calls_.end() ? 0 : it->second;
+    const bool due = failures_.due(call);
+    return (fault && fault(call)) || due;
 }
 
-bool Kernel::failing(const char *point, const char *detail)
+int Kernel::error_of(Fail call, int otherwise) const
 {
-    std::string name = detail ? std::string(point) + ":" + detail : point;
-    uint64_t now = ++calls_[name];
-    if (fault && fault(name))
-        return true;
-    auto it = fail_at_.find(name);
-    return it != fail_at_.end() && it->second.count(now);
-}
-
-void Kernel::event(const char *point, const void *what)
-{
-    auto it = at.find(point);
-    if (it == at.end())
-        return;
-    // A callback may do what triggers the same event: it runs once per arming level.
-    auto callback = std::move(it->second);
-    at.erase(it);
-    callback(what);
-    if (!at.count(point))
-        at[point] = std::move(callback);
+    auto it = error.find(call);
+    return it == error.end() ? otherwise : it->second;
 }
 
 std::string Kernel::text() const
@@ -89,6 +70,8 @@ void Kernel::reset()
 
 void Kernel::audit()
 {
+    at.clear();
+    failures_.audit();
     EXPECT_TRUE(held.empty()) << held.size() << " locks left held";
     EXPECT_EQ(bh_disabled, 0) << "bottom halves left disabled";
     EXPECT_TRUE(blocks.empty()) << blocks.size() << " blocks left, one from "

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "points.h"
 #include "seam/seam_control.h"
 
 namespace fake {
@@ -82,21 +83,20 @@ struct Kernel {
     bool nonlinear_skbs = false;  // new buffers are fragmented
     std::map<int, unsigned long> cpu_efbuff;  // efmp_cpu_buffer_cache
 
-    // ---- faults
-    // Asked at every fallible call with the call's name ("skb_alloc",
-    // "cache_alloc:pkt_item_mem", ...); true makes it fail.
-    std::function<bool(const std::string &)> fault;
+    // ---- faults (points.h)
+    // Asked at every fallible call; true makes it fail.
+    std::function<bool(Fail)> fault;
     // Makes the n-th call from now fail (1 is the next one).
-    void fail(const std::string &point, int nth = 1);
-    bool failing(const char *point, const char *detail = nullptr);
-    uint64_t calls(const std::string &point) const;
-    std::map<std::string, int> error;  // errno of a failing registration, by point
+    void fail(Fail call, int nth = 1) { failures_.arm(call, nth); }
+    void disarm(Fail call) { failures_.disarm(call); }
+    bool failing(Fail call);
+    uint64_t calls(Fail call) const { return failures_.calls(call); }
+    std::map<Fail, int> error;  // errno of a failing registration
+    int error_of(Fail call, int otherwise) const;
 
-    // ---- the other CPU: run at an exact point of the code under test
-    // "locking" (about to), "lock" (held now), "unlock" (with the lock), "wake",
-    // "schedule", "wait", "mb", "stop", "orphan", "recv".
-    std::map<std::string, std::function<void(const void *)>> at;
-    void event(const char *point, const void *what = nullptr);
+    // ---- the other CPU: acts at an exact point of the code under test (points.h)
+    Interleavings at;
+    void event(Point point, const void *what = nullptr) { at.happen(point, what); }
 
     // ---- what the module did
     std::vector<Line> log;
@@ -121,10 +121,10 @@ struct Kernel {
     std::vector<size_t> writes;                // bytes of each write
     std::set<struct ::file *> open_files;
 
-    // ---- threads: the body runs when a test says so
+    // ---- threads: the body runs when a test calls run_thread()
     bool thread_stop_asked = false;
-    // What the sleeping thread meets, one per sleep: returns the wait's result.
-    // When it is empty, the thread is asked to stop.
+    // How the thread's sleeps end, one after the other: each returns the wait's result.
+    // When the list is empty, the thread is asked to stop.
     std::deque<std::function<int()>> wait_script;
     int run_thread();  // runs the body until it ends; returns its result
 
@@ -155,8 +155,7 @@ struct Kernel {
     size_t count_said(const std::string &part) const;
 
 private:
-    std::map<std::string, std::set<uint64_t>> fail_at_;
-    std::map<std::string, uint64_t> calls_;
+    Failures failures_;
 };
 
 Kernel &kernel();

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Locks that know who holds them, and barriers.
+// Locks that record who holds them, and barriers.
 #include <cstring>
 
 #include "kernel.h"
@@ -46,7 +46,7 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
 {
     if (lock->magic != kMagic)
         return breach(std::string(call) + " of a lock never initialised");
-    event("locking", lock);
+    event(Point::kLocking, lock);
     if (as == LockKind::kNone)
         as = lock->kind;
     if (sleeping_kind(as))
@@ -60,15 +60,15 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
             breach(std::string(call) + ": the " + name(as) + " after the " + name(kind));
     }
     if (lock->writers || (write && lock->readers))
-        breach(std::string(call) + ": the " + name(as) + " would never be had");
+        breach(std::string(call) + ": the " + name(as) + " would never be free");
     (write ? lock->writers : lock->readers)++;
     held.push_back({lock, as});
-    event("lock", lock);
+    event(Point::kLock, lock);
 }
 
 void Kernel::drop(Lock *lock, bool write, const char *call)
 {
-    event("unlocking", lock);
+    event(Point::kUnlocking, lock);
     for (size_t i = held.size(); i-- > 0;) {
         if (held[i].first != lock)
             continue;
@@ -106,13 +106,14 @@ void unlock_bh(void *p, bool write, const char *call)
     kernel().drop(as_lock(p), write, call);
     if (kernel().bh_disabled-- == 0)
         breach(std::string(call) + " with bottom halves on");
-    kernel().event("unlock", p);
+    kernel().event(Point::kUnlock, p);
 }
 
 }  // namespace
 }  // namespace fake
 
 using fake::kernel;
+using fake::Point;
 using fake::Kernel;
 using fake::LockKind;
 
@@ -138,7 +139,7 @@ void seam_spin_lock(seam_spinlock *lock)
 void seam_spin_unlock(seam_spinlock *lock)
 {
     kernel().drop(fake::as_lock(lock), true, "spin_unlock");
-    kernel().event("unlock", lock);
+    kernel().event(Point::kUnlock, lock);
 }
 
 void seam_spin_lock_bh(seam_spinlock *lock) { fake::lock_bh(lock, true, "spin_lock_bh"); }
@@ -154,7 +155,7 @@ void seam_release_sock(sock *sk)
 {
     kernel().may_sleep("release_sock");
     kernel().drop(&sk->lock, true, "release_sock");
-    kernel().event("unlock", sk);
+    kernel().event(Point::kUnlock, sk);
 }
 
 void seam_rcvq_lock(sock *sk) { fake::lock_bh(&sk->queue_lock, true, "receive queue lock"); }
@@ -170,15 +171,15 @@ void seam_ns_lock_nested(net *ns)
 void seam_ns_unlock(net *ns)
 {
     kernel().drop(&ns->lock, true, "mutex_unlock");
-    kernel().event("unlock", &ns->lock);
+    kernel().event(Point::kUnlock, &ns->lock);
 }
 
-void seam_smp_mb(void) { kernel().event("mb"); }
-void seam_smp_wmb(void) { kernel().event("wmb"); }
+void seam_smp_mb(void) { kernel().event(Point::kBarrier); }
+void seam_smp_wmb(void) { kernel().event(Point::kStoreBarrier); }
 
 void seam_wait_for_hooks(void)
 {
     kernel().may_sleep("synchronize");
     kernel().journal.push_back("grace");
-    kernel().event("grace");
+    kernel().event(Point::kGrace);
 }

@@ -8,6 +8,7 @@
 
 using fake::breach;
 using fake::kernel;
+using fake::Fail;
 
 namespace fake {
 
@@ -35,14 +36,23 @@ bool Kernel::user_touch(const void *address, size_t len, size_t *reachable)
 
 namespace {
 
-void *block(size_t size, const char *call)
+void *block(size_t size, const char *call, Fail fail)
 {
     kernel().may_sleep(call);
-    if (kernel().failing(call))
+    if (kernel().failing(fail))
         return nullptr;
     void *p = std::calloc(1, size);
     kernel().blocks[p] = call;
     return p;
+}
+
+Fail alloc_from(const std::string &cache)
+{
+    for (int i = 0; i < static_cast<int>(std::size(contract::kCaches)); i++)
+        if (cache == contract::kCaches[i].name)
+            return alloc_of(static_cast<contract::Cache>(i));
+    breach("no cache of the module: " + cache);
+    return Fail::kDataAlloc;
 }
 
 void unblock(void *p, const char *call, const char *made_by)
@@ -59,9 +69,9 @@ void unblock(void *p, const char *call, const char *made_by)
 }  // namespace
 }  // namespace fake
 
-void *seam_kzalloc(size_t size) { return fake::block(size, "kzalloc"); }
+void *seam_kzalloc(size_t size) { return fake::block(size, "kzalloc", Fail::kKzalloc); }
 void seam_kfree(void *p) { fake::unblock(p, "kfree", "kzalloc"); }
-void *seam_vzalloc(size_t size) { return fake::block(size, "vzalloc"); }
+void *seam_vzalloc(size_t size) { return fake::block(size, "vzalloc", Fail::kVzalloc); }
 
 void seam_vfree(void *p)
 {
@@ -72,7 +82,7 @@ void seam_vfree(void *p)
 kmem_cache *seam_cache_create(const char *name, size_t size)
 {
     kernel().may_sleep("kmem_cache_create");
-    if (kernel().failing("cache_create"))
+    if (kernel().failing(Fail::kCacheCreate))
         return nullptr;
     kernel().journal.push_back(std::string("cache+ ") + name);
     auto *cache = new kmem_cache{name, size, {}};
@@ -96,7 +106,7 @@ void seam_cache_destroy(kmem_cache *cache)
 
 void *seam_cache_alloc(kmem_cache *cache)
 {
-    if (kernel().failing("cache_alloc", cache->name.c_str()))
+    if (kernel().failing(fake::alloc_from(cache->name)))
         return nullptr;
     void *p = std::malloc(cache->size);
     std::memset(p, 0xa5, cache->size);  // the kernel does not zero it either
@@ -117,7 +127,7 @@ int seam_copy_from_uptr(void *to, const seam_uptr *from, size_t len)
     size_t reachable = 0;
     if (!kernel().user_touch(from->buf->data() + from->offset, len, &reachable))
         breach("copy from outside user memory");
-    if (kernel().failing("copy_from_user"))
+    if (kernel().failing(Fail::kCopyFromUser))
         reachable = len / 2;
     if (reachable)
         std::memcpy(to, from->buf->data() + from->offset, reachable);
@@ -131,7 +141,7 @@ int seam_copy_to_user(void *user_to, const void *from, size_t len)
     size_t reachable = 0;
     if (!kernel().user_touch(user_to, len, &reachable))
         breach("copy to outside user memory");
-    if (kernel().failing("copy_to_user"))
+    if (kernel().failing(Fail::kCopyToUser))
         reachable = 0;
     if (reachable)
         std::memcpy(user_to, from, reachable);
@@ -144,7 +154,7 @@ int seam_get_user_int(int *to, const int *user_from)
     size_t reachable = 0;
     if (!kernel().user_touch(user_from, sizeof(int), &reachable))
         breach("get_user outside user memory");
-    if (reachable < sizeof(int) || kernel().failing("get_user")) {
+    if (reachable < sizeof(int) || kernel().failing(Fail::kGetUser)) {
         *to = 0;
         return -EFAULT;
     }
@@ -158,7 +168,7 @@ int seam_put_user_int(int value, int *user_to)
     size_t reachable = 0;
     if (!kernel().user_touch(user_to, sizeof(int), &reachable))
         breach("put_user outside user memory");
-    if (reachable < sizeof(int) || kernel().failing("put_user"))
+    if (reachable < sizeof(int) || kernel().failing(Fail::kPutUser))
         return -EFAULT;
     std::memcpy(user_to, &value, sizeof(int));
     return 0;

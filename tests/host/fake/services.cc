@@ -7,6 +7,7 @@
 using fake::breach;
 using fake::efmp;
 using fake::kernel;
+using fake::Fail;
 
 namespace fake {
 
@@ -44,8 +45,8 @@ int efmp_reg_serv_change_handler(efmp_serv_change_func handler)
 {
     kernel().may_sleep("reg_serv");
     efmp().service_calls.push_back("reg");
-    if (kernel().failing("reg_serv"))
-        return kernel().error["reg_serv"] ? kernel().error["reg_serv"] : -5;
+    if (kernel().failing(Fail::kRegServ))
+        return kernel().error_of(Fail::kRegServ, -5);
     if (efmp().change_handler)
         breach("a second change handler");
     efmp().change_handler = handler;

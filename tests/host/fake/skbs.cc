@@ -7,6 +7,8 @@
 
 using fake::breach;
 using fake::kernel;
+using fake::Fail;
+using fake::Point;
 
 namespace fake {
 
@@ -36,7 +38,7 @@ void put(sk_buff *skb, const char *call)
 
 sk_buff *seam_skb_alloc(u32 len)
 {
-    if (kernel().failing("skb_alloc"))
+    if (kernel().failing(Fail::kSkbAlloc))
         return nullptr;
     auto *skb = new sk_buff;
     // Old memory: whoever hands a buffer on has to have written it.
@@ -91,7 +93,7 @@ int seam_skb_nonlinear(const sk_buff *skb) { return skb->nonlinear; }
 
 int seam_skb_pskb_trim(sk_buff *skb, u32 len)
 {
-    if (kernel().failing("pskb_trim"))
+    if (kernel().failing(Fail::kSkbTrim))
         return -ENOMEM;
     skb->len = std::min(skb->len, len);
     return 0;
@@ -152,9 +154,9 @@ void seam_rcvq_purge(sock *sk)
 sk_buff *seam_recv_datagram(sock *sk, int flags, int *error)
 {
     kernel().may_sleep("skb_recv_datagram");
-    kernel().event("recv", sk);
-    if (kernel().failing("recv_datagram")) {
-        *error = kernel().error.count("recv_datagram") ? kernel().error["recv_datagram"] : -ERESTART;
+    kernel().event(Point::kReceive, sk);
+    if (kernel().failing(Fail::kRecvDatagram)) {
+        *error = kernel().error_of(Fail::kRecvDatagram, -ERESTART);
         return nullptr;
     }
     if (sk->queue->empty()) {
@@ -183,7 +185,7 @@ int seam_copy_datagram(sk_buff *skb, msghdr *msg, size_t len)
     kernel().may_sleep("copy_datagram");
     if (len > skb->len)
         breach("more copied than the buffer holds");
-    if (len > msg->data_fault_at || kernel().failing("copy_datagram"))
+    if (len > msg->data_fault_at || kernel().failing(Fail::kCopyDatagram))
         return -EFAULT;
     msg->data.assign(skb->data(), skb->data() + len);
     return 0;
@@ -209,7 +211,7 @@ int seam_msg_put_control(msghdr *msg, const void *from, size_t len)
 int seam_msg_namelen(const msghdr *msg) { return msg->namelen; }
 size_t seam_msg_controllen(const msghdr *msg) { return msg->controllen; }
 
-// Nothing is used up when not all can be had; the bytes before the fault have arrived.
+// Nothing is consumed when not all can be read; the bytes before the fault have arrived.
 int seam_copy_from_msg(void *to, msghdr *msg, size_t len)
 {
     kernel().may_sleep("copy_from_msg");
@@ -217,7 +219,7 @@ int seam_copy_from_msg(void *to, msghdr *msg, size_t len)
     size_t here = std::min(len, readable - std::min(readable, msg->out_at));
     if (here)
         std::memcpy(to, msg->out.data() + msg->out_at, here);
-    kernel().event("copy_from_msg", msg);
+    kernel().event(Point::kCopyFromMsg, msg);
     if (here < len)
         return -EFAULT;
     msg->out_at += len;

@@ -9,6 +9,8 @@
 
 using fake::breach;
 using fake::kernel;
+using fake::Fail;
+using fake::Point;
 using fake::LockKind;
 
 // Called only where the program under test has them: a test of the rule library
@@ -24,16 +26,15 @@ namespace {
 constexpr uint32_t kSockMagic = 0x736f636b;
 constexpr int kRcvBuf = 212992;
 
-int registration(const char *point, bool &flag, const std::string &journal)
+int registration(const char *call, Fail fail, bool &flag, const std::string &journal)
 {
-    kernel().may_sleep(point);
-    if (kernel().failing(point)) {
+    kernel().may_sleep(call);
+    if (kernel().failing(fail)) {
         kernel().journal.push_back(journal + " fails");
-        int given = kernel().error[point];
-        return given ? given : -EEXIST;
+        return kernel().error_of(fail, -EEXIST);
     }
     if (flag)
-        breach(std::string(point) + " twice");
+        breach(std::string(call) + " twice");
     kernel().journal.push_back(journal);
     flag = true;
     return 0;
@@ -59,7 +60,7 @@ void check(const struct sock *sk, const char *call)
 
 int seam_proto_register(void)
 {
-    return fake::registration("proto_register", kernel().proto_registered, "proto+");
+    return fake::registration("proto_register", Fail::kProtoRegister, kernel().proto_registered, "proto+");
 }
 
 void seam_proto_unregister(void)
@@ -69,7 +70,7 @@ void seam_proto_unregister(void)
 
 int seam_family_register(void)
 {
-    return fake::registration("sock_register", kernel().family_registered, "family+");
+    return fake::registration("sock_register", Fail::kFamilyRegister, kernel().family_registered, "family+");
 }
 
 void seam_family_unregister(void)
@@ -79,7 +80,7 @@ void seam_family_unregister(void)
 
 int seam_pernet_register(void)
 {
-    int result = fake::registration("pernet_register", kernel().pernet_registered, "pernet+");
+    int result = fake::registration("pernet_register", Fail::kPernetRegister, kernel().pernet_registered, "pernet+");
     if (result == 0 && mox_packet_net_init)
         mox_packet_net_init(&fake::init_net());
     return result;
@@ -146,7 +147,7 @@ void seam_prot_inuse_add(net *ns, int delta)
 sock *seam_sk_alloc(net *ns)
 {
     kernel().may_sleep("sk_alloc");
-    if (kernel().failing("sk_alloc"))
+    if (kernel().failing(Fail::kSkAlloc))
         return nullptr;
     size_t size = sizeof(mox_packet_sock);
     // Low memory is not needed here: no platform word ever holds a socket.
@@ -210,7 +211,7 @@ void seam_sock_orphan(sock *sk)
 {
     fake::check(sk, "sock_orphan");
     sk->dead = true;
-    kernel().event("orphan", sk);
+    kernel().event(Point::kOrphan, sk);
 }
 
 int seam_sk_dead(const sock *sk) { return sk->dead; }
@@ -227,7 +228,7 @@ void seam_sk_data_ready(sock *sk)
 {
     fake::check(sk, "data_ready");
     sk->data_ready++;
-    kernel().event("data_ready", sk);
+    kernel().event(Point::kDataReady, sk);
 }
 
 int seam_sock_get_timestamp(sock *, void *user_to)

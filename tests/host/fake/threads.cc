@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
-// The copy thread, run by the test in its own thread: a sleep asks the test what
-// the thread meets there.
+// The copy thread, run by the test in its own thread: at each sleep the test
+// decides how it ends.
 #include "kernel.h"
 
 using fake::breach;
 using fake::kernel;
+using fake::Fail;
+using fake::Point;
 
 namespace fake {
 
@@ -33,7 +35,7 @@ void seam_waitqueue_init(void)
 int seam_wait_interruptible(seam_waitqueue *, const u32 *word)
 {
     kernel().may_sleep("wait_event");
-    kernel().event("wait", word);
+    kernel().event(Point::kWait, word);
     if (*word != 0 || kernel().thread_stop_asked)
         return 0;
     if (kernel().wait_script.empty()) {
@@ -51,7 +53,7 @@ int seam_wait_interruptible(seam_waitqueue *, const u32 *word)
 void seam_wake_up(seam_waitqueue *queue)
 {
     kernel().wakeups++;
-    kernel().event("wake", queue);
+    kernel().event(Point::kWake, queue);
 }
 
 void seam_sleep_jiffies(long jiffies)
@@ -64,13 +66,13 @@ void seam_schedule(void)
 {
     kernel().may_sleep("schedule");
     kernel().schedules++;
-    kernel().event("schedule");
+    kernel().event(Point::kSchedule);
 }
 
 task_struct *seam_thread_create(int (*body)(void *), void *argument, const char *name)
 {
     kernel().may_sleep("kthread_create");
-    if (kernel().failing("thread_create"))
+    if (kernel().failing(Fail::kThreadCreate))
         return reinterpret_cast<task_struct *>(-ENOMEM);
     auto *task = new task_struct{body, argument, name};
     kernel().tasks.insert(task);
@@ -90,7 +92,7 @@ void seam_thread_wake(task_struct *task) { task->wakes++; }
 void seam_thread_stop(task_struct *task)
 {
     kernel().may_sleep("kthread_stop");
-    kernel().event("stop", task);
+    kernel().event(Point::kStop, task);
     if (!kernel().tasks.erase(task))
         return breach("kthread_stop of no thread");
     kernel().journal.push_back("thread- " + task->name);

@@ -28,7 +28,7 @@ using oracle::operator+;
 
 double seconds() { return getenv("SECONDS") ? atof(getenv("SECONDS")) : 1.5; }
 
-// Two implementations of each service, told apart by what they answer.
+// Two implementations of each service, distinct in what they answer.
 std::atomic<long> g_mac_calls[2], g_mixed, g_drop_calls[2], g_wlan_drop_calls[2];
 
 template <int which>
@@ -201,7 +201,7 @@ TEST_F(Services, change_while_two_cpus_send_and_two_run_hooks)
     EXPECT_EQ(others, 0);
     EXPECT_EQ(threads::sent(), succeeded);
     EXPECT_EQ(g_mixed, 0);
-    // Both implementations of every service have been met.
+    // Both implementations of every service have been called.
     for (int which : {0, 1}) {
         EXPECT_GT(g_mac_calls[which], 0);
         EXPECT_GT(g_drop_calls[which], 0);

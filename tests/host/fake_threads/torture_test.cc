@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Processes, hooks and the copy thread on real threads, at once. ThreadSanitizer
-// says whether they meet without a lock; at the end nothing may be left.
+// reports accesses without a lock; at the end nothing may be left.
 //
 // SEED=n replays the choices (not the interleaving), SECONDS=n the length of each test.
 #include <gtest/gtest.h>

@@ -15,27 +15,15 @@ using Log = std::vector<std::string>;
 
 TEST_F(Hooks, follow_library__calls_per_location)
 {
-    const struct { u32 location; Log on, off; } cases[] = {
-        {1, {"reg_output local"}, {"dereg_output local"}},
-        {2, {"reg_module lev2"}, {"dereg_module lev2"}},
-        {3, {"reg_module ipv4"}, {"dereg_module ipv4"}},
-        {4, {"reg_module ipv6"}, {"dereg_module ipv6"}},
-        {5, {}, {}},
-        {6, {}, {}},
-        {7, {"reg_recv resv"}, {"dereg_recv resv"}},
-        {8, {"reg_module wlan", "reg_output wlan_out"}, {"dereg_module wlan", "dereg_output wlan_out"}},
-        {9, {"reg_recv resv"}, {"dereg_recv resv"}},
-        {10, {"reg_recv resv"}, {"dereg_recv resv"}},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.location);
-        Rule rule(c.location, PACKET_COPY);
+    for (u32 location = 1; location < contract::kLocationCount; location++) {
+        SCOPED_TRACE(location);
+        Rule rule(location, PACKET_COPY);
         efmp().registrations.clear();
         rule.add();
-        EXPECT_EQ(efmp().registrations, c.on);
+        EXPECT_EQ(efmp().registrations, contract::hook_calls(location, true));
         efmp().registrations.clear();
         rule.remove();
-        EXPECT_EQ(efmp().registrations, c.off);
+        EXPECT_EQ(efmp().registrations, contract::hook_calls(location, false));
     }
 }
 
@@ -63,8 +51,8 @@ TEST_F(Hooks, follow_library__reserved_locations_share_one_registration)
 
 TEST_F(Hooks, follow_library__what_the_platform_answers_changes_nothing)
 {
-    kernel().fail("reg_output");
-    kernel().fail("reg_recv");
+    kernel().fail(Fail::kRegOutput);
+    kernel().fail(Fail::kRegRecv);
     Rule local(PACKET_LOCAL_LOC, PACKET_COPY), resv(PACKET_RESV_LOC, PACKET_COPY);
     local.add();
     resv.add();
@@ -84,7 +72,7 @@ TEST_F(Hooks, reg_module__once)
     EXPECT_EQ(efmp().registrations.size(), 2u);
 }
 
-TEST_F(Hooks, reg_module__failure_is_told_passed_back_and_tried_again)
+TEST_F(Hooks, reg_module__failure_is_printed_passed_back_and_tried_again)
 {
     const struct { packet_module *module; const char *line; } cases[] = {
         {&g_lev2_packet_module, "reg PACKET-LEV2-MODULE failed\n"},
@@ -94,8 +82,8 @@ TEST_F(Hooks, reg_module__failure_is_told_passed_back_and_tried_again)
     };
     for (auto &c : cases) {
         kernel().log.clear();
-        kernel().error["reg_module"] = -77;
-        kernel().fail("reg_module");
+        kernel().error[Fail::kRegModule] = -77;
+        kernel().fail(Fail::kRegModule);
         EXPECT_EQ(mox_packet_reg_module(c.module), -77);
         EXPECT_EQ(kernel().text(), c.line);
         EXPECT_EQ(c.module->registered, 0);
@@ -104,21 +92,20 @@ TEST_F(Hooks, reg_module__failure_is_told_passed_back_and_tried_again)
     }
 }
 
-TEST_F(Hooks, records__as_the_platform_wants_them)
+TEST_F(Hooks, records__as_the_platform_expects_them)
 {
-    const struct { packet_module *module; const char *name; efmp_pkt_func func; u8 point, priority; } cases[] = {
-        {&g_lev2_packet_module, "PACKET-LEV2-MODULE", mox_packet_lev2_rcv, 0x00, 0x17},
-        {&g_ipv4_packet_module, "PACKET-IPV4-MODULE", mox_packet_ipv4_rcv, 0x02, 0x14},
-        {&g_ipv6_packet_module, "PACKET-IPV6-MODULE", mox_packet_ipv6_rcv, 0x04, 0x0a},
-        {&g_wlan_packet_module, "PACKET-WLAN-MODULE", mox_packet_wlan_in_rcv, 0x06, 0x06},
+    const struct { packet_module *module; efmp_pkt_func func; contract::HookId hook; } cases[] = {
+        {&g_lev2_packet_module, mox_packet_lev2_rcv, contract::kLev2Hook},
+        {&g_ipv4_packet_module, mox_packet_ipv4_rcv, contract::kIpv4Hook},
+        {&g_ipv6_packet_module, mox_packet_ipv6_rcv, contract::kIpv6Hook},
+        {&g_wlan_packet_module, mox_packet_wlan_in_rcv, contract::kWlanInHook},
     };
     for (auto &c : cases) {
-        EXPECT_STREQ(c.module->name, c.name);
+        EXPECT_STREQ(c.module->name, contract::kHooks[c.hook].record);
         EXPECT_EQ(c.module->descriptor.link, 0u);
         EXPECT_EQ(c.module->descriptor.receive, c.func);
         EXPECT_EQ(c.module->descriptor.mask, 0xffffffffu);
-        EXPECT_EQ(c.module->descriptor.point, c.point);
-        EXPECT_EQ(c.module->descriptor.priority, c.priority);
+        EXPECT_EQ(c.module->descriptor.point | c.module->descriptor.priority << 8, int(contract::kHooks[c.hook].point));
         EXPECT_EQ(c.module->descriptor.reserved, 0);
     }
 }
@@ -137,7 +124,7 @@ TEST_F(Hooks, follow_library__add_between_removal_and_deregistration_wins)
     Rule leaving(PACKET_LEV2_LOC, PACKET_COPY), coming(PACKET_LEV2_LOC, PACKET_COPY);
     leaving.add();
     bool done = false;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock == &g_lev2_packet_regular_lib.lock && !done && g_lev2_packet_regular_lib.regular_count == 0) {
             done = true;
             coming.add();

@@ -6,7 +6,7 @@
 namespace oracle {
 namespace {
 
-constexpr uint16_t kAnyEth = 768;
+using contract::kAnyEth;
 
 uint16_t v16(const Value &v) { return load<uint16_t>(v.data()); }
 uint32_t v32(const Value &v) { return load<uint32_t>(v.data()); }
@@ -135,12 +135,10 @@ bool wlan_key_match(const Entry &e, const WlanPacket &p)
 
 bool value_equal(uint32_t type, const Value *a, const Value *b)
 {
-    if (type == kV4Mcast || type == kV6Mcast || type == kAll || type == kWlanMgnt)
-        return true;
-    if (type >= kTypes || !a || !b)
+    if (type >= kTypes)
         return false;
-    static const int width[kTypes] = {2, 6, 6, 2, 2, 1, 1, 2, 2, 2, 4, 1, 0, 0, 1, 1, 0, 4, 0, 2};
-    return std::equal(a->begin(), a->begin() + width[type], b->begin());
+    const unsigned width = contract::width(type);
+    return width == 0 || (a && b && std::equal(a->begin(), a->begin() + width, b->begin()));
 }
 
 bool rule_match(const Packet &packet, const Regular &regular)

@@ -9,7 +9,7 @@
 
 namespace oracle {
 
-// What matching has to know beyond rules and packet: the vsd of an owner, and
+// What matching depends on beyond rules and packet: the vsd of an owner, and
 // the addresses (as numbers) of the reserved interface blocks.
 struct World {
     std::function<uint32_t(int owner)> vsd;

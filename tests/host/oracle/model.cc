@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "contract/locations.h"
+
 namespace oracle {
 namespace {
 
-bool indexed(uint32_t treatment) { return treatment >= 1 && treatment <= 5; }
+bool indexed(uint32_t treatment) { return treatment != kNone && treatment < contract::kTreatments; }
 bool is_local(uint32_t treatment) { return treatment == kCopyLocal || treatment == kFetchLocal; }
 
 const Item *first_item(const Regular &regular, uint32_t type)
@@ -51,10 +53,8 @@ auto after_leading_traps(List &list, IsTrap is_trap)
 
 Library *Model::library(uint32_t location)
 {
-    static const int table[11] = {-1, 0, 1, 2, 3, 4, 5, 6, 7, 6, 6};
-    if (location > 10 || table[location] < 0)
-        return nullptr;
-    return &libraries_[table[location]];
+    const int library = contract::library(location);
+    return library < 0 ? nullptr : &libraries_[library];
 }
 
 bool Model::module_registered(const std::string &name) const
@@ -130,7 +130,7 @@ void Model::insert(const Regular &regular, Library &lib)
             file_copy(*entry, regular);
             return;
         }
-        if (item.type == kPid)
+        if (!contract::may_be_key(item.type))
             continue;
         for (const Value &value : item.datas) {
             Entry *entry = find_entry(lib, item.type, &value);
@@ -174,7 +174,7 @@ void Model::file_copy(Entry &entry, const Regular &regular)
     copy.location = regular.location;
     bool key_left_out = false;
     for (const Item &item : regular.items) {
-        if (item.type != kPid && !key_left_out) {
+        if (contract::may_be_key(item.type) && !key_left_out) {
             key_left_out = true;
             continue;
         }
@@ -223,7 +223,7 @@ void Model::withdraw(const Regular &regular, Library &lib)
             drop_key(lib, regular, item.type, nullptr, item_in_library(lib, item.type));
             continue;
         }
-        if (item.type == kPid)
+        if (!contract::may_be_key(item.type))
             continue;
         for (const Value &v : item.datas)
             drop_key(lib, regular, item.type, &v, data_in_library(lib, item.type, v));
@@ -314,32 +314,17 @@ void Model::empty(Regular &regular)
         del_item(regular, regular.items.front().type);
 }
 
-void Model::set_module(const std::string &name, bool wanted)
-{
-    bool &registered = modules_[name];
-    if (wanted && !registered) {
-        calls.push_back({"reg_module", name});
-        registered = reg_module(name) == 0;
-    } else if (!wanted && registered) {
-        calls.push_back({"dereg_module", name});
-        registered = false;
-    }
-}
-
+// A module record is registered once; a function each time.
 void Model::set_hook(uint32_t location, bool wanted)
 {
-    switch (location) {
-    case 1: calls.push_back({wanted ? "reg_output" : "dereg_output", "local"}); break;
-    case 2: set_module("lev2", wanted); break;
-    case 3: set_module("ipv4", wanted); break;
-    case 4: set_module("ipv6", wanted); break;
-    case 7:
-    case 9:
-    case 10: calls.push_back({wanted ? "reg_recv" : "dereg_recv", "resv"}); break;
-    case 8:
-        set_module("wlan", wanted);
-        calls.push_back({wanted ? "reg_output" : "dereg_output", "wlan_out"});
-        break;
+    for (const contract::Hook &hook : contract::hooks(location)) {
+        if (!hook.call)
+            continue;
+        if (hook.record && modules_[hook.name] == wanted)
+            continue;
+        calls.push_back({std::string(wanted ? "reg_" : "dereg_") + hook.call, hook.name});
+        if (hook.record)
+            modules_[hook.name] = wanted && reg_module(hook.name) == 0;
     }
 }
 

@@ -23,8 +23,8 @@ struct HookCall {
 
 class Model {
 public:
-    // May an object of that cache be had now? Answers true unless a test says
-    // otherwise; asked once per allocation, in the order of the allocations.
+    // Whether an allocation from that cache succeeds. Answers true unless a test
+    // replaces it; asked once per allocation, in the order of the allocations.
     std::function<bool(Cache)> allocation = [](Cache) { return true; };
     // What efmp_reg_module answers for a record.
     std::function<int(const std::string &)> reg_module = [](const std::string &) { return 0; };
@@ -58,7 +58,6 @@ private:
     void insert(const Regular &regular, Library &library);
     void withdraw(const Regular &regular, Library &library);
     void set_hook(uint32_t location, bool wanted);
-    void set_module(const std::string &name, bool wanted);
     bool take(Cache cache, uint32_t type = 0);
     Entry *find_entry(Library &library, uint32_t type, const Value *value);
     Entry *new_entry(Library &library, uint32_t type, const Value *value);

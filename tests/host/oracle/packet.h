@@ -52,7 +52,7 @@ struct WlanPacket {
 };
 
 // efbuff: the whole buffer, header and frame. ifindex: the first word of the
-// source interface block, which the caller knows.
+// source interface block, which the caller passes.
 Packet parse(const uint8_t *efbuff, uint32_t ifindex);
 WlanPacket parse_wlan(const uint8_t *efbuff, uint32_t ifindex);
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // The rule records of the reference: the same facts as the module's records,
 // held in plain vectors. Nothing here is shared with the module, so that a
-// mistake in one is not repeated in the other.
+// mistake in one is not repeated in the other. Numbers and widths come from the
+// tests' contract.
 #pragma once
 
 #include <array>
@@ -11,18 +12,13 @@
 #include <optional>
 #include <vector>
 
+#include "contract/rules.h"
+
 namespace oracle {
 
-enum Type : uint32_t {
-    kCode = 0, kDstMac = 1, kSrcMac = 2, kEth = 3, kSnap = 4, kV4Proto = 5, kV6Proto = 6,
-    kV4DstPort = 7, kV4SrcPort = 8, kV6DstPort = 9, kIntf = 10, kIcmp6 = 11, kV4Mcast = 12,
-    kV6Mcast = 13, kEapol = 14, kWps = 15, kAll = 16, kPid = 17, kWlanMgnt = 18, kArp = 19,
-    kTypes = 20,
-};
-
-enum Treatment : uint32_t {
-    kNone = 0, kCopy = 1, kFetch = 2, kTrap = 3, kCopyLocal = 4, kFetchLocal = 5,
-};
+using enum contract::Type;
+using enum contract::Treatment;
+using contract::Cache;
 
 // The eight bytes of a rule value, as they lie in memory.
 using Value = std::array<uint8_t, 8>;
@@ -80,8 +76,8 @@ struct Library {
 // What the module counts about its memory. failures[0]: data, entries and
 // copies together; failures[1]: items.
 struct Counters {
-    std::array<uint32_t, 20> data{};
-    std::array<uint32_t, 20> item{};
+    std::array<uint32_t, kTypes> data{};
+    std::array<uint32_t, kTypes> item{};
     uint32_t entries = 0;
     uint32_t copies = 0;
     uint32_t data_failures = 0;
@@ -89,8 +85,6 @@ struct Counters {
 
     bool operator==(const Counters &) const = default;
 };
-
-enum class Cache { kData, kItem, kEntry, kCopy };
 
 // Equality of two rule values; a null side stands for "no value at all".
 bool value_equal(uint32_t type, const Value *a, const Value *b);

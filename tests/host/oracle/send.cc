@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "send.h"
 
-#include <cerrno>
 #include <cstdio>
 
 namespace oracle {
@@ -32,7 +31,7 @@ std::string hex(uint32_t v)
     return text;
 }
 
-// What a control record does to the header, with the lines that it says.
+// What a control record does to the header, with the lines that it prints.
 void translate(const Bytes &record, Bytes &header, std::vector<std::string> &lines)
 {
     // Twelve bits of id, high byte first.
@@ -51,35 +50,16 @@ void translate(const Bytes &record, Bytes &header, std::vector<std::string> &lin
 
     const uint32_t flags = le(record, 24, 4);
     uint32_t flag_word = 0, send_word = 0;
-    if (flags & 0x2)
-        flag_word += 0x4000;
-    if (flags & 0x4)
-        flag_word += 0x40000;
-    if (flags & 0x100) {
-        send_word += 0x1;
-        lines.push_back("vxlan encap flag.");
+    for (const contract::SendFlag &f : contract::kSendFlags) {
+        if (!(flags & f.flag))
+            continue;
+        flag_word |= f.at32;
+        send_word |= f.at60;
+        if (f.line)
+            lines.push_back(f.line);
     }
-    if (flags & 0x200) {
-        send_word += 0x2;
-        lines.push_back("block send.");
-    }
-    if (flags & 0x400)
-        send_word += 0x4;
-    if (flags & 0x4000)
-        send_word += 0x20;
-    if (flags & 0x10000)
-        send_word += 0x40;
-    if (flags & 0x20000)
-        send_word += 0x80;
-    if (flags & 0x40000) {
-        send_word += 0x8;
-        lines.push_back("not match acl.");
-    }
-    if (flags & 0x100000) {
-        send_word += 0x10;
+    if (flags & contract::kProxySend)
         header[72] = record[45];
-        lines.push_back("proxy capture packet, resend.");
-    }
     put_le(header, 32, 4, flag_word);
     put_le(header, 60, 4, send_word);
 }
@@ -89,23 +69,24 @@ SendResult send_silently(const SendWorld &world, const SendSocket &socket, const
     SendResult r;
     bool debug_send = false;
     const std::string who = "process " + socket.process + " send ";
-    auto failure = [&](int error, SendCounter counter, const std::string &line) {
+    auto failure = [&](contract::Refusal refusal, const std::string &named = {}) {
+        const int error = contract::kRefusalFacts[refusal].error;
         r.result = -error;
-        r.counter = counter;
-        r.lines.push_back(line);
+        r.counter = contract::kRefusalFacts[refusal].counter;
+        r.lines.push_back(contract::refusal_line(refusal, named));
         if (debug_send)
             r.lines.push_back(who + "debug pkt fail: " + std::to_string(-error) + ".");
         return r;
     };
 
     if (world.vsd)
-        return failure(EINVAL, SendCounter::kMessage, "get vsd id " + num(world.vsd) + " fail.");
+        return failure(contract::kVsd, num(world.vsd));
     r.lines.push_back(who + "pkt, len " + std::to_string(message.data.size()) + ".");
     if (message.control) {
         const Bytes &c = *message.control;
         if (c.size() < 48)
-            return failure(EINVAL, SendCounter::kMessage, "msg controllen " + num(c.size()) + " illegal.");
-        debug_send = c[24] & 2;
+            return failure(contract::kControlLength, num(c.size()));
+        debug_send = c[24] & contract::kDebugSend;
         r.lines.push_back("ctrl pkt_ifx:" + num(le(c, 0, 4)) + ", pkt_origifx:" + num(le(c, 4, 4)) +
                           ", pkt_l2ifx:" + num(le(c, 8, 4)) + ", pkt_dst_l2ifx:" + num(le(c, 12, 4)));
         r.lines.push_back("ctrl eth_info.inner_vid:" + hex(le(c, 22, 2) / 16) + ", ex_inner_vlan:" + hex(le(c, 34, 2)) +
@@ -116,17 +97,17 @@ SendResult send_silently(const SendWorld &world, const SendSocket &socket, const
     if (message.name) {
         const Bytes &n = *message.name;
         if (n.size() <= 19 || n.size() < 12u + n[11])
-            return failure(EINVAL, SendCounter::kMessage, "msg namelen " + num(n.size()) + " illegal.");
+            return failure(contract::kNameLength, num(n.size()));
     }
     if (message.data.size() + (socket.datagram ? 14 : 0) > world.longest)
-        return failure(ENOMEM, SendCounter::kEfbuff, "alloc ebuff failed.");
+        return failure(contract::kNoEfbuff);
     if (socket.datagram) {
         if (!message.name || (*message.name)[11] < 6)
-            return failure(EINVAL, SendCounter::kMac, "sock_dgram but dst mac addr is null.");
+            return failure(contract::kNoDstMac);
         if (!world.local_mac)
-            return failure(EINVAL, SendCounter::kMac, "sock_dgram but get mac addr func is null.");
+            return failure(contract::kNoMacService);
         if (world.local_mac_result != 0)
-            return failure(EINVAL, SendCounter::kMac, "sock_dgram but get local mac error.");
+            return failure(contract::kMacServiceFails);
         const Bytes &n = *message.name;
         r.frame.assign(n.begin() + 12, n.begin() + 18);
         r.frame.insert(r.frame.end(), world.local_mac->begin(), world.local_mac->end());
@@ -135,7 +116,7 @@ SendResult send_silently(const SendWorld &world, const SendSocket &socket, const
         r.frame.push_back(uint8_t(type >> 8));
     }
     if (message.readable < message.data.size())
-        return failure(EFAULT, SendCounter::kCopy, "copy pkt failed");
+        return failure(contract::kDataFault);
     r.frame.insert(r.frame.end(), message.data.begin(), message.data.end());
 
     r.header.assign(256, 0);
@@ -150,9 +131,9 @@ SendResult send_silently(const SendWorld &world, const SendSocket &socket, const
     if (dst) {
         auto it = world.interfaces.find(dst);
         if (it == world.interfaces.end())
-            return failure(ENXIO, SendCounter::kDst, "get dst intf " + num(dst) + " fail");
+            return failure(contract::kNoDst, num(dst));
         if (!it->second.up)
-            return failure(ENETDOWN, SendCounter::kLink, "send " + it->second.name + " is link down");
+            return failure(contract::kDstDown, it->second.name);
         put_le(r.header, 8, 4, it->second.word);
         dst_name = it->second.name;
     }
@@ -161,7 +142,7 @@ SendResult send_silently(const SendWorld &world, const SendSocket &socket, const
         if (src) {
             auto it = world.interfaces.find(src);
             if (it == world.interfaces.end())
-                return failure(ENXIO, SendCounter::kSrc, "get src intf " + num(src) + " fail!");
+                return failure(contract::kNoSrc, num(src));
             put_le(r.header, 4, 4, it->second.word);
             r.lines.push_back("send src intf: " + it->second.name + ", dst intf: " + dst_name + ".");
         }
@@ -171,8 +152,8 @@ SendResult send_silently(const SendWorld &world, const SendSocket &socket, const
     r.left = true;
     const std::string what = who + (debug_send ? "debug pkt" : "pkt") + " <efbuff> in vsd 0";
     if (world.outcome == 1 || world.outcome > 7) {
-        r.result = -ENETUNREACH;
-        r.counter = SendCounter::kRefused;
+        r.result = -contract::kRefusalFacts[contract::kDropped].error;
+        r.counter = contract::kEfSendFails;
         r.lines.push_back(what + ", fail: " + (world.outcome == 1 ? "drop" : "(null)") + ".");
     } else {
         r.result = int(message.data.size());

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "contract/sockets.h"
+
 namespace oracle {
 
 struct SendInterface {
@@ -17,7 +19,7 @@ struct SendInterface {
     bool up;
 };
 
-// What a send meets.
+// The state of the world at a send.
 struct SendWorld {
     uint32_t vsd = 0;                // of the sender
     bool debugging = false;
@@ -42,12 +44,9 @@ struct SendMessage {
     size_t readable = SIZE_MAX;      // of the data, before it faults
 };
 
-// Names of the counters that a send may change; their order is the socket's.
-enum class SendCounter { kMessage, kMac, kDst, kSrc, kLink, kEfbuff, kCopy, kRefused, kSent };
-
 struct SendResult {
     int result = 0;
-    SendCounter counter = SendCounter::kSent;
+    contract::Counter counter = contract::kSendPackets;
     bool left = false;               // the platform got it
     std::vector<uint8_t> header;     // 256 bytes of the efbuff, if it left
     std::vector<uint8_t> frame;

@@ -33,7 +33,7 @@ TEST_F(OracleSend, datagram)
     socket.datagram = true;
     const SendResult r = run();
     EXPECT_EQ(r.result, 4);
-    EXPECT_EQ(r.counter, SendCounter::kSent);
+    EXPECT_EQ(r.counter, contract::kSendPackets);
     EXPECT_EQ(r.frame, (Bytes{1, 2, 3, 4, 5, 6, 2, 0, 0, 0, 0, 1, 0x88, 0xcc, 0xdd, 0xdd, 0xdd, 0xdd}));
     Bytes header(256);
     header[8] = header[9] = header[10] = header[11] = 0x70;
@@ -80,35 +80,35 @@ TEST_F(OracleSend, control)
 
 TEST_F(OracleSend, failures)
 {
-    auto fails = [&](int result, SendCounter counter) {
+    auto fails = [&](int result, contract::Counter counter) {
         const SendResult r = run();
         EXPECT_EQ(r.result, result);
         EXPECT_EQ(r.counter, counter);
     };
     world.outcome = 1;
-    fails(-101, SendCounter::kRefused);
+    fails(-101, contract::kEfSendFails);
     world.outcome = 8;
-    fails(-101, SendCounter::kRefused);
+    fails(-101, contract::kEfSendFails);
     world.outcome = -1;
-    fails(4, SendCounter::kSent);
+    fails(4, contract::kSendPackets);
     (*message.name)[4] = 9;
-    fails(-100, SendCounter::kLink);
+    fails(-100, contract::kLinkdown);
     (*message.name)[4] = 8;
-    fails(-6, SendCounter::kDst);
+    fails(-6, contract::kDstintfIll);
     message.readable = 3;
-    fails(-14, SendCounter::kCopy);
+    fails(-14, contract::kCopyFails);
     socket.datagram = true;
     world.local_mac_result = 1;
-    fails(-22, SendCounter::kMac);
+    fails(-22, contract::kMacfuncIll);
     world.longest = 17;
-    fails(-12, SendCounter::kEfbuff);
+    fails(-12, contract::kAllocFails);
     message.name->resize(19);
-    fails(-22, SendCounter::kMessage);
+    fails(-22, contract::kSendmsgIll);
     message.control = Bytes(47);
-    fails(-22, SendCounter::kMessage);
+    fails(-22, contract::kSendmsgIll);
     EXPECT_EQ(run().lines.back(), "MOX-PACKET-SEND: msg controllen 47 illegal.\n");
     world.vsd = 3;
-    fails(-22, SendCounter::kMessage);
+    fails(-22, contract::kSendmsgIll);
     EXPECT_EQ(run().lines, std::vector<std::string>{"MOX-PACKET-SEND: get vsd id 3 fail.\n"});
 }
 

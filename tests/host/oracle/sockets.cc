@@ -4,14 +4,9 @@
 #include <algorithm>
 #include <cerrno>
 
-namespace oracle {
+#include "contract/locations.h"
 
-uint32_t element_stride(uint32_t type)
-{
-    static const uint32_t stride[kTypes] = {2, 6, 6, 2, 2, 1, 1, 2, 2, 2,
-                                            4, 1, 0, 0, 1, 1, 0, 4, 0, 2};
-    return type < kTypes ? stride[type] : 0;
-}
+namespace oracle {
 
 Sockets::Sockets()
 {
@@ -84,7 +79,7 @@ int Sockets::bind(int id, uint32_t ifindex, uint16_t protocol)
 
 int Sockets::set_treatment(int id, uint32_t treatment)
 {
-    if (treatment > 5)
+    if (treatment >= contract::kTreatments)
         return -EINVAL;
     Socket &s = at(id);
     stop(s);
@@ -95,7 +90,7 @@ int Sockets::set_treatment(int id, uint32_t treatment)
 
 int Sockets::set_location(int id, uint32_t location)
 {
-    if (location == 5 || location == 6)
+    if (location < contract::kLocationCount && !contract::kLocations[location].accepted)
         return -EINVAL;
     Socket &s = at(id);
     stop(s);
@@ -119,8 +114,8 @@ int Sockets::edit(int id, bool add, uint32_t type, uint32_t count,
         if (!add)
             model.del_item(s.regular, kAll);
     } else {
-        uint32_t stride = element_stride(type);
-        // Elements without a value all say the same: one stands for them.
+        uint32_t stride = contract::width(type);
+        // Elements without a value are all equal: one stands for them.
         uint32_t wanted = stride == 0 ? std::min(count, 1u) : count;
         for (uint32_t i = 0; i < wanted; i++) {
             if (!model.take_data(type))
@@ -153,7 +148,7 @@ int Sockets::del_rule(int id, uint32_t type, uint32_t count, const std::vector<u
     return edit(id, false, type, count, elements);
 }
 
-// False when no buffer could be had; every other fate is the socket's own.
+// False when no buffer could be allocated; every other outcome is the socket's own.
 bool Sockets::hand_over(Socket &s, uint32_t total, uint32_t l2, uint32_t ifindex)
 {
     if (!skb_allocation()) {

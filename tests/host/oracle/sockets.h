@@ -39,16 +39,13 @@ struct Socket {
     std::deque<Received> queue;
 };
 
-// Stride of one element in the user's rule record; 0 for the types without a value.
-uint32_t element_stride(uint32_t type);
-
 class Sockets {
 public:
     Model model;
     World world;
     // True size the kernel gives a buffer made for that many bytes.
     std::function<uint32_t(uint32_t)> truesize = [](uint32_t n) { return n; };
-    // May a socket buffer be had? Asked once per matched socket.
+    // Whether a socket buffer can be allocated. Asked once per matched socket.
     std::function<bool()> skb_allocation = [] { return true; };
     uint32_t skb_failures = 0;
     uint32_t in_flight = 0;   // buffers made and not dropped by delivery

@@ -1,22 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
-// The debug packet filter: its match, its lines, and where packets meet it.
+// The debug packet filter: its match, its lines, and where it is applied.
+#include "contract/control.h"
 #include "control_fixture.h"
 
 namespace {
 
 using namespace packets;
 
-// A field of the filter: its bit and its bytes in the record.
-struct Field {
-    u32 bit;
-    size_t at, len;
-};
-
-const Field kFields[] = {
-    {0x002, 8, 4}, {0x004, 12, 6}, {0x008, 18, 6}, {0x010, 24, 4}, {0x020, 28, 4},
-    {0x040, 32, 4}, {0x080, 36, 4}, {0x100, 40, 16}, {0x200, 56, 16},
-};
-constexpr u32 kAllBits = 0x3fe;
+using contract::FilterField;
+using contract::kAllFilterFlags;
+using contract::kFilterFields;
 
 class DebugFilter : public ControlTest {
 protected:
@@ -97,14 +90,14 @@ TEST_F(DebugFilter, match__every_combination_of_bits_and_every_byte)
     for (u32 flags = 0; flags <= 0x3ff; flags++) {
         store(filter, flags);
         ASSERT_EQ(match(e), 1) << flags;
-        for (const Field &f : kFields)
-            for (size_t i = 0; i < f.len; i++)
+        for (const FilterField &f : kFilterFields)
+            for (size_t i = 0; i < f.length; i++)
                 for (u8 change : {0x01, 0x80}) {
                     ::Bytes other = filter;
-                    other[f.at + i] ^= change;
+                    other[f.offset + i] ^= change;
                     store(other, flags);
-                    ASSERT_EQ(match(e), flags & f.bit ? 0 : 1)
-                        << "flags " << flags << ", byte " << f.at + i;
+                    ASSERT_EQ(match(e), flags & f.flag ? 0 : 1)
+                        << "flags " << flags << ", byte " << f.offset + i;
                 }
     }
 }
@@ -270,16 +263,10 @@ TEST_F(DebugFilter, match__vlan_as_hooks_read_it)
 
 // ---- the lines ----------------------------------------------------------------------------
 
-const struct { u32 bit; const char *line; } kLines[] = {
-    {0x002, "    Filter: vid 291\r\n"},
-    {0x004, "    Filter: src_mac 02:00:00:00:00:66\r\n"},
-    {0x008, "    Filter: dst_mac 02:00:00:00:00:77\r\n"},
-    {0x010, "    Filter: src_intf 4294967295\r\n"},
-    {0x020, "    Filter: dst_intf 12\r\n"},
-    {0x040, "    Filter: src_ipv4 140.141.142.143\r\n"},
-    {0x080, "    Filter: dst_ipv4 144.145.146.147\r\n"},
-    {0x100, "    Filter: src_ipv6 8889:8a8b:8c8d:8e8f:9091:9293:9495:9697\r\n"},
-    {0x200, "    Filter: dst_ipv6 f0ef:eeed:eceb:eae9:e8e7:e6e5:e4e3:e2e1\r\n"},
+// Of Everything, field by field.
+const char *const kValues[] = {
+    "291", "02:00:00:00:00:66", "02:00:00:00:00:77", "4294967295", "12", "140.141.142.143", "144.145.146.147",
+    "8889:8a8b:8c8d:8e8f:9091:9293:9495:9697", "f0ef:eeed:eceb:eae9:e8e7:e6e5:e4e3:e2e1",
 };
 
 TEST_F(DebugFilter, show__fields_that_take_part_in_order)
@@ -293,9 +280,9 @@ TEST_F(DebugFilter, show__fields_that_take_part_in_order)
         mox_packet_filter filter;
         memcpy(&filter, bytes.data(), sizeof filter);
         std::string wanted;
-        for (auto &l : kLines)
-            if (flags & l.bit)
-                wanted += tagged(l.line);
+        for (size_t i = 0; i < std::size(kFilterFields); i++)
+            if (flags & kFilterFields[i].flag)
+                wanted += tagged(filter_line(kFilterFields[i], kValues[i]));
         debug();
         ASSERT_EQ(printed([&] { show_pktd_filter_debug(&filter); }), wanted) << flags;
         debug(false);
@@ -303,7 +290,7 @@ TEST_F(DebugFilter, show__fields_that_take_part_in_order)
     }
 }
 
-// ---- where packets meet it --------------------------------------------------------------------
+// ---- where it is applied ----------------------------------------------------------------------
 
 // With the filter in force and every switch on, an unmarked packet leaves no line, and
 // its fate is what it was.
@@ -324,7 +311,7 @@ TEST_F(DebugFilter, paths__neither_filter_nor_switches_print_or_decide)
                 memset(mox_packet_debug + 1, 1, 18);
                 filter[0] = 1;
                 memcpy(&filter[4], &round, 4);
-                store(filter, round == 1 ? 0 : kAllBits);
+                store(filter, round == 1 ? 0 : kAllFilterFlags);
             }
             kernel().log.clear();
             Meta m;
@@ -341,7 +328,7 @@ TEST_F(DebugFilter, paths__neither_filter_nor_switches_print_or_decide)
     }
 }
 
-// The mark prints, whatever a filter that rejects the packet says.
+// The mark prints, even for a packet that the filter rejects.
 TEST_F(DebugFilter, paths__marked_packets_are_traced_all_the_same)
 {
     Sock s;
@@ -350,7 +337,7 @@ TEST_F(DebugFilter, paths__marked_packets_are_traced_all_the_same)
     m.flags = 0x4000;
     std::string without = printed([&] { frame(PACKET_LEV2_LOC, m, eth(0x88cc)); });
     ::Bytes filter(72, 0xff);
-    store(filter, kAllBits);
+    store(filter, kAllFilterFlags);
     std::string with = printed([&] { frame(PACKET_LEV2_LOC, m, eth(0x88cc)); });
     EXPECT_FALSE(without.empty());
     EXPECT_EQ(std::count(with.begin(), with.end(), '\n'), std::count(without.begin(), without.end(), '\n'));

@@ -118,7 +118,7 @@ TEST_F(Deliver, order__regulars_in_treatment_order_until_a_trap)
     fetch.capture(PACKET_LEV2_LOC, PACKET_FETCH);
     local.capture(PACKET_LEV2_LOC, PACKET_COPY_LOCAL);
     std::vector<const void *> order;
-    kernel().at["data_ready"] = [&](const void *sk) { order.push_back(sk); };
+    kernel().at[Point::kDataReady] = [&](const void *sk) { order.push_back(sk); };
     frame(PACKET_LEV2_LOC, {}, lldp);
     EXPECT_EQ(order, (std::vector<const void *>{fetch.sk, copy.sk, local.sk}));
     order.clear();
@@ -155,7 +155,7 @@ TEST_F(Deliver, trap__without_a_buffer_does_not_stop)
     Sock copy, trap;
     copy.capture(PACKET_LEV2_LOC, PACKET_COPY);
     trap.capture(PACKET_LEV2_LOC, PACKET_TRAP);
-    kernel().fail("skb_alloc");
+    kernel().fail(Fail::kSkbAlloc);
     frame(PACKET_LEV2_LOC, {}, lldp);
     EXPECT_EQ(trap.queued(), 0u);
     EXPECT_EQ(copy.queued(), 1u);
@@ -271,9 +271,9 @@ TEST_F(Deliver, drops__are_traced_for_marked_packets_only)
     s.sk->rcvbuf = 10;
     EXPECT_EQ(lines(0), "");
     EXPECT_EQ(lines(0x4000), tagged("MOX-PACKET-FW: drop packet for socket recvbuff is full.\n"));
-    kernel().fail("skb_alloc");
+    kernel().fail(Fail::kSkbAlloc);
     EXPECT_EQ(lines(0), "");
-    kernel().fail("skb_alloc");
+    kernel().fail(Fail::kSkbAlloc);
     EXPECT_EQ(lines(0x4000), tagged("MOX-PACKET-FW: alloc skb failed.\n"));
 }
 
@@ -284,7 +284,7 @@ TEST_F(Deliver, drops__trim_failure)
     s.sk->has_filter = true;
     s.sk->verdict = 20;
     kernel().nonlinear_skbs = true;
-    kernel().fail("pskb_trim");
+    kernel().fail(Fail::kSkbTrim);
     frame(PACKET_LEV2_LOC, {.flags = 0x4000}, lldp);
     EXPECT_EQ(s.po().trim_fail_drops, 1u);
     EXPECT_EQ(s.queued(), 0u);
@@ -374,7 +374,7 @@ TEST_F(Deliver, trace__unmarked_packets_print_nothing_whatever_the_switches)
 // --------------------------------------------------------------------------
 // WLAN
 
-TEST_F(Deliver, wlan__trap_copies_and_stops_nobody)
+TEST_F(Deliver, wlan__trap_copies_and_stops_no_other)
 {
     Sock trap, copy, fetch;
     copy.capture(PACKET_WLAN_LOC, PACKET_COPY);
@@ -440,7 +440,7 @@ TEST_F(Deliver, globals__are_the_same_entry_points)
     EXPECT_EQ(budget, 998u);
 }
 
-// A socket released while its frame waits in a queue gets nothing and harms nobody.
+// A socket released while its frame waits in a queue gets nothing and does no harm.
 TEST_F(Deliver, race__release_between_hook_and_delivery)
 {
     Sock s;

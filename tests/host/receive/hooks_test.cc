@@ -145,7 +145,7 @@ TEST_F(Rcv, services__drop_what_would_be_taken_and_nothing_else)
         }
 }
 
-TEST_F(Rcv, services__untraced_drop_says_nothing)
+TEST_F(Rcv, services__untraced_drop_prints_nothing)
 {
     pkt_rnfp = rnfp;
     g_drop = 1;
@@ -190,7 +190,7 @@ TEST_F(Rcv, clone__failure_leaves_the_packet_with_the_platform)
             SCOPED_TRACE(h.name);
             listen(h.location, PACKET_COPY);
             kernel().log.clear();
-            kernel().fail("clone");
+            kernel().fail(Fail::kClone);
             EXPECT_EQ(hook(h.func, packet({.flags = trace ? ef::kFlagTrace : 0})), h.go_on);
             EXPECT_EQ(g_cpu_pkt_que[0][h.queue].count, 0u);
             EXPECT_EQ(kernel().count_said("MOX-PACKET-RCV: alloc buff error!\n"), trace ? 1u : 0u);
@@ -316,12 +316,12 @@ TEST_F(Rcv, source__packet_without_one_is_matched_and_traced_as_interface_0)
 }
 
 // The library lock is let go before the queue lock is taken, and both with
-// bottom halves off; a release on another CPU in between harms nobody.
+// bottom halves off; a release on another CPU in between does no harm.
 TEST_F(Rcv, race__rule_withdrawn_between_filter_and_queue)
 {
     listen(PACKET_LEV2_LOC, PACKET_FETCH);
     bool played = false;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock != &g_lev2_packet_regular_lib.lock || played)
             return;
         played = true;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The per-CPU queues and the copy thread.
+// The copy thread.
 #include "packets.h"
 #include "receive/queue.hpp"
 #include "rules_fixture.h"
@@ -11,125 +11,6 @@ using namespace mox;
 namespace {
 
 using namespace packets;
-
-class Queue : public fake::KernelTest {
-protected:
-    void SetUp() override
-    {
-        KernelTest::SetUp();
-        ASSERT_EQ(mox_packet_sock_init(), 0);
-    }
-    void TearDown() override
-    {
-        mox_packet_sock_deinit();
-        KernelTest::TearDown();
-    }
-    // An efbuff of the module's own.
-    static void *owned() { return efmp().efbuff(efbuff({}, eth(1)), fake::Owner::kModule); }
-    efbuff_queue *queue = &g_cpu_pkt_que[3][kQueueIpv6];
-};
-
-TEST_F(Queue, init__once_and_zeroed)
-{
-    EXPECT_EQ(mox_packet_sock_inited, 1);
-    void *e = owned();
-    queue_append(queue, e);
-    EXPECT_EQ(mox_packet_sock_init(), 0);
-    EXPECT_EQ(queue->count, 1u);
-    mox_packet_sock_deinit();
-    EXPECT_EQ(mox_packet_sock_inited, 0);
-    mox_packet_sock_deinit();
-    EXPECT_EQ(mox_packet_sock_init(), 0);
-    for (auto &slot : g_cpu_pkt_que)
-        for (efbuff_queue &q : slot) {
-            EXPECT_EQ(q.head, nullptr);
-            EXPECT_EQ(q.tail, nullptr);
-            EXPECT_EQ(q.count, 0u);
-        }
-}
-
-TEST_F(Queue, append__links_carry_the_tag_and_the_chain_ends_in_1)
-{
-    void *a = owned(), *b = owned();
-    queue_append(queue, a);
-    EXPECT_EQ(queue->head, a);
-    EXPECT_EQ(*static_cast<u32 *>(a), 1u);
-    queue_append(queue, b);
-    EXPECT_EQ(*static_cast<u32 *>(a), fake::word(b) | 1u);
-    EXPECT_EQ(*static_cast<u32 *>(b), 1u);
-    EXPECT_EQ(queue->tail, static_cast<u32 *>(b));
-    EXPECT_EQ(queue->count, 2u);
-}
-
-TEST_F(Queue, detach__takes_all_in_order)
-{
-    void *a = owned(), *b = owned();
-    queue_append(queue, a);
-    queue_append(queue, b);
-    EfbuffChain chain = queue_detach(queue);
-    EXPECT_EQ(queue->count, 0u);
-    EXPECT_EQ(queue->head, nullptr);
-    EXPECT_EQ(chain.next(), a);
-    EXPECT_EQ(chain.next(), b);
-    EXPECT_EQ(chain.next(), nullptr);
-    EXPECT_EQ(queue_detach(queue).next(), nullptr);
-    efmp_buff_free_sw_with_owner(a, 147);
-    efmp_buff_free_sw_with_owner(b, 147);
-}
-
-TEST_F(Queue, chain__stops_at_count_and_at_a_zero_link)
-{
-    void *a = owned(), *b = owned(), *c = owned();
-    for (void *e : {a, b, c})
-        queue_append(queue, e);
-    queue->count = 2;
-    EfbuffChain chain = queue_detach(queue);
-    EXPECT_EQ(chain.next(), a);
-    EXPECT_EQ(chain.next(), b);
-    EXPECT_EQ(chain.next(), nullptr);
-    queue_append(queue, a);
-    queue->count = 7;
-    *static_cast<u32 *>(a) = 0;
-    chain = queue_detach(queue);
-    EXPECT_EQ(chain.next(), a);
-    EXPECT_EQ(chain.next(), nullptr);
-    for (void *e : {a, b, c})
-        efmp_buff_free_sw_with_owner(e, 147);
-}
-
-TEST_F(Queue, deinit__frees_every_queue_of_every_slot)
-{
-    for (auto &slot : g_cpu_pkt_que)
-        for (efbuff_queue &q : slot)
-            queue_append(&q, owned());
-    mox_packet_sock_deinit();
-    EXPECT_TRUE(efmp().live.empty());
-    EXPECT_EQ(efmp().freed, 64u * 8u);
-}
-
-TEST_F(Queue, deinit__count_larger_than_the_chain)
-{
-    queue_append(queue, owned());
-    queue_append(queue, owned());
-    queue->count = 100;
-    mox_packet_efbuff_queue_deinit(queue);
-    EXPECT_TRUE(efmp().live.empty());
-    EXPECT_EQ(queue->count, 0u);
-    EXPECT_EQ(queue->tail, nullptr);
-}
-
-TEST_F(Queue, deinit__count_smaller_than_the_chain)
-{
-    void *a = owned(), *b = owned();
-    queue_append(queue, a);
-    queue_append(queue, b);
-    queue->count = 1;
-    mox_packet_efbuff_queue_deinit(queue);
-    EXPECT_EQ(efmp().freed, 1u);
-    efmp_buff_free_sw_with_owner(b, 147);
-}
-
-// --------------------------------------------------------------------------
 
 class Thread : public RulesTest {
 protected:
@@ -183,7 +64,7 @@ TEST_F(Thread, init__clears_the_pending_bytes)
 TEST_F(Thread, init__failure)
 {
     mox_packet_thread_deinit();
-    kernel().fail("thread_create");
+    kernel().fail(Fail::kThreadCreate);
     EXPECT_EQ(mox_packet_thread_init(), -1);
     ASSERT_EQ(kernel().log.size(), 1u);
     EXPECT_EQ(kernel().log[0].text, "CAN NOT CREATE PACKET-COPY-THREAD !\n");
@@ -274,7 +155,7 @@ TEST_F(Thread, task__drains_in_queue_order_and_cpus_ascending)
     for (int cpu = 0; cpu < 64; cpu++)
         for (int q = 0; q < 8; q++)
             locks[&g_cpu_pkt_que[cpu][q].lock] = {q, cpu};
-    kernel().at["lock"] = [&](const void *lock) {
+    kernel().at[Point::kLock] = [&](const void *lock) {
         if (locks.count(lock))
             order.push_back(locks[lock]);
     };
@@ -326,7 +207,7 @@ TEST_F(Thread, task__present_cpus_beyond_the_possible_ids_are_not_visited)
 TEST_F(Thread, task__location_marked_during_a_drain)
 {
     int marks = 0;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock == &g_cpu_pkt_que[0][kQueueWlan].lock && marks++ == 0) {
             queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
             mox_packet_thread_active(PACKET_LEV2_LOC);
@@ -345,7 +226,7 @@ TEST_F(Thread, task__location_marked_during_a_drain)
 TEST_F(Thread, task__byte_is_cleared_before_its_queues_are_drained)
 {
     bool played = false;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock != &g_cpu_pkt_que[1][kQueueLev2].lock || played)
             return;
         played = true;
@@ -367,7 +248,7 @@ TEST_F(Thread, task__mark_in_every_barrier_window_is_drained)
         SCOPED_TRACE(window);
         int barriers = 0;
         bool marked = false;
-        kernel().at["mb"] = [&](const void *) {
+        kernel().at[Point::kBarrier] = [&](const void *) {
             if (barriers++ == window && !marked) {
                 marked = true;
                 queue_append(&g_cpu_pkt_que[0][kQueueIpv6], owned());
@@ -375,7 +256,7 @@ TEST_F(Thread, task__mark_in_every_barrier_window_is_drained)
             }
         };
         // Woken again if the hook woke it, else asleep for good.
-        kernel().at["wait"] = [&](const void *) {};
+        kernel().at[Point::kWait] = [&](const void *) {};
         mox_packet_thread_active(PACKET_LEV2_LOC);
         kernel().run_thread();
         kernel().at.clear();
@@ -390,12 +271,12 @@ TEST_F(Thread, task__lost_wakeup_at_the_clearing_of_running)
 {
     // The byte is set just before the thread clears running, seen only after.
     bool played = false, marked = false;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock != &g_cpu_pkt_que[1][kQueueLev2].lock || played)
             return;
         played = true;
         // From here the drain only tests the bytes; mark with running still set.
-        kernel().at["mb"] = [&](const void *) {
+        kernel().at[Point::kBarrier] = [&](const void *) {
             if (top.running || marked)
                 return;
             marked = true;
@@ -413,9 +294,9 @@ TEST_F(Thread, task__lost_wakeup_at_the_clearing_of_running)
 TEST_F(Thread, task__wake_set_meanwhile_is_handled_without_sleeping)
 {
     int waits = 0;
-    kernel().at["wait"] = [&](const void *) { waits++; };
+    kernel().at[Point::kWait] = [&](const void *) { waits++; };
     bool once = true;
-    kernel().at["unlock"] = [&](const void *lock) {
+    kernel().at[Point::kUnlock] = [&](const void *lock) {
         if (lock == &g_cpu_pkt_que[0][kQueueLev2].lock && once) {
             once = false;
             top.wake = 1;
@@ -462,11 +343,11 @@ TEST_F(Thread, budget__yields_once_every_thousand_packets)
 
 TEST_F(Thread, dump__prints_the_counters)
 {
-    g_packet_thread_debug = {17, 4};
+    g_packet_thread_debug = {17, 4000000000u};
     mox_packet_dump_thread();
     EXPECT_EQ(kernel().text(), "\n-------------PACKET-COPY-THREAD---------------\n"
                                "scheduled:          17\n"
-                               "Alloc skb failed:   4\n");
+                               "Alloc skb failed:   4000000000\n");
 }
 
 }  // namespace

@@ -39,7 +39,7 @@ protected:
 
     Bytes element(u32 type)
     {
-        switch (oracle::element_stride(type)) {
+        switch (contract::width(type)) {
         case 0: return {};
         case 1:
             if (type == PACKET_IPv4_PROT_EQUAL || type == PACKET_IPv6_PROT_EQUAL)
@@ -150,11 +150,11 @@ protected:
     }
     void edit(int id)
     {
-        // Few conditions a rule, or no frame would ever meet them all.
+        // Few conditions a rule, or no frame would ever satisfy them all.
         const oracle::Regular &rule = reference.at(id).regular;
         if (rule.items.size() > below(3)) {
             const oracle::Item &item = rule.items[below(rule.items.size())];
-            u32 stride = oracle::element_stride(item.type);
+            u32 stride = contract::width(item.type);
             Bytes all;
             for (const oracle::Value &v : item.datas)
                 all.insert(all.end(), v.begin(), v.begin() + stride);
@@ -254,7 +254,7 @@ protected:
     {
         for (u32 location = 1; location <= 8; location++) {
             const oracle::Library &want = *reference.model.library(location);
-            const packet_regular_lib *got = kLibs[location];
+            const packet_regular_lib *got = lib_of(location);
             ASSERT_EQ(got->regular_count, want.regulars.size()) << "location " << location;
             ASSERT_EQ(got->filter_count, want.filter_list.size()) << "location " << location;
             verify(got);
@@ -343,25 +343,20 @@ protected:
 
 TEST_F(Random, module_and_reference_agree) { run("module_and_reference_agree"); }
 
-// The same with every thirtieth object of each cache, and every tenth socket buffer,
-// not to be had: what is left out must be the same on both sides.
+// The same with every thirtieth allocation of each cache, and every tenth of a socket
+// buffer, failing: what is left out must be the same on both sides.
 TEST_F(Random, module_and_reference_agree_without_memory)
 {
     steps /= 2;
-    std::map<std::string, u32> taken, asked;
-    auto fails = [](std::map<std::string, u32> &count, const std::string &name, u32 every) {
-        return ++count[name] % every == 0;
+    std::map<Fail, u32> taken, asked;
+    auto fails = [](std::map<Fail, u32> &count, Fail call) {
+        return ++count[call] % (call == Fail::kSkbAlloc ? 10 : 30) == 0;
     };
-    kernel().fault = [&](const std::string &point) {
-        if (point == "skb_alloc")
-            return fails(taken, point, 10);
-        return point.rfind("cache_alloc:", 0) == 0 && fails(taken, point, 30);
+    kernel().fault = [&](Fail call) {
+        return (call == Fail::kSkbAlloc || call <= Fail::kCopyAlloc) && fails(taken, call);
     };
-    static const char *const names[] = {"pkt_regular_data", "pkt_item_mem", "pkt_flt_mem", "pkt_match_mem"};
-    reference.model.allocation = [&](oracle::Cache c) {
-        return !fails(asked, names[static_cast<int>(c)], 30);
-    };
-    reference.skb_allocation = [&] { return !fails(asked, "skb_alloc", 10); };
+    reference.model.allocation = [&](oracle::Cache c) { return !fails(asked, fake::alloc_of(c)); };
+    reference.skb_allocation = [&] { return !fails(asked, Fail::kSkbAlloc); };
     run("module_and_reference_agree_without_memory");
     EXPECT_GT(reference.model.counters.data_failures, 0u);
     EXPECT_GT(reference.skb_failures, 0u);
@@ -372,7 +367,7 @@ TEST_F(Random, module_and_reference_agree_with_a_refusing_platform)
 {
     steps /= 4;
     u32 asked = 0, answered = 0;
-    kernel().fault = [&](const std::string &point) { return point == "reg_module" && ++asked % 3 == 0; };
+    kernel().fault = [&](Fail call) { return call == Fail::kRegModule && ++asked % 3 == 0; };
     reference.model.reg_module = [&](const std::string &) { return ++answered % 3 == 0 ? -5 : 0; };
     run("module_and_reference_agree_with_a_refusing_platform");
     EXPECT_GT(asked, 3u);

@@ -29,36 +29,6 @@ protected:
 
 using Pids = std::vector<s32>;
 
-TEST_F(RegularLib, handle__illegal_locations)
-{
-    mox_packet_debug[0] = 1;
-    for (u32 location : {0u, 11u, 0xffffffffu}) {
-        kernel().log.clear();
-        Rule rule(location, PACKET_COPY);
-        EXPECT_EQ(mox_packet_handle_regular(&rule.regular(), 1), -1);
-        EXPECT_EQ(mox_packet_add_regular(&rule.regular()), -1);
-        EXPECT_EQ(mox_packet_remove_regular(&rule.regular()), -1);
-        EXPECT_EQ(kernel().count_said("[MOX-PACKET(0)]: MOX-PACKET-HANDLE-REGULAR: location illegal!\n"), 3u);
-    }
-    mox_packet_debug[0] = 0;
-    kernel().log.clear();
-    Rule rule(0, PACKET_COPY);
-    EXPECT_EQ(mox_packet_add_regular(&rule.regular()), -1);
-    EXPECT_TRUE(kernel().log.empty());
-    EXPECT_TRUE(efmp().registrations.empty());
-}
-
-TEST_F(RegularLib, handle__library_of_each_location)
-{
-    for (u32 location = 1; location <= 10; location++) {
-        Rule rule(location, PACKET_COPY);
-        rule.add();
-        for (u32 other = 1; other <= 8; other++)
-            EXPECT_EQ(kLibs[other]->regular_count, kLibs[other] == kLibs[location] ? 1u : 0u)
-                << location << " in " << other;
-    }
-}
-
 TEST_F(RegularLib, insert__regulars_in_treatment_order)
 {
     struct { u32 treatment; s32 pid; Pids order; } const steps[] = {
@@ -328,7 +298,7 @@ TEST_F(RegularLib, no_memory__entry_of_a_value_is_skipped)
     Rule rule(kLoc, PACKET_COPY);
     rule.data(PACKET_ETH_PROT_EQUAL, {1}).data(PACKET_ETH_PROT_EQUAL, {2});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_flt_mem");
+    kernel().fail(Fail::kEntryAlloc);
     rule.add();
     EXPECT_EQ(lib->regular_count, 1u);
     ASSERT_EQ(entries().size(), 1u);
@@ -344,7 +314,7 @@ TEST_F(RegularLib, no_memory__entry_of_an_item_passes_the_key_on)
     Rule rule(kLoc, PACKET_COPY);
     rule.item(PACKET_ALL).data(PACKET_ETH_PROT_EQUAL, {1});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_flt_mem");
+    kernel().fail(Fail::kEntryAlloc);
     rule.add();
     std::vector<EntryView> e = entries();
     ASSERT_EQ(e.size(), 1u);
@@ -360,7 +330,7 @@ TEST_F(RegularLib, no_memory__copy_is_not_filed)
     Rule rule(kLoc, PACKET_TRAP);
     rule.data(PACKET_ETH_PROT_EQUAL, {1});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_match_mem");
+    kernel().fail(Fail::kCopyAlloc);
     rule.add();
     ASSERT_EQ(entries().size(), 1u);
     EXPECT_TRUE(entries()[0].match.empty());
@@ -373,8 +343,8 @@ TEST_F(RegularLib, no_memory__items_and_data_of_a_copy_are_left_out)
     rule.item(PACKET_ALL).data(PACKET_ETH_PROT_EQUAL, {1});
     rule.data(PACKET_IPv4_PROT_EQUAL, {1}).data(PACKET_IPv4_PROT_EQUAL, {2});
     mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_item_mem");
-    kernel().fail("cache_alloc:pkt_regular_data");
+    kernel().fail(Fail::kItemAlloc);
+    kernel().fail(Fail::kDataAlloc);
     rule.add();
     std::vector<EntryView> e = entries();
     ASSERT_EQ(e.at(0).match.at(0).items.size(), 1u);
@@ -387,23 +357,5 @@ TEST_F(RegularLib, no_memory__items_and_data_of_a_copy_are_left_out)
 
 // --------------------------------------------------------------------------
 // Context
-
-TEST_F(RegularLib, locking__changes_happen_under_the_write_lock_hooks_register_outside)
-{
-    Rule rule(kLoc, PACKET_COPY);
-    rule.item(PACKET_ALL);
-    std::vector<bool> under_lock;
-    kernel().at["reg_module"] = [&](const void *) { under_lock.push_back(kernel().holds(fake::LockKind::kLib)); };
-    kernel().at["dereg_module"] = kernel().at["reg_module"];
-    int writes = 0;
-    kernel().at["lock"] = [&](const void *lock) {
-        if (lock == &lib->lock && reinterpret_cast<const fake::Lock *>(lock)->writers)
-            writes++;
-    };
-    rule.add();
-    rule.remove();
-    EXPECT_EQ(writes, 2);
-    EXPECT_EQ(under_lock, (std::vector<bool>{false, false}));
-}
 
 }  // namespace

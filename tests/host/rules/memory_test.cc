@@ -3,13 +3,20 @@
 
 namespace {
 
-class RegularMem : public RulesTest {};
+class RegularMem : public RulesTest {
+protected:
+    static std::vector<std::string> caches(const std::string &what)
+    {
+        std::vector<std::string> out;
+        for (const contract::CacheFacts &cache : contract::kCaches)
+            out.push_back(what + cache.name);
+        return out;
+    }
+};
 
 TEST_F(RegularMem, init__creates_four_caches_in_order)
 {
-    const std::vector<std::string> wanted{"cache+ pkt_regular_data", "cache+ pkt_item_mem",
-                                          "cache+ pkt_flt_mem", "cache+ pkt_match_mem"};
-    EXPECT_EQ(kernel().journal, wanted);
+    EXPECT_EQ(kernel().journal, caches("cache+ "));
     EXPECT_EQ(mox_packet_regular_inited, 1);
 }
 
@@ -34,9 +41,7 @@ TEST_F(RegularMem, deinit__destroys_in_creation_order_and_once)
 {
     kernel().journal.clear();
     mox_packet_regular_deinit();
-    const std::vector<std::string> wanted{"cache- pkt_regular_data", "cache- pkt_item_mem",
-                                          "cache- pkt_flt_mem", "cache- pkt_match_mem"};
-    EXPECT_EQ(kernel().journal, wanted);
+    EXPECT_EQ(kernel().journal, caches("cache- "));
     EXPECT_EQ(mox_packet_regular_inited, 0);
     mox_packet_regular_deinit();
     EXPECT_EQ(kernel().journal.size(), 4u);
@@ -44,19 +49,13 @@ TEST_F(RegularMem, deinit__destroys_in_creation_order_and_once)
 
 TEST_F(RegularMem, init__failure_of_each_cache)
 {
-    const char *const lines[] = {
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_regular_data_cache.\n",
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_regular_item_cache.\n",
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_filter_list_cache.\n",
-        "MOX-PACKET-REGULAR-INIT: failed to create pkt_match_list_cache.\n",
-    };
     mox_packet_regular_deinit();
     for (int nth = 1; nth <= 4; nth++) {
         SCOPED_TRACE(nth);
         kernel().log.clear();
-        kernel().fail("cache_create", nth);
+        kernel().fail(Fail::kCacheCreate, nth);
         EXPECT_EQ(mox_packet_regular_init(), -1);
-        EXPECT_EQ(kernel().text(), lines[nth - 1]);
+        EXPECT_EQ(kernel().text(), contract::kCaches[nth - 1].not_created);
         EXPECT_TRUE(kernel().caches.empty());
         EXPECT_EQ(mox_packet_regular_inited, 0);
     }
@@ -122,33 +121,28 @@ TEST_F(RegularMem, entry_and_copy__counted_in_20_and_21)
     EXPECT_EQ(counters(), oracle::Counters{});
 }
 
-TEST_F(RegularMem, failures__counted_in_22_and_told_while_debugging)
+TEST_F(RegularMem, failures__counted_in_22_and_printed_while_debugging)
 {
     struct {
-        const char *cache;
+        contract::Cache cache;
         std::function<void *()> make;
         u32 *counter;
-        const char *line;
     } const cases[] = {
-        {"pkt_regular_data", [] { return mox_packet_alloc_init_data(3); }, &g_regular_data_stats[22],
-         "[MOX-PACKET(2)]: MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n"},
-        {"pkt_item_mem", [] { return mox_packet_alloc_init_item(3); }, &g_regular_item_stats[22],
-         "[MOX-PACKET(2)]: MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n"},
-        {"pkt_flt_mem", [] { return pkt_alloc_filter_list_data(3, nullptr); }, &g_regular_data_stats[22],
-         "[MOX-PACKET(2)]: PKT-ALLOC-FILTER-LIST-DATA: alloc failed!\n"},
-        {"pkt_match_mem", [] { return pkt_alloc_regular_data(); }, &g_regular_data_stats[22],
-         "[MOX-PACKET(2)]: PKT-ALLOC-REGULAR-DATA: alloc failed!\n"},
+        {contract::Cache::kData, [] { return mox_packet_alloc_init_data(3); }, &g_regular_data_stats[22]},
+        {contract::Cache::kItem, [] { return mox_packet_alloc_init_item(3); }, &g_regular_item_stats[22]},
+        {contract::Cache::kEntry, [] { return pkt_alloc_filter_list_data(3, nullptr); }, &g_regular_data_stats[22]},
+        {contract::Cache::kCopy, [] { return pkt_alloc_regular_data(); }, &g_regular_data_stats[22]},
     };
     kernel().cpu = 2;
     for (auto &c : cases) {
-        SCOPED_TRACE(c.cache);
+        SCOPED_TRACE(facts(c.cache).name);
         u32 before = *c.counter;
         for (u8 debug : {0, 1}) {
             mox_packet_debug[0] = debug;
             kernel().log.clear();
-            kernel().fail(std::string("cache_alloc:") + c.cache);
+            kernel().fail(fake::alloc_of(c.cache));
             EXPECT_EQ(c.make(), nullptr);
-            EXPECT_EQ(kernel().text(), debug ? c.line : "");
+            EXPECT_EQ(kernel().text(), debug ? std::string("[MOX-PACKET(2)]: ") + facts(c.cache).exhausted : "");
         }
         EXPECT_EQ(*c.counter, before + 2);
     }
@@ -170,109 +164,6 @@ TEST_F(RegularMem, empty_regular_and_match_regular__free_everything)
         EXPECT_EQ(counters(), oracle::Counters{});
         EXPECT_EQ(rule.regular().items.next, &rule.regular().items);
     }
-}
-
-TEST_F(RegularMem, list__operations_publish_with_a_full_barrier)
-{
-    list_head head{&head, &head}, a, b, c;
-    int barriers = 0;
-    kernel().at["mb"] = [&](const void *) { barriers++; };
-    mox_packet_list_add_tail_safe(&a, &head);
-    mox_packet_list_add_tail_safe(&b, &head);
-    mox_packet_list_ins_head_safe(&c, &head);
-    EXPECT_EQ(head.next, &c);
-    EXPECT_EQ(c.next, &a);
-    EXPECT_EQ(a.next, &b);
-    EXPECT_EQ(head.prev, &b);
-    mox_packet_list_del_safe(&a);
-    EXPECT_EQ(c.next, &b);
-    EXPECT_EQ(b.prev, &c);
-    EXPECT_GE(barriers, 4);
-}
-
-// --------------------------------------------------------------------------
-// Equality and edits
-
-TEST_F(RegularMem, data_match__widths_and_missing_values)
-{
-    static const size_t width[20] = {2, 6, 6, 2, 2, 1, 1, 2, 2, 2, 4, 1, 0, 0, 1, 1, 0, 4, 0, 2};
-    const u8 a[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    for (u32 type = 0; type < 20; type++) {
-        SCOPED_TRACE(type);
-        bool any = width[type] == 0;
-        EXPECT_TRUE(pkt_regular_data_match(type, a, a));
-        EXPECT_EQ(pkt_regular_data_match(type, nullptr, a), any);
-        EXPECT_EQ(pkt_regular_data_match(type, a, nullptr), any);
-        EXPECT_EQ(pkt_regular_data_match(type, nullptr, nullptr), any);
-        for (size_t i = 0; i < 8; i++) {
-            u8 b[8];
-            memcpy(b, a, 8);
-            b[i] ^= 0x80;
-            EXPECT_EQ(pkt_regular_data_match(type, a, b), i >= width[type]) << "byte " << i;
-        }
-    }
-}
-
-TEST_F(RegularMem, data_match__illegal_type_is_never_equal_and_told)
-{
-    const u8 a[8] = {};
-    EXPECT_FALSE(pkt_regular_data_match(20, a, a));
-    EXPECT_TRUE(kernel().log.empty());
-    mox_packet_debug[0] = 1;
-    EXPECT_FALSE(pkt_regular_data_match(0xffffffff, a, a));
-    EXPECT_EQ(kernel().text(), "[MOX-PACKET(0)]: MOX-PACKET-SEARCH-DATA-FROME-ITEM: illegal type\n");
-}
-
-TEST_F(RegularMem, add_data__same_value_twice_keeps_one)
-{
-    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
-    rule.data(PACKET_ETH_PROT_EQUAL, {8, 0}).data(PACKET_ETH_PROT_EQUAL, {8, 0, 9});
-    EXPECT_EQ(g_regular_data_stats[PACKET_ETH_PROT_EQUAL], 1u);
-    EXPECT_EQ(g_regular_item_stats[PACKET_ETH_PROT_EQUAL], 1u);
-}
-
-TEST_F(RegularMem, add_data__items_and_values_keep_their_order)
-{
-    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
-    rule.data(PACKET_IPv4_PROT_EQUAL, {6}).data(PACKET_ETH_PROT_EQUAL, {8, 0});
-    rule.data(PACKET_IPv4_PROT_EQUAL, {17});
-    EXPECT_EQ(view(rule.regular()).items,
-              (std::vector<std::pair<u32, std::vector<oracle::Value>>>{
-                  {PACKET_IPv4_PROT_EQUAL, {oracle::bytes_value({6}), oracle::bytes_value({17})}},
-                  {PACKET_ETH_PROT_EQUAL, {oracle::bytes_value({8, 0})}}}));
-}
-
-TEST_F(RegularMem, add_data__without_an_item_leaves_the_datum_with_the_caller)
-{
-    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
-    mox_packet_debug[0] = 1;
-    kernel().fail("cache_alloc:pkt_item_mem");
-    regular_data *d = datum(PACKET_ETH_PROT_EQUAL, {8, 0});
-    EXPECT_EQ(mox_packet_add_data_to_regular(d, &rule.regular()), -ENOMEM);
-    EXPECT_TRUE(kernel().said("[MOX-PACKET(0)]: MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"));
-    EXPECT_EQ(rule.regular().items.next, &rule.regular().items);
-    mox_packet_free_data(d);
-}
-
-TEST_F(RegularMem, del_data__missing_item_or_value_changes_nothing)
-{
-    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
-    rule.data(PACKET_ETH_PROT_EQUAL, {8, 0});
-    rule.del(PACKET_ETH_PROT_EQUAL, {8, 1}).del(PACKET_SRC_MAC_EQUAL, {8, 0});
-    EXPECT_EQ(g_regular_data_stats[PACKET_ETH_PROT_EQUAL], 1u);
-    rule.del(PACKET_ETH_PROT_EQUAL, {8, 0});
-    EXPECT_EQ(counters(), oracle::Counters{});
-    EXPECT_EQ(rule.regular().items.next, &rule.regular().items);
-}
-
-TEST_F(RegularMem, del_data__item_stays_until_its_last_value)
-{
-    Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
-    rule.data(PACKET_IPv4_PROT_EQUAL, {6}).data(PACKET_IPv4_PROT_EQUAL, {17});
-    rule.del(PACKET_IPv4_PROT_EQUAL, {6});
-    EXPECT_EQ(g_regular_item_stats[PACKET_IPv4_PROT_EQUAL], 1u);
-    rule.del(PACKET_IPv4_PROT_EQUAL, {17});
-    EXPECT_EQ(g_regular_item_stats[PACKET_IPv4_PROT_EQUAL], 0u);
 }
 
 }  // namespace

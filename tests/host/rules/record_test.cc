@@ -6,35 +6,22 @@
 namespace {
 
 struct TypeTraits {
-    u16 type;
-    u16 stride;
+    explicit TypeTraits(u16 type)
+        : type(type), stride(contract::width(type)), valued(stride), line(contract::edited_line(type))
+    {
+    }
+
+    u16 type, stride;
     bool valued;
-    const char *line;
+    std::string line;
 };
 
-const TypeTraits kTypes[] = {
-    {0, 2, true, "ADD-REGUALR: type PACKET_PACKET_CODE_EQUAL success\n"},
-    // The word "type" is absent here, and only here.
-    {1, 6, true, "ADD-REGUALR: PACKET_DEST_MAC_EQUAL success\n"},
-    {2, 6, true, "ADD-REGUALR: PACKET_SRC_MAC_EQUAL success\n"},
-    {3, 2, true, "ADD-REGUALR: type PACKET_ETH_PROT_EQUAL success\n"},
-    {4, 2, true, "ADD-REGUALR: type PACKET_SNAP_ETH_TYPE_EQUAL success\n"},
-    {5, 1, true, "ADD-REGUALR: type PACKET_IPv4_PROT_EQUAL success\n"},
-    {6, 1, true, "ADD-REGUALR: type PACKET_IPv6_PROT_EQUAL success\n"},
-    {7, 2, true, "ADD-REGUALR: type PACKET_IPv4_DEST_PORT_EQUAL success\n"},
-    {8, 2, true, "ADD-REGUALR: type PACKET_IPv4_SRC_PORT_EQUAL success\n"},
-    {9, 2, true, "ADD-REGUALR: type PACKET_IPv6_DEST_PORT_EQUAL success\n"},
-    {10, 4, true, "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success\n"},
-    {11, 1, true, "ADD-REGUALR: type PACKET_ICMPV6_TYPE_EQUAL success\n"},
-    {12, 0, false, "ADD-REGUALR: type PACKET_IPv4_MCAST_TRAFFIC success\n"},
-    {13, 0, false, "ADD-REGUALR: type PACKET_IPv6_MCAST_TRAFFIC success\n"},
-    {14, 1, true, "ADD-REGUALR: type PACKET_EAPOL_TYPE_EQUAL success\n"},
-    {15, 1, true, "ADD-REGUALR: type PACKET_EAPOL_TYPE_WPS success\n"},
-    {16, 0, false, "ADD-REGUALR: type PACKET_ALL success\n"},
-    {17, 4, true, "ADD-REGUALR: type PACKET_PID_T success\n"},
-    {18, 0, false, "ADD-REGUALR: type PACKET_WLAN_MGNT success\n"},
-    {19, 2, true, "ADD-REGUALR: type PACKET_ARP_TYPE success\n"},
-};
+const std::vector<TypeTraits> kTypes = [] {
+    std::vector<TypeTraits> all;
+    for (u16 type = 0; type < contract::kTypes; type++)
+        all.emplace_back(type);
+    return all;
+}();
 
 // count elements of distinct bytes, none of them zero.
 Bytes elements(size_t count, size_t stride)
@@ -76,7 +63,7 @@ protected:
         ASSERT_EQ(s.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
         lines();
     }
-    // The lines that the option itself says; the library's own are left out.
+    // The lines that the option itself prints; the library's own are left out.
     Strings own_lines()
     {
         Strings out;
@@ -113,7 +100,7 @@ TEST_F(RuleRecordTest, type__each_added_with_its_own_stride_and_value_bytes)
         EXPECT_EQ(g_regular_data_stats[t.type], got[0].second.size());
         EXPECT_EQ(g_regular_item_stats[t.type], 1u);
 
-        // Deleting says the same line.
+        // Deleting prints the same line.
         EXPECT_EQ(s.del(t.type, 3, bytes), 0);
         EXPECT_EQ(lines(), Strings{t.line});
         EXPECT_TRUE(items(s).empty());
@@ -138,7 +125,7 @@ TEST_F(RuleRecordTest, type__deleting_one_value_keeps_the_others)
     }
 }
 
-TEST_F(RuleRecordTest, delete__of_what_is_not_there_still_says_success)
+TEST_F(RuleRecordTest, delete__of_what_is_not_there_still_prints_success)
 {
     for (const TypeTraits &t : kTypes) {
         SCOPED_TRACE(t.line);
@@ -183,10 +170,10 @@ TEST_F(RuleRecordTest, types_without_value__any_count_is_one_datum)
 {
     for (u16 type : {12, 13, 18}) {
         for (u16 count : {1, 2, 65535}) {
-            // One element says it all: a count costs no time under the rule lock.
-            uint64_t before = kernel().calls("cache_alloc:pkt_regular_data");
+            // One element is enough: a count costs no time under the rule lock.
+            uint64_t before = kernel().calls(Fail::kDataAlloc);
             EXPECT_EQ(s.rule(true, type, count, {}, 0), 0);
-            EXPECT_EQ(kernel().calls("cache_alloc:pkt_regular_data"), before + 1);
+            EXPECT_EQ(kernel().calls(Fail::kDataAlloc), before + 1);
             EXPECT_EQ(items(s), (Items{{type, {oracle::Value{}}}}));
         }
         EXPECT_EQ(s.rule(false, type, 1, {}, 0), 0);
@@ -205,7 +192,7 @@ TEST_F(RuleRecordTest, length__head_must_be_there)
                                        std::to_string(len) + "\n"});
         }
     EXPECT_EQ(g_packet_regular_data_alloc, 0u) << "refused before any memory is taken";
-    EXPECT_EQ(kernel().calls("vzalloc"), 0u);
+    EXPECT_EQ(kernel().calls(Fail::kVzalloc), 0u);
     EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, Bytes(6), 6), 0) << "a head alone";
 }
 
@@ -296,8 +283,8 @@ TEST_F(RuleRecordTest, buffer__is_counted_out_and_back_on_every_path)
         {"short", [&] { return raw(MOX_PACKET_ADD_RULE, Bytes(5)); }, -22, 0},
         {"elements missing", [&] { return s.rule(true, 5, 3, {1}, 1); }, -22, 1},
         {"fault", [&] { return raw(MOX_PACKET_ADD_RULE, Bytes(7), 7, 3); }, -14, 1},
-        {"no buffer", [&] { kernel().fail("vzalloc"); return s.add(5, 1, {6}); }, -12, 0},
-        {"no datum", [&] { kernel().fail("cache_alloc:pkt_regular_data"); return s.add(5, 1, {6}); }, -12, 1},
+        {"no buffer", [&] { kernel().fail(Fail::kVzalloc); return s.add(5, 1, {6}); }, -12, 0},
+        {"no datum", [&] { kernel().fail(Fail::kDataAlloc); return s.add(5, 1, {6}); }, -12, 1},
     };
     for (auto &c : cases) {
         SCOPED_TRACE(c.what);
@@ -312,7 +299,7 @@ TEST_F(RuleRecordTest, buffer__is_counted_out_and_back_on_every_path)
 TEST_F(RuleRecordTest, buffer__none_to_be_had)
 {
     run();
-    kernel().fail("vzalloc");
+    kernel().fail(Fail::kVzalloc);
     EXPECT_EQ(s.add(5, 1, {6}), -12);
     EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: ENOMEM\n"});
     EXPECT_TRUE(s.running()) << "nothing was withdrawn yet";
@@ -404,13 +391,13 @@ TEST_F(RuleRecordTest, interface_in_a_vsd__other_types_do_not_ask)
             continue;
         EXPECT_EQ(s.add(t.type, 1, elements(1, t.stride)), 0) << t.line;
     }
-    EXPECT_EQ(kernel().calls("kzalloc"), 1u) << "the one of create";
+    EXPECT_EQ(kernel().calls(Fail::kKzalloc), 1u) << "the one of create";
 }
 
 TEST_F(RuleRecordTest, interface_in_a_vsd__without_memory_for_the_path_is_vsd_0)
 {
     kernel().cwd = "/data/var/run/vsd/3";
-    kernel().fail("kzalloc");
+    kernel().fail(Fail::kKzalloc);
     EXPECT_EQ(s.add(PACKET_SRC_INTF_EQUAL, 1, {7, 0, 0, 0}), 0);
     EXPECT_EQ(lines(), (Strings{"<0>Failed to kmalloc buf.\n",
                                 "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success\n"}));
@@ -444,7 +431,7 @@ TEST_F(RuleRecordTest, packet_all__ignores_count_and_elements)
 TEST_F(RuleRecordTest, packet_all__without_an_item)
 {
     run();
-    kernel().fail("cache_alloc:pkt_item_mem");
+    kernel().fail(Fail::kItemAlloc);
     EXPECT_EQ(s.add(PACKET_ALL), -12);
     Strings said = lines();
     ASSERT_GE(said.size(), 2u);
@@ -462,7 +449,7 @@ TEST_F(RuleRecordTest, packet_all__without_an_item)
 TEST_F(RuleRecordTest, half_way__no_datum_keeps_what_came_before_and_leaves_the_libraries)
 {
     run();
-    kernel().fail("cache_alloc:pkt_regular_data", 3);
+    kernel().fail(Fail::kDataAlloc, 3);
     EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 4, {1, 2, 3, 4}), -12);
     Strings said = lines();
     ASSERT_GE(said.size(), 2u);
@@ -483,7 +470,7 @@ TEST_F(RuleRecordTest, half_way__no_datum_keeps_what_came_before_and_leaves_the_
 TEST_F(RuleRecordTest, half_way__no_item_frees_the_datum_and_leaves_the_libraries)
 {
     run();
-    kernel().fail("cache_alloc:pkt_item_mem");
+    kernel().fail(Fail::kItemAlloc);
     EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 4, {1, 2, 3, 4}), -12);
     Strings said = lines();
     ASSERT_GE(said.size(), 2u);
@@ -502,7 +489,7 @@ TEST_F(RuleRecordTest, half_way__no_datum_while_deleting)
     run();
     ASSERT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 3, {1, 2, 3}), 0);
     lines();
-    kernel().fail("cache_alloc:pkt_regular_data", 2);
+    kernel().fail(Fail::kDataAlloc, 2);
     EXPECT_EQ(s.del(PACKET_IPv4_PROT_EQUAL, 3, {1, 2, 3}), -12);
     EXPECT_EQ(items(s)[1].second, (std::vector<oracle::Value>{value_of({2}), value_of({3})}));
     EXPECT_FALSE(s.running());
@@ -520,7 +507,7 @@ TEST_F(RuleRecordTest, every_allocation_in_turn__leaks_nothing_and_keeps_the_boo
             ASSERT_EQ(each.set(PACKET_TREATMENT, PACKET_FETCH), 0);
             ASSERT_EQ(each.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
             size_t seen = 0;
-            kernel().fault = [&](const std::string &) { return ++seen == nth; };
+            kernel().fault = [&](Fail) { return ++seen == nth; };
             int result = each.add(t.type, 3, elements(3, t.stride));
             kernel().fault = nullptr;
             EXPECT_TRUE(result == 0 || result == -12 || result == -14) << result;

@@ -13,6 +13,7 @@ using namespace mox;
 namespace {
 
 using fake::efmp;
+using fake::Fail;
 using fake::kernel;
 using Strings = std::vector<std::string>;
 
@@ -135,8 +136,8 @@ TEST_F(Serv, init__handler_refused)
             mox_packet_debug[0] = printing;
             efmp().service_calls.clear();
             kernel().log.clear();
-            kernel().error["reg_serv"] = error;
-            kernel().fail("reg_serv");
+            kernel().error[Fail::kRegServ] = error;
+            kernel().fail(Fail::kRegServ);
             EXPECT_EQ(mox_packet_serv_init(), -1);
             ASSERT_EQ(kernel().log.size(), 1u);
             EXPECT_EQ(kernel().log[0].text, "Reg serv change handler error\n");
@@ -342,7 +343,7 @@ TEST_F(Serv, cpp_ioctl__does_not_come_and_go_with_the_unit)
     mox_packet_serv_deinit();
     EXPECT_EQ(mox_packet_cpp_ioctl_func, handler_a);
     EXPECT_EQ(packet_unreg_cpp_ioctl(handler_a), 0);
-    kernel().fail("reg_serv");
+    kernel().fail(Fail::kRegServ);
     ASSERT_EQ(packet_reg_cpp_ioctl(handler_b), 0);
     ASSERT_EQ(mox_packet_serv_init(), -1);
     EXPECT_EQ(mox_packet_cpp_ioctl_func, handler_b);

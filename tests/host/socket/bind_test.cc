@@ -61,7 +61,7 @@ TEST_F(Bind, address__length_and_family)
     }
 }
 
-TEST_F(Bind, address__without_debug_says_nothing)
+TEST_F(Bind, address__without_debug_prints_nothing)
 {
     Sock s;
     create(s);
@@ -71,7 +71,7 @@ TEST_F(Bind, address__without_debug_says_nothing)
     EXPECT_EQ(s.bind(99), -19);
     kernel().cwd = "/data/var/run/vsd/3";
     EXPECT_EQ(s.bind(7), -22);
-    kernel().fail("cache_alloc:pkt_regular_data");
+    kernel().fail(Fail::kDataAlloc);
     EXPECT_EQ(s.bind(0, kArp), -12);
     EXPECT_EQ(kernel().text(), "");
 }
@@ -118,8 +118,9 @@ TEST_F(Bind, interface__index_0_skips_both_checks)
     ASSERT_EQ(s.bind(7), 0);
     lines();
     kernel().cwd = "/data/var/run/vsd/3";
-    kernel().fail("kzalloc");
+    const uint64_t before = kernel().calls(Fail::kKzalloc);
     EXPECT_EQ(s.bind(0), 0);
+    EXPECT_EQ(kernel().calls(Fail::kKzalloc), before) << "no path was asked for";
     EXPECT_EQ(s.po().ifindex, 0u);
     EXPECT_EQ(lines(), Strings{"MOX-PACKET-BIND\n"});
 }
@@ -158,7 +159,7 @@ TEST_F(Bind, vsd__without_memory_for_the_path_the_check_is_skipped)
     Sock s;
     create(s);
     kernel().cwd = "/data/var/run/vsd/3";
-    kernel().fail("kzalloc");
+    kernel().fail(Fail::kKzalloc);
     EXPECT_EQ(s.bind(7), 0);
     EXPECT_EQ(s.po().ifindex, 7u);
     EXPECT_EQ(lines(), (Strings{"MOX-PACKET-BIND\n", "<0>Failed to kmalloc buf.\n"}));
@@ -198,8 +199,9 @@ TEST_F(Bind, protocol__0_without_one_adds_nothing)
 {
     Sock s;
     create(s);
-    kernel().fail("cache_alloc:pkt_regular_data");
+    const uint64_t before = kernel().calls(Fail::kDataAlloc);
     EXPECT_EQ(s.bind(7, 0), 0);
+    EXPECT_EQ(kernel().calls(Fail::kDataAlloc), before);
     EXPECT_TRUE(items(s).empty());
 }
 
@@ -277,25 +279,23 @@ TEST_F(Bind, running__location_without_a_library)
 TEST_F(Bind, failure__datum_or_item_leaves_it_stopped_with_the_new_interface)
 {
     struct {
-        const char *cache;
-        Strings lines;
+        contract::Cache cache;
+        const char *line;
     } const cases[] = {
-        {"pkt_regular_data", {"MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n",
-                              "MOX-PACKET-DO-BIND: Alloc data failed\n"}},
-        {"pkt_item_mem", {"MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n",
-                          "MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"}},
+        {contract::Cache::kData, "MOX-PACKET-DO-BIND: Alloc data failed\n"},
+        {contract::Cache::kItem, "MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"},
     };
     for (auto &c : cases) {
-        SCOPED_TRACE(c.cache);
+        SCOPED_TRACE(c.line);
         Sock s;
         running(s);
-        kernel().fail(std::string("cache_alloc:") + c.cache);
+        kernel().fail(fake::alloc_of(c.cache));
         EXPECT_EQ(s.bind(7, kArp), -12);
         Strings wanted{"MOX-PACKET-BIND\n"};
         Strings said = lines();
-        // What withdrawing says is the library's affair.
+        // What withdrawing prints is tested with the library.
         ASSERT_GE(said.size(), 3u);
-        EXPECT_EQ(Strings(said.end() - 2, said.end()), c.lines);
+        EXPECT_EQ(Strings(said.end() - 2, said.end()), (Strings{facts(c.cache).exhausted, c.line}));
         EXPECT_EQ(s.po().ifindex, 7u) << "changed";
         EXPECT_EQ(s.po().protocol, kArp) << "changed";
         EXPECT_FALSE(s.running());
@@ -320,7 +320,7 @@ TEST_F(Bind, failure__every_allocation_in_turn_leaks_nothing)
         ASSERT_EQ(s.set(PACKET_TREATMENT, PACKET_COPY), 0);
         ASSERT_EQ(s.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
         size_t seen = 0;
-        kernel().fault = [&](const std::string &) { return ++seen == nth; };
+        kernel().fault = [&](Fail) { return ++seen == nth; };
         int result = s.bind(7, kIpv4);
         kernel().fault = nullptr;
         EXPECT_TRUE(result == 0 || result == -12);
@@ -434,11 +434,11 @@ TEST_F(Bind, locks__two_sockets_of_one_library_leave_its_hook_registered)
             played++;
             on_other_cpu([&] { EXPECT_EQ(t.set(PACKET_LOCATION, location), 0); });
         };
-        kernel().at["locking"] = visit;
-        kernel().at["unlock"] = visit;
+        kernel().at[Point::kLocking] = visit;
+        kernel().at[Point::kUnlock] = visit;
         EXPECT_EQ(s.bind(7), 0);
-        kernel().at.erase("locking");
-        kernel().at.erase("unlock");
+        kernel().at.erase(Point::kLocking);
+        kernel().at.erase(Point::kUnlock);
         EXPECT_EQ(filed(PACKET_LEV2_LOC), location ? 2u : 1u);
         EXPECT_TRUE(hooked("lev2"));
         verify_all();

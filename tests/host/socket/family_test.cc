@@ -36,12 +36,12 @@ TEST_F(Family, create__only_dgram_and_raw)
     }
 }
 
-TEST_F(Family, create__without_debug_says_nothing)
+TEST_F(Family, create__without_debug_prints_nothing)
 {
     debug(false);
     Sock bad, good;
     EXPECT_EQ(bad.create(10), -94);
-    kernel().fail("sk_alloc");
+    kernel().fail(Fail::kSkAlloc);
     EXPECT_EQ(bad.create(), -105);
     EXPECT_EQ(good.create(), 0);
     good.release();
@@ -140,7 +140,7 @@ TEST_F(Family, create__enters_the_namespaces_list_at_the_head_under_its_mutex)
 
 TEST_F(Family, create__without_a_socket_record)
 {
-    kernel().fail("sk_alloc");
+    kernel().fail(Fail::kSkAlloc);
     Sock s;
     EXPECT_EQ(s.create(), -105);
     EXPECT_EQ(lines(), (Strings{"PACKET-CREATE\n", "Can not alloc sock\n"}));
@@ -148,7 +148,7 @@ TEST_F(Family, create__without_a_socket_record)
 }
 
 // A create that fails half way frees the record through its last reference, and
-// the destructor notes that nobody had declared it dead. That line is meant.
+// the destructor notes that it had not been declared dead. That line is intended.
 TEST_F(Family, create__each_later_failure_drops_the_record_with_the_destructors_line)
 {
     const char *const alive = "<3>Attempt to release alive packet socket: ";
@@ -160,9 +160,9 @@ TEST_F(Family, create__each_later_failure_drops_the_record_with_the_destructors_
     } const cases[] = {
         {"in a vsd", [] { kernel().cwd = "/data/var/run/vsd/3/further/path"; }, kArp, -22,
          {"Get vsd id 3 fail\n"}},
-        {"no datum", [] { kernel().fail("cache_alloc:pkt_regular_data"); }, kArp, -12,
+        {"no datum", [] { kernel().fail(Fail::kDataAlloc); }, kArp, -12,
          {"MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n"}},
-        {"no item", [] { kernel().fail("cache_alloc:pkt_item_mem"); }, kArp, -12,
+        {"no item", [] { kernel().fail(Fail::kItemAlloc); }, kArp, -12,
          {"MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n",
           "MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"}},
     };
@@ -187,7 +187,7 @@ TEST_F(Family, create__each_later_failure_drops_the_record_with_the_destructors_
 TEST_F(Family, create__without_memory_for_the_path_takes_vsd_0)
 {
     kernel().cwd = "/data/var/run/vsd/3";
-    kernel().fail("kzalloc");
+    kernel().fail(Fail::kKzalloc);
     Sock s;
     EXPECT_EQ(s.create(), 0);
     EXPECT_EQ(s.po().vsd, 0u);
@@ -217,13 +217,13 @@ TEST_F(Family, release__frees_an_idle_socket)
     ASSERT_EQ(s.create(), 0);
     lines();
     EXPECT_EQ(s.release(), 0);
-    EXPECT_EQ(lines(), Strings{"MOX-PACKET-RELEASE\n"}) << "the destructor has nothing to say";
+    EXPECT_EQ(lines(), Strings{"MOX-PACKET-RELEASE\n"}) << "the destructor prints nothing";
     EXPECT_TRUE(kernel().socks.empty());
     EXPECT_EQ(fake::init_net().refs, 1);
     EXPECT_EQ(fake::init_net().inuse, 0);
 }
 
-// Running with a protocol alone: the rule is in no library, which the library says.
+// Running with a protocol alone: the rule is in no library, which the library prints.
 TEST_F(Family, release__of_a_socket_that_runs_without_a_location)
 {
     Sock s;
@@ -351,7 +351,7 @@ TEST_F(Family, release__orphans_behind_the_rule_and_before_the_queue)
     queue_buffer(s, 60);
     g_free_skb_num = 0;
     bool seen = false;
-    kernel().at["orphan"] = [&](const void *) {
+    kernel().at[Point::kOrphan] = [&](const void *) {
         seen = true;
         EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
         EXPECT_TRUE(items(s).empty());
@@ -420,7 +420,7 @@ TEST_F(Family, destructor__by_what_is_left)
         sk->rmem = c.rmem;
         sk->wmem = c.wmem;
         sk->dead = c.dead;
-        // As the destructor meets it: the last reference has gone.
+        // As in the destructor: the last reference has gone.
         kernel().log.clear();
         debug(false);
         char address[32];

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // setsockopt: every option number, and the options with one word as argument.
 // Rule records: rule_record_test.cc; the control hook: control_hook_test.cc.
+#include "contract/sockets.h"
 #include "socket_fixture.h"
 
 namespace {
@@ -34,17 +35,11 @@ protected:
 
 TEST_F(Setsockopt, option__every_number)
 {
-    const int inval = -22, no = -92;
     // Argument: four zero bytes, which no rule record is.
-    const int results[26] = {
-        no, inval, inval, no, no, no, no, no, inval, inval,  // 0 to 9
-        no, inval, inval, inval, inval, 0, 0, 0, 0, 0,       // 10 to 19
-        no, no, no, no, no, no,
-    };
     for (int option = 0; option <= 25; option++)
-        EXPECT_EQ(s.set(option, 0), results[option]) << "option " << option;
+        EXPECT_EQ(s.set(option, 0), -contract::set_option_error(option)) << "option " << option;
     for (int option : {-1, -11, 256 + 17, 65536 + 17, 0x7fffffff})
-        EXPECT_EQ(s.set(option, 0), no) << "option " << option;
+        EXPECT_EQ(s.set(option, 0), -92) << "option " << option;
 }
 
 TEST_F(Setsockopt, option__refused_numbers_say_nothing_and_change_nothing)
@@ -83,7 +78,7 @@ TEST_F(Setsockopt, word__length_limits)
             EXPECT_EQ(lines(), Strings{c.line});
         }
         EXPECT_EQ(s.po().flags, 0);
-        // Exactly four bytes are read, whatever the length says behind them.
+        // Exactly four bytes are read, whatever the option length is.
         EXPECT_EQ(s.setsockopt(c.option, Bytes{1, 0, 0, 0, 9, 9}, MOX_SOL_PACKET, 600, 4), 0);
         lines();
         s.release();
@@ -105,7 +100,7 @@ TEST_F(Setsockopt, word__fault_while_copying)
         }
 }
 
-TEST_F(Setsockopt, word__without_debug_says_nothing)
+TEST_F(Setsockopt, word__without_debug_prints_nothing)
 {
     debug(false);
     EXPECT_EQ(s.set(PACKET_TREATMENT, 6), -22);
@@ -126,13 +121,11 @@ TEST_F(Setsockopt, word__without_debug_says_nothing)
 
 TEST_F(Setsockopt, treatment__every_value)
 {
-    const char *const names[] = {"PACKET_TREATMENT_NONE", "PACKET_COPY", "PACKET_FETCH",
-                                 "PACKET_TRAP", "PACKET_COPY_LOCAL", "PACKET_FETCH_LOCAL"};
     ASSERT_EQ(s.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
     lines();
-    for (u32 value = 0; value < 6; value++) {
+    for (u32 value = 0; value < contract::kTreatments; value++) {
         EXPECT_EQ(s.set(PACKET_TREATMENT, value), 0);
-        EXPECT_EQ(lines(), Strings{std::string("SETSOCKOPT: process: ") + names[value] + "\n"});
+        EXPECT_EQ(lines(), Strings{std::string("SETSOCKOPT: process: ") + contract::treatment_name(value) + "\n"});
         EXPECT_EQ(rules_in(&g_lev2_packet_regular_lib.regulars).at(0).treatment, value);
         EXPECT_EQ(s.refs(), 3u);
     }
@@ -222,25 +215,22 @@ TEST_F(Setsockopt, ctrl_info__survives_a_rule_change_on_another_cpu_at_any_point
 
 TEST_F(Setsockopt, location__every_value)
 {
-    struct {
-        u32 value;
-        const char *name;
-        const char *hook;  // of those that register one
-    } const cases[] = {
-        {1, "PACKET_LOCAL_LOC", "local"}, {2, "PACKET_LEV2_LOC", "lev2"},
-        {3, "PACKET_IPv4_LOC", "ipv4"},   {4, "PACKET_IPv6_LOC", "ipv6"},
-        {7, "PACKET_RESV_LOC", "resv"},   {8, "PACKET_WLAN_LOC", "wlan"},
-        {9, "PACKET_LEV2_RESV_LOC", "resv"}, {10, "PACKET_LEV3_RESV_LOC", "resv"},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(s.set(PACKET_LOCATION, c.value), 0);
-        EXPECT_EQ(lines(), Strings{std::string("SETSOCKOPT: PACKET_LOCATION ") + c.name + "\n"});
+    for (u32 value = 1; value < contract::kLocationCount; value++) {
+        const contract::Location &location = contract::kLocations[value];
+        if (!location.accepted)
+            continue;
+        SCOPED_TRACE(location.name);
+        EXPECT_EQ(s.set(PACKET_LOCATION, value), 0);
+        EXPECT_EQ(lines(), Strings{std::string("SETSOCKOPT: PACKET_LOCATION ") + location.name + "\n"});
         EXPECT_TRUE(s.running());
         EXPECT_EQ(s.refs(), 3u);
-        EXPECT_EQ(filed(c.value), 1u);
-        for (auto &[name, on] : efmp().registered)
-            EXPECT_EQ(on, name == c.hook || (c.value == 8 && name == "wlan_out")) << name;
+        EXPECT_EQ(filed(value), 1u);
+        for (auto &[name, on] : efmp().registered) {
+            bool wanted = false;
+            for (const contract::Hook &hook : contract::hooks(value))
+                wanted = wanted || hook.name == name;
+            EXPECT_EQ(on, wanted) << name;
+        }
     }
 }
 

@@ -15,7 +15,7 @@ protected:
     }
     void TearDown() override
     {
-        EXPECT_EQ(lines(), Strings{}) << "asking says nothing";
+        EXPECT_EQ(lines(), Strings{}) << "reading prints nothing";
         debug(false);
         s.release();
         SocketTest::TearDown();
@@ -114,7 +114,7 @@ TEST_F(SockoptGet, statistics__read_and_cleared_under_the_receive_queues_lock)
     EXPECT_EQ(trace.steps, (Strings{"+rcvq", "-rcvq"}));
 }
 
-TEST_F(SockoptGet, length__is_capped_and_told_and_no_byte_more_is_written)
+TEST_F(SockoptGet, length__is_capped_and_printed_and_no_byte_more_is_written)
 {
     struct {
         int option, wanted, told;
@@ -157,7 +157,7 @@ TEST_F(SockoptGet, fault__at_the_length)
 TEST_F(SockoptGet, fault__while_the_length_is_written_back)
 {
     for (int option : {6, 8, 9}) {
-        kernel().fail("put_user");
+        kernel().fail(Fail::kPutUser);
         EXPECT_EQ(get(option, 8), -14);
         EXPECT_EQ(value.bytes, Bytes(16, 0xcc)) << "the value comes behind it";
     }
@@ -252,7 +252,7 @@ TEST_F(SockoptGet, getname__interface_that_has_gone)
     EXPECT_EQ(name.head(12), (Bytes{17, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(SockoptGet, getname__unbound_where_the_platform_knows_interface_0)
+TEST_F(SockoptGet, getname__unbound_where_the_platform_has_interface_0)
 {
     const u8 mac[6] = {6, 5, 4, 3, 2, 1};
     efmp().add_interface(0, "zero", mac);

@@ -69,7 +69,7 @@ TEST_F(Recvmsg, flags__only_peek_trunc_and_dontwait)
         EXPECT_EQ(msg.flags, 0);
     }
     EXPECT_EQ(s.queued(), 1u);
-    EXPECT_EQ(kernel().calls("recv_datagram"), 0u);
+    EXPECT_EQ(kernel().calls(Fail::kRecvDatagram), 0u);
     msghdr msg;
     EXPECT_EQ(receive(msg, 100, kPeek | kTrunc | kDontWait), 60);
 }
@@ -87,8 +87,8 @@ TEST_F(Recvmsg, queue__empty_and_other_errors_of_the_datagram_layer)
     EXPECT_EQ(receive(msg, 100), -11);
     EXPECT_EQ(msg.namelen, -1);
     for (int error : {-512, -104, -107}) {
-        kernel().error["recv_datagram"] = error;
-        kernel().fail("recv_datagram");
+        kernel().error[Fail::kRecvDatagram] = error;
+        kernel().fail(Fail::kRecvDatagram);
         EXPECT_EQ(receive(msg, 100, 0), error);
     }
     EXPECT_EQ(g_free_skb_num, 0u);
@@ -184,7 +184,7 @@ TEST_F(Recvmsg, name__all_26_bytes)
         ASSERT_EQ(name[i], 0x5a) << i;
 }
 
-// Older kernels would hand out, by that length, what nobody filled.
+// Older kernels would hand out, by that length, what was never filled.
 TEST_F(Recvmsg, name__without_a_buffer_has_no_length)
 {
     queue(60);
@@ -251,7 +251,7 @@ TEST_F(Recvmsg, control__callers_length_does_not_matter)
     }
 }
 
-TEST_F(Recvmsg, control__on_without_a_buffer_tells_the_length)
+TEST_F(Recvmsg, control__on_without_a_buffer_prints_the_length)
 {
     ASSERT_EQ(s.set(PACKET_CTRL_INFO, 1), 0);
     queue(60);
@@ -290,7 +290,7 @@ TEST_F(Recvmsg, control__with_trunc_and_peek)
     }
 }
 
-// A frame by way of a hook, the thread and delivery, as a process meets it.
+// A frame by way of a hook, the thread and delivery, as a process sees it.
 TEST_F(Recvmsg, arrival__name_and_record_are_those_of_the_frame)
 {
     ASSERT_EQ(s.add(PACKET_ALL), 0);

@@ -5,16 +5,22 @@
 
 namespace {
 
+using enum contract::Refusal;
+
 // A way in which a send fails. In the order in which sendmsg looks: of two that hold at
 // once, the first one is the answer.
 struct Failure {
     const char *name;
-    int error;
-    Counter counter;
-    std::string line;   // while debugging
-    int tells;          // how many lines a send has said before it
-    bool errno_line;    // a debug send's errno is told
-    const char *knob;   // what it turns: two that turn the same cannot be had at once
+    contract::Refusal refusal;
+    const char *named;  // in its line
+    int tells;          // how many lines a send prints before it
+    bool errno_line;    // a debug send prints its errno
+    const char *knob;   // what it turns: two that turn the same exclude each other
+
+    const contract::RefusalFacts &facts() const { return contract::kRefusalFacts[refusal]; }
+    int error() const { return -facts().error; }
+    Counter counter() const { return facts().counter; }
+    std::string line() const { return "MOX-PACKET-SEND: " + refusal_line(refusal, named) + "\n"; }
 };
 
 class SendChecks : public SendTest {
@@ -41,7 +47,7 @@ protected:
         else if (name == "namelen for its mac")
             (*m.name)[11] = 9;
         else if (name == "alloc")
-            kernel().fail("efbuff_alloc");
+            kernel().fail(Fail::kEfbuffAlloc);
         else if (name == "dst mac")
             (*m.name)[11] = 5;
         else if (name == "no service")
@@ -65,13 +71,13 @@ protected:
     void mend()
     {
         kernel().cwd = "/root";
-        // A refusal that no send has met must not hit the next one.
-        kernel().failing("efbuff_alloc");
+        // Where an earlier check has refused, no efbuff was asked for.
+        kernel().disarm(Fail::kEfbuffAlloc);
         publish_local_mac();
         g_local_mac.result = 0;
         efmp().outcome = 0;
     }
-    // What a failing send of the message above says, in order.
+    // What a failing send of the message above prints, in order.
     Strings said_for(const Failure &f, bool debug_send, const Outgoing &m)
     {
         const char *src = "8";
@@ -85,45 +91,44 @@ protected:
             "MOX-PACKET-SEND: send src intf: eth8, dst intf: eth7.\n",
         };
         Strings out(before.begin(), before.begin() + f.tells);
-        if (f.counter == kEfSendFails)
-            out.push_back(std::string("MOX-PACKET-SEND: process captured send ") +
-                          (debug_send ? "debug pkt " : "pkt ") + efbuff_text + " in vsd 0, fail: drop.\n");
+        if (f.counter() == kEfSendFails)
+            out.push_back("MOX-PACKET-SEND: " +
+                          refusal_line(kDropped, std::string("captured send ") + (debug_send ? "debug pkt " : "pkt ") +
+                                                     efbuff_text + " in vsd 0") + "\n");
         else
-            out.push_back(f.line);
+            out.push_back(f.line());
         if (debug_send && f.errno_line)
-            out.push_back("MOX-PACKET-SEND: process captured send debug pkt fail: " + std::to_string(f.error) + ".\n");
+            out.push_back("MOX-PACKET-SEND: process captured send debug pkt fail: " + std::to_string(f.error()) + ".\n");
         return out;
     }
     void check(const Failure &f, bool debug_send, const Outgoing &m)
     {
         kernel().log.clear();
         const int calls = g_local_mac.calls;
-        expect_send(m, f.error, f.counter);
+        expect_send(m, f.error(), f.counter());
         EXPECT_EQ(lines(), said_for(f, debug_send, m));
         // Nobody is asked for what comes later.
         const std::string name = f.name;
-        const bool before_service = f.counter == kSendmsgIll || f.counter == kAllocFails || name == "dst mac" ||
+        const bool before_service = f.counter() == kSendmsgIll || f.counter() == kAllocFails || name == "dst mac" ||
                                     name == "no service";
         EXPECT_EQ(g_local_mac.calls - calls, before_service ? 0 : 1);
     }
 };
 
 const Failure kFailures[] = {
-    {"vsd", -22, kSendmsgIll, "MOX-PACKET-SEND: get vsd id 3 fail.\n", 0, false, "vsd"},
-    {"controllen", -22, kSendmsgIll, "MOX-PACKET-SEND: msg controllen 47 illegal.\n", 1, false, "control"},
-    {"namelen", -22, kSendmsgIll, "MOX-PACKET-SEND: msg namelen 19 illegal.\n", 4, true, "namelen"},
-    {"namelen for its mac", -22, kSendmsgIll, "MOX-PACKET-SEND: msg namelen 20 illegal.\n", 4, true, "namelen"},
-    {"alloc", -12, kAllocFails, "MOX-PACKET-SEND: alloc ebuff failed.\n", 4, true, "alloc"},
-    {"dst mac", -22, kMacfuncIll, "MOX-PACKET-SEND: sock_dgram but dst mac addr is null.\n", 4, true, "mac"},
-    {"no service", -22, kMacfuncIll, "MOX-PACKET-SEND: sock_dgram but get mac addr func is null.\n", 4, true,
-     "service"},
-    {"service fails", -22, kMacfuncIll, "MOX-PACKET-SEND: sock_dgram but get local mac error.\n", 4, true,
-     "service"},
-    {"copy", -14, kCopyFails, "MOX-PACKET-SEND: copy pkt failed\n", 4, true, "copy"},
-    {"dst missing", -6, kDstintfIll, "MOX-PACKET-SEND: get dst intf 77 fail\n", 4, true, "dst"},
-    {"dst down", -100, kLinkdown, "MOX-PACKET-SEND: send eth9 is link down\n", 4, true, "dst"},
-    {"src missing", -6, kSrcintfIll, "MOX-PACKET-SEND: get src intf 78 fail!\n", 4, true, "src"},
-    {"drop", -101, kEfSendFails, "", 5, false, "drop"},
+    {"vsd", kVsd, "3", 0, false, "vsd"},
+    {"controllen", kControlLength, "47", 1, false, "control"},
+    {"namelen", kNameLength, "19", 4, true, "namelen"},
+    {"namelen for its mac", kNameLength, "20", 4, true, "namelen"},
+    {"alloc", kNoEfbuff, "", 4, true, "alloc"},
+    {"dst mac", kNoDstMac, "", 4, true, "mac"},
+    {"no service", kNoMacService, "", 4, true, "service"},
+    {"service fails", kMacServiceFails, "", 4, true, "service"},
+    {"copy", kDataFault, "", 4, true, "copy"},
+    {"dst missing", kNoDst, "77", 4, true, "dst"},
+    {"dst down", kDstDown, "eth9", 4, true, "dst"},
+    {"src missing", kNoSrc, "78", 4, true, "src"},
+    {"drop", kDropped, "", 5, false, "drop"},
 };
 
 TEST_F(SendChecks, alone__each_with_its_errno_counter_and_lines)
@@ -179,7 +184,7 @@ TEST_F(SendChecks, order__mended_from_the_front_the_next_is_the_answer)
         for (const Failure &f : kFailures)
             if (std::string(f.name) == all[from]) {
                 SCOPED_TRACE(f.name);
-                expect_send(m, f.error, f.counter);
+                expect_send(m, f.error(), f.counter());
             }
         mend();
     }
@@ -192,10 +197,10 @@ TEST_F(SendChecks, raw__header_checks_are_not_made)
         SCOPED_TRACE(f.name);
         Outgoing m = sound(false);
         spoil(f.name, m);
-        if (f.counter == kMacfuncIll)
+        if (f.counter() == kMacfuncIll)
             expect_sent(m, 60);
         else
-            expect_send(m, f.error, f.counter);
+            expect_send(m, f.error(), f.counter());
         mend();
     }
     EXPECT_EQ(g_local_mac.calls, 0);
@@ -209,7 +214,7 @@ TEST_F(SendChecks, quiet__nothing_is_said_while_not_debugging)
             Outgoing m = sound(debug_send);
             expect_sent(m, 60);
             spoil(f.name, m);
-            expect_send(m, f.error, f.counter);
+            expect_send(m, f.error(), f.counter());
             mend();
         }
     Outgoing m{.name = address(7), .control = control_flags(~0u)};
@@ -244,7 +249,7 @@ TEST_F(SendChecks, vsd__of_the_sender_and_not_of_the_creator)
         }
         expect_send({}, -22, kSendmsgIll);
         EXPECT_EQ(lines(), Strings{c.line});
-        EXPECT_EQ(kernel().calls("efbuff_alloc"), efmp().allocated) << "none was asked for";
+        EXPECT_EQ(kernel().calls(Fail::kEfbuffAlloc), efmp().allocated) << "none was asked for";
     }
 }
 
@@ -253,7 +258,7 @@ TEST_F(SendChecks, vsd__without_a_path_buffer_it_is_0)
     kernel().cwd = "/data/var/run/vsd/3";
     for (bool printing : {false, true}) {
         debug(printing);
-        kernel().fail("kzalloc");
+        kernel().fail(Fail::kKzalloc);
         expect_sent({}, 60);
         Strings said = lines();
         ASSERT_EQ(said.size(), printing ? 3u : 1u);
@@ -325,7 +330,7 @@ TEST_F(SendChecks, control__lines)
                        "MOX-PACKET-SEND: process captured send pkt " + efbuff_text + " in vsd 0 success.\n"}));
 }
 
-// The interfaces are told together, when the record names a source.
+// The interfaces are printed together, when the record names a source.
 TEST_F(SendChecks, source__line_only_with_a_source)
 {
     debug();
@@ -424,9 +429,9 @@ TEST_F(SendChecks, alloc__lengths_that_overflow)
     for (auto &c : cases) {
         SCOPED_TRACE(testing::Message() << "type " << c.type << " length " << c.len);
         open(c.type);
-        const uint64_t asked = kernel().calls("efbuff_alloc");
+        const uint64_t asked = kernel().calls(Fail::kEfbuffAlloc);
         expect_send({.name = address(7), .len = c.len}, -12, kAllocFails);
-        EXPECT_EQ(kernel().calls("efbuff_alloc") - asked, c.asked ? 1u : 0u);
+        EXPECT_EQ(kernel().calls(Fail::kEfbuffAlloc) - asked, c.asked ? 1u : 0u);
         EXPECT_EQ(kernel().count_said("MOX-PACKET-SEND: alloc ebuff failed.\n"), 1u);
         kernel().log.clear();
     }

@@ -25,7 +25,7 @@ protected:
     }
     Strings lines_between()
     {
-        // What is said between the record's own lines and the result.
+        // What is printed between the record's own lines and the result.
         Strings all = lines();
         if (all.size() < 5) {
             ADD_FAILURE() << "lines are missing";
@@ -35,44 +35,28 @@ protected:
     }
 };
 
-// A flag of the record, and what becomes of it.
-struct Flag {
-    u32 flag;
-    u32 at32, at60;
-    const char *line;
-};
-const Flag kFlags[] = {
-    {0x2, 0x4000, 0, nullptr},
-    {0x4, 0x40000, 0, nullptr},
-    {0x100, 0, 0x1, "MOX-PACKET-SEND: vxlan encap flag.\n"},
-    {0x200, 0, 0x2, "MOX-PACKET-SEND: block send.\n"},
-    {0x400, 0, 0x4, nullptr},
-    {0x4000, 0, 0x20, nullptr},
-    {0x10000, 0, 0x40, nullptr},
-    {0x20000, 0, 0x80, nullptr},
-    {0x40000, 0, 0x8, "MOX-PACKET-SEND: not match acl.\n"},
-    {0x100000, 0, 0x10, "MOX-PACKET-SEND: proxy capture packet, resend.\n"},
-};
+using contract::kSendFlags;
+using contract::SendFlag;
 
 TEST_F(SendEfbuff, flags__each_of_the_32_bits_alone)
 {
     for (int bit = 0; bit < 32; bit++) {
         const u32 flag = u32{1} << bit;
         SCOPED_TRACE(testing::Message() << "flag " << std::hex << flag);
-        Flag wanted{flag, 0, 0, nullptr};
-        for (const Flag &f : kFlags)
+        SendFlag wanted{flag, 0, 0, nullptr};
+        for (const SendFlag &f : kSendFlags)
             if (f.flag == flag)
                 wanted = f;
         lines();
         EXPECT_EQ(header_for(control_flags(flag)), flags_set(wanted.at32, wanted.at60));
-        EXPECT_EQ(lines_between(), wanted.line ? Strings{wanted.line} : Strings{});
+        EXPECT_EQ(lines_between(), wanted.line ? Strings{std::string("MOX-PACKET-SEND: ") + wanted.line + "\n"} : Strings{});
     }
 }
 
 TEST_F(SendEfbuff, flags__any_two_together)
 {
-    for (const Flag &a : kFlags)
-        for (const Flag &b : kFlags) {
+    for (const SendFlag &a : kSendFlags)
+        for (const SendFlag &b : kSendFlags) {
             SCOPED_TRACE(testing::Message() << std::hex << a.flag << " " << b.flag);
             EXPECT_EQ(header_for(control_flags(a.flag | b.flag)), flags_set(a.at32 | b.at32, a.at60 | b.at60));
         }
@@ -80,8 +64,10 @@ TEST_F(SendEfbuff, flags__any_two_together)
 
 TEST_F(SendEfbuff, flags__all_and_none)
 {
-    const Strings all{"MOX-PACKET-SEND: vxlan encap flag.\n", "MOX-PACKET-SEND: block send.\n",
-                      "MOX-PACKET-SEND: not match acl.\n", "MOX-PACKET-SEND: proxy capture packet, resend.\n"};
+    Strings all;
+    for (const SendFlag &f : kSendFlags)
+        if (f.line)
+            all.push_back(std::string("MOX-PACKET-SEND: ") + f.line + "\n");
     EXPECT_EQ(header_for(control_flags(0x174706)), flags_set(0x44000, 0xff));
     EXPECT_EQ(lines_between(), all);
     EXPECT_EQ(header_for(control_flags(~u32{0})), flags_set(0x44000, 0xff));
@@ -203,7 +189,7 @@ TEST_F(SendEfbuff, interfaces__both_and_either)
     EXPECT_EQ(last().header, SentHeader(60).put<u32>(4, interface(4094)).put<u32>(8, interface(4095)).bytes);
 }
 
-// The other indices name interfaces to the platform: nobody looks them up here.
+// The other indices name interfaces to the platform: the module does not look them up.
 TEST_F(SendEfbuff, interfaces__other_indices_need_not_exist)
 {
     mox_packet_ctrl_info record{};

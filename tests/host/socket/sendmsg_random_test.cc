@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // sendmsg against the reference: random messages on a few sockets, in a world that
 // changes. After each send result, every counter, every line and the whole efbuff are
-// what the reference says.
+// what the reference has.
 //
 // SEED=n replays a run, STEPS=n changes its length.
 #include <random>
@@ -138,8 +138,8 @@ protected:
         efmp().sent.clear();
         EXPECT_EQ(send_on(socks[i], {.data = m.data, .name = m.name, .control = m.control, .fault_at = m.readable}),
                   wanted.result);
-        totals[i][int(wanted.counter) + kSendmsgIll]++;
-        seen[int(wanted.counter)]++;
+        totals[i][wanted.counter]++;
+        seen[wanted.counter]++;
         Strings told = wanted.lines;
         for (std::string &line : told)
             if (size_t at = line.find("<efbuff>"); at != std::string::npos)
@@ -162,7 +162,7 @@ protected:
     oracle::SendSocket models[kSockets];
     Sock socks[kSockets];
     Counters13 totals[kSockets] = {};
-    int seen[9] = {};
+    std::array<int, kCounters> seen{};
 };
 
 TEST_F(RandomSend, module_and_reference_agree)
@@ -172,8 +172,8 @@ TEST_F(RandomSend, module_and_reference_agree)
         SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(i));
         step();
     }
-    // A run that hardly met one of the ways to end would prove little.
-    for (int way = 0; way < 9; way++)
+    // A run in which one of the ways to end hardly occurs would prove little.
+    for (int way = kSendmsgIll; way < kCounters; way++)
         EXPECT_GE(seen[way], steps / 400) << "way " << way;
     for (Sock &sock : socks)
         sock.release();

@@ -107,7 +107,7 @@ TEST_F(Sendmsg, lengths__below_14_have_no_layer_2)
     }
 }
 
-// The platform says where the frame goes.
+// The platform decides where the frame goes.
 TEST_F(Sendmsg, room__wherever_the_platform_has_it)
 {
     for (int type : {kRaw, kDgram})
@@ -193,7 +193,7 @@ TEST_F(Sendmsg, destination__follows_a_new_binding)
     }
 }
 
-// The interface's word says up or down; any number but 0 is up.
+// The interface's word is up or down; any number but 0 is up.
 TEST_F(Sendmsg, destination__link_states)
 {
     for (u32 state : {1u, 2u, 0x100u, 0x80000000u}) {
@@ -206,7 +206,7 @@ TEST_F(Sendmsg, destination__link_states)
     expect_sent({.name = address(7)}, 60);
 }
 
-// A frame may be said to come from where no link is.
+// A frame may name a source whose link is down.
 TEST_F(Sendmsg, source__link_does_not_matter)
 {
     mox_packet_ctrl_info record{};
@@ -288,10 +288,10 @@ TEST_F(Sendmsg, local_mac__withdrawn_from_the_call_on)
     expect_send({.name = address(7)}, -22, kMacfuncIll);
     g_local_mac.inside = nullptr;
     publish_local_mac();
-    kernel().at["copy_from_msg"] = [](const void *) { efmp().withdraw(11, 10); };
+    kernel().at[Point::kCopyFromMsg] = [](const void *) { efmp().withdraw(11, 10); };
     expect_sent({.name = address(7)}, 60);
     EXPECT_EQ(Bytes(last().frame.begin() + 6, last().frame.begin() + 12), kLocalMac);
-    kernel().at.erase("copy_from_msg");
+    kernel().at.erase(Point::kCopyFromMsg);
     expect_send({.name = address(7)}, -22, kMacfuncIll);
 }
 
@@ -370,13 +370,13 @@ TEST_F(Sendmsg, capturing_socket__meets_its_own_frame_at_the_local_hook)
     for (u32 treatment : {PACKET_COPY, PACKET_FETCH}) {
         s.release();
         s.capture(PACKET_LOCAL_LOC, treatment);
-        kernel().at["output"] = [&](const void *) {
+        kernel().at[Point::kOutput] = [&](const void *) {
             Bytes left = last().frame;
             EXPECT_EQ(frame(PACKET_LOCAL_LOC, {}, left), treatment == PACKET_FETCH ? 3u : 0u);
         };
         Bytes sent = packets::eth(0x88cc) + Bytes(46, 0x5c);
         EXPECT_EQ(send({.data = sent, .name = address(7)}), 60);
-        kernel().at.erase("output");
+        kernel().at.erase(Point::kOutput);
         ASSERT_EQ(s.queued(), 1u);
         const sk_buff &skb = s.buffer();
         EXPECT_EQ(Bytes(skb.data(), skb.data() + skb.len), sent);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Every allocation on the way of a request fails once: it is told, the client is not left waiting if there is a way to
+// Every allocation on the way of a request fails once: that is printed, the client is not left waiting if there is a way to
 // answer, and nothing stays behind.
 #include "control.h"
 
@@ -85,7 +85,7 @@ TEST_F(ControlAlloc, a_dump)
         std::string file = std::string("/tmp/vsd/") + (path ? "5" : "0") + "/ef/af_packet/afpacketdump";
         bool no_file = out.told(("Failed to open file: /tmp/vsd/" + std::string(path ? "5" : "0") +
                                  "//ef/af_packet/afpacketdump.").c_str());
-        // Whatever happened to the file, the client hears, unless there is no buffer to tell it with.
+        // Whatever happened to the file, the client gets its answer, unless there is no buffer for it.
         EXPECT_EQ(out.answered, !no_answer);
         EXPECT_EQ(out.told("Ask msg success."), out.answered);
         std::error_code none;
@@ -136,7 +136,7 @@ TEST_F(ControlAlloc, a_filter_is_set_for_vsd_0_when_the_path_buffer_is_missed)
             EXPECT_EQ(vid, (Bytes{uint8_t(line ? 0 : 0x50), 0, 0, 5}));
             lab::clear_printk();
         });
-    EXPECT_TRUE(missed) << "and it is told at emergency level";
+    EXPECT_TRUE(missed) << "and it is printed at emergency level";
 }
 
 TEST_F(ControlAlloc, reports_need_no_memory)
@@ -150,7 +150,7 @@ TEST_F(ControlAlloc, reports_need_no_memory)
         int sent = 0;
         with_each_failure([&] { sent = client_.send(message); },
                           [&](bool) {
-                              // What the kernel's own layer lacks memory for it refuses, before the module hears of it.
+                              // What the kernel's own layer lacks memory for it refuses before it calls the module.
                               auto reply = client_.receive();
                               bool refused = sent != 0 || (reply && reply->error() == -ENOMEM);
                               EXPECT_EQ(said(), refused ? "" : whole) << type;

@@ -4,13 +4,14 @@
 
 #include <string>
 
+#include "contract/control.h"
 #include "support/fixture.h"
 #include "support/genl.h"
 
 namespace vm {
 
 inline constexpr const char *kFamily = MOX_PACKET_GENL_NAME;
-inline constexpr uint32_t kSwitches = 19;
+using contract::kSwitches;
 
 /// The CPU that requests are sent from; the lines they cause bear it in their tag.
 inline constexpr int kAskingCpu = 1;
@@ -36,9 +37,9 @@ protected:
     void ask(uint16_t type, const Bytes &body = {}) { ask(client_, type, body); }
     void ask(GenlSocket &client, uint16_t type, const Bytes &body = {});
     void ask_debug(uint32_t type, uint32_t is_open) { ask(MOX_MSG_DEBUG, words({type, is_open})); }
-    /// The line that tells who asked.
+    /// The line that names the asking process.
     std::string asked_by(uint32_t port, const char *name = "vm_control") const;
-    /// What a request prints behind the line that tells who asked, which must be the first (debugging is off).
+    /// What a request prints behind the line that names the asking process, which must be the first (debugging is off).
     std::string answer(uint16_t type, const Bytes &body = {});
     /// What a request that is sent as these bytes prints.
     std::string printed(const Bytes &datagram);

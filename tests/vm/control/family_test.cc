@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The family as generic netlink knows it, who may ask, and what of a message counts.
+// The family as generic netlink lists it, who may ask, and which parts of a message count.
 #include "control.h"
 
 #include <cerrno>

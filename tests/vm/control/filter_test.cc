@@ -15,23 +15,16 @@ using namespace frames;
 using lab::Frame;
 using lab::Hook;
 
-/// Each flag with the line that tells of it, for the filter below.
-struct Bit {
-    uint32_t flag;
-    const char *line;
-};
+using contract::FilterField;
+using contract::kFilterFields;
 
-const Bit kBits[] = {
-    {MOX_FILTER_VID, "    Filter: vid 100\r\n"},
-    {MOX_FILTER_SRC_MAC, "    Filter: src_mac 02:00:5e:10:00:01\r\n"},
-    {MOX_FILTER_DST_MAC, "    Filter: dst_mac 02:00:5e:10:00:02\r\n"},
-    {MOX_FILTER_SRC_INTF, "    Filter: src_intf 211\r\n"},
-    {MOX_FILTER_DST_INTF, "    Filter: dst_intf 212\r\n"},
-    {MOX_FILTER_SRC_IPV4, "    Filter: src_ipv4 10.0.0.1\r\n"},
-    {MOX_FILTER_DST_IPV4, "    Filter: dst_ipv4 10.0.0.2\r\n"},
-    {MOX_FILTER_SRC_IPV6, "    Filter: src_ipv6 2001:0db8:0000:0000:0000:0000:0000:0001\r\n"},
-    {MOX_FILTER_DST_IPV6, "    Filter: dst_ipv6 2001:0db8:0000:0000:0000:0000:0000:0002\r\n"},
-};
+/// The texts of the fields of the filter below.
+const char *const kTexts[] = {"100", "02:00:5e:10:00:01", "02:00:5e:10:00:02", "211", "212", "10.0.0.1", "10.0.0.2",
+                              "2001:0db8:0000:0000:0000:0000:0000:0001", "2001:0db8:0000:0000:0000:0000:0000:0002"};
+std::string line_of(const FilterField &field)
+{
+    return tagged(filter_line(field, kTexts[&field - kFilterFields]));
+}
 
 mox_packet_filter filter(uint32_t flags, bool enable = true)
 {
@@ -97,7 +90,7 @@ protected:
 
 TEST_F(DebugFilter, is_replaced_as_a_whole)
 {
-    mox_packet_filter all_bits = filter(0x3fe);
+    mox_packet_filter all_bits = filter(contract::kAllFilterFlags);
     std::memset(all_bits.reserved, 0x77, 3);
     set(all_bits);
     Bytes wanted = bytes(all_bits);
@@ -113,34 +106,34 @@ TEST_F(DebugFilter, is_replaced_as_a_whole)
     EXPECT_EQ(lab::peek("g_pktd_kdbg_filter", 4, 4), Bytes(4, 0xff)) << "flags without a meaning are kept";
 }
 
-TEST_F(DebugFilter, each_bit_alone_is_told)
+TEST_F(DebugFilter, each_bit_alone_is_printed)
 {
-    for (const Bit &bit : kBits)
-        EXPECT_EQ(told(filter(bit.flag)), tagged("Recv filter debug msg enable\n") + tagged(bit.line));
+    for (const FilterField &field : kFilterFields)
+        EXPECT_EQ(told(filter(field.flag)), tagged("Recv filter debug msg enable\n") + line_of(field));
     EXPECT_EQ(told(filter(0x001)), tagged("Recv filter debug msg enable\n")) << "a bit without a field";
     EXPECT_EQ(told(filter(0xfffffc01)), tagged("Recv filter debug msg enable\n"));
     EXPECT_EQ(told(filter(0)), tagged("Recv filter debug msg enable\n"));
 }
 
-TEST_F(DebugFilter, all_pairs_and_all_bits_are_told_in_order)
+TEST_F(DebugFilter, all_pairs_and_all_bits_are_printed_in_order)
 {
-    for (const Bit &first : kBits)
-        for (const Bit &second : kBits)
+    for (const FilterField &first : kFilterFields)
+        for (const FilterField &second : kFilterFields)
             if (first.flag < second.flag) {
                 EXPECT_EQ(told(filter(first.flag | second.flag)),
-                          tagged("Recv filter debug msg enable\n") + tagged(first.line) + tagged(second.line));
+                          tagged("Recv filter debug msg enable\n") + line_of(first) + line_of(second));
             }
     std::string lines;
-    for (const Bit &bit : kBits)
-        lines += tagged(bit.line);
+    for (const FilterField &field : kFilterFields)
+        lines += line_of(field);
     EXPECT_EQ(told(filter(0xffffffff)), tagged("Recv filter debug msg enable\n") + lines);
-    EXPECT_EQ(told(filter(0x3fe, false)), tagged("Recv filter debug msg disable\n") + lines)
-        << "the fields are told whether in force or not";
+    EXPECT_EQ(told(filter(contract::kAllFilterFlags, false)), tagged("Recv filter debug msg disable\n") + lines)
+        << "the fields are printed whether in force or not";
 }
 
-TEST_F(DebugFilter, without_the_general_switch_nothing_is_told)
+TEST_F(DebugFilter, without_the_general_switch_nothing_is_printed)
 {
-    EXPECT_EQ(answer(MOX_MSG_FILTER, bytes(filter(0x3fe))), "");
+    EXPECT_EQ(answer(MOX_MSG_FILTER, bytes(filter(contract::kAllFilterFlags))), "");
     EXPECT_EQ(stored()[0], 1) << "but it is set";
 }
 
@@ -245,20 +238,16 @@ TEST_F(DebugFilterTraffic, changes_nothing_for_frames_that_match_or_miss_by_one_
     // Every path's own switch on as well: it decides after the filter, and prints nothing.
     ask_debug(9, 1);
     ask_debug(18, 1);
-    const std::pair<uint32_t, uint32_t> fields[] = {  // flag, offset of the field's last byte
-        {MOX_FILTER_VID, 8},       {MOX_FILTER_SRC_MAC, 17},  {MOX_FILTER_DST_MAC, 23},
-        {MOX_FILTER_SRC_INTF, 24}, {MOX_FILTER_DST_INTF, 28}, {MOX_FILTER_SRC_IPV4, 35},
-        {MOX_FILTER_DST_IPV4, 39}, {MOX_FILTER_SRC_IPV6, 55}, {MOX_FILTER_DST_IPV6, 71}};
-    for (auto [flag, offset] : fields)
+    for (const FilterField &field : kFilterFields)
         for (bool miss : {false, true}) {
-            Bytes body = bytes(filter(flag));
+            Bytes body = bytes(filter(field.flag));
             if (miss)
-                body[offset] ^= 1;
+                body[field.offset] ^= 1;
             ask(MOX_MSG_FILTER, body);
             expect_equal(traffic(sockets, frames), without,
-                         "flag " + std::to_string(flag) + (miss ? ", one byte off" : ""));
+                         "flag " + std::to_string(field.flag) + (miss ? ", one byte off" : ""));
         }
-    for (uint32_t flags : {0u, 0x001u, 0x3feu, 0xffffffffu}) {
+    for (uint32_t flags : {0u, 0x001u, contract::kAllFilterFlags, 0xffffffffu}) {
         set(filter(flags));
         expect_equal(traffic(sockets, frames), without, "flags " + std::to_string(flags));
     }

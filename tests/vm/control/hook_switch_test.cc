@@ -10,6 +10,7 @@ namespace {
 using namespace vm;
 using namespace frames;
 using lab::Frame;
+using contract::hook_calls;
 using lab::Hook;
 using Calls = std::vector<std::string>;
 
@@ -19,18 +20,14 @@ struct Row {
     Calls away, back;
 };
 
-const std::vector<Row> kRows = {
-    {19, PACKET_LOCAL_LOC, {Hook::Local}, {"dereg_output mox_packet_local_rcv"}, {"reg_output mox_packet_local_rcv"}},
-    {20, PACKET_LEV2_LOC, {Hook::Lev2}, {"dereg_module mox_packet_lev2_rcv"}, {"reg_module mox_packet_lev2_rcv"}},
-    {21, PACKET_IPv4_LOC, {Hook::Ipv4}, {"dereg_module mox_packet_ipv4_rcv"}, {"reg_module mox_packet_ipv4_rcv"}},
-    {22, PACKET_IPv6_LOC, {Hook::Ipv6}, {"dereg_module mox_packet_ipv6_rcv"}, {"reg_module mox_packet_ipv6_rcv"}},
-    {23, PACKET_MPLS_LOC, {}, {}, {}},
-    {24, PACKET_TRILL_LOC, {}, {}, {}},
-    {25, PACKET_RESV_LOC, {Hook::Resv}, {"dereg_recv mox_packet_resv_rcv"}, {"reg_recv mox_packet_resv_rcv"}},
-    {26, PACKET_WLAN_LOC, {Hook::WlanIn, Hook::WlanOut},
-     {"dereg_module mox_packet_wlan_in_rcv", "dereg_output mox_packet_wlan_out_rcv"},
-     {"reg_module mox_packet_wlan_in_rcv", "reg_output mox_packet_wlan_out_rcv"}},
-};
+const std::vector<Row> kRows = [] {
+    std::vector<Row> rows;
+    for (uint32_t location = 1; location <= contract::kLibraries; ++location)
+        rows.push_back({contract::hook_switch(location), location, lab::hooks_of(location),
+                        hook_calls(location, false, &contract::Hook::symbol),
+                        hook_calls(location, true, &contract::Hook::symbol)});
+    return rows;
+}();
 
 /// A frame that an all-packets rule catches there.
 Frame frame_for(Hook hook)
@@ -56,7 +53,7 @@ protected:
             out.push_back(call.call + " " + call.func);
         return out;
     }
-    /// One frame at each hook; how many of them met a hook, and how many reached the socket.
+    /// One frame at each hook; how many of them found a hook, and how many reached the socket.
     static std::pair<size_t, size_t> traffic(const std::vector<Hook> &hooks, Socket &socket)
     {
         size_t met = 0;
@@ -79,7 +76,7 @@ TEST_F(HookSwitch, with_rules_frames_stop_and_arrive_again)
         EXPECT_EQ(calls(row.type, 1), row.away);
         EXPECT_EQ(traffic(row.hooks, socket), none);
         EXPECT_EQ(lab::registrations(), 0u);
-        EXPECT_EQ(calls(row.type, 256), row.back) << "only the low byte counts, and it says: back";
+        EXPECT_EQ(calls(row.type, 256), row.back) << "only the low byte counts, and that is 0";
         EXPECT_EQ(traffic(row.hooks, socket), every);
         EXPECT_EQ(calls(row.type, 0x2ff), row.away);
         EXPECT_EQ(traffic(row.hooks, socket), none);
@@ -94,7 +91,7 @@ TEST_F(HookSwitch, without_rules_nothing_comes_back)
     for (const Row &row : kRows) {
         SCOPED_TRACE(row.type);
         EXPECT_EQ(calls(row.type, 0), Calls{});
-        // A module record knows that it is not registered; functions are deregistered all the same.
+        // A module record holds whether it is registered; functions are deregistered all the same.
         Calls functions;
         for (const std::string &call : row.away)
             if (call.find("dereg_module") != 0)

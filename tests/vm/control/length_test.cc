@@ -59,7 +59,7 @@ TEST_F(Length, twenty_three_bytes_are_refused_by_the_module)
     for (bool on : {false, true}) {
         debug(on);
         for (uint32_t length = 20; length < 24; ++length) {
-            // An error is answered whether or not the sender wants to hear.
+            // An error is answered whether or not the sender asked for it.
             EXPECT_EQ(refusal(cut(request(MOX_MSG_SHOW_THREAD), length)), -1) << length;
             EXPECT_EQ(said(), on ? tagged("Netlink message length error.\n") : "") << length;
         }
@@ -148,7 +148,7 @@ TEST_F(Length, a_pid_cut_at_every_length)
             << length;
 }
 
-TEST_F(Length, what_lies_behind_the_message_is_nobodys)
+TEST_F(Length, what_lies_behind_the_message_is_not_read)
 {
     // The datagram goes on, the message does not: the filter's fields are zero, not what comes behind.
     Bytes datagram = request(MOX_MSG_FILTER, Bytes(72, 0xff));

@@ -16,7 +16,7 @@ using namespace vm;
 
 class Message : public ControlTest {
 protected:
-    /// What a request of the type with an empty body prints behind the line that tells who asked.
+    /// What a request of the type with an empty body prints behind the line that names the asking process.
     static std::string text_of(unsigned type, bool debugging)
     {
         auto debug_line = [&](const char *text) { return debugging ? tagged(text) : std::string(); };
@@ -54,7 +54,7 @@ protected:
 
 TEST_F(Message, each_type_prints_its_lines)
 {
-    ::rename("/tmp/vsd", "/tmp/vsd.away");  // so that type 16 tells that it has nowhere to write to
+    ::rename("/tmp/vsd", "/tmp/vsd.away");  // so that type 16 prints that it cannot open its file
     for (unsigned type = 0; type <= 18; ++type) {
         uint16_t number = type == 18 ? 65535 : uint16_t(type);
         SCOPED_TRACE(number);
@@ -66,7 +66,7 @@ TEST_F(Message, each_type_prints_its_lines)
             if (debugging)
                 wanted = tagged("Deal message, length:4.\n") +
                          tagged("MSG TYPE " + std::to_string(number) + ", client " + client + "\n");
-            // Support tools ask for the dump again and again: that one does not tell who asked.
+            // Support tools ask for the dump again and again: that request does not name the process.
             if (number != 16)
                 wanted += asked_by(client_.port());
             EXPECT_EQ(text, wanted + text_of(number, debugging));
@@ -111,13 +111,7 @@ TEST_F(Message, each_switch_with_each_value)
                 wanted[9] = wanted[18] = 0;
                 for (uint32_t i = 0; i < kSwitches; ++i)
                     lab::poke8("mox_packet_debug", i, wanted[i]);
-                uint32_t from = type, to = type;
-                if (type == 9)
-                    from = 1, to = 8;
-                else if (type == 18)
-                    from = 10, to = 17;
-                else if (type > 18)
-                    from = 1, to = 0;
+                const auto [from, to] = contract::switches_of(type);
                 for (uint32_t i = from; i <= to; ++i)
                     wanted[i] = uint8_t(value);
                 ask_debug(type, value);
@@ -134,7 +128,7 @@ TEST_F(Message, switch_9_turns_the_delivery_switches_and_leaves_its_own_byte)
     EXPECT_EQ(switches(), (Bytes{0, 1, 1, 1, 1, 1, 1, 1, 1, 0, 7, 7, 7, 7, 7, 7, 7, 7, 0}));
 }
 
-TEST_F(Message, switches_are_told_while_debugging)
+TEST_F(Message, switches_are_printed_while_debugging)
 {
     const std::string head = tagged("Deal message, length:12.\n") +
                              tagged("MSG TYPE 14, client " + std::to_string(client_.port()) + "\n") +
@@ -158,7 +152,7 @@ TEST_F(Message, switches_are_told_while_debugging)
     }
 }
 
-TEST_F(Message, going_off_is_still_told_and_coming_on_is_not)
+TEST_F(Message, going_off_is_still_printed_and_coming_on_is_not)
 {
     EXPECT_EQ(answer(MOX_MSG_DEBUG, words({0, 1})), "") << "the switch was looked at before it changed";
     EXPECT_EQ(switches()[0], 1);

@@ -25,57 +25,11 @@ using Report = ControlTest;
 TEST_F(Report, a_socket_word_by_word)
 {
     Socket socket = capture(PACKET_IPv6_LOC, PACKET_COPY, u8s(PACKET_ICMPV6_TYPE_EQUAL, {133, 135}));
+    const RuleText types = text_of(u8s(PACKET_ICMPV6_TYPE_EQUAL, {133, 135}));
     EXPECT_EQ(answer(MOX_MSG_SHOW_FIRST + 3),
-              "location: PACKET_IPv6_LOC\n"
-              "cpu 0 efbuff cnt:      0\n"
-              "cpu 1 efbuff cnt:      0\n"
-              "cpu 2 efbuff cnt:      0\n"
-              "cpu 3 efbuff cnt:      0\n"
-              "\n"
-              "\n------------ dump sock ------------\n"
-              "process:       vm_control\n"
-              "vsd:           0\n"
-              "pid:           " + std::to_string(::getpid()) + "\n"
-              "running:       running\n"
-              "ctrldata:      unrequire\n"
-              "ifindex:       0\n"
-              "regulars:\n"
-              "regular type:  PACKET_ICMPV6_TYPE_EQUAL\n"
-              "regular data:  133  \n"
-              "               135  \n"
-              "\n"
-              "PACKET LOC:         PACKET_IPv6_LOC\n"
-              "PACKET TREATMENT:   PACKET_COPY\n"
-              "sk recv packets:        0\n"
-              "sk filter drops:        0\n"
-              "sk rcvbuff full drops:  0\n"
-              "sk trim fail drops:     0\n"
-              "sk send packet:         0\n"
-              "sk sendmsg ill fails:   0\n"
-              "sk macfunc ill fails:   0\n"
-              "sk dstintf ill fails:   0\n"
-              "sk srcintf ill fails:   0\n"
-              "sk intf linkdown fails: 0\n"
-              "sk alloc efbuff fails:  0\n"
-              "sk pkt copy fails:      0\n"
-              "sk ef send fails:       0\n"
-              "skbs to be recv:        0\n"
-              "skbs to be send:        0\n"
-              "sk refcnt:              3\n"
-              "\n"
-              "filter regular list cnt: 2\n"
-              "regular type:  PACKET_ICMPV6_TYPE_EQUAL\n"
-              "regular data:  133  \n"
-              "  match regulars:\n"
-              "    process:      vm_control\n"
-              "    PACKET TREATMENT:   PACKET_COPY\n"
-              "\n"
-              "regular type:  PACKET_ICMPV6_TYPE_EQUAL\n"
-              "regular data:  135  \n"
-              "  match regulars:\n"
-              "    process:      vm_control\n"
-              "    PACKET TREATMENT:   PACKET_COPY\n"
-              "\n");
+              joined(location_pieces(PACKET_IPv6_LOC, {own_socket(PACKET_IPv6_LOC, PACKET_COPY, {types})},
+                                     {{PACKET_ICMPV6_TYPE_EQUAL, "133  ", {own_copy(PACKET_COPY)}},
+                                      {PACKET_ICMPV6_TYPE_EQUAL, "135  ", {own_copy(PACKET_COPY)}}})));
 }
 
 TEST_F(Report, several_sockets_that_share_keys)
@@ -101,7 +55,7 @@ TEST_F(Report, each_line_is_one_call_of_the_logging_function)
     EXPECT_EQ(calls, location_pieces(PACKET_LEV2_LOC, scene.sockets(), scene.entries()));
 }
 
-TEST_F(Report, more_sockets_than_the_module_tells_in_one_go)
+TEST_F(Report, more_sockets_than_the_module_prints_in_one_go)
 {
     // It lets go of the library now and then: with nothing changing meanwhile that must not show.
     std::vector<Socket> sockets;
@@ -109,12 +63,12 @@ TEST_F(Report, more_sockets_than_the_module_tells_in_one_go)
     std::vector<EntryText> entries;
     for (uint16_t i = 0; i < 45; ++i) {
         sockets.push_back(capture(PACKET_IPv4_LOC, PACKET_COPY, u8s(PACKET_IPv4_PROT_EQUAL, {uint8_t(i), uint8_t(i + 1)})));
-        RuleText rule{"PACKET_IPv4_PROT_EQUAL", {std::to_string(i) + "  ", std::to_string(i + 1) + "  "}};
-        texts.emplace_back("PACKET_IPv4_LOC", "PACKET_COPY", std::vector<RuleText>{rule});
+        RuleText rule{PACKET_IPv4_PROT_EQUAL, {std::to_string(i) + "  ", std::to_string(i + 1) + "  "}};
+        texts.push_back(own_socket(PACKET_IPv4_LOC, PACKET_COPY, {rule}));
         if (entries.empty())
             entries.push_back({rule.type, rule.data[0], {}});
-        entries.back().copies.push_back({"PACKET_COPY", {}});
-        entries.push_back({rule.type, rule.data[1], {{"PACKET_COPY", {}}}});
+        entries.back().copies.push_back(own_copy(PACKET_COPY));
+        entries.push_back({rule.type, rule.data[1], {own_copy(PACKET_COPY)}});
     }
     EXPECT_EQ(answer(2), joined(location_pieces(PACKET_IPv4_LOC, texts, entries)));
     std::string by_pid = "show process " + std::to_string(::getpid()) + " regular:\n";
@@ -138,47 +92,40 @@ TEST_F(Report, every_location_and_all_of_them)
 
 TEST_F(Report, every_type_of_rule_with_its_data)
 {
-    struct Row {
-        Rule rule;
-        RuleText text;
-    };
-    const Row rows[] = {
-        {rule(PACKET_PACKET_CODE_EQUAL, {Bytes{5, 9}, Bytes{255, 0}}),
-         {"PACKET_PACKET_CODE_EQUAL", {"code: 5, subcode: 9  ", "code: 255, subcode: 0  "}}},
-        {rule(PACKET_DEST_MAC_EQUAL, {Bytes{1, 0x80, 0xc2, 0, 0, 0x0e}}),
-         {"PACKET_DEST_MAC_EQUAL", {"01:80:c2:00:00:0e  "}}},
-        {rule(PACKET_SRC_MAC_EQUAL, {Bytes{2, 0, 0, 0, 0, 0xab}}), {"PACKET_SRC_MAC_EQUAL", {"02:00:00:00:00:ab  "}}},
-        {be16s(PACKET_ETH_PROT_EQUAL, {0x0806, 3}), {"PACKET_ETH_PROT_EQUAL", {"0806  ", "0003  "}}},
-        {be16s(PACKET_SNAP_ETH_TYPE_EQUAL, {0x809b}), {"PACKET_SNAP_ETH_TYPE_EQUAL", {"809b  "}}},
-        {u8s(PACKET_IPv4_PROT_EQUAL, {6, 255}), {"PACKET_IPv4_PROT_EQUAL", {"6  ", "255  "}}},
-        {u8s(PACKET_IPv6_PROT_EQUAL, {58}), {"PACKET_IPv6_PROT_EQUAL", {"58  "}}},
-        {be16s(PACKET_IPv4_DEST_PORT_EQUAL, {53}), {"PACKET_IPv4_DEST_PORT_EQUAL", {"53  "}}},
-        {be16s(PACKET_IPv4_SRC_PORT_EQUAL, {65534}), {"PACKET_IPv4_SRC_PORT_EQUAL", {"65534  "}}},
-        {be16s(PACKET_IPv6_DEST_PORT_EQUAL, {546}), {"PACKET_IPv6_DEST_PORT_EQUAL", {"546  "}}},
-        {u32s(PACKET_SRC_INTF_EQUAL, {7, 0xffffffff}), {"PACKET_SRC_INTF_EQUAL", {"7  ", "4294967295  "}}},
-        {u8s(PACKET_ICMPV6_TYPE_EQUAL, {135}), {"PACKET_ICMPV6_TYPE_EQUAL", {"135  "}}},
-        {flag(PACKET_IPv4_MCAST_TRAFFIC), {"PACKET_IPv4_MCAST_TRAFFIC", {""}}},
-        {flag(PACKET_IPv6_MCAST_TRAFFIC), {"PACKET_IPv6_MCAST_TRAFFIC", {""}}},
-        {u8s(PACKET_EAPOL_TYPE_EQUAL, {3}), {"PACKET_EAPOL_TYPE_EQUAL", {"3  "}}},
-        {u8s(PACKET_EAPOL_TYPE_WPS, {200}), {"PACKET_EAPOL_TYPE_WPS", {"200  "}}},
-        {u32s(PACKET_PID_T, {0x1267, 0xffffffff}), {"PACKET_PID_T", {"4711  ", "-1  "}}},
-        {flag(PACKET_WLAN_MGNT), {"PACKET_WLAN_MGNT", {""}}},
-        // As stored, in the machine's order.
-        {be16s(PACKET_ARP_TYPE, {2}), {"PACKET_ARP_TYPE", {"512  "}}},
+    const Rule rules[] = {
+        rule(PACKET_PACKET_CODE_EQUAL, {Bytes{5, 9}, Bytes{255, 0}}),
+        rule(PACKET_DEST_MAC_EQUAL, {Bytes{1, 0x80, 0xc2, 0, 0, 0x0e}}),
+        rule(PACKET_SRC_MAC_EQUAL, {Bytes{2, 0, 0, 0, 0, 0xab}}),
+        be16s(PACKET_ETH_PROT_EQUAL, {0x0806, 3}),
+        be16s(PACKET_SNAP_ETH_TYPE_EQUAL, {0x809b}),
+        u8s(PACKET_IPv4_PROT_EQUAL, {6, 255}),
+        u8s(PACKET_IPv6_PROT_EQUAL, {58}),
+        be16s(PACKET_IPv4_DEST_PORT_EQUAL, {53}),
+        be16s(PACKET_IPv4_SRC_PORT_EQUAL, {65534}),
+        be16s(PACKET_IPv6_DEST_PORT_EQUAL, {546}),
+        u32s(PACKET_SRC_INTF_EQUAL, {7, 0xffffffff}),
+        u8s(PACKET_ICMPV6_TYPE_EQUAL, {135}),
+        flag(PACKET_IPv4_MCAST_TRAFFIC),
+        flag(PACKET_IPv6_MCAST_TRAFFIC),
+        u8s(PACKET_EAPOL_TYPE_EQUAL, {3}),
+        u8s(PACKET_EAPOL_TYPE_WPS, {200}),
+        u32s(PACKET_PID_T, {0x1267, 0xffffffff}),
+        flag(PACKET_WLAN_MGNT),
+        be16s(PACKET_ARP_TYPE, {2}),
     };
     Socket socket;
-    SocketText text("PACKET_RESV_LOC", "PACKET_COPY_LOCAL", {});
-    for (const Row &row : rows) {
-        ASSERT_EQ(socket.add(row.rule), 0) << row.text.type;
-        text.rules.push_back(row.text);
+    SocketText text = own_socket(PACKET_RESV_LOC, PACKET_COPY_LOCAL, {});
+    for (const Rule &rule : rules) {
+        ASSERT_EQ(socket.add(rule), 0) << rule.type;
+        text.rules.push_back(text_of(rule));
     }
     ASSERT_EQ(socket.treatment(PACKET_COPY_LOCAL), 0);
     ASSERT_EQ(socket.location(PACKET_RESV_LOC), 0);
     std::vector<RuleText> rest(text.rules.begin() + 1, text.rules.end());
     EXPECT_EQ(answer(6),
               joined(location_pieces(PACKET_RESV_LOC, {text},
-                                     {{"PACKET_PACKET_CODE_EQUAL", "code: 5, subcode: 9  ", {{"PACKET_COPY_LOCAL", rest}}},
-                                      {"PACKET_PACKET_CODE_EQUAL", "code: 255, subcode: 0  ", {{"PACKET_COPY_LOCAL", rest}}}})));
+                                     {{PACKET_PACKET_CODE_EQUAL, "code: 5, subcode: 9  ", {own_copy(PACKET_COPY_LOCAL, rest)}},
+                                      {PACKET_PACKET_CODE_EQUAL, "code: 255, subcode: 0  ", {own_copy(PACKET_COPY_LOCAL, rest)}}})));
 }
 
 TEST_F(Report, counters_follow_the_traffic)
@@ -187,14 +134,14 @@ TEST_F(Report, counters_follow_the_traffic)
     auto sockets = scene.sockets();
     for (int i = 0; i < 5; ++i)
         put(Hook::Lev2, plain());
-    sockets[0].counters[0] = 5;
+    sockets[0].counters[contract::kRecvPackets] = 5;
     sockets[0].to_receive = 5;
     EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
     EXPECT_EQ(scene.trap.drain(), 5u);
     sockets[0].to_receive = 0;
     EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
     scene.trap.stats();
-    sockets[0].counters[0] = 0;
+    sockets[0].counters[contract::kRecvPackets] = 0;
     EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
     // A buffer that is too small for a second frame.
     int little = 0;
@@ -203,8 +150,8 @@ TEST_F(Report, counters_follow_the_traffic)
     ASSERT_TRUE(lab::settle());
     uint32_t kept = uint32_t(scene.trap.drain());
     ASSERT_LT(kept, 20u);
-    sockets[0].counters[0] = kept;
-    sockets[0].counters[2] = 20 - kept;
+    sockets[0].counters[contract::kRecvPackets] = kept;
+    sockets[0].counters[contract::kRcvbufFullDrops] = 20 - kept;
     EXPECT_EQ(answer(1), joined(location_pieces(PACKET_LEV2_LOC, sockets, scene.entries())));
 }
 
@@ -280,8 +227,8 @@ TEST_F(Report, memory_counts_keys_copies_and_items)
         auto has = [&](const std::string &label, uint32_t value) {
             EXPECT_NE(text.find(label + std::to_string(value) + "\n"), std::string::npos) << label << value << " in\n" << text;
         };
-        has("FILTER LIST:  ", before.data[20] + scene.kKeys);
-        has("REGULAR:      ", before.data[21] + scene.kCopies);
+        has("FILTER LIST:  ", before.data[contract::kLiveEntries] + scene.kKeys);
+        has("REGULAR:      ", before.data[contract::kLiveCopies] + scene.kCopies);
         // Two sockets' items; the copies leave out their keys, and the fetching one has one copy.
         has("ETH PRO:      ", before.items[PACKET_ETH_PROT_EQUAL] + 2);
         has("SRC INTF:     ", before.items[PACKET_SRC_INTF_EQUAL] + 2);
@@ -300,7 +247,7 @@ TEST_F(Report, the_copy_threads_wake_ups)
     EXPECT_EQ(answer(MOX_MSG_SHOW_THREAD), joined(thread_pieces()));
 }
 
-/// A process of another name with one socket in two locations, until it is told to go.
+/// A process of another name with one socket in two locations, until it is asked to end.
 class OtherProcess {
 public:
     explicit OtherProcess(const char *name)
@@ -352,13 +299,8 @@ protected:
     }
     static std::vector<SocketText> sockets_of(const OtherProcess &other, const char *name)
     {
-        std::vector<SocketText> out{{"PACKET_LEV2_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}}},
-                                    {"PACKET_WLAN_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}}}};
-        for (SocketText &socket : out) {
-            socket.process = name;
-            socket.pid = other.pid();
-        }
-        return out;
+        return {{name, other.pid(), PACKET_LEV2_LOC, PACKET_COPY, {{PACKET_ALL, {}}}},
+                {name, other.pid(), PACKET_WLAN_LOC, PACKET_COPY, {{PACKET_ALL, {}}}}};
     }
 };
 
@@ -368,7 +310,7 @@ TEST_F(ProcessReport, by_name_and_by_pid)
     OtherProcess other("elsewhere"), third("elsewher");
     Socket local = capture(PACKET_LOCAL_LOC, PACKET_COPY, all());
     // Location by location, and there in the order of the treatments.
-    std::vector<SocketText> own{{"PACKET_LOCAL_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}}}};
+    std::vector<SocketText> own{own_socket(PACKET_LOCAL_LOC, PACKET_COPY, {{PACKET_ALL, {}}})};
     for (const SocketText &socket : scene.sockets())
         own.push_back(socket);
     const std::string pid = std::to_string(::getpid()), other_pid = std::to_string(other.pid());
@@ -393,7 +335,7 @@ TEST_F(ProcessReport, a_name_of_fifteen_letters_and_one_that_goes_on)
         << "the message ends before a NUL";
 }
 
-TEST_F(ProcessReport, pids_that_nobody_has)
+TEST_F(ProcessReport, pids_that_no_process_has)
 {
     Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
     for (int32_t pid : {0, -1, INT32_MIN}) {

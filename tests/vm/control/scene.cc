@@ -9,24 +9,11 @@ namespace vm {
 
 namespace {
 
-const RuleText kProtocols{"PACKET_ETH_PROT_EQUAL", {"0806  ", "0800  "}};
-const RuleText kArp{"PACKET_ETH_PROT_EQUAL", {"0806  "}};
-const RuleText kAll{"PACKET_ALL", {}};
-const RuleText kPorts{"PACKET_SRC_INTF_EQUAL", {"211  ", "212  "}};
-const RuleText kPid{"PACKET_PID_T", {"7  "}};
-
-struct Place {
-    uint32_t location;
-    unsigned report;
-    const char *name;
-};
-
-const Place kPlaces[] = {
-    {PACKET_LOCAL_LOC, 1, "PACKET_LOCAL_LOC"},         {PACKET_LEV2_LOC, 2, "PACKET_LEV2_LOC"},
-    {PACKET_IPv4_LOC, 3, "PACKET_IPv4_LOC"},           {PACKET_IPv6_LOC, 4, "PACKET_IPv6_LOC"},
-    {PACKET_RESV_LOC, 7, "PACKET_RESV_LOC"},           {PACKET_WLAN_LOC, 8, "PACKET_WLAN_LOC"},
-    {PACKET_LEV2_RESV_LOC, 7, "PACKET_LEV2_RESV_LOC"}, {PACKET_LEV3_RESV_LOC, 7, "PACKET_LEV3_RESV_LOC"},
-};
+const RuleText kProtocols{PACKET_ETH_PROT_EQUAL, {"0806  ", "0800  "}};
+const RuleText kArp{PACKET_ETH_PROT_EQUAL, {"0806  "}};
+const RuleText kAll{PACKET_ALL, {}};
+const RuleText kPorts{PACKET_SRC_INTF_EQUAL, {"211  ", "212  "}};
+const RuleText kPid{PACKET_PID_T, {"7  "}};
 
 }  // namespace
 
@@ -46,43 +33,44 @@ LayerTwoScene::LayerTwoScene()
 
 std::vector<SocketText> LayerTwoScene::sockets()
 {
-    SocketText fetching("PACKET_LEV2_LOC", "PACKET_FETCH", {kArp, kPorts, kPid});
+    SocketText fetching = own_socket(PACKET_LEV2_LOC, PACKET_FETCH, {kArp, kPorts, kPid});
     fetching.ctrl = true;
     fetching.ifindex = lab::kPortA;
-    return {SocketText("PACKET_LEV2_LOC", "PACKET_TRAP", {kAll}), fetching,
-            SocketText("PACKET_LEV2_LOC", "PACKET_COPY", {kProtocols})};
+    return {own_socket(PACKET_LEV2_LOC, PACKET_TRAP, {kAll}), fetching,
+            own_socket(PACKET_LEV2_LOC, PACKET_COPY, {kProtocols})};
 }
 
 std::vector<EntryText> LayerTwoScene::entries()
 {
     return {
-        {"PACKET_ETH_PROT_EQUAL", "0806  ", {{"PACKET_FETCH", {kPorts, kPid}}, {"PACKET_COPY", {}}}},
-        {"PACKET_ETH_PROT_EQUAL", "0800  ", {{"PACKET_COPY", {}}}},
-        {"PACKET_ALL", "", {{"PACKET_TRAP", {}}}},
+        {PACKET_ETH_PROT_EQUAL, "0806  ", {own_copy(PACKET_FETCH, {kPorts, kPid}), own_copy(PACKET_COPY)}},
+        {PACKET_ETH_PROT_EQUAL, "0800  ", {own_copy(PACKET_COPY)}},
+        {PACKET_ALL, "", {own_copy(PACKET_TRAP)}},
     };
 }
 
 EveryLocationScene::EveryLocationScene()
 {
-    for (const Place &place : kPlaces)
-        sockets.push_back(capture(place.location, PACKET_COPY, all()));
+    for (uint32_t location = 1; location < contract::kLocationCount; ++location)
+        if (contract::kLocations[location].accepted)
+            sockets.push_back(capture(location, PACKET_COPY, all()));
 }
 
-std::vector<SocketText> EveryLocationScene::sockets_at(unsigned location)
+std::vector<SocketText> EveryLocationScene::sockets_at(unsigned report)
 {
     std::vector<SocketText> out;
-    for (const Place &place : kPlaces)
-        if (place.report == location)
-            out.emplace_back(place.name, "PACKET_COPY", std::vector<RuleText>{kAll});
+    for (uint32_t location = 1; location < contract::kLocationCount; ++location)
+        if (contract::kLocations[location].accepted && contract::library(location) == contract::library(report))
+            out.push_back(own_socket(location, PACKET_COPY, {kAll}));
     return out;
 }
 
 std::vector<EntryText> EveryLocationScene::entries_at(unsigned location)
 {
-    std::vector<CopyText> copies(sockets_at(location).size(), CopyText{"PACKET_COPY", {}});
+    std::vector<CopyText> copies(sockets_at(location).size(), own_copy(PACKET_COPY));
     if (copies.empty())
         return {};
-    return {{"PACKET_ALL", "", copies}};
+    return {{PACKET_ALL, "", copies}};
 }
 
 }  // namespace vm

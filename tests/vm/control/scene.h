@@ -26,7 +26,7 @@ struct EveryLocationScene {
 
     std::vector<Socket> sockets;
 
-    static std::vector<SocketText> sockets_at(unsigned location);
+    static std::vector<SocketText> sockets_at(unsigned report);
     static std::vector<EntryText> entries_at(unsigned location);
 };
 

@@ -239,7 +239,7 @@ TEST_F(Storm, a_dump_keeps_its_file_to_itself)
         sockets.push_back(capture(PACKET_LEV2_LOC, PACKET_COPY, all()));
     Socket odd = capture(PACKET_IPv4_LOC, PACKET_COPY, u8s(PACKET_IPv4_PROT_EQUAL, {89}));
     const std::string wanted = dump_text(answer(MOX_MSG_SHOW_ALL), answer(MOX_MSG_SHOW_MEMORY));
-    const std::string one = joined(SocketText("PACKET_IPv4_LOC", "PACKET_COPY", {{"PACKET_IPv4_PROT_EQUAL", {"89  "}}}).pieces());
+    const std::string one = joined(own_socket(PACKET_IPv4_LOC, PACKET_COPY, {{PACKET_IPv4_PROT_EQUAL, {"89  "}}}).pieces());
     said();
     std::atomic<bool> stop{false};
     std::atomic<uint32_t> dumps{0}, overlaps{0};
@@ -269,7 +269,7 @@ TEST_F(Storm, a_dump_keeps_its_file_to_itself)
     std::printf("%u dumps, %u socket reports, %u of them during a dump\n", dumps.load(), options, overlaps.load());
     EXPECT_GT(dumps, 5u);
     EXPECT_GT(options, 20u);
-    EXPECT_GT(overlaps, 0u) << "they never met";
+    EXPECT_GT(overlaps, 0u) << "they never overlapped";
     pin(kAskingCpu);
 }
 

@@ -122,7 +122,7 @@ TEST_F(Tech, a_longer_file_is_cut)
     EXPECT_EQ(content(file), wanted) << "and so is its own";
 }
 
-TEST_F(Tech, while_debugging_the_success_is_told)
+TEST_F(Tech, while_debugging_the_success_is_printed)
 {
     std::string file = file_of(0);
     debug(true);
@@ -173,7 +173,7 @@ TEST_F(Tech, the_askers_vsd_chooses_the_file)
 TEST_F(Tech, the_askers_rights_count)
 {
     std::string file = file_of(0);
-    std::ofstream(file) << "nobody's business";
+    std::ofstream(file) << "not to be touched";
     ::chmod(file.c_str(), 0);
     bool replied = false;
     std::thread([&] {
@@ -183,7 +183,7 @@ TEST_F(Tech, the_askers_rights_count)
         replied = bool(client.receive());
     }).join();
     EXPECT_TRUE(replied);
-    EXPECT_EQ(content(file), "nobody's business");
+    EXPECT_EQ(content(file), "not to be touched");
     ::chmod(file.c_str(), 0666);
     std::thread([&] {
         ::syscall(SYS_setresuid32, 65534, 65534, 65534);
@@ -201,10 +201,10 @@ TEST_F(Tech, a_place_that_takes_no_file)
         << "a directory of that name";
     std::filesystem::remove("/tmp/vsd/0/ef/af_packet/afpacketdump");
     ASSERT_EQ(::symlink("/dev/full", "/tmp/vsd/0/ef/af_packet/afpacketdump"), 0);
-    EXPECT_NE(dump().find("Ask msg success.\n"), std::string::npos) << "a disk that is full is not told";
+    EXPECT_NE(dump().find("Ask msg success.\n"), std::string::npos) << "a full disk is not reported";
 }
 
-TEST_F(Tech, a_client_that_does_not_read_is_told_of_while_debugging)
+TEST_F(Tech, a_client_that_does_not_read_is_reported_while_debugging)
 {
     int little = 0;
     ASSERT_EQ(::setsockopt(client_.fd(), SOL_SOCKET, SO_RCVBUF, &little, sizeof little), 0);
@@ -268,7 +268,7 @@ protected:
     }
     static SocketText text(const std::string &name)
     {
-        SocketText out("PACKET_LEV2_LOC", "PACKET_COPY", {{"PACKET_ALL", {}}});
+        SocketText out = own_socket(PACKET_LEV2_LOC, PACKET_COPY, {{PACKET_ALL, {}}});
         out.process = name;
         return out;
     }
@@ -290,9 +290,9 @@ protected:
             }
             std::vector<CopyText> copies;
             for (const std::string &name : names_)
-                copies.push_back({"PACKET_COPY", {}, name});
+                copies.push_back({name, PACKET_COPY, {}});
             locations += joined(queue_pieces(location)) + staged(socket_pieces(), lost) + "\n" +
-                         joined(filter_list_pieces({{"PACKET_ALL", "", copies}})) + "\n";
+                         joined(filter_list_pieces({{PACKET_ALL, "", copies}})) + "\n";
         }
         return dump_text(locations, joined(memory_pieces()));
     }

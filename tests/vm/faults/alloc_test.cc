@@ -146,7 +146,7 @@ TEST_F(AllocFailure, adding_and_deleting_rules_of_a_running_socket)
                 break;
             }
             ++injected;
-            // In for a half-indexed rule too, out after ENOMEM in the middle; whatever it is, the frame harms nobody and
+            // In for a half-indexed rule too, out after ENOMEM in the middle; whatever it is, the frame does no harm and
             // the next rule change brings the socket back.
             if (lab::registered(Hook::Lev2))
                 put(Hook::Lev2, ipv4(17, udp(1, 67)));

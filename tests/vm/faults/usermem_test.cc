@@ -96,7 +96,7 @@ TEST_F(UserMemory, an_address_that_ends_half_way)
 TEST_F(UserMemory, records_that_change_while_they_are_read)
 {
     // The module copies a record once and checks its copy: a second thread that rewrites count and size all the time may
-    // see calls refused or taken, never a read past the buffer (the checked kernel would tell).
+    // see calls refused or taken, never a read past the buffer (the checked kernel would report it).
     struct Record {
         volatile uint16_t head[3];
         uint8_t elements[26];

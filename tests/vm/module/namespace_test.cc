@@ -65,7 +65,7 @@ TEST_F(Namespaces, a_socket_outlives_the_last_process_of_its_namespace)
         // The kernel cleans dead namespaces up in the background: give it the time to make the mistake.
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         put(Hook::Lev2, plain());
-        EXPECT_TRUE(socket.receive()) << "the platform's frames know no namespace";
+        EXPECT_TRUE(socket.receive()) << "the platform's frames belong to no namespace";
         EXPECT_EQ(socket.bind(lab::kPortA, htons(0x88b5)), 0);
         int value = 4096;
         EXPECT_EQ(::setsockopt(socket.fd(), SOL_SOCKET, SO_RCVBUF, &value, sizeof value), 0);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Four CPUs flood while rules, sockets and readers come and go. What counts is what the checked kernel says meanwhile,
+// Four CPUs flood while rules, sockets and readers come and go. What counts is what the checked kernel reports meanwhile,
 // and that the books balance afterwards. The seed is printed; MOX_SEED repeats a run's choices.
 #include <atomic>
 #include <cerrno>

@@ -222,7 +222,7 @@ TEST_F(Moxctl, hooks)
     EXPECT_EQ(lab::registrations(), 0u);
     EXPECT_EQ(run("moxctl hook on all").status, 0);
     EXPECT_TRUE(lab::registered(Hook::Lev2));
-    EXPECT_FALSE(lab::registered(Hook::Ipv4)) << "nobody has rules there";
+    EXPECT_FALSE(lab::registered(Hook::Ipv4)) << "no rules there";
 }
 
 TEST_F(Moxctl, filter)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// A program that knows only the kernel's own family 17: busybox arping. It sends; it cannot receive.
+// A program written for the kernel's own family 17: busybox arping. It sends; it cannot receive.
 #include <fstream>
 
 #include "support/process.h"
@@ -34,7 +34,7 @@ protected:
     void SetUp() override
     {
         SendTest::SetUp();
-        // arping wants an address of this machine to ask as.
+        // arping needs an address of this machine as its source.
         ASSERT_EQ(run({"ip", "addr", "add", "10.9.9.1/32", "dev", "lo"}), 0);
     }
     void TearDown() override
@@ -69,7 +69,7 @@ TEST_F(Arping, its_requests_leave_byte_for_byte_by_the_device_that_it_names)
     EXPECT_FALSE(other.read_now());
 }
 
-TEST_F(Arping, it_hears_no_answer_because_it_never_chooses_a_location)
+TEST_F(Arping, it_receives_no_answer_because_it_never_chooses_a_location)
 {
     TapPort port("tap-arp");
     Socket watcher = capture(PACKET_LEV2_LOC, PACKET_COPY, ethertype(0x0806));

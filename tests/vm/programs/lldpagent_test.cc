@@ -77,7 +77,7 @@ TEST_F(LldpAgent, announces_lists_ages_and_takes_its_leave)
     EXPECT_TRUE(shows("\"aged\":1")) << shown();
     EXPECT_FALSE(other.read_now()) << "LLDP ends at the neighbour";
 
-    // A port that the agent does not know is not its own: the platform goes on with the frame.
+    // A port that the agent was not given is not its own: the platform goes on with the frame.
     other.write(neighbour(120));
     bool went_on = false;
     while (auto frame = port.read(2000))
@@ -102,7 +102,7 @@ TEST_F(LldpAgent, an_interface_that_the_platform_does_not_know)
     EXPECT_NE(agent.output().find("the platform has no interface of this index"), std::string::npos) << agent.output();
 }
 
-TEST_F(LldpAgent, a_port_that_is_down_is_told_of_and_tried_again)
+TEST_F(LldpAgent, a_port_that_is_down_is_reported_and_tried_again)
 {
     Process agent({"lldpagent", "--interval", "1", "--port", std::to_string(lab::kPortDown) + "=cold", "--port",
                    std::to_string(lab::kPortA) + "=warm"});

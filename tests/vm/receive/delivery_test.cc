@@ -47,7 +47,7 @@ TEST_F(Delivery, the_layer_2_length_is_the_platforms_word)
     }
 }
 
-TEST_F(Delivery, a_layer_2_length_beyond_the_frame_harms_nobody)
+TEST_F(Delivery, a_layer_2_length_beyond_the_frame_does_no_harm)
 {
     Socket raw = socket_of(), dgram = socket_of(SOCK_DGRAM);
     Frame frame = plain(0x88b5, 60);
@@ -209,7 +209,7 @@ TEST_F(Delivery, a_full_trap_still_ends_the_walk)
     Socket trap = capture(PACKET_LEV2_LOC, PACKET_TRAP, all());
     attach(trap, {BPF_STMT(BPF_RET | BPF_K, 0xffff)});
     EXPECT_EQ(put(Hook::Lev2, plain()), lab::kTaken);
-    EXPECT_EQ(trap.drain() + copy.drain(), 0u) << "taken, dropped by the trap's filter, and offered to nobody else";
+    EXPECT_EQ(trap.drain() + copy.drain(), 0u) << "taken, dropped by the trap's filter, and offered to no other socket";
     EXPECT_EQ(trap.stats().drops, 1u);
     EXPECT_EQ(copy.stats().packets, 0u);
     int none = 0, little = 1;
@@ -227,10 +227,11 @@ TEST_F(Delivery, each_location_has_its_queue_and_its_library)
         Hook hook;
         uint32_t taken;
     };
-    const Row rows[] = {{PACKET_LOCAL_LOC, Hook::Local, lab::kTaken}, {PACKET_LEV2_LOC, Hook::Lev2, lab::kTaken},
-                        {PACKET_IPv4_LOC, Hook::Ipv4, lab::kTaken},   {PACKET_IPv6_LOC, Hook::Ipv6, lab::kTaken},
-                        {PACKET_RESV_LOC, Hook::Resv, lab::kResvTaken}, {PACKET_WLAN_LOC, Hook::WlanIn, lab::kTaken},
-                        {PACKET_WLAN_LOC, Hook::WlanOut, lab::kTaken}};
+    std::vector<Row> rows;
+    for (uint32_t location = 1; location <= contract::kLibraries; ++location)
+        if (contract::kLocations[location].accepted)
+            for (Hook hook : lab::hooks_of(location))
+                rows.push_back({location, hook, contract::kHooks[size_t(hook)].taken});
     for (const Row &row : rows)
         for (const Row &other : rows) {
             Socket socket = capture(row.location, PACKET_FETCH, all());
@@ -283,7 +284,7 @@ TEST_F(Delivery, more_than_a_thousand_frames_at_once)
     EXPECT_EQ(stats.drops, 0u);
 }
 
-TEST_F(Delivery, a_hook_that_finds_the_thread_running_says_so_under_its_locations_switch)
+TEST_F(Delivery, a_hook_that_finds_the_thread_running_prints_it_under_its_locations_switch)
 {
     Socket socket = socket_of();
     lab::poke8("mox_packet_debug", 0, 1);

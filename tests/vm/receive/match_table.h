@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Rows of "this rule, this frame, that answer", and the two roads on which every row is tried.
+// Rows of "this rule, this frame, that answer", and the two ways in which every row is tried.
 #pragma once
 
 #include "support/fixture.h"

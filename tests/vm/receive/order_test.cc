@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Who decides about a frame and who receives it, when several sockets want it.
+// Which rule decides about a frame and which sockets receive it, when several rules match.
 #include "support/fixture.h"
 
 namespace {
@@ -139,18 +139,18 @@ TEST_F(Order, two_sockets_share_a_key_and_only_the_leavers_copies_go)
     Socket one = at(PACKET_COPY, ethertype(0x88b5));
     Socket two = at(PACKET_FETCH, ethertype(0x88b5));
     RuleRecords now = RuleRecords::read();
-    EXPECT_EQ(now.data[20], records_.data[20] + 1);
-    EXPECT_EQ(now.data[21], records_.data[21] + 2);
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries] + 1);
+    EXPECT_EQ(now.data[contract::kLiveCopies], records_.data[contract::kLiveCopies] + 2);
     two.close();
     now = RuleRecords::read();
-    EXPECT_EQ(now.data[20], records_.data[20] + 1);
-    EXPECT_EQ(now.data[21], records_.data[21] + 1);
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries] + 1);
+    EXPECT_EQ(now.data[contract::kLiveCopies], records_.data[contract::kLiveCopies] + 1);
     EXPECT_EQ(put2(plain()), lab::kGoOn);
     EXPECT_EQ(one.drain(), 1u);
     one.close();
     now = RuleRecords::read();
-    EXPECT_EQ(now.data[20], records_.data[20]);
-    EXPECT_EQ(now.data[21], records_.data[21]);
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries]);
+    EXPECT_EQ(now.data[contract::kLiveCopies], records_.data[contract::kLiveCopies]);
 }
 
 TEST_F(Order, a_key_item_of_three_values_is_filed_three_times)
@@ -158,8 +158,8 @@ TEST_F(Order, a_key_item_of_three_values_is_filed_three_times)
     Socket one = at(PACKET_COPY, ethertype(0x0806));
     Socket three = at(PACKET_COPY, be16s(PACKET_ETH_PROT_EQUAL, {0x0806, 0x88b5, 0x88cc}));
     RuleRecords now = RuleRecords::read();
-    EXPECT_EQ(now.data[20], records_.data[20] + 3) << "two new entries and one shared";
-    EXPECT_EQ(now.data[21], records_.data[21] + 4);
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries] + 3) << "two new entries and one shared";
+    EXPECT_EQ(now.data[contract::kLiveCopies], records_.data[contract::kLiveCopies] + 4);
 }
 
 TEST_F(Order, local_treatments_lie_apart_and_do_not_hide_the_others)
@@ -188,7 +188,7 @@ TEST_F(Order, an_inactive_socket_keeps_the_hook_and_gets_nothing)
 {
     Socket none = at(PACKET_TREATMENT_NONE, all());
     EXPECT_TRUE(lab::registered(Hook::Lev2));
-    EXPECT_EQ(RuleRecords::read().data[20], records_.data[20]);
+    EXPECT_EQ(RuleRecords::read().data[contract::kLiveEntries], records_.data[contract::kLiveEntries]);
     Socket copy = at(PACKET_COPY, all());
     put2(plain());
     EXPECT_EQ(copy.drain(), 1u);

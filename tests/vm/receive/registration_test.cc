@@ -27,37 +27,29 @@ protected:
 
 using Lines = std::vector<std::string>;
 
-/// Byte 12 of the descriptor, and byte 13 above it.
-std::string record(int twelve, int thirteen) { return std::to_string(twelve | thirteen << 8); }
+/// The calls for a location's hooks, with the function and the point of each.
+Lines wanted(uint32_t location, bool on)
+{
+    Lines out;
+    for (const contract::Hook &hook : contract::hooks(location))
+        out.push_back(std::string(on ? "reg_" : "dereg_") + hook.call + " " + hook.symbol + " " +
+                      std::to_string(hook.point));
+    return out;
+}
 
 TEST_F(Registration, first_and_last_rule_of_each_location)
 {
-    struct Row {
-        uint32_t location;
-        Lines in, out;
-    };
-    const std::string lev2 = " mox_packet_lev2_rcv " + record(0x00, 0x17), ipv4 = " mox_packet_ipv4_rcv " + record(0x02, 0x14),
-                      ipv6 = " mox_packet_ipv6_rcv " + record(0x04, 0x0a),
-                      wlan = " mox_packet_wlan_in_rcv " + record(0x06, 0x06);
-    const Row rows[] = {
-        {PACKET_LOCAL_LOC, {"reg_output mox_packet_local_rcv 1"}, {"dereg_output mox_packet_local_rcv 1"}},
-        {PACKET_LEV2_LOC, {"reg_module" + lev2}, {"dereg_module" + lev2}},
-        {PACKET_IPv4_LOC, {"reg_module" + ipv4}, {"dereg_module" + ipv4}},
-        {PACKET_IPv6_LOC, {"reg_module" + ipv6}, {"dereg_module" + ipv6}},
-        {PACKET_RESV_LOC, {"reg_recv mox_packet_resv_rcv 2"}, {"dereg_recv mox_packet_resv_rcv 2"}},
-        {PACKET_LEV2_RESV_LOC, {"reg_recv mox_packet_resv_rcv 2"}, {"dereg_recv mox_packet_resv_rcv 2"}},
-        {PACKET_LEV3_RESV_LOC, {"reg_recv mox_packet_resv_rcv 2"}, {"dereg_recv mox_packet_resv_rcv 2"}},
-        {PACKET_WLAN_LOC, {"reg_module" + wlan, "reg_output mox_packet_wlan_out_rcv 1"},
-         {"dereg_module" + wlan, "dereg_output mox_packet_wlan_out_rcv 1"}},
-    };
-    for (const Row &row : rows) {
+    for (uint32_t location = 1; location < contract::kLocationCount; ++location) {
+        if (!contract::kLocations[location].accepted)
+            continue;
+        const Lines in = wanted(location, true), out = wanted(location, false);
         Socket socket;
         ASSERT_EQ(socket.add(all()), 0);
         ASSERT_EQ(socket.treatment(PACKET_COPY), 0);
-        EXPECT_EQ(calls([&] { socket.location(row.location); }), row.in) << row.location;
-        EXPECT_EQ(calls([&] { socket.location(0); }), row.out) << row.location;
-        ASSERT_EQ(socket.location(row.location), 0);
-        EXPECT_EQ(calls([&] { socket.close(); }), row.out) << row.location << " by closing";
+        EXPECT_EQ(calls([&] { socket.location(location); }), in) << location;
+        EXPECT_EQ(calls([&] { socket.location(0); }), out) << location;
+        ASSERT_EQ(socket.location(location), 0);
+        EXPECT_EQ(calls([&] { socket.close(); }), out) << location << " by closing";
     }
 }
 
@@ -70,15 +62,16 @@ TEST_F(Registration, receive_functions_are_registered_anew_at_every_change_and_r
     EXPECT_EQ(calls([&] { second.close(); }), Lines{});
     Socket local = capture(PACKET_LOCAL_LOC, PACKET_COPY, all());
     Socket other;
-    EXPECT_EQ(calls([&] { other.location(PACKET_LOCAL_LOC); }), Lines{"reg_output mox_packet_local_rcv 1"});
-    EXPECT_EQ(calls([&] { other.close(); }), Lines{"reg_output mox_packet_local_rcv 1"}) << "one is left";
+    EXPECT_EQ(calls([&] { other.location(PACKET_LOCAL_LOC); }), wanted(PACKET_LOCAL_LOC, true));
+    EXPECT_EQ(calls([&] { other.close(); }), wanted(PACKET_LOCAL_LOC, true)) << "one is left";
 }
 
 TEST_F(Registration, a_rule_change_of_the_only_socket_takes_the_hook_down_and_up)
 {
     Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
-    const std::string lev2 = " mox_packet_lev2_rcv " + record(0x00, 0x17);
-    EXPECT_EQ(calls([&] { socket.add(ethertype(0x0806)); }), (Lines{"dereg_module" + lev2, "reg_module" + lev2}));
+    Lines both = wanted(PACKET_LEV2_LOC, false);
+    both.push_back(wanted(PACKET_LEV2_LOC, true)[0]);
+    EXPECT_EQ(calls([&] { socket.add(ethertype(0x0806)); }), both);
 }
 
 TEST_F(Registration, options_that_are_no_rule_leave_the_platform_alone)
@@ -94,31 +87,25 @@ TEST_F(Registration, options_that_are_no_rule_leave_the_platform_alone)
               Lines{});
 }
 
-TEST_F(Registration, a_refused_record_is_told_and_tried_again_at_the_next_change)
+TEST_F(Registration, a_refused_record_is_printed_and_tried_again_at_the_next_change)
 {
     Socket socket;
     ASSERT_EQ(socket.add(all()), 0);
     ASSERT_EQ(socket.treatment(PACKET_COPY), 0);
-    struct Row {
-        uint32_t location;
-        Hook hook;
-        const char *line;
-    };
-    for (Row row : {Row{PACKET_LEV2_LOC, Hook::Lev2, "reg PACKET-LEV2-MODULE failed"},
-                    {PACKET_IPv4_LOC, Hook::Ipv4, "reg PACKET-IPV4-MODULE failed"},
-                    {PACKET_IPv6_LOC, Hook::Ipv6, "reg PACKET-IPV6-MODULE failed"},
-                    {PACKET_WLAN_LOC, Hook::WlanIn, "reg PACKET-WLAN-MODULE failed"}}) {
+    for (uint32_t location : {PACKET_LEV2_LOC, PACKET_IPv4_LOC, PACKET_IPv6_LOC, PACKET_WLAN_LOC}) {
+        const Hook hook = lab::hooks_of(location)[0];
+        const std::string line = std::string("reg ") + contract::hooks(location)[0].record + " failed";
         lab::clear_printk();
         lab::fail(lab::Fail::RegModule, 1, 1, -17);
-        EXPECT_EQ(socket.location(row.location), 0) << "the socket does not hear of it";
-        EXPECT_FALSE(lab::registered(row.hook));
+        EXPECT_EQ(socket.location(location), 0) << "the call succeeds all the same";
+        EXPECT_FALSE(lab::registered(hook));
         auto lines = lab::printk_lines();
-        ASSERT_EQ(lines.size(), 1u) << row.line;
-        EXPECT_TRUE(HasLine(lines, row.line)) << "printed whether debugging or not";
+        ASSERT_EQ(lines.size(), 1u) << line;
+        EXPECT_TRUE(HasLine(lines, line)) << "printed whether debugging or not";
         EXPECT_EQ(lines[0].find("[MOX-PACKET("), std::string::npos) << "and without the tag";
         lab::clear_registration_log();
         EXPECT_EQ(socket.add(all()), 0);
-        EXPECT_TRUE(lab::registered(row.hook)) << row.location;
+        EXPECT_TRUE(lab::registered(hook)) << location;
         for (const RegCall &call : lab::registration_log())
             EXPECT_NE(call.call, "dereg_module") << "what was not registered is not deregistered";
     }

@@ -263,7 +263,7 @@ TEST_F(Rules, type_17_alone_is_registered_and_never_answers)
 {
     Socket socket = capture(PACKET_LEV2_LOC, PACKET_FETCH, u32s(17, {77}));
     EXPECT_TRUE(lab::registered(lab::Hook::Lev2));
-    EXPECT_EQ(RuleRecords::read().data[20], records_.data[20]) << "no key";
+    EXPECT_EQ(RuleRecords::read().data[contract::kLiveEntries], records_.data[contract::kLiveEntries]) << "no key";
     EXPECT_EQ(RuleRecords::read().data[17], records_.data[17] + 1) << "but a datum like any other";
     EXPECT_EQ(put(lab::Hook::Lev2, plain()), lab::kGoOn);
     EXPECT_FALSE(socket.receive_now());

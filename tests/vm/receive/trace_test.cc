@@ -35,7 +35,7 @@ protected:
         put(hook, frame);
         return lab::printk_lines();
     }
-    /// The lines at the hook, where no rule wants the frame.
+    /// The lines at the hook, where no rule matches the frame.
     static Lines passed_by(const char *location, const std::string &macs_and_type, const std::string &last)
     {
         return {std::string("MOX-PACKET-RCV: rcv pkt %p, loc ") + location + ", " + kSource + ", in vsd: 0",
@@ -46,17 +46,11 @@ protected:
 
 TEST_F(Trace, every_location_names_itself)
 {
-    struct Row {
-        uint32_t location;
-        Hook hook;
-        const char *name;
-    };
-    for (Row row : {Row{PACKET_LOCAL_LOC, Hook::Local, "PACKET_LOCAL_LOC"}, {PACKET_LEV2_LOC, Hook::Lev2, "PACKET_LEV2_LOC"},
-                    {PACKET_IPv4_LOC, Hook::Ipv4, "PACKET_IPv4_LOC"}, {PACKET_IPv6_LOC, Hook::Ipv6, "PACKET_IPv6_LOC"},
-                    {PACKET_RESV_LOC, Hook::Resv, "PACKET_RESV_LOC"}}) {
-        Socket socket = capture(row.location, PACKET_COPY, ethertype(0x0806));
-        EXPECT_TRUE(LinesAre(lines_of(row.hook, plain()),
-                             passed_by(row.name, kMacs + "eth_type: 88b5, vid: 0", "packet type: 2")));
+    for (uint32_t location : {PACKET_LOCAL_LOC, PACKET_LEV2_LOC, PACKET_IPv4_LOC, PACKET_IPv6_LOC, PACKET_RESV_LOC}) {
+        Socket socket = capture(location, PACKET_COPY, ethertype(0x0806));
+        EXPECT_TRUE(LinesAre(lines_of(lab::hooks_of(location)[0], plain()),
+                             passed_by(contract::location_name(location), kMacs + "eth_type: 88b5, vid: 0",
+                                       "packet type: 2")));
     }
 }
 
@@ -108,7 +102,7 @@ TEST_F(Trace, the_code_line)
     EXPECT_TRUE(HasLine(lines_of(Hook::Lev2, frame), "MOX-PACKET-RCV: code: 200, sub_code: 17"));
 }
 
-TEST_F(Trace, a_delivered_frame_is_told_per_socket)
+TEST_F(Trace, a_delivered_frame_is_printed_per_socket)
 {
     struct Row {
         uint32_t treatment;
@@ -130,7 +124,7 @@ TEST_F(Trace, a_delivered_frame_is_told_per_socket)
     }
 }
 
-TEST_F(Trace, delivery_tells_the_sockets_own_location)
+TEST_F(Trace, delivery_prints_the_sockets_own_location)
 {
     Socket one = capture(PACKET_LEV2_RESV_LOC, PACKET_COPY, all()), two = capture(PACKET_RESV_LOC, PACKET_COPY, all());
     Frame frame = plain();

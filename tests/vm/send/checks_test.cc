@@ -41,47 +41,37 @@ struct Scene {
 
 struct Reason {
     const char *name;
+    contract::Refusal refusal;
+    const char *named;  ///< in its line
     void (*provoke)(Scene scene);
-    int error;
-    uint32_t SendCounters::*counter;
-    const char *text;
-    bool dgram_only;
-    bool allocated;  ///< there is an efbuff by then
+
+    const contract::RefusalFacts &facts() const { return contract::kRefusalFacts[refusal]; }
+    std::string line() const { return "MOX-PACKET-SEND: " + refusal_line(refusal, named); }
 };
 
+/// In the order of the checks.
 const Reason kReasons[] = {
-    {"vsd",
+    {"vsd", contract::kVsd, "3",
      [](Scene) {
          std::filesystem::create_directories("/data/var/run/vsd/3/x");
          std::filesystem::current_path("/data/var/run/vsd/3/x");
-     },
-     EINVAL, &SendCounters::sendmsg_ill, "MOX-PACKET-SEND: get vsd id 3 fail.", false, false},
-    {"control_length", [](Scene s) { s.send.control_length = 47; }, EINVAL, &SendCounters::sendmsg_ill,
-     "MOX-PACKET-SEND: msg controllen 47 illegal.", false, false},
-    {"name_length", [](Scene s) { s.send.name_length = 19; }, EINVAL, &SendCounters::sendmsg_ill,
-     "MOX-PACKET-SEND: msg namelen 19 illegal.", false, false},
-    {"no_efbuff", [](Scene) { lab::fail(lab::Fail::Alloc, 1); }, ENOMEM, &SendCounters::alloc_efbuff,
-     "MOX-PACKET-SEND: alloc ebuff failed.", false, false},
-    {"no_destination_mac", [](Scene s) { s.send.address().sll_halen = 0; }, EINVAL, &SendCounters::macfunc_ill,
-     "MOX-PACKET-SEND: sock_dgram but dst mac addr is null.", true, true},
-    {"no_mac_service", [](Scene) { withdraw(kLocalMacService); }, EINVAL, &SendCounters::macfunc_ill,
-     "MOX-PACKET-SEND: sock_dgram but get mac addr func is null.", true, true},
-    {"mac_service_fails", [](Scene) { publish(kLocalMacService, 0, 1); }, EINVAL, &SendCounters::macfunc_ill,
-     "MOX-PACKET-SEND: sock_dgram but get local mac error.", true, true},
-    {"data_fault",
+     }},
+    {"control_length", contract::kControlLength, "47", [](Scene s) { s.send.control_length = 47; }},
+    {"name_length", contract::kNameLength, "19", [](Scene s) { s.send.name_length = 19; }},
+    {"no_efbuff", contract::kNoEfbuff, "", [](Scene) { lab::fail(lab::Fail::Alloc, 1); }},
+    {"no_destination_mac", contract::kNoDstMac, "", [](Scene s) { s.send.address().sll_halen = 0; }},
+    {"no_mac_service", contract::kNoMacService, "", [](Scene) { withdraw(kLocalMacService); }},
+    {"mac_service_fails", contract::kMacServiceFails, "", [](Scene) { publish(kLocalMacService, 0, 1); }},
+    {"data_fault", contract::kDataFault, "",
      [](Scene s) {
          s.send.at = s.cliff.edge() - 20;
          s.send.at_length = 60;
-     },
-     EFAULT, &SendCounters::pkt_copy, "MOX-PACKET-SEND: copy pkt failed", false, true},
-    {"no_destination", [](Scene s) { s.send.address().sll_ifindex = int(kNowhere); }, ENXIO, &SendCounters::dstintf_ill,
-     "MOX-PACKET-SEND: get dst intf 3999 fail", false, true},
-    {"link_down", [](Scene s) { s.send.address().sll_ifindex = int(lab::kPortDown); }, ENETDOWN, &SendCounters::linkdown,
-     "MOX-PACKET-SEND: send port-down is link down", false, true},
-    {"no_source", [](Scene s) { s.send.control.pkt_ifx = kNowhere; }, ENXIO, &SendCounters::srcintf_ill,
-     "MOX-PACKET-SEND: get src intf 3999 fail!", false, true},
-    {"platform_drops", [](Scene) { platform().override_outcome(1, 1, false); }, ENETUNREACH, &SendCounters::ef_send,
-     "MOX-PACKET-SEND: process vm_send send pkt %p in vsd 0, fail: drop.", false, true},
+     }},
+    {"no_destination", contract::kNoDst, "3999", [](Scene s) { s.send.address().sll_ifindex = int(kNowhere); }},
+    {"link_down", contract::kDstDown, "port-down", [](Scene s) { s.send.address().sll_ifindex = int(lab::kPortDown); }},
+    {"no_source", contract::kNoSrc, "3999", [](Scene s) { s.send.control.pkt_ifx = kNowhere; }},
+    {"platform_drops", contract::kDropped, "vm_send send pkt %p in vsd 0",
+     [](Scene) { platform().override_outcome(1, 1, false); }},
 };
 
 class Checks : public SendTest, public ::testing::WithParamInterface<size_t> {
@@ -116,9 +106,9 @@ protected:
         Send send = good();
         Socket socket(type);
         ASSERT_EQ(socket.error(), 0);
-        // From the last to the first: where two want the same field, the earlier one has it.
+        // From the last to the first: where two set the same field, the earlier one decides.
         for (size_t n = std::size(kReasons); n-- > first;)
-            if (n == first || (with_later && (type == SOCK_DGRAM || !kReasons[n].dgram_only)))
+            if (n == first || (with_later && (type == SOCK_DGRAM || !kReasons[n].facts().datagram_only)))
                 kReasons[n].provoke({send, cliff});
         Trial trial = attempt(socket, send, true);
         std::filesystem::current_path(home_);
@@ -127,19 +117,17 @@ protected:
         publish(kLocalMacService, 0, 0, kLocalMac[0]);
 
         EXPECT_EQ(trial.result, -1);
-        EXPECT_EQ(trial.error, reason.error) << std::strerror(trial.error);
-        SendCounters wanted{};
-        wanted.*reason.counter = 1;
-        EXPECT_EQ(trial.counters, wanted) << "its own counter and no other";
-        EXPECT_TRUE(HasLineLike(trial.lines, reason.text));
+        EXPECT_EQ(trial.error, reason.facts().error) << std::strerror(trial.error);
+        EXPECT_EQ(trial.counters, SendCounters::one(reason.facts().counter)) << "its own counter and no other";
+        EXPECT_TRUE(HasLineLike(trial.lines, reason.line()));
         EXPECT_TRUE(trial.left.empty());
-        bool handed_over = reason.error == ENETUNREACH;
-        EXPECT_EQ(trial.allocated, reason.allocated ? 1u : 0u);
-        EXPECT_EQ(trial.freed, reason.allocated && !handed_over ? 1u : 0u);
+        bool handed_over = reason.facts().error == ENETUNREACH;
+        EXPECT_EQ(trial.allocated, reason.facts().allocated ? 1u : 0u);
+        EXPECT_EQ(trial.freed, reason.facts().allocated && !handed_over ? 1u : 0u);
         EXPECT_EQ(trial.given, handed_over ? 1u : 0u) << "the platform's from the call on";
         EXPECT_EQ(lab::books().live, 0);
         for (const Reason &other : kReasons)
-            EXPECT_EQ(bool(HasLineLike(trial.lines, other.text)), &other == &reason) << other.name;
+            EXPECT_EQ(bool(HasLineLike(trial.lines, other.line())), &other == &reason) << other.name;
     }
 
     std::filesystem::path home_;
@@ -148,14 +136,14 @@ protected:
 TEST_P(Checks, alone)
 {
     fails_for(GetParam(), false, SOCK_DGRAM);
-    if (!kReasons[GetParam()].dgram_only)
+    if (!kReasons[GetParam()].facts().datagram_only)
         fails_for(GetParam(), false, SOCK_RAW);
 }
 
 TEST_P(Checks, before_all_later_ones)
 {
     fails_for(GetParam(), true, SOCK_DGRAM);
-    if (!kReasons[GetParam()].dgram_only)
+    if (!kReasons[GetParam()].facts().datagram_only)
         fails_for(GetParam(), true, SOCK_RAW);
 }
 
@@ -220,7 +208,7 @@ TEST_F(Checks, statistics_clear_the_send_counters)
     EXPECT_EQ(good().by(socket.fd()), 60);
     EXPECT_EQ(SendCounters::of(socket), (SendCounters{.sendmsg_ill = 1, .sent = 1}));
     mox_packet_stats stats = socket.stats();
-    EXPECT_EQ(stats.packets, 0u) << "sends are not told of there";
+    EXPECT_EQ(stats.packets, 0u) << "sends are not counted there";
     EXPECT_EQ(stats.drops, 0u);
     EXPECT_EQ(SendCounters::of(socket), SendCounters{});
 }

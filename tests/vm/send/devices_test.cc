@@ -54,7 +54,7 @@ TEST_F(Devices, a_large_frame_leaves_by_a_device_that_takes_it)
     EXPECT_EQ(Bytes(seen->begin() + 14, seen->end()), send.data);
 }
 
-TEST_F(Devices, what_is_no_frame_for_a_device_is_dropped_and_told)
+TEST_F(Devices, what_is_no_frame_for_a_device_is_dropped_and_printed)
 {
     TapPort port("tap-strict");
     Socket raw(SOCK_RAW);

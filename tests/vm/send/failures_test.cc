@@ -66,7 +66,7 @@ TEST_F(Failures, each_allocation_and_copy_of_a_send)
     EXPECT_TRUE(HasLine(lines, "Failed to kmalloc buf."));
 }
 
-/// A process of another virtual switch device is refused, but not when the buffer for its path cannot be had: then it
+/// A process of another virtual switch device is refused, but not when the buffer for its path cannot be allocated: then it
 /// counts as one of vsd 0.
 TEST_F(Failures, a_sender_whose_path_cannot_be_read_counts_as_vsd_0)
 {
@@ -82,7 +82,7 @@ TEST_F(Failures, a_sender_whose_path_cannot_be_read_counts_as_vsd_0)
     ssize_t result = 0;
     int error = 0;
     lab::clear_printk();
-    // Nothing but the send itself may meet the failure.
+    // The failure must hit the send itself and nothing else.
     with_each_failure(
         [&] {
             result = send.by(socket.fd());

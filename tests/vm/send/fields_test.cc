@@ -122,27 +122,16 @@ TEST_F(Fields, vlan_ids_are_the_low_twelve_bits_of_both_words)
     }
 }
 
-/// One bit of the control record's flags and the one of the efbuff that it sets.
-struct FlagBit {
-    uint32_t control;
-    size_t word;
-    uint32_t bit;
-};
-constexpr FlagBit kFlagBits[] = {
-    {MOX_SEND_DEBUG, 32, 0x4000},     {MOX_SEND_EF_40000, 32, 0x40000}, {MOX_SEND_VXLAN_ENCAP, 60, 0x1},
-    {MOX_SEND_BLOCK, 60, 0x2},        {MOX_SEND_400, 60, 0x4},          {MOX_SEND_4000, 60, 0x20},
-    {MOX_SEND_10000, 60, 0x40},       {MOX_SEND_20000, 60, 0x80},       {MOX_SEND_NO_ACL, 60, 0x8},
-    {MOX_SEND_PROXY_CAPTURE, 60, 0x10},
-};
-
 /// The header that flags are to give.
 Bytes with_flags(uint32_t flags, uint8_t proxy)
 {
     Bytes wanted = plain_header(lab::kPortA, 60);
-    for (const FlagBit &f : kFlagBits)
-        if (flags & f.control)
-            put32(wanted, f.word, word_at(wanted, f.word) | f.bit);
-    wanted[72] = flags & MOX_SEND_PROXY_CAPTURE ? proxy : 0;
+    for (const contract::SendFlag &f : contract::kSendFlags)
+        if (flags & f.flag) {
+            put32(wanted, 32, word_at(wanted, 32) | f.at32);
+            put32(wanted, 60, word_at(wanted, 60) | f.at60);
+        }
+    wanted[72] = flags & contract::kProxySend ? proxy : 0;
     return wanted;
 }
 
@@ -160,10 +149,10 @@ TEST_F(Fields, each_flag_alone)
 TEST_F(Fields, every_pair_of_flags_and_all_together)
 {
     Socket socket(SOCK_RAW);
-    for (const FlagBit &one : kFlagBits)
-        for (const FlagBit &other : kFlagBits) {
+    for (const contract::SendFlag &one : contract::kSendFlags)
+        for (const contract::SendFlag &other : contract::kSendFlags) {
             Send send = controlled();
-            send.control.flags = one.control | other.control;
+            send.control.flags = one.flag | other.flag;
             send.control.proxy_capture = 1;
             EXPECT_EQ(leaves(socket, send).header, with_flags(send.control.flags, 1)) << std::hex << send.control.flags;
         }

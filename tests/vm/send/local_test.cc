@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // One socket sends, another captures at LOCAL, where every frame about to leave passes: what the second one sees, whether
-// the frame still leaves, and what the first one is told.
+// the frame still leaves, and what the first one gets as its result.
 #include <cerrno>
 #include <cstring>
 
@@ -61,7 +61,7 @@ TEST_F(Local, a_copy_lets_it_leave_and_a_taker_does_not)
     }
 }
 
-TEST_F(Local, a_sender_that_listens_hears_itself)
+TEST_F(Local, a_sender_that_listens_receives_itself)
 {
     for (Treatment treatment : kTreatments) {
         Socket socket = capture(PACKET_LOCAL_LOC, treatment.number, ethertype(0x88b5));
@@ -96,7 +96,7 @@ TEST_F(Local, too_short_for_a_header_shows_no_byte_that_was_not_sent)
     }
 }
 
-TEST_F(Local, the_receive_record_tells_what_the_send_record_said)
+TEST_F(Local, the_receive_record_prints_what_the_send_record_held)
 {
     Socket sender(SOCK_RAW), listener = capture(PACKET_LOCAL_LOC, PACKET_COPY, all());
     ASSERT_EQ(listener.ctrl(true), 0);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Sends that meet something else that changes at the same time: the socket's own binding, its counters, the device.
+// Sends while something else changes: the socket's own binding, its counters, the device.
 #include <atomic>
 #include <cerrno>
 #include <chrono>

@@ -214,7 +214,7 @@ TEST_F(Services, drop_services_of_the_platform_are_asked_by_the_hooks)
     for (ServiceId id : {kDropService, kDropWlanService}) {
         Socket socket = capture(PACKET_LEV2_LOC, PACKET_FETCH, all());
         uint32_t calls = service_state(id).calls;
-        EXPECT_EQ(put(Hook::Lev2, plain()), lab::kTaken) << "nobody to ask";
+        EXPECT_EQ(put(Hook::Lev2, plain()), lab::kTaken) << "no drop service";
         publish(id, 0, 0);
         EXPECT_EQ(put(Hook::Lev2, plain()), lab::kTaken) << "asked, and no objection";
         EXPECT_EQ(service_state(id).calls, calls + 1);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Sends and captures on all CPUs, for as long as MOX_SOAK_MINUTES says (lab/test --soak; otherwise 10 seconds), while
+// Sends and captures on all CPUs, for MOX_SOAK_MINUTES (lab/test --soak; otherwise 10 seconds), while
 // services come and go and rules change. Every send is accounted for by the socket's counters in the end, every frame
 // that a listener sees is one that was sent, and no efbuff is left. The seed is printed; MOX_SEED repeats a run's choices.
 #include <atomic>
@@ -52,7 +52,7 @@ bool has_our_type(const Bytes &frame)
     return frame.size() >= kHeader && frame[12] == kOurs >> 8 && frame[13] == (kOurs & 0xff);
 }
 
-/// What may be wrong with a send, and the counter that tells; null: nothing.
+/// What may be wrong with a send, and the counter that shows it; null: nothing.
 struct Flaw {
     unsigned weight;
     uint32_t SendCounters::*counter;

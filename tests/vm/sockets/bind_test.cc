@@ -99,7 +99,7 @@ TEST_F(Bind, a_protocol_becomes_a_rule_and_every_further_one_is_added)
     RuleRecords now = RuleRecords::read();
     EXPECT_EQ(now.data[PACKET_ETH_PROT_EQUAL], records_.data[PACKET_ETH_PROT_EQUAL] + 2);
     EXPECT_EQ(now.items[PACKET_ETH_PROT_EQUAL], records_.items[PACKET_ETH_PROT_EQUAL] + 1);
-    EXPECT_EQ(now.data[20], records_.data[20] + 2) << "two keys";
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries] + 2) << "two keys";
     put(lab::Hook::Lev2, frames::arp(1));
     EXPECT_TRUE(socket.receive());
     put(lab::Hook::Lev2, frames::plain(0x88cc));
@@ -199,7 +199,7 @@ TEST_F(Bind, getname_of_an_unbound_socket_has_12_bytes_and_no_mac)
     EXPECT_EQ(address.sll_addr[0], 0xaa);
 }
 
-TEST_F(Bind, getname_when_the_interface_table_knows_index_zero)
+TEST_F(Bind, getname_when_the_interface_table_has_index_zero)
 {
     const uint8_t mac[6] = {2, 0, 0, 0, 0, 0x77};
     lab::set_interface(0, "zero", mac, true);

@@ -146,7 +146,7 @@ TEST_F(Create, operations_that_the_family_has_not)
     EXPECT_EQ(errno, EOPNOTSUPP);
 }
 
-TEST_F(Create, release_says_so_and_frees_the_rule)
+TEST_F(Create, release_prints_it_and_frees_the_rule)
 {
     pin(1);
     Socket socket(SOCK_RAW, htons(0x0806));

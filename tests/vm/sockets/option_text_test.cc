@@ -62,30 +62,22 @@ TEST_F(OptionText, unreadable_words)
 
 TEST_F(OptionText, treatments_by_name)
 {
-    const char *names[] = {"PACKET_TREATMENT_NONE", "PACKET_COPY",       "PACKET_FETCH",
-                           "PACKET_TRAP",           "PACKET_COPY_LOCAL", "PACKET_FETCH_LOCAL"};
-    for (uint32_t value = 0; value <= 5; ++value)
+    for (uint32_t value = 0; value < contract::kTreatments; ++value)
         EXPECT_TRUE(HasLine(lines_of([&] { socket_.treatment(value); }),
-                            std::string("SETSOCKOPT: process: ") + names[value], 1));
+                            std::string("SETSOCKOPT: process: ") + contract::treatment_name(value), 1));
     EXPECT_TRUE(HasLine(lines_of([&] { socket_.treatment(6); }), "SETSOCKOPT: PACKET_TREATMENT type illegal.", 1));
 }
 
 TEST_F(OptionText, locations_by_name)
 {
-    struct Row {
-        uint32_t value;
-        const char *name;
-    };
-    for (Row row : {Row{0, "PACKET_NONE_LOC"}, {1, "PACKET_LOCAL_LOC"}, {2, "PACKET_LEV2_LOC"}, {3, "PACKET_IPv4_LOC"},
-                    {4, "PACKET_IPv6_LOC"}, {7, "PACKET_RESV_LOC"}, {8, "PACKET_WLAN_LOC"}, {9, "PACKET_LEV2_RESV_LOC"},
-                    {10, "PACKET_LEV3_RESV_LOC"}, {11, "Unknown"}, {0xffffffff, "Unknown"}})
-        EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(row.value); }),
-                            std::string("SETSOCKOPT: PACKET_LOCATION ") + row.name, 1));
+    for (uint32_t value : {0u, 1u, 2u, 3u, 4u, 7u, 8u, 9u, 10u, 11u, 0xffffffffu})
+        EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(value); }),
+                            std::string("SETSOCKOPT: PACKET_LOCATION ") + contract::location_name(value), 1));
     EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(5); }), "SETSOCKOPT: PACKET_LOCATION location type 5 error", 1));
     EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(6); }), "SETSOCKOPT: PACKET_LOCATION location type 6 error", 1));
 }
 
-TEST_F(OptionText, a_location_out_of_range_is_told_by_the_library)
+TEST_F(OptionText, a_location_out_of_range_is_printed_by_the_library)
 {
     EXPECT_TRUE(HasLine(lines_of([&] { socket_.location(11); }), "MOX-PACKET-HANDLE-REGULAR: location illegal!", 1));
 }
@@ -98,36 +90,13 @@ TEST_F(OptionText, control_records_on_and_off)
 
 TEST_F(OptionText, success_of_every_type_for_add_and_delete)
 {
-    struct Row {
-        Rule rule;
-        const char *line;
-    };
-    const Row rows[] = {
-        {le16s(0, {0x0102}), "ADD-REGUALR: type PACKET_PACKET_CODE_EQUAL success"},
-        {rule(1, {Bytes(6, 1)}), "ADD-REGUALR: PACKET_DEST_MAC_EQUAL success"},
-        {rule(2, {Bytes(6, 1)}), "ADD-REGUALR: PACKET_SRC_MAC_EQUAL success"},
-        {le16s(3, {1}), "ADD-REGUALR: type PACKET_ETH_PROT_EQUAL success"},
-        {le16s(4, {1}), "ADD-REGUALR: type PACKET_SNAP_ETH_TYPE_EQUAL success"},
-        {u8s(5, {1}), "ADD-REGUALR: type PACKET_IPv4_PROT_EQUAL success"},
-        {u8s(6, {1}), "ADD-REGUALR: type PACKET_IPv6_PROT_EQUAL success"},
-        {le16s(7, {1}), "ADD-REGUALR: type PACKET_IPv4_DEST_PORT_EQUAL success"},
-        {le16s(8, {1}), "ADD-REGUALR: type PACKET_IPv4_SRC_PORT_EQUAL success"},
-        {le16s(9, {1}), "ADD-REGUALR: type PACKET_IPv6_DEST_PORT_EQUAL success"},
-        {u32s(10, {1}), "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success"},
-        {u8s(11, {1}), "ADD-REGUALR: type PACKET_ICMPV6_TYPE_EQUAL success"},
-        {flag(12), "ADD-REGUALR: type PACKET_IPv4_MCAST_TRAFFIC success"},
-        {flag(13), "ADD-REGUALR: type PACKET_IPv6_MCAST_TRAFFIC success"},
-        {u8s(14, {1}), "ADD-REGUALR: type PACKET_EAPOL_TYPE_EQUAL success"},
-        {u8s(15, {1}), "ADD-REGUALR: type PACKET_EAPOL_TYPE_WPS success"},
-        {all(), "ADD-REGUALR: type PACKET_ALL success"},
-        {u32s(17, {1}), "ADD-REGUALR: type PACKET_PID_T success"},
-        {flag(18), "ADD-REGUALR: type PACKET_WLAN_MGNT success"},
-        {le16s(19, {1}), "ADD-REGUALR: type PACKET_ARP_TYPE success"},
-    };
-    for (const Row &row : rows) {
-        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.add(row.rule), 0); }), row.line, 1));
-        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.del(row.rule), 0); }), row.line, 1)) << "deleting";
-        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.del(row.rule), 0); }), row.line, 1)) << "deleting nothing";
+    for (uint16_t type = 0; type < contract::kTypes; ++type) {
+        const Rule one = type == PACKET_ALL ? all() : rule(type, {Bytes(contract::width(type), 1)});
+        std::string line = contract::edited_line(type);
+        line.pop_back();
+        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.add(one), 0); }), line, 1));
+        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.del(one), 0); }), line, 1)) << "deleting";
+        EXPECT_TRUE(HasLine(lines_of([&] { EXPECT_EQ(socket_.del(one), 0); }), line, 1)) << "deleting nothing";
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 
+#include "contract/sockets.h"
 #include "support/fixture.h"
 
 namespace {
@@ -23,16 +24,7 @@ TEST_F(Options, every_number_has_its_answer)
 {
     Socket socket;
     for (int option = -2; option <= 40; ++option) {
-        int wanted = ENOPROTOOPT;
-        switch (option) {
-        case 1: case 2: case 8: case 9: case 13: case 14:  // the kernel's own options, which this family has not
-        case 11: case 12:                                  // a rule record of four bytes is no rule record
-            wanted = EINVAL;
-            break;
-        case 15: case 16: case 17: case 18: case 19:
-            wanted = 0;
-        }
-        EXPECT_EQ(socket.option(option, 1), wanted) << "option " << option;
+        EXPECT_EQ(socket.option(option, 1), contract::set_option_error(option)) << "option " << option;
     }
 }
 
@@ -68,7 +60,7 @@ TEST_F(Options, a_refused_treatment_changes_nothing)
 
 TEST_F(Options, a_treatment_runs_the_socket_even_without_a_location)
 {
-    // Nothing shows it outside but the road of the next change: the rule of no location is taken out again and put back.
+    // Only the next change shows it outside: the rule of no location is taken out again and put back.
     Socket socket;
     DebugOn debug;
     ASSERT_EQ(socket.treatment(PACKET_COPY), 0);
@@ -106,8 +98,8 @@ TEST_F(Options, location_zero_takes_the_socket_out)
     ASSERT_EQ(socket.location(PACKET_NONE_LOC), 0);
     EXPECT_EQ(lab::registrations(), 0u);
     RuleRecords now = RuleRecords::read();
-    EXPECT_EQ(now.data[20], records_.data[20]) << "no key left";
-    EXPECT_EQ(now.data[21], records_.data[21]) << "no match copy left";
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries]) << "no key left";
+    EXPECT_EQ(now.data[contract::kLiveCopies], records_.data[contract::kLiveCopies]) << "no match copy left";
     EXPECT_EQ(socket.add(ethertype(0x0806)), 0);
     EXPECT_EQ(lab::registrations(), 0u) << "and a rule change does not bring it back";
 }
@@ -295,10 +287,10 @@ TEST_F(Options, a_thousand_values_in_one_record)
     ASSERT_EQ(socket.add(many), 0);
     ASSERT_EQ(socket.location(PACKET_LEV2_LOC), 0);
     RuleRecords now = RuleRecords::read();
-    EXPECT_EQ(now.data[20], records_.data[20] + 1000);
-    EXPECT_EQ(now.data[21], records_.data[21] + 1000);
+    EXPECT_EQ(now.data[contract::kLiveEntries], records_.data[contract::kLiveEntries] + 1000);
+    EXPECT_EQ(now.data[contract::kLiveCopies], records_.data[contract::kLiveCopies] + 1000);
     ASSERT_EQ(socket.del(many), 0);
-    EXPECT_EQ(RuleRecords::read().data[20], records_.data[20]);
+    EXPECT_EQ(RuleRecords::read().data[contract::kLiveEntries], records_.data[contract::kLiveEntries]);
 }
 
 TEST_F(Options, the_buffers_of_rule_records_are_counted_and_given_back)

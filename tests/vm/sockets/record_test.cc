@@ -40,7 +40,7 @@ protected:
         EXPECT_GE(raw_recvmsg(socket_.fd(), &message, MSG_DONTWAIT), 0) << strerror(errno);
         return control;
     }
-    /// Reads a frame of 90 bytes with that control buffer, said to have 48 bytes; what recvmsg returns.
+    /// Reads a frame of 90 bytes with that control buffer and a stated length of 48 bytes; what recvmsg returns.
     ssize_t receive_with_control(void *control)
     {
         put(lab::Hook::Lev2, frames::plain(0x88b5, 90));
@@ -149,7 +149,7 @@ TEST_F(Record, each_flag_alone_and_all_together)
     }
 }
 
-TEST_F(Record, a_packet_without_layer_2_header_says_so)
+TEST_F(Record, a_packet_without_layer_2_header_shows_it)
 {
     Bytes record = record_of(frames::without_l2(frames::ipv4(17, frames::udp(1, 2))));
     EXPECT_EQ(word(record, 24), 0x1000u);

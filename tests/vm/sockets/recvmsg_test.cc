@@ -71,7 +71,7 @@ TEST_F(Recvmsg, a_short_buffer_gets_its_length_and_the_truncated_flag)
     EXPECT_EQ(read(60, MSG_DONTWAIT), -EAGAIN) << "the rest is gone";
 }
 
-TEST_F(Recvmsg, with_trunc_in_the_flags_the_full_length_is_told)
+TEST_F(Recvmsg, with_trunc_in_the_flags_the_full_length_is_printed)
 {
     frame();
     EXPECT_EQ(read(60, MSG_TRUNC), 100);
@@ -135,7 +135,7 @@ TEST_F(Recvmsg, a_receive_timeout_is_honoured)
     EXPECT_EQ(read(200, 0), -EAGAIN);
 }
 
-TEST_F(Recvmsg, poll_tells_when_there_is_something)
+TEST_F(Recvmsg, poll_prints_when_there_is_something)
 {
     pollfd waiting{socket_.fd(), POLLIN | POLLOUT, 0};
     EXPECT_EQ(::poll(&waiting, 1, 0), 1);
@@ -148,7 +148,7 @@ TEST_F(Recvmsg, poll_tells_when_there_is_something)
     EXPECT_EQ(::poll(&waiting, 1, 0), 0);
 }
 
-TEST_F(Recvmsg, the_name_is_26_bytes_and_tells_protocol_and_interface)
+TEST_F(Recvmsg, the_name_is_26_bytes_and_prints_protocol_and_interface)
 {
     frame();
     ASSERT_EQ(read(200, 0), 100);

@@ -66,7 +66,7 @@ TEST_F(Vsd, the_number_after_the_prefix_decides)
     }
 }
 
-TEST_F(Vsd, a_refused_create_says_which_vsd)
+TEST_F(Vsd, a_refused_create_prints_which_vsd)
 {
     enter("/data/var/run/vsd/3/x");
     pin(0);
@@ -75,7 +75,7 @@ TEST_F(Vsd, a_refused_create_says_which_vsd)
     EXPECT_EQ(socket.error(), EINVAL);
     auto lines = lab::printk_lines();
     EXPECT_TRUE(HasLine(lines, "Get vsd id 3 fail", 0));
-    // Nobody has orphaned the half-made socket yet when its last reference goes; the destructor has always said so.
+    // The half-made socket is not orphaned yet when its last reference goes, which the destructor prints.
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back().substr(0, 42), "\1" "3Attempt to release alive packet socket: ");
     pin(-1);
@@ -111,7 +111,7 @@ TEST_F(Vsd, a_rule_on_interfaces_is_refused_within_a_vsd)
     EXPECT_EQ(socket.add(u32s(PACKET_SRC_INTF_EQUAL, {lab::kPortA})), 0);
 }
 
-TEST_F(Vsd, a_path_too_long_to_be_told_counts_as_none)
+TEST_F(Vsd, a_path_too_long_to_be_printed_counts_as_none)
 {
     // Deep below a vsd directory the path no longer fits the 4096 bytes it is rendered into.
     enter("/data/var/run/vsd/5");
@@ -134,7 +134,7 @@ TEST_F(Vsd, a_path_too_long_to_be_told_counts_as_none)
 
 TEST_F(Vsd, a_working_directory_that_was_removed)
 {
-    // The path is then told with " (deleted)" behind it; the number still stands in it.
+    // The path then ends with " (deleted)"; the number still stands in it.
     enter("/data/var/run/vsd/6/gone");
     std::filesystem::remove("/data/var/run/vsd/6/gone");
     EXPECT_EQ(Socket().error(), EINVAL);

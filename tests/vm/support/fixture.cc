@@ -163,7 +163,7 @@ void VmTest::TearDown()
     RuleRecords now = RuleRecords::read();
     EXPECT_EQ(now.buffers_alloc - now.buffers_free, records_.buffers_alloc - records_.buffers_free)
         << "rule buffers of setsockopt not given back";
-    for (int i = 0; i < 22; ++i) {
+    for (int i = 0; i < contract::kFailedAllocations; ++i) {
         EXPECT_EQ(now.data[i], records_.data[i]) << "rule data counter " << i;
         EXPECT_EQ(now.items[i], records_.items[i]) << "rule item counter " << i;
     }

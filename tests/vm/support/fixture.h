@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "contract/rules.h"
 #include "support/frames.h"
 #include "support/lab.h"
 #include "support/socket.h"
@@ -36,8 +37,8 @@ public:
 
 /// The module's record counters: live rule data, filter entries and match copies, and live items.
 struct RuleRecords {
-    uint32_t data[23];
-    uint32_t items[23];
+    uint32_t data[contract::kRecordCounters];
+    uint32_t items[contract::kRecordCounters];
     uint32_t buffers_alloc, buffers_free;
     static RuleRecords read();
 };

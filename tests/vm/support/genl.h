@@ -68,7 +68,7 @@ Bytes attribute(uint16_t type, const Bytes &payload, int length = -1);
 /// Attributes by type, as they stand in these bytes; of several with one type the last.
 std::map<uint16_t, Bytes> attributes(const Bytes &bytes, size_t from = 0);
 
-/// What the kernel's controller tells of a family by name; nothing when there is none. The map is of its attributes.
+/// The kernel controller's record of a family by name; nothing when there is none. The map is of its attributes.
 std::optional<std::map<uint16_t, Bytes>> genl_family(GenlSocket &socket, const std::string &name);
 /// The family's number; 0 when there is none.
 uint16_t genl_family_id(GenlSocket &socket, const std::string &name);

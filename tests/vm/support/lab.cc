@@ -48,34 +48,18 @@ void verb(unsigned long request, void *argument, const char *name)
 
 std::atomic<uint8_t> forward_reason;
 
-struct Place {
-    uint32_t point;
-    const char *symbol;
+/// Where the lab calls each of them.
+constexpr uint32_t kPoints[contract::kHookIds] = {
+    MOXLAB_POINT_OUTPUT, MOXLAB_POINT_LEV2, MOXLAB_POINT_IPV4, MOXLAB_POINT_IPV6, MOXLAB_POINT_LEV2,
+    MOXLAB_POINT_LEV2, MOXLAB_POINT_RESV, MOXLAB_POINT_WLAN_IN, MOXLAB_POINT_OUTPUT,
 };
-
-Place place(Hook hook)
-{
-    switch (hook) {
-    case Hook::Local: return {MOXLAB_POINT_OUTPUT, "mox_packet_local_rcv"};
-    case Hook::Lev2: return {MOXLAB_POINT_LEV2, "mox_packet_lev2_rcv"};
-    case Hook::Ipv4: return {MOXLAB_POINT_IPV4, "mox_packet_ipv4_rcv"};
-    case Hook::Ipv6: return {MOXLAB_POINT_IPV6, "mox_packet_ipv6_rcv"};
-    case Hook::Mpls: return {MOXLAB_POINT_LEV2, "mox_packet_mpls_rcv"};
-    case Hook::Trill: return {MOXLAB_POINT_LEV2, "mox_packet_trill_rcv"};
-    case Hook::Resv: return {MOXLAB_POINT_RESV, "mox_packet_resv_rcv"};
-    case Hook::WlanIn: return {MOXLAB_POINT_WLAN_IN, "mox_packet_wlan_in_rcv"};
-    case Hook::WlanOut: return {MOXLAB_POINT_OUTPUT, "mox_packet_wlan_out_rcv"};
-    }
-    return {MOXLAB_POINT_COUNT, ""};
-}
 
 moxlab_inject request_of(Hook hook, const Frame &frame, int cpu)
 {
-    Place where = place(hook);
     moxlab_inject in{};
-    in.point = where.point;
+    in.point = kPoints[size_t(hook)];
     in.cpu = cpu < 0 ? MOXLAB_ANY_CPU : uint32_t(cpu);
-    std::strncpy(in.symbol, where.symbol, sizeof in.symbol - 1);
+    std::strncpy(in.symbol, symbol(hook), sizeof in.symbol - 1);
     in.frame = reinterpret_cast<uintptr_t>(frame.bytes.data());
     in.frame_len = uint32_t(frame.bytes.size());
     // Every field is the test's own: what the lab would have guessed from the bytes must not show in a result.
@@ -172,7 +156,16 @@ void clear(uint32_t what)
 
 }  // namespace
 
-const char *symbol(Hook hook) { return place(hook).symbol; }
+const char *symbol(Hook hook) { return contract::kHooks[size_t(hook)].symbol; }
+
+std::vector<Hook> hooks_of(uint32_t location)
+{
+    std::vector<Hook> out;
+    for (const contract::Hook &hook : contract::hooks(location))
+        if (hook.call)
+            out.push_back(Hook(&hook - contract::kHooks));
+    return out;
+}
 
 uint32_t inject(Hook hook, const Frame &frame, int cpu)
 {

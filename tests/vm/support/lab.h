@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "contract/locations.h"
+
 namespace lab {
 
 using Bytes = std::vector<uint8_t>;
@@ -58,13 +60,19 @@ struct Frame {
     bool softirq = false;
 };
 
+/// In the order of contract::HookId.
 enum class Hook { Local, Lev2, Ipv4, Ipv6, Mpls, Trill, Resv, WlanIn, WlanOut };
 
 /// The hook function's symbol.
 const char *symbol(Hook hook);
+/// The hooks that are registered for a location.
+std::vector<Hook> hooks_of(uint32_t location);
 
 /// A hook's answers: to the module records and output functions, and inverted for the receive function of RESV.
-inline constexpr uint32_t kGoOn = 0, kDrop = 1, kTaken = 3, kResvGoOn = 0xFFFFFFFFu, kResvTaken = 0;
+inline constexpr uint32_t kGoOn = contract::kHooks[contract::kLev2Hook].go_on,
+                          kTaken = contract::kHooks[contract::kLev2Hook].taken,
+                          kResvGoOn = contract::kHooks[contract::kResvHook].go_on,
+                          kResvTaken = contract::kHooks[contract::kResvHook].taken, kDrop = contract::kDropAnswer;
 
 /// Runs the hook over the frame on the CPU (-1: any) and returns its answer. The hook must be registered.
 uint32_t inject(Hook hook, const Frame &frame, int cpu = -1);
@@ -73,7 +81,7 @@ uint32_t inject_unregistered(Hook hook, const Frame &frame, int cpu = -1);
 /// Repeats inject `times` times in one call; returns the number of answers that were not "go on".
 uint32_t inject_many(Hook hook, const Frame &frame, uint32_t times, int cpu);
 
-/// As inject_many, but without a word when the hook is not registered at the moment; returns the frames that met it.
+/// As inject_many, but no error when the hook is not registered at the moment; returns the frames that found it.
 uint32_t flood(Hook hook, const Frame &frame, uint32_t times, int cpu);
 
 /// Whether the function is registered with the platform now.

@@ -20,7 +20,7 @@ public:
     void signal(int number);
     /// The exit status, 256 and the number of the signal that ended it, or -1 when it still runs after the time.
     int wait(int milliseconds = 20000);
-    /// What it has said so far, errors included.
+    /// What it has printed so far, errors included.
     std::string output() const;
 
 private:

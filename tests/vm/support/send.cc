@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "support/send.h"
 
+#include <array>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 #include <ostream>
@@ -67,43 +69,41 @@ Bytes counting(size_t length)
     return bytes;
 }
 
+/// The last nine counters of the record.
+using Words = std::array<uint32_t, contract::kCounters - contract::kSendmsgIll>;
+
+SendCounters SendCounters::one(contract::Counter counter)
+{
+    Words words{};
+    words[counter - contract::kSendmsgIll] = 1;
+    return std::bit_cast<SendCounters>(words);
+}
+
 SendCounters SendCounters::of(Socket &socket)
 {
-    struct Line {
-        const char *label;
-        uint32_t SendCounters::*counter;
-    };
-    static constexpr Line kLines[] = {
-        {"sk send packet:", &SendCounters::sent},
-        {"sk sendmsg ill fails:", &SendCounters::sendmsg_ill},
-        {"sk macfunc ill fails:", &SendCounters::macfunc_ill},
-        {"sk dstintf ill fails:", &SendCounters::dstintf_ill},
-        {"sk srcintf ill fails:", &SendCounters::srcintf_ill},
-        {"sk intf linkdown fails:", &SendCounters::linkdown},
-        {"sk alloc efbuff fails:", &SendCounters::alloc_efbuff},
-        {"sk pkt copy fails:", &SendCounters::pkt_copy},
-        {"sk ef send fails:", &SendCounters::ef_send},
-    };
     lab::clear_printk();
     EXPECT_EQ(socket.option(MOX_PACKET_DUMP_SOCKET, 0), 0);
-    SendCounters counters{};
+    Words counters{};
     size_t found = 0;
     for (const std::string &line : lab::printk_lines())
-        for (const Line &known : kLines)
-            if (line.rfind(known.label, 0) == 0) {
-                counters.*known.counter = uint32_t(std::stoul(line.substr(std::strlen(known.label))));
+        for (size_t i = 0; i < counters.size(); ++i) {
+            const std::string label = contract::kCounterLabels[contract::kSendmsgIll + i];
+            if (line.rfind(label, 0) == 0) {
+                counters[i] = uint32_t(std::stoul(line.substr(label.size())));
                 ++found;
             }
-    EXPECT_EQ(found, std::size(kLines)) << "the socket's report lacks send counters";
+        }
+    EXPECT_EQ(found, counters.size()) << "the socket's report lacks send counters";
     lab::clear_printk();
-    return counters;
+    return std::bit_cast<SendCounters>(counters);
 }
 
 SendCounters SendCounters::operator-(const SendCounters &before) const
 {
-    return {sendmsg_ill - before.sendmsg_ill, macfunc_ill - before.macfunc_ill, dstintf_ill - before.dstintf_ill,
-            srcintf_ill - before.srcintf_ill, linkdown - before.linkdown,       alloc_efbuff - before.alloc_efbuff,
-            pkt_copy - before.pkt_copy,       ef_send - before.ef_send,         sent - before.sent};
+    Words out = std::bit_cast<Words>(*this), gone = std::bit_cast<Words>(before);
+    for (size_t i = 0; i < out.size(); ++i)
+        out[i] -= gone[i];
+    return std::bit_cast<SendCounters>(out);
 }
 
 void PrintTo(const SendCounters &c, std::ostream *out)

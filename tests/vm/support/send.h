@@ -10,6 +10,7 @@
 #include <linux/if_packet.h>
 #include <sys/socket.h>
 
+#include "contract/sockets.h"
 #include "moxlab.hpp"
 #include "support/fixture.h"
 
@@ -41,7 +42,7 @@ struct Send {
     Send &to(uint32_t ifindex, uint8_t mac_length = 6, uint16_t protocol = 0);
     sockaddr_ll &address() { return reinterpret_cast<sockaddr_ll &>(name); }
 
-    /// The frame's length, or -1 with errno, as the system call itself says it.
+    /// The frame's length, or -1 with errno, as the system call itself returns it.
     ssize_t by(int fd) const;
 };
 
@@ -53,13 +54,15 @@ inline constexpr uint8_t kLocalMac[2][6] = {{0x02, 0x0c, 0xa1, 0, 0, 0x11}, {0x0
 /// `length` bytes that count up from 0x20; a whole Ethernet frame from 14 on.
 Bytes counting(size_t length);
 
-/// A socket's send counters. Reading changes nothing.
+/// A socket's send counters, in the order of its record. Reading changes nothing.
 struct SendCounters {
     uint32_t sendmsg_ill = 0, macfunc_ill = 0, dstintf_ill = 0, srcintf_ill = 0, linkdown = 0, alloc_efbuff = 0,
              pkt_copy = 0, ef_send = 0, sent = 0;
 
     bool operator==(const SendCounters &) const = default;
     SendCounters operator-(const SendCounters &before) const;
+    /// One in that counter, none in the others.
+    static SendCounters one(contract::Counter counter);
     static SendCounters of(Socket &socket);
 };
 void PrintTo(const SendCounters &counters, std::ostream *out);
@@ -82,7 +85,7 @@ inline constexpr ServiceId kLocalMacService{11, 10}, kDropService{32, 0}, kDropW
 
 void publish(ServiceId id, uint8_t entry = 0, int32_t result = 0, const uint8_t *mac = nullptr);
 void withdraw(ServiceId id);
-/// Only tells the handlers so; a class and an instance that no service has are allowed.
+/// Only calls the handlers; a class and an instance that no service has are allowed.
 void announce(uint32_t event, ServiceId id, uint8_t entry = 0);
 moxlab_service service_state(ServiceId id, uint8_t entry = 0);
 

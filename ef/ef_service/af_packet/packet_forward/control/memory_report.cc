@@ -20,7 +20,7 @@ void print_stat(const char *label, u32 counter)
 }
 
 /** One line for each rule type; values_only: for those that have values. */
-void print_type_stats(const u32 (&stats)[kStatCount], bool values_only)
+void print_type_stats(const u32 (&stats)[MOX_STAT_COUNT], bool values_only)
 {
 	for (u8 type : kTypeLines)
 		if (kRuleTypes[type].has_value() || !values_only)
@@ -51,7 +51,7 @@ void mox_packet_dump_item_mem(void)
 {
 	REPORT_LINE("\n--------------------- ITEM MEM ---------------------\n");
 	print_type_stats(g_regular_item_stats, false);
-	print_stat("ALLOC FAILED:", load(g_regular_item_stats[kStatFailed]));
+	print_stat("ALLOC FAILED:", load(g_regular_item_stats[MOX_STAT_FAILED]));
 }
 
 void mox_packet_dump_data_mem(void)
@@ -59,9 +59,9 @@ void mox_packet_dump_data_mem(void)
 	REPORT_LINE("\n--------------------- DATA MEM ---------------------\n");
 	/* A type without a value has data only while such a rule is made: no line. */
 	print_type_stats(g_regular_data_stats, true);
-	print_stat("FILTER LIST:", load(g_regular_data_stats[kStatEntries]));
-	print_stat("REGULAR:", load(g_regular_data_stats[kStatCopies]));
-	print_stat("ALLOC FAILED:", load(g_regular_data_stats[kStatFailed]));
+	print_stat("FILTER LIST:", load(g_regular_data_stats[MOX_STAT_ENTRIES]));
+	print_stat("REGULAR:", load(g_regular_data_stats[MOX_STAT_COPIES]));
+	print_stat("ALLOC FAILED:", load(g_regular_data_stats[MOX_STAT_FAILED]));
 }
 
 void mox_packet_dump_mem(void)

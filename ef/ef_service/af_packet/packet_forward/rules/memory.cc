@@ -6,8 +6,8 @@
 #include "rules/ranges.hpp"
 
 extern "C" {
-constinit u32 g_regular_data_stats[mox::kStatCount]{};
-constinit u32 g_regular_item_stats[mox::kStatCount]{};
+constinit u32 g_regular_data_stats[MOX_STAT_COUNT]{};
+constinit u32 g_regular_item_stats[MOX_STAT_COUNT]{};
 constinit u32 g_packet_regular_data_alloc = 0;
 constinit u32 g_packet_regular_data_free = 0;
 constinit u8 mox_packet_regular_inited = 0;
@@ -51,11 +51,11 @@ void destroy_caches()
  * An object of a cache with counter counted up, or null with the failure
  * counted. The object is not initialised.
  */
-template <typename Record> Record *take(Cache cache, u32 (&stats)[kStatCount], u32 counter)
+template <typename Record> Record *take(Cache cache, u32 (&stats)[MOX_STAT_COUNT], u32 counter)
 {
 	void *memory = seam_cache_alloc(g_caches[cache]);
 	if (!memory) {
-		bump(stats[kStatFailed]);
+		bump(stats[MOX_STAT_FAILED]);
 		return nullptr;
 	}
 	bump(stats[counter]);
@@ -65,7 +65,7 @@ template <typename Record> Record *take(Cache cache, u32 (&stats)[kStatCount], u
 /* Types come from callers that checked them; the bound keeps a mistake inside the array. */
 constexpr u32 stat_of(u32 type)
 {
-	return type < MOX_PACKET_RULE_TYPES ? type : kStatFailed;
+	return type < MOX_PACKET_RULE_TYPES ? type : u32{ MOX_STAT_FAILED };
 }
 
 void free_datas(regular_item *item)
@@ -185,7 +185,7 @@ bool mox_packet_item_empty(const regular_item *item)
 
 filter_list_data *pkt_alloc_filter_list_data(u32 type, const void *value)
 {
-	auto *entry = take<filter_list_data>(kEntryCache, g_regular_data_stats, kStatEntries);
+	auto *entry = take<filter_list_data>(kEntryCache, g_regular_data_stats, MOX_STAT_ENTRIES);
 	if (!entry) {
 		MOX_DEBUG("PKT-ALLOC-FILTER-LIST-DATA: alloc failed!\n");
 		return nullptr;
@@ -203,7 +203,7 @@ filter_list_data *pkt_alloc_filter_list_data(u32 type, const void *value)
 
 void pkt_free_filter_list_data(filter_list_data *entry)
 {
-	bump(g_regular_data_stats[kStatEntries], -1);
+	bump(g_regular_data_stats[MOX_STAT_ENTRIES], -1);
 	seam_cache_free(g_caches[kEntryCache], entry);
 }
 
@@ -214,7 +214,7 @@ void pkt_del_filter_list_data(filter_list_data *entry)
 
 packet_regular *pkt_alloc_regular_data(void)
 {
-	auto *copy = take<packet_regular>(kCopyCache, g_regular_data_stats, kStatCopies);
+	auto *copy = take<packet_regular>(kCopyCache, g_regular_data_stats, MOX_STAT_COPIES);
 	if (!copy) {
 		MOX_DEBUG("PKT-ALLOC-REGULAR-DATA: alloc failed!\n");
 		return nullptr;
@@ -229,7 +229,7 @@ packet_regular *pkt_alloc_regular_data(void)
 
 void pkt_free_regular_data(packet_regular *copy)
 {
-	bump(g_regular_data_stats[kStatCopies], -1);
+	bump(g_regular_data_stats[MOX_STAT_COPIES], -1);
 	mox_packet_empty_match_regular(copy);
 	copy->owner = nullptr;
 	seam_cache_free(g_caches[kCopyCache], copy);

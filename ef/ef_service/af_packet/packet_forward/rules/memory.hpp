@@ -6,25 +6,10 @@
 #include "base/owned.hpp"
 #include "rules/types.hpp"
 
-namespace mox {
-
-/*
- * Entries of the statistics arrays: one for each rule type, then these. The
- * numbers of today are what dumps of the arrays are read by.
- */
-inline constexpr u32 kStatEntries = MOX_PACKET_RULE_TYPES; /* data: live filter list entries */
-inline constexpr u32 kStatCopies = kStatEntries + 1;       /* data: live match copies */
-inline constexpr u32 kStatFailed = kStatCopies + 1;        /* failed allocations */
-inline constexpr u32 kStatCount = kStatFailed + 1;
-static_assert(kStatEntries == 20 && kStatCopies == 21 && kStatFailed == 22 && kStatCount == 23,
-	      "a new rule type moves these entries, which readers of the arrays rely on");
-
-} // namespace mox
-
 extern "C" {
-/* Live objects of each rule type, and the entries above. */
-extern u32 g_regular_data_stats[mox::kStatCount];
-extern u32 g_regular_item_stats[mox::kStatCount];
+/* Live objects of each rule type, then the entries of enum mox_packet_stat. */
+extern u32 g_regular_data_stats[MOX_STAT_COUNT];
+extern u32 g_regular_item_stats[MOX_STAT_COUNT];
 /* Buffers that setsockopt took, and gave back, to read rule records. */
 extern u32 g_packet_regular_data_alloc;
 extern u32 g_packet_regular_data_free;

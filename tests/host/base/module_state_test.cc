@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-2.0
+// Who sets the flag and when: main_test.cc.
+#include "base/module_state.hpp"
+
+#include "fake/fixture.h"
+
+namespace {
+
+class ModuleState : public fake::KernelTest {};
+
+TEST_F(ModuleState, down_until_set)
+{
+    EXPECT_FALSE(mox::module_up());
+    mox::set_module_up(true);
+    EXPECT_TRUE(mox::module_up());
+    mox::set_module_up(false);
+    EXPECT_FALSE(mox::module_up());
+}
+
+}  // namespace
