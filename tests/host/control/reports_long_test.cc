@@ -64,9 +64,10 @@ TEST_F(LongReport, sockets__eight_in_the_log_under_one_lock)
     for (auto &c : cases) {
         SCOPED_TRACE(c.sockets);
         open_sockets(c.sockets - socks.size());
-        const int before = kernel().schedules;
+        const int before = kernel().cond_rescheds, schedules = kernel().schedules;
         EXPECT_EQ(looks(report), c.looks);
-        EXPECT_EQ(kernel().schedules - before, c.looks - 1) << "the CPU is given up between";
+        EXPECT_EQ(kernel().cond_rescheds - before, c.looks - 1) << "the CPU is offered between";
+        EXPECT_EQ(kernel().schedules, schedules) << "and not given up";
         EXPECT_EQ(processes(), numbered(0, c.sockets));
     }
 }
@@ -96,7 +97,7 @@ TEST_F(LongReport, race__sockets_that_go)
 {
     open_sockets(40);
     bool gone = false;
-    kernel().at[Point::kSchedule] = [&](const void *) {
+    kernel().at[Point::kCondResched] = [&](const void *) {
         if (gone)
             return;
         gone = true;
@@ -113,7 +114,7 @@ TEST_F(LongReport, race__sockets_that_come)
 {
     open_sockets(40);
     int portions = 0;
-    kernel().at[Point::kSchedule] = [&](const void *) {
+    kernel().at[Point::kCondResched] = [&](const void *) {
         ASSERT_LT(portions++, 100) << "a report without an end";
         open_sockets(20);
     };

@@ -252,18 +252,30 @@ TEST_F(Msg, show_name__heading_and_the_sockets_of_that_name)
     EXPECT_EQ(answer(), "show process  regular:\n");
 }
 
-TEST_F(Msg, show_name__counts_up_to_15_characters)
+// A name goes up to its NUL or the message's end and is compared whole: one that is longer
+// than a process name can be is the name of no process.
+TEST_F(Msg, show_name__is_compared_whole)
 {
     Sock s;
     kernel().comm = "fifteen-letters";
     s.capture(PACKET_WLAN_LOC, PACKET_COPY);
     kernel().comm = "captured";
-    std::string wanted = printed([&] { mox_packet_sock_dump(&s.po()); });
-    const std::string name = "fifteen-letters";
-    for (std::string tail : {"", "!", "! and on, through the whole of the record and beyond, up to here .........."}) {
-        std::string text = name + tail;
-        ask(11, Bytes(text.begin(), text.end()));
-        EXPECT_EQ(answer(), "show process fifteen-letters regular:\n" + wanted) << text;
+    const std::string report = printed([&] { mox_packet_sock_dump(&s.po()); });
+    const std::string name = "fifteen-letters", body(72, 'x');
+    const struct { std::string sent, heading; bool found; } cases[] = {
+        {name, name, true},
+        {name + std::string("\0junk", 5), name, true},
+        {name.substr(0, 14), name.substr(0, 14), false},
+        {name + "!", name + "!", false},
+        {name + "-and-more", name + "-and-more", false},
+        {name + body.substr(15), name + body.substr(15), false},
+        // Longer than the record's body, up to the message's end.
+        {body, body, false},
+        {body + "beyond it", body + "beyond it", false},
+    };
+    for (auto &c : cases) {
+        ask(11, Bytes(c.sent.begin(), c.sent.end()));
+        EXPECT_EQ(answer(), "show process " + c.heading + " regular:\n" + (c.found ? report : "")) << c.sent;
     }
 }
 

@@ -104,6 +104,7 @@ struct Kernel {
     std::vector<std::string> warnings;
     int wakeups = 0;
     int schedules = 0;
+    int cond_rescheds = 0;
     std::vector<long> sleeps;
 
     // ---- sockets

@@ -88,6 +88,9 @@ int mox_printk(const char *fmt, ...)
     va_end(args);
     fake::Line line;
     if (text.size() > 1 && text[0] == '\001') {
+        // The platform's mox_printk looks for the level at the format's start.
+        if (fmt[0] != '\001')
+            fake::breach("a level marker in an argument of mox_printk and not in its format");
         line.level = text[1] - '0';
         text.erase(0, 2);
     }

@@ -26,8 +26,10 @@ namespace fake {
 	X(kWait, "the copy thread is about to look whether it may sleep [its word]")      \
 	X(kWake, "the copy thread has been woken [wait queue]")                           \
 	X(kStop, "the copy thread is about to be stopped [task]")                         \
-	X(kSchedule, "the CPU is offered to others")                                      \
+	X(kSchedule, "the copy thread gives up the CPU")                                  \
+	X(kCondResched, "a report offers the CPU to others")                              \
 	X(kOrphan, "a socket has been orphaned [sock]")                                   \
+	X(kSockPut, "a reference on a socket is about to be dropped [sock]")              \
 	X(kDataReady, "a socket's reader has been told of data [sock]")                   \
 	X(kReceive, "a datagram is about to be taken off a receive queue [sock]")         \
 	X(kCopyFromMsg, "data of a message have been read [msghdr]")                      \

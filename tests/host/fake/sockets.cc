@@ -191,6 +191,7 @@ void seam_sock_hold(sock *sk)
 void seam_sock_put(sock *sk)
 {
     fake::check(sk, "sock_put");
+    kernel().event(Point::kSockPut, sk);
     if (--sk->refs)
         return;
     if (sk->set_up && mox_packet_sock_destruct)

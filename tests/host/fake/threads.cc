@@ -69,6 +69,13 @@ void seam_schedule(void)
     kernel().event(Point::kSchedule);
 }
 
+extern "C" void seam_cond_resched(void)
+{
+    kernel().may_sleep("cond_resched");
+    kernel().cond_rescheds++;
+    kernel().event(Point::kCondResched);
+}
+
 task_struct *seam_thread_create(int (*body)(void *), void *argument, const char *name)
 {
     kernel().may_sleep("kthread_create");

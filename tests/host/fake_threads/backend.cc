@@ -186,6 +186,7 @@ void seam_wake_up(seam_waitqueue *queue)
 }
 void seam_sleep_jiffies(long) { sched_yield(); }
 void seam_schedule(void) { sched_yield(); }
+extern "C" void seam_cond_resched(void) { sched_yield(); }
 task_struct *seam_thread_create(int (*body)(void *), void *, const char *)
 {
     auto *task = new task_struct;

@@ -276,6 +276,17 @@ TEST_F(Bind, running__location_without_a_library)
     EXPECT_EQ(lines(), (Strings{"MOX-PACKET-BIND\n", illegal, illegal})) << "withdrawn and added";
 }
 
+TEST_F(Bind, running__is_cleared_before_its_reference_is_dropped)
+{
+    Sock s;
+    running(s);
+    kernel().at[Point::kSockPut] = [&](const void *) { EXPECT_FALSE(s.running()); };
+    EXPECT_EQ(s.bind(7), 0);
+    kernel().at.clear();
+    EXPECT_TRUE(s.running());
+    EXPECT_EQ(s.refs(), 3u);
+}
+
 TEST_F(Bind, failure__datum_or_item_leaves_it_stopped_with_the_new_interface)
 {
     struct {

@@ -223,6 +223,20 @@ TEST_F(Family, release__frees_an_idle_socket)
     EXPECT_EQ(fake::init_net().inuse, 0);
 }
 
+TEST_F(Family, release__running_is_cleared_before_its_reference_is_dropped)
+{
+    Sock s;
+    s.capture(PACKET_LEV2_LOC, PACKET_COPY);
+    int puts = 0;
+    kernel().at[Point::kSockPut] = [&](const void *sk) {
+        puts++;
+        EXPECT_EQ(reinterpret_cast<const mox_packet_sock *>(sk)->flags & PO_RUNNING, 0) << "drop " << puts;
+    };
+    EXPECT_EQ(s.release(), 0);
+    kernel().at.clear();
+    EXPECT_EQ(puts, 2) << "that of running and the socket's own";
+}
+
 // Running with a protocol alone: the rule is in no library, which the library prints.
 TEST_F(Family, release__of_a_socket_that_runs_without_a_location)
 {

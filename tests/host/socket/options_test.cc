@@ -313,6 +313,20 @@ TEST_F(Setsockopt, rule_change__withdrawn_and_filed_under_socket_lock_and_rule_l
     }
 }
 
+// The flag goes before the reference that it stands for.
+TEST_F(Setsockopt, rule_change__running_is_cleared_before_its_reference_is_dropped)
+{
+    ASSERT_EQ(s.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
+    kernel().at[Point::kSockPut] = [&](const void *sk) {
+        EXPECT_EQ(sk, s.sk);
+        EXPECT_FALSE(s.running());
+        EXPECT_EQ(s.refs(), 3u) << "the reference is still there";
+    };
+    EXPECT_EQ(s.set(PACKET_LOCATION, 0), 0);
+    kernel().at.clear();
+    stopped(0);
+}
+
 // Two processes with one socket: neither loses nor doubles the rule.
 TEST_F(Setsockopt, rule_change__two_at_once_leave_it_filed_once)
 {

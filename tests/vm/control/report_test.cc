@@ -329,8 +329,8 @@ TEST_F(ProcessReport, a_name_of_fifteen_letters_and_one_that_goes_on)
     const char *name = "fifteen-letters";
     OtherProcess other(name);
     EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body(name)), of(name, sockets_of(other, name)));
-    // Names end there: what a request has beyond does not count.
-    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body("fifteen-letters-and-more")), of(name, sockets_of(other, name)));
+    EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, name_body("fifteen-letters-and-more")), of("fifteen-letters-and-more", {}))
+        << "names are compared whole, however long";
     EXPECT_EQ(answer(MOX_MSG_SHOW_NAME, Bytes(name, name + 15)), of(name, sockets_of(other, name)))
         << "the message ends before a NUL";
 }

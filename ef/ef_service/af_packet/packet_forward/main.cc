@@ -12,18 +12,22 @@
 namespace mox {
 namespace {
 
+/* Each line is printk's format itself: mox_printk reads the level marker there. */
+#define MOX_UNIT(name, init) \
+	{ init, [] { mox_printk(MOX_KERN_INFO name " init failed\n"); } }
+
 struct Unit {
 	int (*init)();
-	const char *failure;
+	void (*print_failure)();
 };
 
 constexpr Unit kUnits[] = {
-	{ mox_packet_sock_init, MOX_KERN_INFO "PACKET-SOCK init failed\n" },
-	{ mox_packet_regular_init, MOX_KERN_INFO "PACKET-REGULAR init failed\n" },
-	{ mox_packet_serv_init, MOX_KERN_INFO "PACKET-SERV init failed\n" },
-	{ mox_packet_msg_init, MOX_KERN_INFO "PACKET-MSG init failed\n" },
-	{ mox_packet_family_init, MOX_KERN_INFO "PACKET-FAMILY init failed\n" },
-	{ mox_packet_thread_init, MOX_KERN_INFO "PACKET-THREAD init failed\n" },
+	MOX_UNIT("PACKET-SOCK", mox_packet_sock_init),
+	MOX_UNIT("PACKET-REGULAR", mox_packet_regular_init),
+	MOX_UNIT("PACKET-SERV", mox_packet_serv_init),
+	MOX_UNIT("PACKET-MSG", mox_packet_msg_init),
+	MOX_UNIT("PACKET-FAMILY", mox_packet_family_init),
+	MOX_UNIT("PACKET-THREAD", mox_packet_thread_init),
 };
 
 using Deinit = void (*)();
@@ -53,7 +57,7 @@ extern "C" int mox_packet_init(void)
 	for (const Unit &unit : kUnits) {
 		if (unit.init() == 0)
 			continue;
-		mox_printk("%s", unit.failure);
+		unit.print_failure();
 		for (Deinit deinit : kUnwind)
 			deinit();
 		return -1;

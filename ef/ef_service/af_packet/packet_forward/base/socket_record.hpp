@@ -56,8 +56,9 @@ inline void po_set_running(mox_packet_sock *po)
 /** Undo po_set_running. The caller has a reference of its own. */
 inline void po_clear_running(mox_packet_sock *po)
 {
-	seam_sock_put(sk_of(po));
+	/* Cleared while the reference still keeps the socket. */
 	po_clear_flag(po, PO_RUNNING);
+	seam_sock_put(sk_of(po));
 }
 
 } // namespace mox

@@ -31,7 +31,7 @@ bool BatchCursor::end_batch()
 		return false;
 	if (in_file_ == InFile::kWhenStaged)
 		report_flush();
-	seam_schedule();
+	seam_cond_resched();
 	return true;
 }
 

@@ -25,9 +25,10 @@ constexpr u32 kMessageLen = 0;  /* u32, in the netlink header */
 constexpr u32 kAttrLen = 20;    /* u16, header included */
 constexpr u32 kAttrHeader = 4;
 constexpr u32 kRecord = kAttrLen + kAttrHeader;
+constexpr u32 kBody = offsetof(mox_packet_request, body); /* in the record */
 
 static_assert(sizeof(mox_packet_request) == 76);
-static_assert(offsetof(mox_packet_request, body) == 4);
+static_assert(kBody == 4);
 
 void show_process(u32 kind, const char *name, s32 pid)
 {
@@ -35,13 +36,29 @@ void show_process(u32 kind, const char *name, s32 pid)
 		mox_packet_show_regular_spec(kind, location, name, pid);
 }
 
-void show_process_by_name(const mox_packet_request &record)
+/** The name of a request: up to its NUL, or to the end of the message without one. */
+struct RequestedName {
+	const char *text; /* not terminated */
+	u32 len;
+};
+
+RequestedName requested_name(const void *text, u32 reach)
 {
-	/* As long as a process name can be; what the sender wrote need not end. */
-	char name[MOX_PACKET_NAME_SIZE];
-	__builtin_memcpy(name, record.body.name, sizeof(name));
-	name[sizeof(name) - 1] = '\0';
-	mox_printk("show process %s regular:\n", name);
+	const auto *name = static_cast<const char *>(text);
+	u32 len = 0;
+
+	while (len < reach && name[len])
+		len++;
+	return { name, len };
+}
+
+void show_process_by_name(const RequestedName &asked)
+{
+	/* One character more than any process has: a longer name is cut to one that matches none. */
+	char name[MOX_PACKET_NAME_SIZE + 1]{};
+	__builtin_memcpy(name, asked.text,
+			 asked.len < sizeof(name) ? asked.len : sizeof(name) - 1);
+	mox_printk("show process %.*s regular:\n", static_cast<int>(asked.len), asked.text);
 	show_process(MOX_MSG_SHOW_NAME, name, 0);
 }
 
@@ -91,6 +108,51 @@ void log_request(u32 client)
 	char name[16];
 	seam_current_comm(name);
 	mox_printk("Deal message from %u, %s.\n", client, name);
+}
+
+/** Act on a request. name: of MOX_MSG_SHOW_NAME, which may be longer than the record. */
+void deal(mox_packet_request *record, const RequestedName &name, u32 client)
+{
+	const u32 type = record->msg_type;
+
+	MOX_DEBUG("MSG TYPE %d, client %u\n", static_cast<int>(type), client);
+	if (type != MOX_MSG_TECH)
+		log_request(client);
+	switch (type) {
+	case MOX_MSG_SHOW_FIRST ... MOX_MSG_SHOW_LAST:
+		mox_packet_show_regular(type);
+		break;
+	case MOX_MSG_SHOW_ALL:
+		show_all();
+		break;
+	case MOX_MSG_SHOW_QUEUES:
+		show_queues();
+		break;
+	case MOX_MSG_SHOW_MEMORY:
+		mox_packet_dump_mem();
+		break;
+	case MOX_MSG_SHOW_NAME:
+		show_process_by_name(name);
+		break;
+	case MOX_MSG_SHOW_PID:
+		show_process_by_pid(*record);
+		break;
+	case MOX_MSG_SHOW_THREAD:
+		mox_packet_dump_thread();
+		break;
+	case MOX_MSG_DEBUG:
+		mox_packet_debug_msg_deal(record);
+		break;
+	case MOX_MSG_FILTER:
+		set_filter(*record);
+		break;
+	case MOX_MSG_TECH:
+		tech_dump(client);
+		break;
+	default:
+		MOX_DEBUG("MSG TYPE ILLEGAL.\n");
+		break;
+	}
 }
 
 /** Fill an answer: empty, of one empty attribute. False after a log line. */
@@ -156,54 +218,17 @@ int mox_packet_msg_recv(sk_buff *, genl_info *info)
 	 * reads zeroes there instead.
 	 */
 	mox_packet_request record{};
+	const u8 *payload = static_cast<const u8 *>(message) + kRecord;
 	u32 reach = len - kRecord;
-	__builtin_memcpy(&record, static_cast<const u8 *>(message) + kRecord,
-			 reach < sizeof(record) ? reach : sizeof(record));
-	return mox_packet_msg_deal(&record, seam_genl_client(info));
+	__builtin_memcpy(&record, payload, reach < sizeof(record) ? reach : sizeof(record));
+	deal(&record, requested_name(payload + kBody, reach > kBody ? reach - kBody : 0),
+	     seam_genl_client(info));
+	return 0;
 }
 
 int mox_packet_msg_deal(mox_packet_request *record, u32 client)
 {
-	const u32 type = record->msg_type;
-
-	MOX_DEBUG("MSG TYPE %d, client %u\n", static_cast<int>(type), client);
-	if (type != MOX_MSG_TECH)
-		log_request(client);
-	switch (type) {
-	case MOX_MSG_SHOW_FIRST ... MOX_MSG_SHOW_LAST:
-		mox_packet_show_regular(type);
-		break;
-	case MOX_MSG_SHOW_ALL:
-		show_all();
-		break;
-	case MOX_MSG_SHOW_QUEUES:
-		show_queues();
-		break;
-	case MOX_MSG_SHOW_MEMORY:
-		mox_packet_dump_mem();
-		break;
-	case MOX_MSG_SHOW_NAME:
-		show_process_by_name(*record);
-		break;
-	case MOX_MSG_SHOW_PID:
-		show_process_by_pid(*record);
-		break;
-	case MOX_MSG_SHOW_THREAD:
-		mox_packet_dump_thread();
-		break;
-	case MOX_MSG_DEBUG:
-		mox_packet_debug_msg_deal(record);
-		break;
-	case MOX_MSG_FILTER:
-		set_filter(*record);
-		break;
-	case MOX_MSG_TECH:
-		tech_dump(client);
-		break;
-	default:
-		MOX_DEBUG("MSG TYPE ILLEGAL.\n");
-		break;
-	}
+	deal(record, requested_name(record->body.name, sizeof(record->body)), client);
 	return 0;
 }
 

@@ -260,8 +260,10 @@ int seam_wait_interruptible(seam_waitqueue *queue, const u32 *word);
 void seam_wake_up(seam_waitqueue *queue);
 /** Sleep interruptibly for a number of jiffies. Process. */
 void seam_sleep_jiffies(long jiffies);
-/** Give up the CPU. Process. */
+/** Call the scheduler, whether or not another task is due. Process. */
 void seam_schedule(void);
+/** Let another task run, if one is due. Process. */
+void seam_cond_resched(void);
 /** A new thread, not yet running, or an error pointer. Process. */
 struct task_struct *seam_thread_create(int (*body)(void *), void *argument, const char *name);
 /** Whether a task pointer is null or an error. */

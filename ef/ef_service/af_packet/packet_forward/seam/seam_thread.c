@@ -33,6 +33,11 @@ void seam_schedule(void)
 	schedule();
 }
 
+void seam_cond_resched(void)
+{
+	cond_resched();
+}
+
 struct task_struct *seam_thread_create(int (*body)(void *), void *argument, const char *name)
 {
 	return kthread_create(body, argument, "%s", name);
