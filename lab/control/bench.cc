@@ -170,7 +170,7 @@ void module_instructions(uint32_t batches)
     uint32_t ifindex = make_device(lab);
     Owner owner("mox_ef_socket");
     Socket socket;
-    // The platform only frees what it gets: its road to the device is none of the module's.
+    // The platform only frees the efbuff: transmission is not the module's cost.
     lab.override_outcome(0, MOXLAB_FOREVER, false);
     for (size_t length : kLengths)
         for (bool controlled : {false, true}) {

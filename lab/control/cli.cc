@@ -24,9 +24,10 @@ void print_help()
     list("Points of inject:", moxlab::kPoints);
     list("Calls of fail:   ", moxlab::kFailCalls);
     std::printf("Options of inject: --port, --src, --dst (an interface; \"none\": no block), --cpu, --repeat, --only FUNCTION;\n"
-                "  efbuff fields: --kind --flags --vlan --inner-vlan --l2-length --mac-offset --net-offset --total-length\n"
-                "  --wlan-flags --send-flags --l2ifx --origifx --dst-l2ifx --attr --radio-id --wlan-id --ap-wlan-id --proxy\n"
-                "  --code --sub-code --reason --word172 --half188\n\n"
+                "  efbuff fields, words: "
+#define OPTION(field, id, bit, offset, convert, option) " " option
+                MOXLAB_WORDS(OPTION) "\n  half-words: " MOXLAB_HALVES(OPTION) "\n  bytes: " MOXLAB_BYTES(OPTION) "\n\n"
+#undef OPTION
                 "Examples:\n"
                 "  moxlab port add eth0\n"
                 "  moxlab inject pipeline "

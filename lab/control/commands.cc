@@ -65,14 +65,14 @@ void set_name(char (&to)[N], const std::string &from)
     std::strcpy(to, from.c_str());
 }
 
-void tell_lost(uint64_t lost)
+void warn_lost(uint64_t lost)
 {
     if (lost)
         std::fprintf(stderr, "moxlab: %llu older records were overwritten\n", (unsigned long long)lost);
 }
 
 /// "VERB" or "VERB clear" for what has records.
-bool wants_clear(Arguments &args)
+bool take_clear(Arguments &args)
 {
     auto word = args.word_if_any();
     if (word && *word != "clear")
@@ -109,7 +109,7 @@ void port(const Device &lab, Arguments args)
 
 void ports(const Device &lab, Arguments args)
 {
-    if (wants_clear(args))
+    if (take_clear(args))
         return lab.clear(MOXLAB_PORTS);
     for (const auto &p : lab.ports().all)
         std::printf("%u %s%s%s rx %llu tx %llu tx-drop %llu\n", p.port.ifindex, p.port.name,
@@ -184,16 +184,18 @@ void live(const Device &lab, Arguments args)
 
 void stats(const Device &lab, Arguments args)
 {
-    if (wants_clear(args))
+    if (take_clear(args))
         return lab.clear_stats();
     moxlab_stats s = lab.stats();
     const struct {
         const char *name;
         uint64_t value;
     } lines[] = {
-        {"seen", s.seen},           {"injected", s.injected},   {"taken", s.taken},         {"freed", s.freed},
-        {"forwarded", s.forwarded}, {"flooded", s.flooded},     {"nowhere", s.nowhere},     {"no-memory", s.no_memory},
-        {"malformed", s.malformed}, {"sends", s.sends},         {"fdb-entries", s.fdb_entries}, {"cpus", s.cpus},
+#define COUNTER(id, field, name) {name, s.field},
+        MOXLAB_COUNTERS(COUNTER)
+#undef COUNTER
+        {"fdb-entries", s.fdb_entries},
+        {"cpus", s.cpus},
     };
     for (const auto &line : lines)
         std::printf("%s %llu\n", line.name, (unsigned long long)line.value);
@@ -211,10 +213,10 @@ void regs(const Device &lab, Arguments args)
 
 void log(const Device &lab, Arguments args)
 {
-    if (wants_clear(args))
+    if (take_clear(args))
         return lab.clear(MOXLAB_REGLOG);
     auto records = lab.registration_log();
-    tell_lost(records.lost);
+    warn_lost(records.lost);
     for (const auto &r : records.all)
         std::printf("%llu cpu %u %s point 0x%02x %s result %d%s\n", (unsigned long long)r.rec.seq, r.rec.cpu,
                     name_of(kRegCalls, r.call).c_str(), r.point, r.symbol, r.result, r.changed ? "" : " unchanged");
@@ -222,10 +224,10 @@ void log(const Device &lab, Arguments args)
 
 void printk(const Device &lab, Arguments args)
 {
-    if (wants_clear(args))
+    if (take_clear(args))
         return lab.clear(MOXLAB_PRINTK);
     auto records = lab.printk();
-    tell_lost(records.lost);
+    warn_lost(records.lost);
     for (const auto &line : records.all) {
         std::fwrite(line.text.data(), 1, line.text.size(), stdout);
         if (!line.text.ends_with('\n'))
@@ -243,7 +245,7 @@ void left(const Device &lab, Arguments args)
     bool header = args.flag("--header");
     args.end();
     auto records = lab.left();
-    tell_lost(records.lost);
+    warn_lost(records.lost);
     for (const auto &f : records.all) {
         std::printf("%llu %s port %u%s length %u %s\n", (unsigned long long)f.rec.seq,
                     name_of(kOutcomes, f.outcome).c_str(), f.ifindex, f.sent ? " sent" : "", f.length,
@@ -261,37 +263,11 @@ struct FieldOption {
     Field moxlab_inject::*field;
 };
 
-constexpr FieldOption<uint32_t> kWords[] = {
-    {"--flags", MOXLAB_SET_FLAGS, &moxlab_inject::flags},
-    {"--wlan-flags", MOXLAB_SET_WLAN_FLAGS, &moxlab_inject::wlan_flags},
-    {"--send-flags", MOXLAB_SET_SEND_FLAGS, &moxlab_inject::send_flags},
-    {"--l2ifx", MOXLAB_SET_L2IFX, &moxlab_inject::l2ifx},
-    {"--origifx", MOXLAB_SET_ORIGIFX, &moxlab_inject::origifx},
-    {"--dst-l2ifx", MOXLAB_SET_DST_L2IFX, &moxlab_inject::dst_l2ifx},
-    {"--attr", MOXLAB_SET_ATTR, &moxlab_inject::attr},
-    {"--total-length", MOXLAB_SET_TOTAL_LEN, &moxlab_inject::total_len},
-    {"--word172", MOXLAB_SET_WORD172, &moxlab_inject::word172},
-};
-
-constexpr FieldOption<uint16_t> kHalves[] = {
-    {"--l2-length", MOXLAB_SET_L2_LEN, &moxlab_inject::l2_len},
-    {"--mac-offset", MOXLAB_SET_MAC_OFFSET, &moxlab_inject::mac_offset},
-    {"--net-offset", MOXLAB_SET_NET_OFFSET, &moxlab_inject::net_offset},
-    {"--vlan", MOXLAB_SET_VLAN, &moxlab_inject::vlan},
-    {"--inner-vlan", MOXLAB_SET_INNER_VLAN, &moxlab_inject::inner_vlan},
-    {"--wlan-id", MOXLAB_SET_WLAN_ID, &moxlab_inject::wlan_id},
-    {"--ap-wlan-id", MOXLAB_SET_AP_WLAN_ID, &moxlab_inject::ap_wlan_id},
-    {"--half188", MOXLAB_SET_HALF188, &moxlab_inject::half188},
-};
-
-constexpr FieldOption<uint8_t> kBytes[] = {
-    {"--kind", MOXLAB_SET_KIND, &moxlab_inject::kind},
-    {"--reason", MOXLAB_SET_REASON, &moxlab_inject::reason},
-    {"--proxy", MOXLAB_SET_PROXY, &moxlab_inject::proxy},
-    {"--radio-id", MOXLAB_SET_RADIO_ID, &moxlab_inject::radio_id},
-    {"--code", MOXLAB_SET_CODE, &moxlab_inject::code},
-    {"--sub-code", MOXLAB_SET_SUB_CODE, &moxlab_inject::sub_code},
-};
+#define FIELD_OPTION(field, id, bit, offset, convert, option) {option, bit, &moxlab_inject::field},
+constexpr FieldOption<uint32_t> kWords[] = {MOXLAB_WORDS(FIELD_OPTION)};
+constexpr FieldOption<uint16_t> kHalves[] = {MOXLAB_HALVES(FIELD_OPTION)};
+constexpr FieldOption<uint8_t> kBytes[] = {MOXLAB_BYTES(FIELD_OPTION)};
+#undef FIELD_OPTION
 
 template <class Field, size_t N>
 void take_fields(Arguments &args, moxlab_inject &request, const FieldOption<Field> (&options)[N])
@@ -368,9 +344,8 @@ void outcome(const Device &lab, Arguments args)
 
 void service(const Device &lab, Arguments args)
 {
-    static constexpr std::string_view ops[] = {"publish", "withdraw", "event", "set", "query"};
     moxlab_service s{};
-    s.op = number_of(ops, args.word("what to do"), "operation");
+    s.op = number_of(kServiceOps, args.word("what to do"), "operation");
     if (auto v = args.option("--result"))
         s.result = parse_signed(*v, "--result");
     if (auto v = args.option("--mac"))
@@ -445,7 +420,7 @@ constexpr Command commands[] = {
     {"ports", "[clear]", "list the ports with their counters, or zero these", ports},
     {"intf", "set INDEX [--mac M] [--link up|down] [--name N] [--wlan] | del INDEX", "create, change or remove an interface control block", intf},
     {"intfs", "", "list the interface control blocks", intfs},
-    {"balance", "[OWNER]", "efbuffs by owner; the last line tells how many are alive", balance},
+    {"balance", "[OWNER]", "efbuffs by owner; the last line has the number alive", balance},
     {"live", "", "list the efbuffs that are alive, with who made them", live},
     {"stats", "[clear]", "what became of the frames", stats},
     {"regs", "", "the functions that are registered now", regs},

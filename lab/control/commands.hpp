@@ -12,7 +12,7 @@
 
 namespace moxlab {
 
-/// What follows the command's name: words, and --option VALUE or --option. Taking consumes; what nobody took is an
+/// What follows the command's name: words, and --option VALUE or --option. Taking consumes; what is left over is an
 /// error, so that a mistyped option cannot pass unseen.
 class Arguments {
 public:

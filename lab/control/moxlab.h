@@ -25,8 +25,10 @@
 #include <linux/ioctl.h>
 #include <linux/types.h>
 
+#include "moxlab_tables.h"
+
 #define MOXLAB_DEVICE "/dev/moxlab"
-#define MOXLAB_ABI 2
+#define MOXLAB_ABI 3
 
 /* Owner ids of efbuffs: the platform's own, and the capture module's. */
 #define MOXLAB_OWNER_PLATFORM 0x01
@@ -38,25 +40,13 @@
 #define MOXLAB_HEADER_ALL 256 /* the whole of it: the rest is the platform's own */
 #define MOXLAB_FRAME_MAX 65535
 
-/* ------------------------------------------------------------------------
- * Points of the pipeline
- */
-enum moxlab_point {
-	MOXLAB_POINT_PIPELINE = 0, /* the whole road, from a port to leaving */
-	MOXLAB_POINT_RESV = 1,     /* receive functions registered at 2 */
-	MOXLAB_POINT_WLAN_IN = 2,  /* module records with byte 12 = 0x06 */
-	MOXLAB_POINT_LEV2 = 3,     /* ... 0x00 */
-	MOXLAB_POINT_IPV4 = 4,     /* ... 0x02 */
-	MOXLAB_POINT_IPV6 = 5,     /* ... 0x04 */
-	MOXLAB_POINT_OUTPUT = 6,   /* output functions registered at 1 */
-	MOXLAB_POINT_SEND = 7,     /* efmp_output_pkt(), called as the module would */
-	MOXLAB_POINT_COUNT = 8,
-};
+#define MOXLAB_POINT_ROW(id, name) MOXLAB_POINT_##id,
+enum moxlab_point { MOXLAB_POINTS(MOXLAB_POINT_ROW) MOXLAB_POINT_COUNT };
 
 /*
- * Headers handed out: a copy of an efbuff's header, but kernel addresses are
- * nobody's business. The link word is 0; at 4 and 8 stand the interface indexes
- * of the two blocks, MOXLAB_NO_BLOCK for a null pointer.
+ * Headers handed out: a copy of an efbuff's header without kernel addresses. The
+ * link word is 0; at 4 and 8 are the interface indexes of the two blocks,
+ * MOXLAB_NO_BLOCK for a null pointer.
  */
 
 /* ------------------------------------------------------------------------
@@ -70,31 +60,10 @@ enum moxlab_point {
  * set for a plain Ethernet frame of these bytes. The image comes first, single
  * fields are put over it.
  */
-#define MOXLAB_SET_KIND 0x00000001u
-#define MOXLAB_SET_L2_LEN 0x00000002u
-#define MOXLAB_SET_MAC_OFFSET 0x00000004u
-#define MOXLAB_SET_NET_OFFSET 0x00000008u
-#define MOXLAB_SET_FLAGS 0x00000010u
-#define MOXLAB_SET_VLAN 0x00000020u
-#define MOXLAB_SET_INNER_VLAN 0x00000040u
+#define MOXLAB_SET_ROW(field, id, bit, offset, convert, option) MOXLAB_SET_##id = bit,
+enum moxlab_set { MOXLAB_FIELDS(MOXLAB_SET_ROW) };
 #define MOXLAB_SET_SRC 0x00000080u
 #define MOXLAB_SET_DST 0x00000100u
-#define MOXLAB_SET_WLAN_FLAGS 0x00000200u
-#define MOXLAB_SET_SEND_FLAGS 0x00000400u
-#define MOXLAB_SET_L2IFX 0x00000800u
-#define MOXLAB_SET_ORIGIFX 0x00001000u
-#define MOXLAB_SET_PROXY 0x00002000u
-#define MOXLAB_SET_DST_L2IFX 0x00004000u
-#define MOXLAB_SET_ATTR 0x00008000u
-#define MOXLAB_SET_RADIO_ID 0x00010000u
-#define MOXLAB_SET_WLAN_ID 0x00020000u
-#define MOXLAB_SET_AP_WLAN_ID 0x00040000u
-#define MOXLAB_SET_TOTAL_LEN 0x00080000u
-#define MOXLAB_SET_WORD172 0x00100000u
-#define MOXLAB_SET_CODE 0x00200000u
-#define MOXLAB_SET_SUB_CODE 0x00400000u
-#define MOXLAB_SET_HALF188 0x00800000u
-#define MOXLAB_SET_REASON 0x01000000u
 #define MOXLAB_SET_HEADER 0x80000000u
 
 /* Bits of moxlab_inject.options. */
@@ -105,17 +74,8 @@ enum moxlab_point {
 #define MOXLAB_INJ_CALL 0x8u      /* call the function at address function instead
 				   * of what is registered at the point */
 
-/* What became of an injected frame. */
-enum moxlab_outcome {
-	MOXLAB_OUT_NO_HOOK = 0, /* nothing is registered there; no code ran */
-	MOXLAB_OUT_WENT_ON = 1, /* every function let it pass */
-	MOXLAB_OUT_FREED = 2,   /* a function answered 1: the platform freed it */
-	MOXLAB_OUT_TAKEN = 3,   /* the module owns it */
-	MOXLAB_OUT_LEFT = 4,    /* PIPELINE, SEND: it left by at least one port */
-	MOXLAB_OUT_NOWHERE = 5, /* PIPELINE, SEND: no port for it, or none took it */
-	MOXLAB_OUT_NO_MEMORY = 6, /* no efbuff for it */
-	MOXLAB_OUT_COUNT = 8,
-};
+#define MOXLAB_OUT_ROW(id, name) MOXLAB_OUT_##id,
+enum moxlab_outcome { MOXLAB_OUTCOMES(MOXLAB_OUT_ROW) MOXLAB_OUT_COUNT = 8 };
 
 #define MOXLAB_ANSWERS 8
 
@@ -132,32 +92,14 @@ struct moxlab_inject {
 	__u32 frame_len;    /* bytes at frame, 1 to MOXLAB_FRAME_MAX */
 	__u64 frame;        /* user pointer to the bytes from the MAC header on */
 
-	__u32 flags;        /* efbuff offset 32 */
-	__u32 src_ifindex;  /* 4: that interface's block, or MOXLAB_NO_BLOCK */
+	__u32 src_ifindex;  /* header offset 4: that interface's block, or MOXLAB_NO_BLOCK */
 	__u32 dst_ifindex;  /* 8: the same */
-	__u32 wlan_flags;   /* 56 */
-	__u32 send_flags;   /* 60 */
-	__u32 l2ifx;        /* 64 */
-	__u32 origifx;      /* 68 */
-	__u32 dst_l2ifx;    /* 76 */
-	__u32 attr;         /* 96 */
-	__u32 total_len;    /* 164; at most MOXLAB_FRAME_MAX. Memory behind it is
-			     * always readable, whatever frame_len says */
-	__u32 word172;      /* 172 */
-	__u16 l2_len;       /* 20 */
-	__u16 mac_offset;   /* 22: 256 to 2048; the frame is put there */
-	__u16 net_offset;   /* 24: 256 to 4096 */
-	__u16 vlan;         /* 18: tag control, host order here */
-	__u16 inner_vlan;   /* 16: the same */
-	__u16 wlan_id;      /* 146 */
-	__u16 ap_wlan_id;   /* 148 */
-	__u16 half188;      /* 188 */
-	__u8 kind;          /* 40 */
-	__u8 reason;        /* 43 */
-	__u8 proxy;         /* 72 */
-	__u8 radio_id;      /* 144 */
-	__u8 code;          /* 184 */
-	__u8 sub_code;      /* 185 */
+#define MOXLAB_WORD_ROW(field, ...) __u32 field;
+#define MOXLAB_HALF_ROW(field, ...) __u16 field;
+#define MOXLAB_BYTE_ROW(field, ...) __u8 field;
+	MOXLAB_WORDS(MOXLAB_WORD_ROW)
+	MOXLAB_HALVES(MOXLAB_HALF_ROW)
+	MOXLAB_BYTES(MOXLAB_BYTE_ROW)
 	__u8 reserved[6];   /* 0 */
 	__u64 function;     /* INJ_CALL: a function of mox_ef_socket's */
 	char symbol[MOXLAB_SYMBOL_LEN]; /* not empty: only the function of that
@@ -223,17 +165,8 @@ struct moxlab_intf {
 /* ------------------------------------------------------------------------
  * FAIL: make platform calls fail
  */
-enum moxlab_fail_call {
-	MOXLAB_FAIL_ALLOC = 0,      /* efmp_buff_alloc_sw_with_owner: null */
-	MOXLAB_FAIL_CLONE = 1,      /* efmp_buff_clone_with_owner: null */
-	MOXLAB_FAIL_REG_MODULE = 2, /* efmp_reg_module: value */
-	MOXLAB_FAIL_REG_RECV = 3,   /* efmp_reg_recv_pkt_func: value */
-	MOXLAB_FAIL_REG_OUTPUT = 4, /* efmp_reg_output_pkt_func: value */
-	MOXLAB_FAIL_REG_SERV = 5,   /* efmp_reg_serv_change_handler: value */
-	MOXLAB_FAIL_GET_SERVICE = 6, /* efmp_get_service: null */
-	MOXLAB_FAIL_INTFCB = 7,     /* lsm_get_intfcb: null */
-	MOXLAB_FAIL_COUNT = 8,
-};
+#define MOXLAB_FAIL_ROW(id, name) MOXLAB_FAIL_##id,
+enum moxlab_fail_call { MOXLAB_FAIL_CALLS(MOXLAB_FAIL_ROW) MOXLAB_FAIL_COUNT };
 
 #define MOXLAB_FOREVER 0xffffffffu
 
@@ -257,19 +190,12 @@ struct moxlab_outcome_override {
 /* ------------------------------------------------------------------------
  * SERVICE: what efmp_get_service() finds, and the events about it
  */
-enum moxlab_service_op {
-	MOXLAB_SERVICE_PUBLISH = 0,  /* make it known, or let its other entry point
-				      * take over, then event 0 */
-	MOXLAB_SERVICE_WITHDRAW = 1, /* make it unknown, then event 1 */
-	MOXLAB_SERVICE_EVENT = 2,    /* only the event as given, state unchanged */
-	MOXLAB_SERVICE_SET = 3,      /* only change what its calls return */
-	MOXLAB_SERVICE_QUERY = 4,    /* only read it */
-};
+#define MOXLAB_SERVICE_ROW(id, name) MOXLAB_SERVICE_##id,
+enum moxlab_service_op { MOXLAB_SERVICE_OPS(MOXLAB_SERVICE_ROW) };
 
 /*
- * PUBLISH and WITHDRAW return when the change handlers have been told and every
- * hook that ran meanwhile has come back. A drop service that is called once it
- * was withdrawn or replaced so is misuse. A sender in process context may still
+ * PUBLISH and WITHDRAW return when the change handlers and every hook that ran
+ * meanwhile have returned. Calling a drop service after that is misuse. A sender in process context may still
  * call the local MAC service that it found before; that is only counted.
  */
 #define MOXLAB_SERVICE_ENTRIES 2 /* entry points that each service has */
@@ -350,16 +276,8 @@ struct moxlab_printk_rec {
 	char text[];  /* verbatim: newlines as they were; NUL follows */
 };
 
-enum moxlab_reg_call {
-	MOXLAB_REG_MODULE = 0,
-	MOXLAB_DEREG_MODULE = 1,
-	MOXLAB_REG_RECV = 2,
-	MOXLAB_DEREG_RECV = 3,
-	MOXLAB_REG_OUTPUT = 4,
-	MOXLAB_DEREG_OUTPUT = 5,
-	MOXLAB_REG_SERV = 6,
-	MOXLAB_DEREG_SERV = 7,
-};
+#define MOXLAB_REG_ROW(id, name) MOXLAB_##id,
+enum moxlab_reg_call { MOXLAB_REG_CALLS(MOXLAB_REG_ROW) };
 
 struct moxlab_reglog_rec {
 	struct moxlab_rec rec;
@@ -433,23 +351,8 @@ struct moxlab_balance {
  * MISUSE: breaches of the efbuff rules. Each is a kernel warning, but for the
  * number announced with expect, which are counted and printed at info level.
  */
-enum moxlab_misuse_kind {
-	MOXLAB_MISUSE_DOUBLE_FREE = 0,
-	MOXLAB_MISUSE_WRONG_OWNER = 1,   /* freed by another than its owner */
-	MOXLAB_MISUSE_UNKNOWN = 2,       /* an address that is no efbuff */
-	MOXLAB_MISUSE_OVERRUN = 3,       /* written past its end */
-	MOXLAB_MISUSE_AFTER_FREE = 4,    /* written after it was freed */
-	MOXLAB_MISUSE_LEAK = 5,          /* alive at unload */
-	MOXLAB_MISUSE_NOT_TAKEN = 6,     /* a hook let it pass, yet had freed it */
-	MOXLAB_MISUSE_BAD_ANSWER = 7,    /* a hook's answer without a meaning */
-	MOXLAB_MISUSE_BAD_HEADER = 8,    /* sent with offsets outside the buffer */
-	MOXLAB_MISUSE_CONTEXT = 9,       /* a hook came back with another preempt
-					  * count than it was called with, or a
-					  * process sent while it held a lock */
-	MOXLAB_MISUSE_WITHDRAWN = 10,    /* a drop service was called after its
-					  * withdrawal had returned */
-	MOXLAB_MISUSE_COUNT = 11,
-};
+#define MOXLAB_MISUSE_ROW(id, name, text) MOXLAB_MISUSE_##id,
+enum moxlab_misuse_kind { MOXLAB_MISUSE_KINDS(MOXLAB_MISUSE_ROW) MOXLAB_MISUSE_COUNT };
 
 struct moxlab_misuse {
 	__u32 expect;    /* in: announce so many; replaces what was left of before */
@@ -468,16 +371,8 @@ struct moxlab_misuse {
  * STATS: since load or since CLEAR_STATS
  */
 struct moxlab_stats {
-	__u64 seen;       /* frames that entered the pipeline by a port */
-	__u64 injected;   /* frames injected, at whatever point */
-	__u64 taken;      /* frames that hooks took */
-	__u64 freed;      /* frames freed because a hook answered 1 */
-	__u64 forwarded;  /* frames that left by their destination port */
-	__u64 flooded;    /* frames that left by every other port */
-	__u64 nowhere;    /* frames without a port to leave by */
-	__u64 no_memory;  /* frames lost for want of an efbuff or skb */
-	__u64 malformed;  /* frames too short or too long for the pipeline */
-	__u64 sends;      /* calls of efmp_output_pkt() */
+#define MOXLAB_COUNTER_ROW(id, field, name) __u64 field;
+	MOXLAB_COUNTERS(MOXLAB_COUNTER_ROW)
 	__u64 point_frames[MOXLAB_POINT_COUNT]; /* frames offered at each point that
 						 * had a function registered */
 	__u64 point_taken[MOXLAB_POINT_COUNT];
@@ -488,11 +383,8 @@ struct moxlab_stats {
 /* ------------------------------------------------------------------------
  * SETTINGS
  */
-enum moxlab_tag_mode {
-	MOXLAB_TAG_ALTERNATE = 0, /* bit 0 of the per-CPU word: every other frame */
-	MOXLAB_TAG_NEVER = 1,
-	MOXLAB_TAG_ALWAYS = 2,
-};
+#define MOXLAB_TAG_ROW(id, name) MOXLAB_TAG_##id,
+enum moxlab_tag_mode { MOXLAB_TAG_MODES(MOXLAB_TAG_ROW) };
 
 struct moxlab_settings {
 	__u32 set;         /* in: 1: take over what follows; 0: only read */

@@ -89,7 +89,7 @@ public:
     void set_interface(const moxlab_intf &intf) const;
     void remove_interface(uint32_t ifindex) const;
 
-    /// The reply tells of the previous arming of the same call.
+    /// The reply has the numbers of the previous arming of the same call.
     moxlab_fail fail(uint32_t call, uint32_t count, uint32_t skip = 0, int32_t value = -1) const;
     void fail_nothing() const;
     void override_outcome(int32_t outcome, uint32_t count, bool send) const;

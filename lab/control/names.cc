@@ -11,25 +11,20 @@
 namespace moxlab {
 namespace {
 
-constexpr std::string_view points[] = {"pipeline", "resv", "wlan-in", "lev2", "ipv4", "ipv6", "output", "send"};
-constexpr std::string_view outcomes[] = {"no-hook", "went-on", "freed", "taken", "left", "nowhere", "no-memory"};
-constexpr std::string_view fail_calls[] = {"alloc",      "clone",    "reg-module",  "reg-recv",
-                                           "reg-output", "reg-serv", "get-service", "intfcb"};
-constexpr std::string_view reg_calls[] = {"reg-module",   "dereg-module", "reg-recv", "dereg-recv",
-                                          "reg-output", "dereg-output", "reg-serv", "dereg-serv"};
-constexpr std::string_view misuse_kinds[] = {"double-free", "wrong-owner", "unknown",    "overrun",    "after-free",
-                                             "leak",        "not-taken",   "bad-answer", "bad-header", "context",
-                                             "withdrawn"};
-constexpr std::string_view tag_modes[] = {"alternate", "never", "always"};
-
-static_assert(std::size(points) == MOXLAB_POINT_COUNT);
-static_assert(std::size(fail_calls) == MOXLAB_FAIL_COUNT);
-static_assert(std::size(misuse_kinds) == MOXLAB_MISUSE_COUNT);
+#define NAME(id, name, ...) name,
+constexpr std::string_view points[] = {MOXLAB_POINTS(NAME)};
+constexpr std::string_view outcomes[] = {MOXLAB_OUTCOMES(NAME)};
+constexpr std::string_view fail_calls[] = {MOXLAB_FAIL_CALLS(NAME)};
+constexpr std::string_view service_ops[] = {MOXLAB_SERVICE_OPS(NAME)};
+constexpr std::string_view reg_calls[] = {MOXLAB_REG_CALLS(NAME)};
+constexpr std::string_view misuse_kinds[] = {MOXLAB_MISUSE_KINDS(NAME)};
+constexpr std::string_view tag_modes[] = {MOXLAB_TAG_MODES(NAME)};
+#undef NAME
 
 }  // namespace
 
-constinit const Names kPoints{points}, kOutcomes{outcomes}, kFailCalls{fail_calls}, kRegCalls{reg_calls},
-    kMisuseKinds{misuse_kinds}, kTagModes{tag_modes};
+constinit const Names kPoints{points}, kOutcomes{outcomes}, kFailCalls{fail_calls}, kServiceOps{service_ops},
+    kRegCalls{reg_calls}, kMisuseKinds{misuse_kinds}, kTagModes{tag_modes};
 
 std::string name_of(Names names, uint32_t number)
 {

@@ -20,7 +20,7 @@ struct Usage : std::runtime_error {
 /// Names by number.
 using Names = std::span<const std::string_view>;
 
-extern const Names kPoints, kOutcomes, kFailCalls, kRegCalls, kMisuseKinds, kTagModes;
+extern const Names kPoints, kOutcomes, kFailCalls, kServiceOps, kRegCalls, kMisuseKinds, kTagModes;
 
 /// The name, or the number as text when it has none.
 std::string name_of(Names names, uint32_t number);

@@ -62,7 +62,7 @@ TEST_F(Platform, LetsAnotherEntryPointTakeAServicesPlace)
     s.op = MOXLAB_SERVICE_PUBLISH;
     s.entry = 0;
     EXPECT_EQ(lab.service(s).published, 1);
-    EXPECT_EQ(lab.service(s).late, before_calls.late) << "nobody called what was replaced";
+    EXPECT_EQ(lab.service(s).late, before_calls.late) << "the replaced entry point was called";
 }
 
 TEST_F(Platform, MeasuresSocketsOfTheFamilyOnly)

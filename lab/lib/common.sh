@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What every script of the lab begins with: where things are, how it speaks, how it gives up.
+# Paths, messages and errors of the lab's scripts.
 
 ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 # LAB_BUILD moves everything the lab makes to another place (a bigger disk, a directory that CI keeps).

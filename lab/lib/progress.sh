@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# Long commands, run so that one sees them live and sees why when they fail.
+# Runs long commands: shows their progress, and the end of their log when they fail.
 
 PROGRESS_PID=
 progress_stop() {
@@ -7,13 +7,13 @@ progress_stop() {
 }
 
 # run_logged TITLE LOG COUNT_PATTERN REMEDY COMMAND...
-# Runs COMMAND with its output in LOG, telling the elapsed time and how many of LOG's lines match COUNT_PATTERN
-# (one line that renews itself on a terminal, a line every ten seconds elsewhere). When COMMAND fails: the end of
+# Runs COMMAND with its output in LOG, showing the elapsed time and how many of LOG's lines match COUNT_PATTERN
+# (one line that is rewritten on a terminal, a line every ten seconds elsewhere). When COMMAND fails: the end of
 # LOG, REMEDY, and status 1.
 run_logged() {
 	local title=$1 log=$2 pattern=$3 remedy=$4
 	shift 4
-	local start=$SECONDS told=0 status=0 count line
+	local start=$SECONDS shown=0 status=0 count line
 	mkdir -p "$(dirname "$log")"
 	: >"$log"
 	# A process group of its own, so that an interrupt here ends all of it.
@@ -29,8 +29,8 @@ run_logged() {
 		line="$title: $(mmss $((SECONDS - start))), $count done"
 		if [ -t 1 ]; then
 			printf '\r\033[K   %s' "$line"
-		elif [ $((SECONDS - told)) -ge 10 ] && [ $((SECONDS - start)) -ge 5 ]; then
-			told=$SECONDS
+		elif [ $((SECONDS - shown)) -ge 10 ] && [ $((SECONDS - start)) -ge 5 ]; then
+			shown=$SECONDS
 			say "   $line"
 		fi
 	done

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The book-keeping of lab/test: every suite ends in a line "N passed, N failed", and nothing is taken for granted.
+# The counts of lab/test: every suite ends in a line "N passed, N failed"; one that does not is a failure.
 
 PASSED=0
 FAILED=0

@@ -1,5 +1,5 @@
 # shellcheck shell=sh disable=SC2154
-# What the scene's script is made of. Sourced; uses $here, $work, $out and $stations.
+# The functions of the scene's script. Sourced; uses $here, $work, $out and $stations.
 
 captures=
 waiting=
@@ -168,7 +168,7 @@ serve() { # serve STATION PORT
 	: >"$work/got-$2"
 	at "$1" nc -ll -p "$2" -e "$here/keep" "$work/got-$2" >/dev/null 2>&1 &
 	helpers="$helpers $!"
-	within 5 listens "$1" "$2" || fail "nobody listens on port $2"
+	within 5 listens "$1" "$2" || fail "no server listens on port $2"
 }
 
 listens() { at "$1" netstat -ltn | grep -q ":$2 "; }

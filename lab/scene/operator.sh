@@ -1,5 +1,5 @@
 # shellcheck shell=sh disable=SC2154
-# What an operator learns of the running access point from moxctl. Sourced behind lib.sh.
+# What moxctl reports about the running access point. Sourced behind lib.sh.
 
 # A report of moxctl, as it is, to /out: report FILE OPTION...
 report() {
@@ -31,7 +31,7 @@ name_of() { # name_of PID
 	done
 }
 
-# Every capture that runs stands in the report, by its process number, and nobody else does.
+# The report has every running capture, by its process number, and no other.
 reported_all() {
 	running=0
 	for name in $captures; do
@@ -43,7 +43,7 @@ reported_all() {
 	[ "$(grep -c '^pid:' "$1")" -eq "$running" ]
 }
 
-# as_json FILE KEY COUNT: the key stands so often in what moxctl made of the report.
+# as_json FILE KEY COUNT: the key occurs so often in moxctl's JSON.
 as_json() { [ "$(grep -c "\"$2\":" "$1")" -eq "$3" ]; }
 
 # What the memory report counts; lines of nothing left out.

@@ -111,8 +111,8 @@ start_lldp_agent() {
 	within 10 says lldpagent announcing || fail "lldpagent does not start: $(cat "$work/lldpagent.log")"
 }
 
-# farewells_left COUNT: a farewell holds so little that it is of the shortest length, unlike an announcement.
-farewells_left() { [ "$(moxlab left | tr -d ' :' | grep -c 'length600180c200000e')" -eq "$1" ]; }
+# shutdowns_left COUNT: a shutdown LLDPDU has the shortest frame length, unlike an announcement.
+shutdowns_left() { [ "$(moxlab left | tr -d ' :' | grep -c 'length600180c200000e')" -eq "$1" ]; }
 
 lists() { lldpagent show | grep -q "$1"; }
 does_not_list() { ! lists "$1"; }

@@ -128,7 +128,7 @@ static void track_put(struct track *t)
 	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 }
 
-/* Memory with its record, known to nobody yet. */
+/* Memory with its record, not in any list yet. */
 static struct track *make(u32 size)
 {
 	u32 redzone = READ_ONCE(efmp_buff_set.redzone);
@@ -249,7 +249,7 @@ fail:
 }
 EXPORT_SYMBOL(efmp_buff_clone_with_owner);
 
-/* Memory that nobody knows any more: look whether it was written late. */
+/* Releases a dead buffer after checking it for late writes. */
 static void bury(struct track *t)
 {
 	if (t->held) {
@@ -443,8 +443,7 @@ int efmp_buff_init(void)
 }
 
 /*
- * At unload: nobody is left who could free what is alive. Each is named, and its
- * memory given back.
+ * At unload: reports each buffer that is still alive, and frees it.
  */
 void efmp_buff_exit(void)
 {

@@ -28,7 +28,8 @@ static inline void efmp_set_mac(struct net_device *dev, const u8 *mac)
 
 /*
  * No transmit lock of the device's own (its transmit function nests inside other
- * devices'), and fixed to its namespace. Feature bits until 6.12.
+ * devices'), and fixed to its namespace. Both were feature bits until 6.12. The
+ * second one changed its name in 6.15 and within stable releases: Kbuild looks.
  */
 static inline void efmp_set_nested_xmit(struct net_device *dev)
 {
@@ -36,7 +37,11 @@ static inline void efmp_set_nested_xmit(struct net_device *dev)
 	dev->features |= NETIF_F_LLTX | NETIF_F_NETNS_LOCAL;
 #else
 	dev->lltx = true;
+#ifdef EFMP_NETNS_IMMUTABLE
+	dev->netns_immutable = true;
+#else
 	dev->netns_local = true;
+#endif
 #endif
 }
 

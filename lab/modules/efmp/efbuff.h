@@ -9,6 +9,7 @@
 #include <linux/build_bug.h>
 #include <linux/stddef.h>
 #include <linux/types.h>
+#include "../../control/moxlab.h"
 
 #define EFBUFF_HEADER 256 /* then the frame's memory, in the same allocation */
 
@@ -68,7 +69,7 @@ struct efbuff {
 	u16 half186;
 	u16 half188;         /* 188 */
 	u16 half190;
-	/* From here on the platform's own. */
+	/* From here on, at MOXLAB_HEADER_LEN, the platform's own. */
 	u32 vlan_tags;       /* 192: tags taken off the frame, 0 to 2. A tag with
 			      * id and priority 0 leaves no other trace */
 	u32 words196[15];
@@ -80,30 +81,10 @@ static inline void efbuff_check_layout(void)
 	AT(link, 0);
 	AT(src_intf, 4);
 	AT(dst_intf, 8);
-	AT(inner_vlan, 16);
-	AT(vlan, 18);
-	AT(l2_len, 20);
-	AT(mac_offset, 22);
-	AT(net_offset, 24);
-	AT(flags, 32);
-	AT(kind, 40);
-	AT(reason, 43);
-	AT(wlan_flags, 56);
-	AT(send_flags, 60);
-	AT(l2ifx, 64);
-	AT(origifx, 68);
-	AT(proxy, 72);
-	AT(dst_l2ifx, 76);
-	AT(attr, 96);
-	AT(radio_id, 144);
-	AT(wlan_id, 146);
-	AT(ap_wlan_id, 148);
-	AT(total_len, 164);
-	AT(word172, 172);
-	AT(code, 184);
-	AT(sub_code, 185);
-	AT(half188, 188);
-	AT(vlan_tags, 192);
+	AT(vlan_tags, MOXLAB_HEADER_LEN);
+#define FIELD_AT(field, id, bit, offset, convert, option) AT(field, offset);
+	MOXLAB_FIELDS(FIELD_AT)
+#undef FIELD_AT
 #undef AT
 	BUILD_BUG_ON(sizeof(struct efbuff) != EFBUFF_HEADER);
 }

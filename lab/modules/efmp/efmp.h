@@ -15,8 +15,8 @@
  * Hooks, ports and learned addresses are read under rcu_read_lock() with bottom
  * halves disabled, and a hook runs inside that. On kernels before 4.20, where
  * the flavours of RCU still differ, synchronize_rcu() waits for exactly this
- * section: whoever deregistered a hook and then called synchronize_rcu() knows
- * that no CPU is in it. Deregistering itself does not wait.
+ * section: after deregistering a hook and synchronize_rcu(), no CPU is in that
+ * hook. Deregistering itself does not wait.
  */
 #ifndef EFMP_H
 #define EFMP_H
@@ -195,7 +195,7 @@ void efmp_host_exit(void);
 const u8 *efmp_host_mac(void);
 struct efmp_port *efmp_host_port(void);
 
-/* ---- pipeline.c: the road of a frame ----------------------------------- */
+/* ---- pipeline.c: the path of a frame ----------------------------------- */
 
 /* Consumes @skb, which starts at its MAC header. Bottom halves disabled. */
 void efmp_pipeline_skb(struct efmp_port *port, struct sk_buff *skb);
@@ -209,19 +209,19 @@ void efmp_fill(struct efbuff *b, u32 len, void *src, const struct efmp_port *por
 /* Takes up to two VLAN tags off the frame into the header. Before efmp_fill(). */
 u32 efmp_take_tags(struct efbuff *b, u32 len);
 
-struct efmp_road {
+struct efmp_path {
 	struct efmp_run run;
 	struct efmp_port *in;  /* null: from no port */
 	bool dst_fixed;        /* the destination block is set already */
 	u32 left_ports;
 };
 
-/* The whole road; the buffer is the platform's no more afterwards. Inside
+/* The whole path; the platform does not own the buffer afterwards. Inside
  * rcu_read_lock() with bottom halves disabled. A MOXLAB_OUT_*. */
-u32 efmp_pipeline(struct efmp_road *road);
+u32 efmp_pipeline(struct efmp_path *path);
 
 /* As efmp_output_pkt(), telling more: a MOXLAB_OUT_* in *@outcome. */
-int efmp_send(struct efbuff *b, struct efmp_road *road, u32 *outcome);
+int efmp_send(struct efbuff *b, struct efmp_path *path, u32 *outcome);
 
 void efmp_send_override(const struct moxlab_outcome_override *o);
 
@@ -246,17 +246,9 @@ extern struct failpoint efmp_reg_serv_fail, efmp_get_service_fail;
 
 /* ---- stats.c ------------------------------------------------------------ */
 
+#define EFMP_COUNT_ROW(id, field, name) EFMP_COUNT_##id,
 enum efmp_stat { /* in the order of struct moxlab_stats */
-	EFMP_SEEN,
-	EFMP_INJECTED,
-	EFMP_TAKEN_FRAMES,
-	EFMP_FREED_FRAMES,
-	EFMP_FORWARDED,
-	EFMP_FLOODED,
-	EFMP_NOWHERE,
-	EFMP_NO_MEMORY,
-	EFMP_MALFORMED,
-	EFMP_SENDS,
+	MOXLAB_COUNTERS(EFMP_COUNT_ROW)
 	EFMP_POINT_FRAMES,
 	EFMP_POINT_TAKEN = EFMP_POINT_FRAMES + MOXLAB_POINT_COUNT,
 	EFMP_STATS = EFMP_POINT_TAKEN + MOXLAB_POINT_COUNT,

@@ -420,9 +420,9 @@ enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point)
 		run->decided_at = point;
 	if (verdict == EFMP_TAKEN) {
 		efmp_count(EFMP_POINT_TAKEN + point);
-		efmp_count(EFMP_TAKEN_FRAMES);
+		efmp_count(EFMP_COUNT_TAKEN);
 	} else if (verdict == EFMP_FREED) {
-		efmp_count(EFMP_FREED_FRAMES);
+		efmp_count(EFMP_COUNT_FREED);
 	}
 	return verdict;
 }

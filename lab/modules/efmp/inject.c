@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * inject.c - one frame, with whatever a test wants its header to say, at one
+ * inject.c - one frame, with a header as the test sets it, at one
  * point of the pipeline on one CPU.
  */
 #include <linux/completion.h>
@@ -51,7 +51,7 @@ static bool valid(const struct moxlab_inject *in)
 		return false;
 	if (in->options & MOXLAB_INJ_TAG_CLEAR && in->options & MOXLAB_INJ_TAG_SET)
 		return false;
-	/* A single function has its place at a point, not all along the road. */
+	/* A single function belongs to one point, not to the whole path. */
 	if (in->options & MOXLAB_INJ_CALL &&
 	    (in->point == MOXLAB_POINT_PIPELINE || in->point == MOXLAB_POINT_SEND ||
 	     !efmp_memory_allowed(in->function)))
@@ -78,40 +78,16 @@ static int find_blocks(struct job *job)
 
 static void apply_fields(struct efbuff *b, const struct moxlab_inject *in)
 {
-#define APPLY(bit, field, value)                     \
-	do {                                         \
-		if (in->set & MOXLAB_SET_##bit)      \
-			b->field = (value);          \
-	} while (0)
-
-	APPLY(KIND, kind, in->kind);
-	APPLY(L2_LEN, l2_len, in->l2_len);
-	APPLY(NET_OFFSET, net_offset, in->net_offset);
-	APPLY(FLAGS, flags, in->flags);
-	APPLY(VLAN, vlan, htons(in->vlan));
-	APPLY(INNER_VLAN, inner_vlan, htons(in->inner_vlan));
-	APPLY(WLAN_FLAGS, wlan_flags, in->wlan_flags);
-	APPLY(SEND_FLAGS, send_flags, in->send_flags);
-	APPLY(L2IFX, l2ifx, in->l2ifx);
-	APPLY(ORIGIFX, origifx, in->origifx);
-	APPLY(PROXY, proxy, in->proxy);
-	APPLY(DST_L2IFX, dst_l2ifx, in->dst_l2ifx);
-	APPLY(ATTR, attr, in->attr);
-	APPLY(RADIO_ID, radio_id, in->radio_id);
-	APPLY(WLAN_ID, wlan_id, in->wlan_id);
-	APPLY(AP_WLAN_ID, ap_wlan_id, in->ap_wlan_id);
-	APPLY(TOTAL_LEN, total_len, in->total_len);
-	APPLY(WORD172, word172, in->word172);
-	APPLY(CODE, code, in->code);
-	APPLY(SUB_CODE, sub_code, in->sub_code);
-	APPLY(HALF188, half188, in->half188);
-	APPLY(REASON, reason, in->reason);
+#define APPLY(field, id, bit, offset, convert, option) \
+	if (in->set & (bit))                           \
+		b->field = convert(in->field);
+	MOXLAB_FIELDS(APPLY)
 #undef APPLY
 }
 
 /*
- * The efbuff as @in wants it. Its offsets and lengths may claim anything that the
- * memory, which is made large enough for them, can honour.
+ * The efbuff that @in describes. The memory is made large enough for any offset and
+ * length that valid() lets pass.
  */
 static struct efbuff *build(const struct job *job, struct efmp_port *port, u32 *seq)
 {
@@ -181,7 +157,7 @@ static u32 run_point(struct efmp_run *run, u32 point)
 static void inject_one(struct job *job)
 {
 	struct moxlab_inject *in = job->in;
-	struct efmp_road road = {
+	struct efmp_path path = {
 		.run = {
 			.nth = in->nth,
 			.symbol = in->symbol[0] ? in->symbol : NULL,
@@ -196,33 +172,33 @@ static void inject_one(struct job *job)
 
 	in->ran_on_cpu = smp_processor_id();
 	if (in->port_ifindex)
-		road.in = efmp_port_by_ifindex(in->port_ifindex);
-	b = build(job, road.in, &road.run.seq);
-	road.run.buf = b;
+		path.in = efmp_port_by_ifindex(in->port_ifindex);
+	b = build(job, path.in, &path.run.seq);
+	path.run.buf = b;
 	if (!b) {
 		outcome = MOXLAB_OUT_NO_MEMORY;
 	} else if (in->point == MOXLAB_POINT_PIPELINE) {
-		efmp_count(EFMP_SEEN);
-		if (road.in)
-			atomic64_inc(&road.in->rx);
-		outcome = efmp_pipeline(&road);
+		efmp_count(EFMP_COUNT_SEEN);
+		if (path.in)
+			atomic64_inc(&path.in->rx);
+		outcome = efmp_pipeline(&path);
 	} else if (in->point == MOXLAB_POINT_SEND) {
-		in->answer = efmp_send(b, &road, &outcome);
+		in->answer = efmp_send(b, &path, &outcome);
 	} else {
-		outcome = run_point(&road.run, in->point);
+		outcome = run_point(&path.run, in->point);
 	}
 
-	efmp_count(EFMP_INJECTED);
+	efmp_count(EFMP_COUNT_INJECTED);
 	in->outcome = outcome;
 	in->outcomes[outcome]++;
 	if (in->point != MOXLAB_POINT_SEND)
-		in->answer = road.run.answer;
-	in->hooks_run = road.run.hooks_run;
-	in->decided_at = road.run.decided_at;
-	memcpy(in->answers, road.run.answers, sizeof(in->answers));
-	in->left_ports = road.left_ports;
-	in->buffer_seq = road.run.seq;
-	in->header_valid = b && efmp_buff_peek(b, road.run.seq, in->header_out);
+		in->answer = path.run.answer;
+	in->hooks_run = path.run.hooks_run;
+	in->decided_at = path.run.decided_at;
+	memcpy(in->answers, path.run.answers, sizeof(in->answers));
+	in->left_ports = path.left_ports;
+	in->buffer_seq = path.run.seq;
+	in->header_valid = b && efmp_buff_peek(b, path.run.seq, in->header_out);
 	if (in->header_valid)
 		efmp_header_for_user(in->header_out);
 }

@@ -45,8 +45,8 @@ buff:
 }
 
 /*
- * No module that imports from here is left. Frames stop first, then what they
- * could have touched goes; the accounts come last, to name what nobody freed.
+ * No importing module is left. Frames stop first, then what they use goes; the
+ * accounts come last and report what was not freed.
  */
 static void __exit efmp_exit(void)
 {

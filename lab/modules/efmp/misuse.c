@@ -9,19 +9,9 @@
 #include <linux/printk.h>
 #include "efmp.h"
 
-static const char * const kinds[MOXLAB_MISUSE_COUNT] = {
-	[MOXLAB_MISUSE_DOUBLE_FREE] = "double free",
-	[MOXLAB_MISUSE_WRONG_OWNER] = "wrong owner",
-	[MOXLAB_MISUSE_UNKNOWN] = "unknown efbuff",
-	[MOXLAB_MISUSE_OVERRUN] = "write past the end",
-	[MOXLAB_MISUSE_AFTER_FREE] = "write after free",
-	[MOXLAB_MISUSE_LEAK] = "leak",
-	[MOXLAB_MISUSE_NOT_TAKEN] = "freed, not taken",
-	[MOXLAB_MISUSE_BAD_ANSWER] = "answer without a meaning",
-	[MOXLAB_MISUSE_BAD_HEADER] = "bad header",
-	[MOXLAB_MISUSE_CONTEXT] = "changed context",
-	[MOXLAB_MISUSE_WITHDRAWN] = "withdrawn service",
-};
+#define TEXT(id, name, text) text,
+static const char * const kinds[] = { MOXLAB_MISUSE_KINDS(TEXT) };
+#undef TEXT
 
 static atomic_t expected;
 static atomic_t unexpected;
@@ -85,7 +75,7 @@ static int commit_after_free(struct moxlab_settings *s)
 		return -ENOMEM;
 	module_free(b);
 	*((volatile u8 *)b + EFBUFF_FRAME) = 0;
-	/* Emptying the quarantine has the write seen now rather than some day. */
+	/* Emptying the quarantine detects the write now. */
 	s->set = 1;
 	s->quarantine = 0;
 	efmp_buff_settings(s);
@@ -109,7 +99,7 @@ static int commit_locked_send(void)
 {
 	struct efbuff *b;
 
-	/* Elsewhere nobody counts what is held. */
+	/* Other kernels do not count held locks. */
 	if (!IS_ENABLED(CONFIG_PREEMPT_COUNT))
 		return -EINVAL;
 	b = module_buff();

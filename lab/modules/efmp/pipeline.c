@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * pipeline.c - the road of a frame: becoming an efbuff, passing the hooks, being
- * forwarded, leaving.
+ * pipeline.c - the path of a frame: conversion to an efbuff, hooks, forwarding,
+ * transmission.
  */
 #include <linux/etherdevice.h>
 #include <linux/if_vlan.h>
@@ -75,25 +75,25 @@ void efmp_fill(struct efbuff *b, u32 len, void *src, const struct efmp_port *por
 
 void efmp_pipeline_skb(struct efmp_port *port, struct sk_buff *skb)
 {
-	struct efmp_road road = { .in = port, .run.tag = READ_ONCE(efmp_tag_mode) };
+	struct efmp_path path = { .in = port, .run.tag = READ_ONCE(efmp_tag_mode) };
 	u32 len = skb->len;
 	struct efbuff *b;
 
 	atomic64_inc(&port->rx);
-	efmp_count(EFMP_SEEN);
+	efmp_count(EFMP_COUNT_SEEN);
 	if (len < ETH_HLEN || len > MOXLAB_FRAME_MAX) {
-		efmp_count(EFMP_MALFORMED);
+		efmp_count(EFMP_COUNT_MALFORMED);
 		kfree_skb(skb);
 		return;
 	}
-	b = efmp_buff_new(EFBUFF_FRAME, len, MOXLAB_OWNER_PLATFORM, &road.run.seq);
+	b = efmp_buff_new(EFBUFF_FRAME, len, MOXLAB_OWNER_PLATFORM, &path.run.seq);
 	if (!b) {
-		efmp_count(EFMP_NO_MEMORY);
+		efmp_count(EFMP_COUNT_NO_MEMORY);
 		kfree_skb(skb);
 		return;
 	}
 	if (skb_copy_bits(skb, 0, efbuff_mac(b), len)) {
-		efmp_count(EFMP_MALFORMED);
+		efmp_count(EFMP_COUNT_MALFORMED);
 		efmp_buff_free(b);
 		kfree_skb(skb);
 		return;
@@ -106,10 +106,10 @@ void efmp_pipeline_skb(struct efmp_port *port, struct sk_buff *skb)
 	len = efmp_take_tags(b, len);
 	efmp_fill(b, len, port->intfcb, port);
 
-	road.run.buf = b;
+	path.run.buf = b;
 	local_bh_disable();
 	rcu_read_lock();
-	efmp_pipeline(&road);
+	efmp_pipeline(&path);
 	rcu_read_unlock();
 	local_bh_enable();
 }
@@ -141,42 +141,42 @@ static bool is_reserved_lev3(const u8 *mac)
 	return !memcmp(mac, ipv4, sizeof(ipv4)) || !memcmp(mac, ipv6, sizeof(ipv6));
 }
 
-static bool wants_resv(struct efbuff *b)
+static bool takes_resv(struct efbuff *b)
 {
 	const u8 *mac = efbuff_mac(b);
 
 	return has_ethernet(b) && (is_reserved_lev2(mac) || is_reserved_lev3(mac));
 }
 
-static bool wants_wlan(struct efbuff *b)
+static bool takes_wlan(struct efbuff *b)
 {
 	return lsm_lab_is_wlan(b->src_intf) || lsm_lab_is_wlan(b->dst_intf);
 }
 
-static bool wants_lev2(struct efbuff *b)
+static bool takes_lev2(struct efbuff *b)
 {
 	return !is_80211(b);
 }
 
-static bool wants_ipv4(struct efbuff *b)
+static bool takes_ipv4(struct efbuff *b)
 {
 	return b->kind == EFBUFF_KIND_IPV4;
 }
 
-static bool wants_ipv6(struct efbuff *b)
+static bool takes_ipv6(struct efbuff *b)
 {
 	return b->kind == EFBUFF_KIND_IPV6;
 }
 
 static const struct {
 	u32 point;
-	bool (*wants)(struct efbuff *b);
+	bool (*takes)(struct efbuff *b);
 } before_forwarding[] = {
-	{ MOXLAB_POINT_RESV, wants_resv },
-	{ MOXLAB_POINT_WLAN_IN, wants_wlan },
-	{ MOXLAB_POINT_LEV2, wants_lev2 },
-	{ MOXLAB_POINT_IPV4, wants_ipv4 },
-	{ MOXLAB_POINT_IPV6, wants_ipv6 },
+	{ MOXLAB_POINT_RESV, takes_resv },
+	{ MOXLAB_POINT_WLAN_IN, takes_wlan },
+	{ MOXLAB_POINT_LEV2, takes_lev2 },
+	{ MOXLAB_POINT_IPV4, takes_ipv4 },
+	{ MOXLAB_POINT_IPV6, takes_ipv6 },
 };
 
 static u32 outcome_of(enum efmp_verdict verdict)
@@ -278,7 +278,7 @@ static bool leave_by(struct efbuff *b, struct efmp_port *port, bool sent)
 	struct sk_buff *skb;
 
 	if (b->total_len < ETH_HLEN || b->total_len > max) {
-		efmp_count(EFMP_MALFORMED);
+		efmp_count(EFMP_COUNT_MALFORMED);
 		goto drop;
 	}
 	/* Or it would be on record as having left. */
@@ -286,7 +286,7 @@ static bool leave_by(struct efbuff *b, struct efmp_port *port, bool sent)
 		goto drop;
 	skb = build_skb_of(b, port->dev);
 	if (!skb) {
-		efmp_count(EFMP_NO_MEMORY);
+		efmp_count(EFMP_COUNT_NO_MEMORY);
 		goto drop;
 	}
 	/* Recorded before it goes: an answer to it could be recorded first. */
@@ -308,11 +308,11 @@ static u32 leave(struct efbuff *b, const struct way *way, bool sent)
 
 	if (way->only) {
 		left = leave_by(b, way->only, sent);
-		efmp_count(left ? EFMP_FORWARDED : EFMP_NOWHERE);
+		efmp_count(left ? EFMP_COUNT_FORWARDED : EFMP_COUNT_NOWHERE);
 		return left;
 	}
 	if (way->sink) {
-		efmp_count(EFMP_FORWARDED);
+		efmp_count(EFMP_COUNT_FORWARDED);
 		efmp_left_add(b, ((struct lsm_intfcb *)way->sink)->ifindex,
 			      MOXLAB_OUT_LEFT, sent);
 		return 1;
@@ -320,57 +320,56 @@ static u32 leave(struct efbuff *b, const struct way *way, bool sent)
 	list_for_each_entry_rcu(port, &efmp_ports, list)
 		if (port != way->except)
 			left += leave_by(b, port, sent);
-	efmp_count(left ? EFMP_FLOODED : EFMP_NOWHERE);
+	efmp_count(left ? EFMP_COUNT_FLOODED : EFMP_COUNT_NOWHERE);
 	return left;
 }
 
 /*
- * The way out, past the output functions, once for a frame even where it leaves
- * by many ports; one that was sent meets them in any case. The buffer is gone
- * afterwards.
+ * Runs the output functions, once for a frame even if it leaves by many ports, and
+ * for a sent frame even if it leaves by none; then transmits. Frees the buffer.
  */
-static u32 go_out(struct efmp_road *road, bool sent)
+static u32 go_out(struct efmp_path *path, bool sent)
 {
-	struct efbuff *b = road->run.buf;
+	struct efbuff *b = path->run.buf;
 	enum efmp_verdict verdict;
 	struct way way;
-	bool found = find_way(b, road->in, &way);
+	bool found = find_way(b, path->in, &way);
 
 	/* A forwarded frame is about to leave only when there is a way. */
 	if (found || sent) {
-		verdict = efmp_hooks_run(&road->run, MOXLAB_POINT_OUTPUT);
+		verdict = efmp_hooks_run(&path->run, MOXLAB_POINT_OUTPUT);
 		if (verdict != EFMP_GO_ON)
 			return outcome_of(verdict);
 	}
 	if (found) {
-		road->left_ports = leave(b, &way, sent);
+		path->left_ports = leave(b, &way, sent);
 	} else {
-		efmp_count(EFMP_NOWHERE);
+		efmp_count(EFMP_COUNT_NOWHERE);
 		efmp_left_add(b, 0, MOXLAB_OUT_NOWHERE, sent);
 	}
 	efmp_buff_free(b);
-	return road->left_ports ? MOXLAB_OUT_LEFT : MOXLAB_OUT_NOWHERE;
+	return path->left_ports ? MOXLAB_OUT_LEFT : MOXLAB_OUT_NOWHERE;
 }
 
-u32 efmp_pipeline(struct efmp_road *road)
+u32 efmp_pipeline(struct efmp_path *path)
 {
-	struct efbuff *b = road->run.buf;
+	struct efbuff *b = path->run.buf;
 	enum efmp_verdict verdict;
 	int i;
 
-	if (road->in && has_ethernet(b))
-		efmp_fdb_learn(efbuff_mac(b) + ETH_ALEN, road->in);
-	if (!road->dst_fixed)
+	if (path->in && has_ethernet(b))
+		efmp_fdb_learn(efbuff_mac(b) + ETH_ALEN, path->in);
+	if (!path->dst_fixed)
 		set_destination(b);
 
 	for (i = 0; i < ARRAY_SIZE(before_forwarding); i++) {
-		if (!before_forwarding[i].wants(b))
+		if (!before_forwarding[i].takes(b))
 			continue;
-		verdict = efmp_hooks_run(&road->run, before_forwarding[i].point);
+		verdict = efmp_hooks_run(&path->run, before_forwarding[i].point);
 		if (verdict != EFMP_GO_ON)
 			return outcome_of(verdict);
 	}
-	return go_out(road, false);
+	return go_out(path, false);
 }
 
 /* ---- Sends ---------------------------------------------------------------- */
@@ -418,7 +417,7 @@ static int send_result(u32 outcome, const u8 *dst)
 	return is_multicast_ether_addr(dst) ? SEND_MULTICAST : SEND_NORMAL;
 }
 
-int efmp_send(struct efbuff *b, struct efmp_road *road, u32 *outcome)
+int efmp_send(struct efbuff *b, struct efmp_path *path, u32 *outcome)
 {
 	struct moxlab_outcome_override o;
 	u8 dst[ETH_ALEN] __aligned(2);
@@ -427,14 +426,14 @@ int efmp_send(struct efbuff *b, struct efmp_road *road, u32 *outcome)
 	int result;
 
 	*outcome = MOXLAB_OUT_NOWHERE;
-	efmp_count(EFMP_SENDS);
-	if (!efmp_buff_adopt(b, &road->run.seq, &size))
+	efmp_count(EFMP_COUNT_SENDS);
+	if (!efmp_buff_adopt(b, &path->run.seq, &size))
 		return SEND_DROP;
 	overridden = take_override(&o);
 	if (!header_fits(b, size)) {
 		efmp_misuse(MOXLAB_MISUSE_BAD_HEADER,
 			    "efbuff %u handed over with MAC header at %u, network header at %u, length %u, but %u bytes in all",
-			    road->run.seq, b->mac_offset, b->net_offset, b->total_len, size);
+			    path->run.seq, b->mac_offset, b->net_offset, b->total_len, size);
 		efmp_buff_free(b);
 		return SEND_DROP;
 	}
@@ -443,15 +442,15 @@ int efmp_send(struct efbuff *b, struct efmp_road *road, u32 *outcome)
 		return o.outcome;
 	}
 	memcpy(dst, efbuff_mac(b), ETH_ALEN);
-	road->run.buf = b;
+	path->run.buf = b;
 
 	local_bh_disable();
 	rcu_read_lock();
-	road->in = efmp_port_by_block(b->src_intf);
+	path->in = efmp_port_by_block(b->src_intf);
 	/* A named destination is meant, even where the frame comes from. */
-	if (efmp_port_by_block(b->dst_intf) == road->in)
-		road->in = NULL;
-	*outcome = go_out(road, true);
+	if (efmp_port_by_block(b->dst_intf) == path->in)
+		path->in = NULL;
+	*outcome = go_out(path, true);
 	rcu_read_unlock();
 	local_bh_enable();
 
@@ -461,7 +460,7 @@ int efmp_send(struct efbuff *b, struct efmp_road *road, u32 *outcome)
 
 int efmp_output_pkt(void *efbuff)
 {
-	struct efmp_road road = { .run.tag = READ_ONCE(efmp_tag_mode) };
+	struct efmp_path path = { .run.tag = READ_ONCE(efmp_tag_mode) };
 	u32 outcome;
 
 	/* A caller in a softirq may hold what it likes there, one in a process
@@ -471,6 +470,6 @@ int efmp_output_pkt(void *efbuff)
 			    "a send with preempt count 0x%x, interrupts %s, by %pS",
 			    preempt_count(), irqs_disabled() ? "off" : "on",
 			    __builtin_return_address(0));
-	return efmp_send(efbuff, &road, &outcome);
+	return efmp_send(efbuff, &path, &outcome);
 }
 EXPORT_SYMBOL(efmp_output_pkt);

@@ -76,9 +76,8 @@ int efmp_port_attach(struct efmp_port *port, u32 flags)
 }
 
 /*
- * Nobody finds the port by its list or by a learned address afterwards, and
- * nobody who found it before still holds it. Its frames must have stopped
- * coming in already.
+ * Afterwards the port is in no list and behind no learned address, and no reader
+ * that found it before still uses it. The caller has stopped its frames already.
  */
 void efmp_port_detach(struct efmp_port *port)
 {
@@ -106,7 +105,7 @@ static bool xmit_device(struct efmp_port *port, struct sk_buff *skb)
 static void receive_one(struct efmp_port *port, struct sk_buff *skb)
 {
 	if (skb->ip_summed == CHECKSUM_PARTIAL && skb_checksum_help(skb)) {
-		efmp_count(EFMP_NO_MEMORY);
+		efmp_count(EFMP_COUNT_NO_MEMORY);
 		kfree_skb(skb);
 		return;
 	}
@@ -128,7 +127,7 @@ static void receive(struct efmp_port *port, struct sk_buff *skb)
 	}
 	segments = skb_gso_segment(skb, 0);
 	if (IS_ERR_OR_NULL(segments)) {
-		efmp_count(EFMP_MALFORMED);
+		efmp_count(EFMP_COUNT_MALFORMED);
 		kfree_skb(skb);
 		return;
 	}
@@ -149,7 +148,7 @@ static rx_handler_result_t rx_handler(struct sk_buff **pskb)
 		return RX_HANDLER_PASS;
 	skb = skb_share_check(*pskb, GFP_ATOMIC);
 	if (!skb) {
-		efmp_count(EFMP_NO_MEMORY);
+		efmp_count(EFMP_COUNT_NO_MEMORY);
 		return RX_HANDLER_CONSUMED;
 	}
 	receive(port, skb);

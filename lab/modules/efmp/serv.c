@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * serv.c - the services that the platform publishes, and who wants to hear of it.
+ * serv.c - the services that the platform publishes, and their change handlers.
  */
 #include <linux/etherdevice.h>
 #include <linux/module.h>
@@ -12,18 +12,18 @@
 /*
  * Two entry points for each service, so that one can take the other's place.
  *
- * What a withdrawal promises: when the verb returns, every handler has been told
- * and every hook that ran meanwhile has come back, so a drop service that is
- * called later was kept by somebody who should not have. The local MAC is asked
- * for in process context, outside any section that could be waited for: a sender
- * that took the pointer before may still call. Entry points therefore stay good
- * until this module is unloaded, which its importers prevent.
+ * When the verb of a withdrawal returns, every handler and every hook that ran
+ * meanwhile has returned, so a later call of a drop service is a bug of the
+ * caller. The local MAC is looked up in process context, outside any section that
+ * could be waited for: a sender that took the pointer before may still call it.
+ * Entry points therefore stay valid until this module is unloaded, which its
+ * importers prevent.
  */
 struct entry {
 	void *func;
 	s32 result;
 	u8 mac[ETH_ALEN]; /* LOCAL_MAC; zero: the host port's */
-	bool gone;        /* withdrawn or replaced, and nobody may still be in it */
+	bool gone;        /* withdrawn or replaced: a call is misuse, or late */
 	atomic_t calls;
 };
 
@@ -48,7 +48,7 @@ static int drop_wlan_1(void *efbuff);
 enum { LOCAL_MAC, DROP, DROP_WLAN };
 
 static struct service services[] = {
-	/* A device knows its own address from the start. */
+	/* A device has its own address from the start. */
 	[LOCAL_MAC] = { .service_class = 11, .instance = 10, .published = true,
 			.entries = { { local_mac_0 }, { local_mac_1 } } },
 	[DROP] = { .service_class = 32, .instance = 0,
@@ -234,7 +234,7 @@ bool efmp_serv_nth_handler(u32 n, struct moxlab_reg_rec *rec)
 }
 
 /* Under serv_lock. */
-static void tell(u32 event, const struct moxlab_service *v, const void *func)
+static void call_handlers(u32 event, const struct moxlab_service *v, const void *func)
 {
 	int i;
 
@@ -273,7 +273,7 @@ static void publish(struct service *s, const struct moxlab_service *v)
 	WRITE_ONCE(e->gone, false);
 	s->current_entry = v->entry;
 	s->published = true;
-	tell(0, v, e->func);
+	call_handlers(0, v, e->func);
 	if (old != e)
 		bid_farewell(old);
 }
@@ -284,7 +284,7 @@ static void withdraw(struct service *s, const struct moxlab_service *v)
 	struct entry *e = &s->entries[s->current_entry];
 
 	s->published = false;
-	tell(1, v, e->func);
+	call_handlers(1, v, e->func);
 	bid_farewell(e);
 }
 
@@ -295,7 +295,7 @@ static void event(struct service *s, const struct moxlab_service *v)
 
 	if (e && v->event == 0)
 		WRITE_ONCE(e->gone, false);
-	tell(v->event, v, e ? e->func : NULL);
+	call_handlers(v->event, v, e ? e->func : NULL);
 }
 
 int efmp_serv_verb(struct moxlab_service *v)

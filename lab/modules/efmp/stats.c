@@ -21,9 +21,6 @@ void efmp_stats_read(struct moxlab_stats *s)
 
 #define SAME(field, stat) \
 	BUILD_BUG_ON(offsetof(struct moxlab_stats, field) != (stat) * sizeof(u64))
-	SAME(seen, EFMP_SEEN);
-	SAME(no_memory, EFMP_NO_MEMORY);
-	SAME(sends, EFMP_SENDS);
 	SAME(point_frames, EFMP_POINT_FRAMES);
 	SAME(point_taken, EFMP_POINT_TAKEN);
 	SAME(fdb_entries, EFMP_STATS);

@@ -1,16 +1,20 @@
 # SPDX-License-Identifier: GPL-2.0
-# For the tests of the build's own checks: names, filter and result lines as
+# For the tests of the build's own checks: names, filter and JSON results as
 # GoogleTest has them, so that tests/host/run counts these with the others.
-# The sourcing script defines usage() and lists its cases with `test_case`.
+# The sourcing script defines usage(), lists its cases with `test_case`, and
+# ends with `finish`.
 
 root=${MOX_ROOT:-$(cd "$(dirname "${BASH_SOURCE[0]}")/../../.." && pwd)}
 fwd=$root/ef/ef_service/af_packet/packet_forward
 pattern='*'
 failures=0
+json=
+results=()
 
 for argument in "$@"; do
     case $argument in
         --gtest_filter=*) pattern=${argument#*=} ;;
+        --gtest_output=json:*) json=${argument#*:} ;;
         --gtest_*) ;;
         -h|--help) usage; exit 0 ;;
         *) echo "$(basename "$0"): unknown option '$argument'" >&2; usage >&2; exit 2 ;;
@@ -43,6 +47,18 @@ selected() {
     return 1
 }
 
+# result SUITE.TEST [MEMBERS]
+result() {
+    results+=("{\"name\":\"${1%%.*}\",\"testsuite\":[{\"name\":\"${1#*.}\",\"result\":\"COMPLETED\"${2:-}}]}")
+}
+
+# Writes the results; a script that dies before has none.
+finish() {
+    local IFS=,
+    [ -z "$json" ] || printf '{"testsuites":[%s]}\n' "${results[*]}" >"$json"
+    exit $((failures != 0))
+}
+
 # test_case NAME COMMAND...: the command's output is shown when it fails.
 test_case() {
     local name=$1
@@ -50,9 +66,11 @@ test_case() {
     selected "$name" || return 0
     if "$@" >"$scratch/output" 2>&1; then
         echo "[       OK ] $name (0 ms)"
+        result "$name"
     else
         cat "$scratch/output"
         echo "[  FAILED  ] $name (0 ms)"
         failures=$((failures + 1))
+        result "$name" ',"failures":[{}]'
     fi
 }

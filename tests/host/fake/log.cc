@@ -56,8 +56,8 @@ std::string render(const char *f, va_list args)
             continue;
         }
         std::string spec = "%";
-        for (f++; *f && std::strchr("-+ #0123456789.lhz", *f); f++)
-            spec += *f;
+        for (f++; *f && std::strchr("-+ #0123456789.*lhz", *f); f++)
+            spec += *f == '*' ? std::to_string(va_arg(args, int)) : std::string(1, *f);
         bool is_long = spec.find('l') != std::string::npos || spec.find('z') != std::string::npos;
         char c = *f++;
         spec += c;

@@ -21,10 +21,10 @@ public:
 	explicit Owned(T *object) : object_(object)
 	{
 	}
-	Owned(Owned &&other) : object_(other.release())
+	Owned(Owned &&other) noexcept : object_(other.release())
 	{
 	}
-	Owned &operator=(Owned &&other)
+	Owned &operator=(Owned &&other) noexcept
 	{
 		T *old = object_;
 		object_ = other.release();

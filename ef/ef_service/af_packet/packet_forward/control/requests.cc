@@ -221,8 +221,9 @@ int mox_packet_msg_recv(sk_buff *, genl_info *info)
 	const u8 *payload = static_cast<const u8 *>(message) + kRecord;
 	u32 reach = len - kRecord;
 	__builtin_memcpy(&record, payload, reach < sizeof(record) ? reach : sizeof(record));
-	deal(&record, requested_name(payload + kBody, reach > kBody ? reach - kBody : 0),
-	     seam_genl_client(info));
+	RequestedName name = reach > kBody ? requested_name(payload + kBody, reach - kBody) :
+					     RequestedName{ "", 0 };
+	deal(&record, name, seam_genl_client(info));
 	return 0;
 }
 

@@ -24,10 +24,10 @@ enum class ChangeLock {
  */
 template <ChangeLock which, typename Change> void change_rule(mox_packet_sock *po, Change change)
 {
-	constexpr bool bind = which == ChangeLock::kBind;
-	seam_spinlock *lock = bind ? &po->bind_lock : &po->rule_lock;
+	constexpr bool kBind = which == ChangeLock::kBind;
+	seam_spinlock *lock = kBind ? &po->bind_lock : &po->rule_lock;
 
-	if constexpr (bind) {
+	if constexpr (kBind) {
 		bool running;
 		{
 			SpinGuard guard(lock);
@@ -39,7 +39,7 @@ template <ChangeLock which, typename Change> void change_rule(mox_packet_sock *p
 			mox_packet_remove_regular(&po->regular);
 	}
 	SpinGuard guard(lock);
-	if (!bind && po_flag(po, PO_RUNNING)) {
+	if (!kBind && po_flag(po, PO_RUNNING)) {
 		mox_packet_remove_regular(&po->regular);
 		po_clear_running(po);
 	}
@@ -48,10 +48,10 @@ template <ChangeLock which, typename Change> void change_rule(mox_packet_sock *p
 		return;
 	if (re_enter == ReEnter::kWithLocation && po->regular.location == PACKET_NONE_LOC)
 		return;
-	if constexpr (bind)
+	if constexpr (kBind)
 		po_set_running(po);
 	mox_packet_add_regular(&po->regular);
-	if constexpr (!bind)
+	if constexpr (!kBind)
 		po_set_running(po);
 }
 
