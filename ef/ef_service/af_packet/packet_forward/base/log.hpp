@@ -9,10 +9,10 @@
 #include "platform.h"
 #include "base/sync.hpp"
 
-/* printk's level markers. */
-#define MOX_KERN_EMERG "\001" "0"
-#define MOX_KERN_ERR "\001" "3"
-#define MOX_KERN_INFO "\001" "6"
+/* printk's level markers: the byte 1 and a digit. */
+#define MOX_KERN_EMERG "\0010"
+#define MOX_KERN_ERR "\0013"
+#define MOX_KERN_INFO "\0016"
 
 extern "C" {
 /**
