@@ -102,15 +102,15 @@ enum mox_packet_rule_type {
  * kernel's own PACKET_STATISTICS, PACKET_AUXDATA and PACKET_ORIGDEV.
  */
 enum mox_packet_option {
-	MOX_PACKET_STATISTICS = 6,  /* get: struct mox_packet_stats; clears every counter */
-	MOX_PACKET_AUXDATA = 8,     /* get: int, 0 */
-	MOX_PACKET_ORIGDEV = 9,     /* get: int, 0 */
-	MOX_PACKET_ADD_RULE = 11,   /* set: struct mox_packet_rule */
-	MOX_PACKET_DEL_RULE = 12,   /* set: struct mox_packet_rule */
-	PACKET_TREATMENT = 15,      /* set: u32, enum mox_packet_treatment */
-	PACKET_CTRL_INFO = 16,      /* set: u32, 0 off */
-	PACKET_LOCATION = 17,       /* set: u32, enum mox_packet_location */
-	MOX_PACKET_DUMP_SOCKET = 18, /* set: no argument; report to the kernel log */
+	MOX_PACKET_STATISTICS = 6,    /* get: struct mox_packet_stats; clears every counter */
+	MOX_PACKET_AUXDATA = 8,       /* get: int, 0 */
+	MOX_PACKET_ORIGDEV = 9,       /* get: int, 0 */
+	MOX_PACKET_ADD_RULE = 11,     /* set: struct mox_packet_rule */
+	MOX_PACKET_DEL_RULE = 12,     /* set: struct mox_packet_rule */
+	PACKET_TREATMENT = 15,        /* set: u32, enum mox_packet_treatment */
+	PACKET_CTRL_INFO = 16,        /* set: u32, 0 off */
+	PACKET_LOCATION = 17,         /* set: u32, enum mox_packet_location */
+	MOX_PACKET_DUMP_SOCKET = 18,  /* set: no argument; report to the kernel log */
 	MOX_PACKET_CONTROL_HOOK = 19, /* set: up to 40 bytes for the platform's handler */
 };
 
@@ -179,11 +179,11 @@ struct mox_packet_stats {
 
 /** Bits of mox_packet_ctrl_info::flags as set on received frames. */
 enum mox_packet_recv_flags {
-	MOX_RECV_TRACE = 0x00020002,     /* the platform's trace mark */
-	MOX_RECV_EF_40000 = 0x4,         /* efbuff flag 0x40000 */
-	MOX_RECV_EF_80 = 0x800,          /* efbuff flag 0x80 */
-	MOX_RECV_NO_L2 = 0x1000,         /* the frame has no layer-2 header */
-	MOX_RECV_WLAN_800000 = 0x80000,  /* WLAN flag 0x800000 */
+	MOX_RECV_TRACE = 0x00020002,    /* the platform's trace mark */
+	MOX_RECV_EF_40000 = 0x4,        /* efbuff flag 0x40000 */
+	MOX_RECV_EF_80 = 0x800,         /* efbuff flag 0x80 */
+	MOX_RECV_NO_L2 = 0x1000,        /* the frame has no layer-2 header */
+	MOX_RECV_WLAN_800000 = 0x80000, /* WLAN flag 0x800000 */
 };
 
 /**
@@ -195,25 +195,25 @@ enum mox_packet_recv_flags {
  * than the msg_controllen passed in.
  */
 struct mox_packet_ctrl_info {
-	uint32_t pkt_ifx;        /* interface the frame came in on */
-	uint32_t pkt_origifx;    /* original interface */
-	uint32_t pkt_l2ifx;      /* layer-2 interface */
-	uint32_t pkt_dst_l2ifx;  /* not filled on receive: 0 */
-	uint16_t eth_type;       /* network order, as in the frame */
-	uint16_t vlan;           /* priority in the low 4 bits, VLAN id above */
+	uint32_t pkt_ifx;       /* interface the frame came in on */
+	uint32_t pkt_origifx;   /* original interface */
+	uint32_t pkt_l2ifx;     /* layer-2 interface */
+	uint32_t pkt_dst_l2ifx; /* not filled on receive: 0 */
+	uint16_t eth_type;      /* network order, as in the frame */
+	uint16_t vlan;          /* priority in the low 4 bits, VLAN id above */
 	uint16_t reserved20;
 	uint16_t inner_vid;
-	uint32_t flags;          /* enum mox_packet_recv_flags */
-	uint32_t word28;         /* passed through by the platform */
-	uint16_t inner_vlan;     /* second VLAN id, low 12 bits */
-	uint16_t ex_inner_vlan;  /* the same again */
-	uint16_t l2_len;         /* layer-2 header length */
-	uint16_t half38;         /* passed through by the platform */
+	uint32_t flags;         /* enum mox_packet_recv_flags */
+	uint32_t word28;        /* passed through by the platform */
+	uint16_t inner_vlan;    /* second VLAN id, low 12 bits */
+	uint16_t ex_inner_vlan; /* the same again */
+	uint16_t l2_len;        /* layer-2 header length */
+	uint16_t half38;        /* passed through by the platform */
 	uint16_t wlan_id;
 	uint16_t ap_wlan_id;
 	uint8_t radio_id;
-	uint8_t proxy_capture;   /* passed through by the platform */
-	uint16_t reserved46;     /* 0 */
+	uint8_t proxy_capture; /* passed through by the platform */
+	uint16_t reserved46;   /* 0 */
 };
 
 /**
@@ -221,15 +221,15 @@ struct mox_packet_ctrl_info {
  * outgoing buffer; what the platform does with it is the platform's.
  */
 enum mox_packet_send_flags {
-	MOX_SEND_DEBUG = 0x2,             /* trace this frame; log its outcome as a debug packet's */
-	MOX_SEND_EF_40000 = 0x4,          /* efbuff flag 0x40000 */
-	MOX_SEND_VXLAN_ENCAP = 0x100,     /* send flag 0x1 */
-	MOX_SEND_BLOCK = 0x200,           /* send flag 0x2 */
-	MOX_SEND_400 = 0x400,             /* send flag 0x4 */
-	MOX_SEND_4000 = 0x4000,           /* send flag 0x20 */
-	MOX_SEND_10000 = 0x10000,         /* send flag 0x40 */
-	MOX_SEND_20000 = 0x20000,         /* send flag 0x80 */
-	MOX_SEND_NO_ACL = 0x40000,        /* send flag 0x8: do not match access lists */
+	MOX_SEND_DEBUG = 0x2,         /* trace this frame; log its outcome as a debug packet's */
+	MOX_SEND_EF_40000 = 0x4,      /* efbuff flag 0x40000 */
+	MOX_SEND_VXLAN_ENCAP = 0x100, /* send flag 0x1 */
+	MOX_SEND_BLOCK = 0x200,       /* send flag 0x2 */
+	MOX_SEND_400 = 0x400,         /* send flag 0x4 */
+	MOX_SEND_4000 = 0x4000,       /* send flag 0x20 */
+	MOX_SEND_10000 = 0x10000,     /* send flag 0x40 */
+	MOX_SEND_20000 = 0x20000,     /* send flag 0x80 */
+	MOX_SEND_NO_ACL = 0x40000,    /* send flag 0x8: do not match access lists */
 	MOX_SEND_PROXY_CAPTURE = 0x100000, /* send flag 0x10: proxy_capture is valid */
 };
 
@@ -249,10 +249,10 @@ enum mox_packet_send_flags {
 
 /** mox_packet_request::msg_type. */
 enum mox_packet_msg_type {
-	MOX_MSG_SHOW_FIRST = 0,   /* 0 to 7: report of location msg_type + 1 */
+	MOX_MSG_SHOW_FIRST = 0, /* 0 to 7: report of location msg_type + 1 */
 	MOX_MSG_SHOW_LAST = 7,
-	MOX_MSG_SHOW_ALL = 8,     /* the eight reports in a row */
-	MOX_MSG_SHOW_QUEUES = 9,  /* fill of the per-CPU queues */
+	MOX_MSG_SHOW_ALL = 8,    /* the eight reports in a row */
+	MOX_MSG_SHOW_QUEUES = 9, /* fill of the per-CPU queues */
 	MOX_MSG_SHOW_MEMORY = 10,
 	MOX_MSG_SHOW_NAME = 11,   /* body: name; the sockets of a process name */
 	MOX_MSG_SHOW_PID = 12,    /* body: pid; the sockets of a process id */
@@ -264,14 +264,14 @@ enum mox_packet_msg_type {
 
 /** mox_packet_request::body.debug.type. */
 enum mox_packet_debug_type {
-	MOX_DEBUG_GENERAL = 0,        /* every tagged line hangs on it */
-	MOX_DEBUG_DELIVER_FIRST = 1,  /* 1 to 8: delivery, by location */
+	MOX_DEBUG_GENERAL = 0,       /* every tagged line hangs on it */
+	MOX_DEBUG_DELIVER_FIRST = 1, /* 1 to 8: delivery, by location */
 	MOX_DEBUG_DELIVER_LAST = 8,
 	MOX_DEBUG_DELIVER_ALL = 9,
 	MOX_DEBUG_RECEIVE_FIRST = 10, /* 10 to 17: receive hooks, by location + 9 */
 	MOX_DEBUG_RECEIVE_LAST = 17,
 	MOX_DEBUG_RECEIVE_ALL = 18,
-	MOX_DEBUG_HOOK_FIRST = 19,    /* 19 to 26: hooks, by location + 18; 1 takes one away */
+	MOX_DEBUG_HOOK_FIRST = 19, /* 19 to 26: hooks, by location + 18; 1 takes one away */
 	MOX_DEBUG_HOOK_LAST = 26,
 	MOX_DEBUG_HOOK_ALL = 27,
 };
@@ -291,15 +291,15 @@ enum mox_packet_filter_flags {
 
 /** The debug packet filter: whole addresses, no masks. */
 struct mox_packet_filter {
-	uint8_t enable;       /* 0: not in force */
+	uint8_t enable; /* 0: not in force */
 	uint8_t reserved[3];
-	uint32_t flags;       /* enum mox_packet_filter_flags; 0: every packet */
-	uint32_t vid;         /* VLAN id in the low 12 bits */
+	uint32_t flags; /* enum mox_packet_filter_flags; 0: every packet */
+	uint32_t vid;   /* VLAN id in the low 12 bits */
 	uint8_t src_mac[6];
 	uint8_t dst_mac[6];
 	uint32_t src_intf;
 	uint32_t dst_intf;
-	uint8_t src_ipv4[4];  /* addresses in network order */
+	uint8_t src_ipv4[4]; /* addresses in network order */
 	uint8_t dst_ipv4[4];
 	uint8_t src_ipv6[16];
 	uint8_t dst_ipv6[16];

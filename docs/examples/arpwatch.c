@@ -28,8 +28,7 @@ int main(void)
 
 	int fd = socket(MOX_PACKET_FAMILY, SOCK_RAW, 0);
 	/* The rule and the treatment first: the location is what starts the capture. */
-	if (fd < 0 ||
-	    setsockopt(fd, MOX_SOL_PACKET, MOX_PACKET_ADD_RULE, rule, rule_len) ||
+	if (fd < 0 || setsockopt(fd, MOX_SOL_PACKET, MOX_PACKET_ADD_RULE, rule, rule_len) ||
 	    set_u32(fd, PACKET_TREATMENT, PACKET_COPY) || set_u32(fd, PACKET_CTRL_INFO, 1) ||
 	    set_u32(fd, PACKET_LOCATION, PACKET_LEV2_LOC)) {
 		perror("arpwatch: cannot open the capture socket");
@@ -53,9 +52,9 @@ int main(void)
 		if (len < 14 + 28)
 			continue;
 		printf("if %u vlan %u: %u.%u.%u.%u (%02x:%02x:%02x:%02x:%02x:%02x) %s %u.%u.%u.%u\n",
-		       ctrl.pkt_ifx, ctrl.vlan >> 4, a[14], a[15], a[16], a[17], a[8], a[9],
-		       a[10], a[11], a[12], a[13], a[7] == 1 ? "asks for" : "answers", a[24],
-		       a[25], a[26], a[27]);
+		       ctrl.pkt_ifx, ctrl.vlan >> 4, a[14], a[15], a[16], a[17], a[8], a[9], a[10],
+		       a[11], a[12], a[13], a[7] == 1 ? "asks for" : "answers", a[24], a[25], a[26],
+		       a[27]);
 		fflush(stdout);
 	}
 }

@@ -12,4 +12,4 @@ void filter_instructions(unsigned batches);
 /// guest's clock. Returns the command's status.
 int with_sockets(unsigned count, char **command);
 
-}  // namespace bench
+} // namespace bench

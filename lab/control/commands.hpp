@@ -16,25 +16,25 @@ namespace moxlab {
 /// error, so that a mistyped option cannot pass unseen.
 class Arguments {
 public:
-    explicit Arguments(std::vector<std::string> words) : words_(std::move(words)) {}
+	explicit Arguments(std::vector<std::string> words) : words_(std::move(words)) {}
 
-    std::string word(std::string_view what);
-    std::optional<std::string> word_if_any();
-    std::optional<std::string> option(std::string_view name);
-    bool flag(std::string_view name);
-    void end() const;
+	std::string word(std::string_view what);
+	std::optional<std::string> word_if_any();
+	std::optional<std::string> option(std::string_view name);
+	bool flag(std::string_view name);
+	void end() const;
 
 private:
-    std::vector<std::string> words_;
+	std::vector<std::string> words_;
 };
 
 struct Command {
-    std::string_view name;
-    std::string_view usage;  ///< what follows the name
-    std::string_view help;
-    void (*run)(const Device &lab, Arguments args);
+	std::string_view name;
+	std::string_view usage; ///< what follows the name
+	std::string_view help;
+	void (*run)(const Device &lab, Arguments args);
 };
 
 extern const std::span<const Command> kCommands;
 
-}  // namespace moxlab
+} // namespace moxlab

@@ -34,8 +34,8 @@
 #define MOXLAB_OWNER_PLATFORM 0x01
 #define MOXLAB_OWNER_MODULE 0x93
 
-#define MOXLAB_NAME_LEN 32   /* interface names, NUL included */
-#define MOXLAB_SYMBOL_LEN 64 /* function names, NUL included */
+#define MOXLAB_NAME_LEN 32    /* interface names, NUL included */
+#define MOXLAB_SYMBOL_LEN 64  /* function names, NUL included */
 #define MOXLAB_HEADER_LEN 192 /* the part of an efbuff header that is public */
 #define MOXLAB_HEADER_ALL 256 /* the whole of it: the rest is the platform's own */
 #define MOXLAB_FRAME_MAX 65535
@@ -69,9 +69,11 @@ enum moxlab_set { MOXLAB_FIELDS(MOXLAB_SET_ROW) };
 /* Bits of moxlab_inject.options. */
 #define MOXLAB_INJ_TAG_CLEAR 0x1u /* per-CPU buffer word with bit 0 clear */
 #define MOXLAB_INJ_TAG_SET 0x2u   /* ... set; neither: the platform alternates */
-#define MOXLAB_INJ_HARD_SOFTIRQ 0x4u /* run inside a softirq proper, not merely
+#define MOXLAB_INJ_HARD_SOFTIRQ \
+	0x4u /* run inside a softirq proper, not merely
 				      * with bottom halves disabled */
-#define MOXLAB_INJ_CALL 0x8u      /* call the function at address function instead
+#define MOXLAB_INJ_CALL \
+	0x8u /* call the function at address function instead
 				   * of what is registered at the point */
 
 #define MOXLAB_OUT_ROW(id, name) MOXLAB_OUT_##id,
@@ -92,32 +94,32 @@ struct moxlab_inject {
 	__u32 frame_len;    /* bytes at frame, 1 to MOXLAB_FRAME_MAX */
 	__u64 frame;        /* user pointer to the bytes from the MAC header on */
 
-	__u32 src_ifindex;  /* header offset 4: that interface's block, or MOXLAB_NO_BLOCK */
-	__u32 dst_ifindex;  /* 8: the same */
+	__u32 src_ifindex; /* header offset 4: that interface's block, or MOXLAB_NO_BLOCK */
+	__u32 dst_ifindex; /* 8: the same */
 #define MOXLAB_WORD_ROW(field, ...) __u32 field;
 #define MOXLAB_HALF_ROW(field, ...) __u16 field;
 #define MOXLAB_BYTE_ROW(field, ...) __u8 field;
 	MOXLAB_WORDS(MOXLAB_WORD_ROW)
 	MOXLAB_HALVES(MOXLAB_HALF_ROW)
 	MOXLAB_BYTES(MOXLAB_BYTE_ROW)
-	__u8 reserved[6];   /* 0 */
-	__u64 function;     /* INJ_CALL: a function of mox_ef_socket's */
+	__u8 reserved[6];               /* 0 */
+	__u64 function;                 /* INJ_CALL: a function of mox_ef_socket's */
 	char symbol[MOXLAB_SYMBOL_LEN]; /* not empty: only the function of that
 					 * name, "mox_packet_local_rcv" */
 	__u8 header[MOXLAB_HEADER_LEN]; /* MOXLAB_SET_HEADER; the pointers at 4
 					 * and 8 are the platform's all the same */
 
 	/* out, about the last frame */
-	__u32 outcome;      /* enum moxlab_outcome */
-	__u32 answer;       /* raw answer of the last function that ran; for SEND
+	__u32 outcome;                 /* enum moxlab_outcome */
+	__u32 answer;                  /* raw answer of the last function that ran; for SEND
 			     * the outcome number of efmp_output_pkt() */
-	__u32 hooks_run;    /* functions that ran */
-	__u32 decided_at;   /* the point that took or freed it, else PIPELINE */
+	__u32 hooks_run;               /* functions that ran */
+	__u32 decided_at;              /* the point that took or freed it, else PIPELINE */
 	__u32 answers[MOXLAB_ANSWERS]; /* of the first functions, in order */
 	__u32 ran_on_cpu;
-	__u32 left_ports;   /* ports it left by */
-	__u32 buffer_seq;   /* sequence number of its efbuff */
-	__u32 header_valid; /* header_out holds it as the hooks left it. A taken
+	__u32 left_ports;                   /* ports it left by */
+	__u32 buffer_seq;                   /* sequence number of its efbuff */
+	__u32 header_valid;                 /* header_out holds it as the hooks left it. A taken
 			     * buffer that was freed long ago is out of reach: 0 */
 	__u8 header_out[MOXLAB_HEADER_LEN]; /* see "Headers handed out" */
 
@@ -128,7 +130,8 @@ struct moxlab_inject {
 /* ------------------------------------------------------------------------
  * PORT: network devices as bridge ports. Each gets an interface control block.
  */
-#define MOXLAB_PORT_WLAN 0x1u /* a WLAN interface: its frames pass WLAN_IN and
+#define MOXLAB_PORT_WLAN \
+	0x1u                  /* a WLAN interface: its frames pass WLAN_IN and
 			       * carry the three ids below */
 #define MOXLAB_PORT_HOST 0x2u /* out only: the platform's own "ap0" */
 
@@ -232,15 +235,15 @@ enum moxlab_what {
 };
 
 struct moxlab_read {
-	__u32 what;    /* enum moxlab_what */
-	__u32 size;    /* room at buf in bytes */
-	__u64 buf;     /* user pointer */
-	__u64 from;    /* first record number wanted, 0: the oldest. For more,
+	__u32 what;  /* enum moxlab_what */
+	__u32 size;  /* room at buf in bytes */
+	__u64 buf;   /* user pointer */
+	__u64 from;  /* first record number wanted, 0: the oldest. For more,
 			* give back next */
-	__u64 next;    /* out */
-	__u64 lost;    /* out: records overwritten since the last CLEAR */
-	__u32 used;    /* out: bytes filled */
-	__u32 count;   /* out: records filled; 0: there are no more */
+	__u64 next;  /* out */
+	__u64 lost;  /* out: records overwritten since the last CLEAR */
+	__u32 used;  /* out: bytes filled */
+	__u32 count; /* out: records filled; 0: there are no more */
 };
 
 /* Heads every record; size includes it and is a multiple of 8. */
@@ -253,14 +256,14 @@ struct moxlab_rec {
 
 struct moxlab_left_rec {
 	struct moxlab_rec rec;
-	__u32 ifindex;   /* the port; 0 when it left by none */
-	__u32 outcome;   /* enum moxlab_outcome: LEFT, NOWHERE */
-	__u32 sent;      /* 1: came by efmp_output_pkt(); 0: by the pipeline */
-	__u32 length;    /* of the frame */
-	__u32 kept;      /* bytes of it that follow */
+	__u32 ifindex; /* the port; 0 when it left by none */
+	__u32 outcome; /* enum moxlab_outcome: LEFT, NOWHERE */
+	__u32 sent;    /* 1: came by efmp_output_pkt(); 0: by the pipeline */
+	__u32 length;  /* of the frame */
+	__u32 kept;    /* bytes of it that follow */
 	__u32 reserved;
 	__u8 header[MOXLAB_HEADER_ALL]; /* see "Headers handed out" */
-	__u8 frame[];    /* as in the efbuff: VLAN tags are in the header */
+	__u8 frame[];                   /* as in the efbuff: VLAN tags are in the header */
 };
 
 /* The most that a record of the printk ring and of the left ring keeps. */
@@ -273,7 +276,7 @@ struct moxlab_printk_rec {
 	__u32 length; /* of the text as formatted, level marker left out */
 	__u32 kept;   /* bytes of it that follow */
 	__u32 reserved;
-	char text[];  /* verbatim: newlines as they were; NUL follows */
+	char text[]; /* verbatim: newlines as they were; NUL follows */
 };
 
 #define MOXLAB_REG_ROW(id, name) MOXLAB_##id,
@@ -305,9 +308,9 @@ struct moxlab_reg_rec {
 struct moxlab_live_rec {
 	struct moxlab_rec rec; /* seq: the buffer's sequence number; time: birth */
 	__u32 owner;
-	__u32 length; /* room for the frame */
-	__u32 cloned; /* 1: a clone */
-	__u32 offered; /* 1: in a hook just now */
+	__u32 length;                    /* room for the frame */
+	__u32 cloned;                    /* 1: a clone */
+	__u32 offered;                   /* 1: in a hook just now */
 	char creator[MOXLAB_SYMBOL_LEN]; /* who asked for it */
 };
 
@@ -322,7 +325,7 @@ struct moxlab_port_rec {
 struct moxlab_intf_rec {
 	struct moxlab_rec rec;
 	struct moxlab_intf intf;
-	__u32 known;   /* 1: lsm_get_intfcb() finds it; 0: removed, still valid */
+	__u32 known; /* 1: lsm_get_intfcb() finds it; 0: removed, still valid */
 	__u32 reserved;
 };
 
@@ -335,15 +338,15 @@ struct moxlab_clear {
  * BALANCE: efbuffs by owner. live = allocated + cloned + adopted - given - freed
  */
 struct moxlab_balance {
-	__u32 owner;     /* in: an owner id, 0 to 255 */
+	__u32 owner; /* in: an owner id, 0 to 255 */
 	__u32 live;
 	__u64 allocated;
 	__u64 cloned;
-	__u64 adopted;   /* became the owner's: taken from a hook, handed to output */
-	__u64 given;     /* became another's */
+	__u64 adopted; /* became the owner's: taken from a hook, handed to output */
+	__u64 given;   /* became another's */
 	__u64 freed;
-	__u64 failed;    /* asked for and not given, for whatever reason */
-	__u32 live_all;  /* of all owners */
+	__u64 failed;   /* asked for and not given, for whatever reason */
+	__u32 live_all; /* of all owners */
 	__u32 reserved;
 };
 
@@ -355,15 +358,15 @@ struct moxlab_balance {
 enum moxlab_misuse_kind { MOXLAB_MISUSE_KINDS(MOXLAB_MISUSE_ROW) MOXLAB_MISUSE_COUNT };
 
 struct moxlab_misuse {
-	__u32 expect;    /* in: announce so many; replaces what was left of before */
-	__u32 commit;    /* in: MOXLAB_MISUSE_* + 1: commit it on purpose (for the
+	__u32 expect; /* in: announce so many; replaces what was left of before */
+	__u32 commit; /* in: MOXLAB_MISUSE_* + 1: commit it on purpose (for the
 			  * platform's own test), 0: nothing. LEAK allocates a
 			  * buffer of the module's and forgets it; committing
 			  * LEAK again frees it first */
-	__u32 query;     /* in: 1: leave expect as it is */
-	__u32 left;      /* out: announced and not seen */
+	__u32 query;  /* in: 1: leave expect as it is */
+	__u32 left;   /* out: announced and not seen */
 	__u32 seen[MOXLAB_MISUSE_COUNT]; /* out: since load, announced or not */
-	__u32 unexpected; /* out: not announced, since load */
+	__u32 unexpected;                /* out: not announced, since load */
 	__u32 reserved;
 };
 
@@ -427,17 +430,17 @@ enum moxlab_bench_part {
 #define MOXLAB_BENCH_CONTROL 48 /* bytes of the send control record, all zero */
 
 struct moxlab_bench {
-	__s32 fd;           /* a socket of family 17 */
-	__u32 part;         /* enum moxlab_bench_part */
-	__u32 count;        /* sends in a batch, 1 to 100000 */
-	__u32 batches;      /* 1 to 100000 */
-	__u64 frame;        /* user pointer to the data */
-	__u32 frame_len;    /* 14 to MOXLAB_FRAME_MAX */
-	__u32 dst_ifindex;  /* in the name */
-	__u32 controlled;   /* 1: with a control record */
+	__s32 fd;          /* a socket of family 17 */
+	__u32 part;        /* enum moxlab_bench_part */
+	__u32 count;       /* sends in a batch, 1 to 100000 */
+	__u32 batches;     /* 1 to 100000 */
+	__u64 frame;       /* user pointer to the data */
+	__u32 frame_len;   /* 14 to MOXLAB_FRAME_MAX */
+	__u32 dst_ifindex; /* in the name */
+	__u32 controlled;  /* 1: with a control record */
 	__u32 reserved;
-	__u64 shortest_ns;  /* out: the shortest batch */
-	__u64 total_ns;     /* out: all of them */
+	__u64 shortest_ns; /* out: the shortest batch */
+	__u64 total_ns;    /* out: all of them */
 };
 
 #define MOXLAB_IOC 0xB7

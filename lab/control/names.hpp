@@ -14,7 +14,7 @@ namespace moxlab {
 
 /// Something on the command line is wrong; what() says what and what would be right.
 struct Usage : std::runtime_error {
-    using std::runtime_error::runtime_error;
+	using std::runtime_error::runtime_error;
 };
 
 /// Names by number.
@@ -42,4 +42,4 @@ uint32_t parse_interface(const std::string &text);
 std::string format_mac(const uint8_t *mac);
 std::string format_hex(std::span<const uint8_t> bytes);
 
-}  // namespace moxlab
+} // namespace moxlab

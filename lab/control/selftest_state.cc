@@ -9,101 +9,101 @@ namespace {
 
 TEST_F(Platform, KeepsRemovedInterfacesOutOfTheLookup)
 {
-    lab.remove_interface(kB);
-    EXPECT_EQ(errno_of([&] { lab.remove_interface(kB); }), ENXIO);
-    bool listed = false;
-    for (const auto &i : lab.interfaces().all)
-        if (i.intf.ifindex == kB) {
-            listed = true;
-            EXPECT_EQ(i.known, 0u);
-        }
-    EXPECT_TRUE(listed) << "the block itself stays";
+	lab.remove_interface(kB);
+	EXPECT_EQ(errno_of([&] { lab.remove_interface(kB); }), ENXIO);
+	bool listed = false;
+	for (const auto &i : lab.interfaces().all)
+		if (i.intf.ifindex == kB) {
+			listed = true;
+			EXPECT_EQ(i.known, 0u);
+		}
+	EXPECT_TRUE(listed) << "the block itself stays";
 }
 
 TEST_F(Platform, HasTheReservedInterfacesFromTheStart)
 {
-    unsigned found = 0;
-    for (const auto &i : lab.interfaces().all)
-        if ((i.intf.ifindex == 4094 || i.intf.ifindex == 4095) && i.known) {
-            ++found;
-            EXPECT_EQ(i.intf.link, 1u);
-        }
-    EXPECT_EQ(found, 2u);
+	unsigned found = 0;
+	for (const auto &i : lab.interfaces().all)
+		if ((i.intf.ifindex == 4094 || i.intf.ifindex == 4095) && i.known) {
+			++found;
+			EXPECT_EQ(i.intf.link, 1u);
+		}
+	EXPECT_EQ(found, 2u);
 }
 
 TEST_F(Platform, PublishesTheLocalMacService)
 {
-    moxlab_service s{};
-    s.op = MOXLAB_SERVICE_QUERY;
-    s.service_class = 11;
-    s.instance = 10;
-    EXPECT_EQ(lab.service(s).published, 1);
-    s.op = MOXLAB_SERVICE_WITHDRAW;
-    EXPECT_EQ(lab.service(s).published, 0);
-    s.op = MOXLAB_SERVICE_PUBLISH;
-    EXPECT_EQ(lab.service(s).published, 1);
-    s.instance = 9;
-    EXPECT_EQ(errno_of([&] { lab.service(s); }), ENOENT);
+	moxlab_service s{};
+	s.op = MOXLAB_SERVICE_QUERY;
+	s.service_class = 11;
+	s.instance = 10;
+	EXPECT_EQ(lab.service(s).published, 1);
+	s.op = MOXLAB_SERVICE_WITHDRAW;
+	EXPECT_EQ(lab.service(s).published, 0);
+	s.op = MOXLAB_SERVICE_PUBLISH;
+	EXPECT_EQ(lab.service(s).published, 1);
+	s.instance = 9;
+	EXPECT_EQ(errno_of([&] { lab.service(s); }), ENOENT);
 }
 
 TEST_F(Platform, LetsAnotherEntryPointTakeAServicesPlace)
 {
-    moxlab_service s{};
-    s.service_class = 11;
-    s.instance = 10;
-    s.op = MOXLAB_SERVICE_PUBLISH;
-    s.entry = 1;
-    EXPECT_EQ(lab.service(s).published, 1);
-    s.op = MOXLAB_SERVICE_QUERY;
-    moxlab_service before_calls = lab.service(s);
-    EXPECT_EQ(before_calls.published, 1);
-    s.entry = MOXLAB_SERVICE_ENTRIES;
-    EXPECT_EQ(errno_of([&] { lab.service(s); }), EINVAL);
-    s.op = MOXLAB_SERVICE_PUBLISH;
-    s.entry = 0;
-    EXPECT_EQ(lab.service(s).published, 1);
-    EXPECT_EQ(lab.service(s).late, before_calls.late) << "the replaced entry point was called";
+	moxlab_service s{};
+	s.service_class = 11;
+	s.instance = 10;
+	s.op = MOXLAB_SERVICE_PUBLISH;
+	s.entry = 1;
+	EXPECT_EQ(lab.service(s).published, 1);
+	s.op = MOXLAB_SERVICE_QUERY;
+	moxlab_service before_calls = lab.service(s);
+	EXPECT_EQ(before_calls.published, 1);
+	s.entry = MOXLAB_SERVICE_ENTRIES;
+	EXPECT_EQ(errno_of([&] { lab.service(s); }), EINVAL);
+	s.op = MOXLAB_SERVICE_PUBLISH;
+	s.entry = 0;
+	EXPECT_EQ(lab.service(s).published, 1);
+	EXPECT_EQ(lab.service(s).late, before_calls.late) << "the replaced entry point was called";
 }
 
 TEST_F(Platform, MeasuresSocketsOfTheFamilyOnly)
 {
-    int other[2];
-    ASSERT_EQ(::pipe(other), 0);
-    Bytes bytes = frame({2, 0, 0, 0, 0, 1}, 0x0800, 60);
-    moxlab_bench good{};
-    good.count = good.batches = 1;
-    good.frame = reinterpret_cast<uintptr_t>(bytes.data());
-    good.frame_len = 60;
-    good.dst_ifindex = kB;
-    good.part = MOXLAB_BENCH_PLATFORM;
-    auto result = [&](auto change) {
-        moxlab_bench request = good;
-        change(request);
-        return errno_of([&] { lab.bench(request); });
-    };
-    good.fd = other[0];
-    EXPECT_EQ(result([](moxlab_bench &) {}), ENOTSOCK);
-    EXPECT_EQ(result([](moxlab_bench &b) { b.fd = -1; }), EBADF);
-    EXPECT_EQ(result([](moxlab_bench &b) { b.part = MOXLAB_BENCH_COUNT; }), EINVAL);
-    EXPECT_EQ(result([](moxlab_bench &b) { b.count = 0; }), EINVAL);
-    EXPECT_EQ(result([](moxlab_bench &b) { b.frame_len = 13; }), EINVAL);
-    ::close(other[0]);
-    ::close(other[1]);
-    if (!module_loaded("mox_ef_socket"))
-        return;
-    good.fd = ::socket(17, SOCK_RAW, 0);
-    ASSERT_GE(good.fd, 0);
-    for (uint32_t part : {MOXLAB_BENCH_PLATFORM, MOXLAB_BENCH_SEND}) {
-        good.part = part;
-        lab.record_left(true);
-        EXPECT_EQ(result([](moxlab_bench &) {}), 0);
-        auto left = lab.left().all;
-        ASSERT_EQ(left.size(), 1u) << "part " << part;
-        EXPECT_EQ(left[0].length, 60u);
-        EXPECT_EQ(left[0].ifindex, kB);
-    }
-    ::close(good.fd);
+	int other[2];
+	ASSERT_EQ(::pipe(other), 0);
+	Bytes bytes = frame({ 2, 0, 0, 0, 0, 1 }, 0x0800, 60);
+	moxlab_bench good{};
+	good.count = good.batches = 1;
+	good.frame = reinterpret_cast<uintptr_t>(bytes.data());
+	good.frame_len = 60;
+	good.dst_ifindex = kB;
+	good.part = MOXLAB_BENCH_PLATFORM;
+	auto result = [&](auto change) {
+		moxlab_bench request = good;
+		change(request);
+		return errno_of([&] { lab.bench(request); });
+	};
+	good.fd = other[0];
+	EXPECT_EQ(result([](moxlab_bench &) {}), ENOTSOCK);
+	EXPECT_EQ(result([](moxlab_bench &b) { b.fd = -1; }), EBADF);
+	EXPECT_EQ(result([](moxlab_bench &b) { b.part = MOXLAB_BENCH_COUNT; }), EINVAL);
+	EXPECT_EQ(result([](moxlab_bench &b) { b.count = 0; }), EINVAL);
+	EXPECT_EQ(result([](moxlab_bench &b) { b.frame_len = 13; }), EINVAL);
+	::close(other[0]);
+	::close(other[1]);
+	if (!module_loaded("mox_ef_socket"))
+		return;
+	good.fd = ::socket(17, SOCK_RAW, 0);
+	ASSERT_GE(good.fd, 0);
+	for (uint32_t part : { MOXLAB_BENCH_PLATFORM, MOXLAB_BENCH_SEND }) {
+		good.part = part;
+		lab.record_left(true);
+		EXPECT_EQ(result([](moxlab_bench &) {}), 0);
+		auto left = lab.left().all;
+		ASSERT_EQ(left.size(), 1u) << "part " << part;
+		EXPECT_EQ(left[0].length, 60u);
+		EXPECT_EQ(left[0].ifindex, kB);
+	}
+	::close(good.fd);
 }
 
-}  // namespace
-}  // namespace selftest
+} // namespace
+} // namespace selftest

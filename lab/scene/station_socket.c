@@ -63,14 +63,13 @@ int bind(int fd, const struct sockaddr *address, socklen_t length)
 	return setsockopt(fd, SOL_SOCKET, SO_BINDTODEVICE, name, strlen(name));
 }
 
-ssize_t sendto(int fd, const void *data, size_t size, int flags,
-	       const struct sockaddr *address, socklen_t length)
+ssize_t sendto(int fd, const void *data, size_t size, int flags, const struct sockaddr *address,
+	       socklen_t length)
 {
 	struct sockaddr_in to = { .sin_family = AF_INET };
 	const size_t destination_at = 16, header = 20;
 
-	if (!address || length < sizeof(struct link_address) ||
-	    address->sa_family != PACKET_FAMILY)
+	if (!address || length < sizeof(struct link_address) || address->sa_family != PACKET_FAMILY)
 		return NEXT(sendto)(fd, data, size, flags, address, length);
 	if (size < header) {
 		errno = EINVAL;

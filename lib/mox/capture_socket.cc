@@ -21,103 +21,107 @@ constexpr std::size_t kMessageRoom = 256;
 
 void CaptureSocket::set_location(std::uint32_t location)
 {
-    set_u32(PACKET_LOCATION, location,
-            ("cannot set location " + std::string(location_name(location))).c_str());
+	set_u32(PACKET_LOCATION, location,
+		("cannot set location " + std::string(location_name(location))).c_str());
 }
 
 void CaptureSocket::set_treatment(std::uint32_t treatment)
 {
-    set_u32(PACKET_TREATMENT, treatment,
-            ("cannot set treatment " + std::string(treatment_name(treatment))).c_str());
+	set_u32(PACKET_TREATMENT, treatment,
+		("cannot set treatment " + std::string(treatment_name(treatment))).c_str());
 }
 
 void CaptureSocket::set_control_info(bool on)
 {
-    set_u32(PACKET_CTRL_INFO, on, "cannot switch control information");
-    control_info_ = on;
+	set_u32(PACKET_CTRL_INFO, on, "cannot switch control information");
+	control_info_ = on;
 }
 
-void CaptureSocket::add_rule(const Rule& rule)
+void CaptureSocket::add_rule(const Rule &rule)
 {
-    change_rule(MOX_PACKET_ADD_RULE, rule, "cannot add rule ");
+	change_rule(MOX_PACKET_ADD_RULE, rule, "cannot add rule ");
 }
 
-void CaptureSocket::delete_rule(const Rule& rule)
+void CaptureSocket::delete_rule(const Rule &rule)
 {
-    change_rule(MOX_PACKET_DEL_RULE, rule, "cannot delete rule ");
+	change_rule(MOX_PACKET_DEL_RULE, rule, "cannot delete rule ");
 }
 
 void CaptureSocket::set_receive_buffer(int bytes)
 {
-    if (calls().setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) != 0)
-        throw_socket_error("cannot set the receive buffer to " + std::to_string(bytes) + " bytes");
+	if (calls().setsockopt(fd(), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) != 0)
+		throw_socket_error("cannot set the receive buffer to " + std::to_string(bytes) +
+				   " bytes");
 }
 
 std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool wait)
 {
-    // The module stores its record behind the kernel's messages and does not look at the buffer's length. The kernel
-    // is given the room in front of the last 48 bytes only, so that the record fits whatever options are on.
-    alignas(cmsghdr) std::uint8_t control[kMessageRoom + sizeof(mox_packet_ctrl_info)] = {};
-    union {
-        LinkAddress address;
-        std::uint8_t bytes[kReceivedNameSize];
-    } name{};
-    iovec io{buffer.data(), buffer.size()};
-    msghdr message{};
-    message.msg_name = &name;
-    message.msg_namelen = sizeof(name);
-    message.msg_iov = &io;
-    message.msg_iovlen = 1;
-    message.msg_control = control;
-    message.msg_controllen = kMessageRoom;
+	// The module stores its record behind the kernel's messages and does not look at the buffer's length. The kernel
+	// is given the room in front of the last 48 bytes only, so that the record fits whatever options are on.
+	alignas(cmsghdr) std::uint8_t control[kMessageRoom + sizeof(mox_packet_ctrl_info)] = {};
+	union {
+		LinkAddress address;
+		std::uint8_t bytes[kReceivedNameSize];
+	} name{};
+	iovec io{ buffer.data(), buffer.size() };
+	msghdr message{};
+	message.msg_name = &name;
+	message.msg_namelen = sizeof(name);
+	message.msg_iov = &io;
+	message.msg_iovlen = 1;
+	message.msg_control = control;
+	message.msg_controllen = kMessageRoom;
 
-    // MSG_TRUNC as a flag asks for the frame's full length as the result.
-    ssize_t length = calls().recvmsg(fd(), &message, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
-    if (length < 0) {
-        if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
-            return std::nullopt;
-        throw_socket_error("cannot receive");
-    }
+	// MSG_TRUNC as a flag asks for the frame's full length as the result.
+	ssize_t length = calls().recvmsg(fd(), &message, MSG_TRUNC | (wait ? 0 : MSG_DONTWAIT));
+	if (length < 0) {
+		if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
+			return std::nullopt;
+		throw_socket_error("cannot receive");
+	}
 
-    Frame frame;
-    frame.length = static_cast<std::size_t>(length);
-    frame.bytes = buffer.first(std::min(frame.length, buffer.size()));
-    frame.ifindex = static_cast<std::uint32_t>(name.address.ifindex);
-    // The record has no control-message header, and the returned length counts the kernel's messages only. So the
-    // record is there if it was asked for, and it stands where that length ends.
-    if (control_info_) {
-        std::size_t messages = std::min<std::size_t>(message.msg_controllen, kMessageRoom);
-        std::memcpy(&frame.control.emplace(), control + messages, sizeof(mox_packet_ctrl_info));
-    }
-    return frame;
+	Frame frame;
+	frame.length = static_cast<std::size_t>(length);
+	frame.bytes = buffer.first(std::min(frame.length, buffer.size()));
+	frame.ifindex = static_cast<std::uint32_t>(name.address.ifindex);
+	// The record has no control-message header, and the returned length counts the kernel's messages only. So the
+	// record is there if it was asked for, and it stands where that length ends.
+	if (control_info_) {
+		std::size_t messages = std::min<std::size_t>(message.msg_controllen, kMessageRoom);
+		std::memcpy(&frame.control.emplace(), control + messages,
+			    sizeof(mox_packet_ctrl_info));
+	}
+	return frame;
 }
 
 mox_packet_stats CaptureSocket::take_statistics()
 {
-    mox_packet_stats reading{};
-    socklen_t length = sizeof(reading);
-    if (calls().getsockopt(fd(), MOX_SOL_PACKET, MOX_PACKET_STATISTICS, &reading, &length) != 0)
-        throw_socket_error("cannot read the socket's statistics");
-    return reading;
+	mox_packet_stats reading{};
+	socklen_t length = sizeof(reading);
+	if (calls().getsockopt(fd(), MOX_SOL_PACKET, MOX_PACKET_STATISTICS, &reading, &length) != 0)
+		throw_socket_error("cannot read the socket's statistics");
+	return reading;
 }
 
-void CaptureSocket::set_u32(int option, std::uint32_t value, const char* what)
+void CaptureSocket::set_u32(int option, std::uint32_t value, const char *what)
 {
-    if (calls().setsockopt(fd(), MOX_SOL_PACKET, option, &value, sizeof(value)) != 0)
-        throw_socket_error(what);
+	if (calls().setsockopt(fd(), MOX_SOL_PACKET, option, &value, sizeof(value)) != 0)
+		throw_socket_error(what);
 }
 
-void CaptureSocket::change_rule(int option, const Rule& rule, const char* what)
+void CaptureSocket::change_rule(int option, const Rule &rule, const char *what)
 {
-    std::vector<std::uint8_t> record = rule.record();
-    if (calls().setsockopt(fd(), MOX_SOL_PACKET, option, record.data(), static_cast<socklen_t>(record.size())) != 0)
-        throw_socket_error(what + std::string(rule.type().full) + " with " + std::to_string(rule.count()) + " values");
+	std::vector<std::uint8_t> record = rule.record();
+	if (calls().setsockopt(fd(), MOX_SOL_PACKET, option, record.data(),
+			       static_cast<socklen_t>(record.size())) != 0)
+		throw_socket_error(what + std::string(rule.type().full) + " with " +
+				   std::to_string(rule.count()) + " values");
 }
 
-void StatisticsSum::add(const mox_packet_stats& reading)
+void StatisticsSum::add(const mox_packet_stats &reading)
 {
-    packets_ += reading.packets;
-    drops_ += reading.drops;
+	packets_ += reading.packets;
+	drops_ += reading.drops;
 }
 
 } // namespace mox

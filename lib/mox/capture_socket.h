@@ -33,55 +33,55 @@ namespace mox {
 
 /** One received frame. */
 struct Frame {
-    std::span<const std::uint8_t> bytes; /**< as much as the buffer holds */
-    std::size_t length = 0;              /**< full length of the frame */
-    std::uint32_t ifindex = 0;           /**< interface it came in on */
-    std::optional<mox_packet_ctrl_info> control; /**< when control information is on */
+	std::span<const std::uint8_t> bytes;         /**< as much as the buffer holds */
+	std::size_t length = 0;                      /**< full length of the frame */
+	std::uint32_t ifindex = 0;                   /**< interface it came in on */
+	std::optional<mox_packet_ctrl_info> control; /**< when control information is on */
 
-    bool truncated() const { return bytes.size() < length; }
+	bool truncated() const { return bytes.size() < length; }
 };
 
 class CaptureSocket : public PacketSocket {
 public:
-    using PacketSocket::PacketSocket;
+	using PacketSocket::PacketSocket;
 
-    void set_location(std::uint32_t location);
-    void set_treatment(std::uint32_t treatment);
-    /** Whether frames come with their control record. */
-    void set_control_info(bool on);
-    void add_rule(const Rule& rule);
-    /** Deletes the rule's values; values that the socket does not have are ignored. */
-    void delete_rule(const Rule& rule);
-    /** SO_RCVBUF; the kernel doubles the number and applies its own limits. */
-    void set_receive_buffer(int bytes);
+	void set_location(std::uint32_t location);
+	void set_treatment(std::uint32_t treatment);
+	/** Whether frames come with their control record. */
+	void set_control_info(bool on);
+	void add_rule(const Rule &rule);
+	/** Deletes the rule's values; values that the socket does not have are ignored. */
+	void delete_rule(const Rule &rule);
+	/** SO_RCVBUF; the kernel doubles the number and applies its own limits. */
+	void set_receive_buffer(int bytes);
 
-    /**
+	/**
      * The next frame, its first bytes stored in buffer. Waits for one when wait is true. Nothing when there is
      * none, or when a signal interrupted the wait.
      */
-    std::optional<Frame> receive(std::span<std::uint8_t> buffer, bool wait = false);
+	std::optional<Frame> receive(std::span<std::uint8_t> buffer, bool wait = false);
 
-    /** The counters since the previous reading: the kernel clears them as it answers. */
-    mox_packet_stats take_statistics();
+	/** The counters since the previous reading: the kernel clears them as it answers. */
+	mox_packet_stats take_statistics();
 
 private:
-    void set_u32(int option, std::uint32_t value, const char* what);
-    void change_rule(int option, const Rule& rule, const char* what);
+	void set_u32(int option, std::uint32_t value, const char *what);
+	void change_rule(int option, const Rule &rule, const char *what);
 
-    bool control_info_ = false;
+	bool control_info_ = false;
 };
 
 /** Adds up readings of take_statistics, since each one starts again from 0. */
 class StatisticsSum {
 public:
-    void add(const mox_packet_stats& reading);
-    /** Frames that rules matched, the dropped ones included. */
-    std::uint64_t packets() const { return packets_; }
-    std::uint64_t drops() const { return drops_; }
+	void add(const mox_packet_stats &reading);
+	/** Frames that rules matched, the dropped ones included. */
+	std::uint64_t packets() const { return packets_; }
+	std::uint64_t drops() const { return drops_; }
 
 private:
-    std::uint64_t packets_ = 0;
-    std::uint64_t drops_ = 0;
+	std::uint64_t packets_ = 0;
+	std::uint64_t drops_ = 0;
 };
 
 } // namespace mox

@@ -13,19 +13,19 @@ namespace mox {
 /** A name or value that the caller gave does not exist; the text names it and lists what is allowed. */
 class UsageError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+	using std::runtime_error::runtime_error;
 };
 
 /** The kernel refused a socket call; the text names the call, the reason and the remedy. */
 class SocketError : public std::runtime_error {
 public:
-    SocketError(const std::string& text, int error) : std::runtime_error(text), error_(error) {}
+	SocketError(const std::string &text, int error) : std::runtime_error(text), error_(error) {}
 
-    /** The positive errno value of the refused call. */
-    int error() const { return error_; }
+	/** The positive errno value of the refused call. */
+	int error() const { return error_; }
 
 private:
-    int error_;
+	int error_;
 };
 
 } // namespace mox

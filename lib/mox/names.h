@@ -18,13 +18,13 @@ namespace mox {
 
 /** One row of a name table. */
 struct Name {
-    std::uint32_t value;
-    std::string_view full;    /**< as in mox_packet.h */
-    std::string_view aliases; /**< separated by spaces; the first one is the one to show */
-    std::string_view meaning; /**< half a sentence for help texts */
+	std::uint32_t value;
+	std::string_view full;    /**< as in mox_packet.h */
+	std::string_view aliases; /**< separated by spaces; the first one is the one to show */
+	std::string_view meaning; /**< half a sentence for help texts */
 
-    /** The first alias. */
-    constexpr std::string_view alias() const { return aliases.substr(0, aliases.find(' ')); }
+	/** The first alias. */
+	constexpr std::string_view alias() const { return aliases.substr(0, aliases.find(' ')); }
 };
 
 /** All locations in the order of their numbers; those that PACKET_LOCATION refuses are included. */
@@ -37,7 +37,7 @@ std::span<const Name> send_flags();
 /** Whether a socket can be set to the location (MPLS and TRILL have names but no receiver). */
 constexpr bool location_is_open(std::uint32_t location)
 {
-    return location != 5 && location != 6;
+	return location != 5 && location != 6;
 }
 
 /** The row with this full name or alias; nothing when there is none. */

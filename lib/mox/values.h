@@ -22,8 +22,8 @@ using MacAddress = std::array<std::uint8_t, 6>;
 
 /** A value that has a name. */
 struct NamedValue {
-    std::uint32_t value;
-    std::string_view name;
+	std::uint32_t value;
+	std::string_view name;
 };
 
 /** The known names per kind of value, first the one to print. */
@@ -41,8 +41,9 @@ std::string_view value_name(std::span<const NamedValue> names, std::uint32_t val
  * A number from low to high, or a name from the table. `what` names the kind of value in the error text.
  * base 10 takes decimal and 0x-hexadecimal; base 16 takes hexadecimal only.
  */
-std::uint32_t parse_number(std::string_view what, std::string_view text, std::uint32_t low, std::uint32_t high,
-                           std::span<const NamedValue> names = {}, int base = 10);
+std::uint32_t parse_number(std::string_view what, std::string_view text, std::uint32_t low,
+			   std::uint32_t high, std::span<const NamedValue> names = {},
+			   int base = 10);
 
 /** Six hexadecimal pairs separated by ':' or '-', or "broadcast". */
 MacAddress parse_mac(std::string_view text);
@@ -51,10 +52,10 @@ MacAddress parse_mac(std::string_view text);
 std::uint16_t parse_ether_type(std::string_view text);
 
 /** Finds an interface's index by its name; 0 when there is none (if_nametoindex). */
-using InterfaceLookup = std::function<std::uint32_t(const std::string& name)>;
+using InterfaceLookup = std::function<std::uint32_t(const std::string &name)>;
 
 /** An interface by name (asked of lookup) or by index from 1 up. */
-std::uint32_t parse_interface(std::string_view text, const InterfaceLookup& lookup);
+std::uint32_t parse_interface(std::string_view text, const InterfaceLookup &lookup);
 
 } // namespace mox
 

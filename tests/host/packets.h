@@ -13,7 +13,14 @@ using namespace mox;
 
 // Queues of a CPU's slot, in the order of a drain.
 enum CpuQueue {
-    kQueueLev2, kQueueLocal, kQueueIpv4, kQueueIpv6, kQueueMpls, kQueueTrill, kQueueResv, kQueueWlan,
+	kQueueLev2,
+	kQueueLocal,
+	kQueueIpv4,
+	kQueueIpv6,
+	kQueueMpls,
+	kQueueTrill,
+	kQueueResv,
+	kQueueWlan,
 };
 
 namespace packets {
@@ -21,11 +28,14 @@ namespace packets {
 using namespace oracle;
 
 // A frame in an efbuff of the platform; the fields that no rule reads carry marks.
-inline void *make(const Meta &meta, const Bytes &frame) { return fake::efmp().efbuff(efbuff(meta, frame)); }
+inline void *make(const Meta &meta, const Bytes &frame)
+{
+	return fake::efmp().efbuff(efbuff(meta, frame));
+}
 
 // The reference's reading of an efbuff that stands in the fake platform. Copies
 // what may be read, so that the reference cannot trip over poisoned bytes.
 Packet read(const void *efbuff);
 WlanPacket read_wlan(const void *efbuff);
 
-}  // namespace packets
+} // namespace packets

@@ -9,8 +9,8 @@
 // time; the word is a global of the module, and after() may change it.
 class ReadTrap {
 public:
-    ReadTrap(const void *word, std::function<void()> after);
-    ~ReadTrap();
-    ReadTrap(const ReadTrap &) = delete;
-    ReadTrap &operator=(const ReadTrap &) = delete;
+	ReadTrap(const void *word, std::function<void()> after);
+	~ReadTrap();
+	ReadTrap(const ReadTrap &) = delete;
+	ReadTrap &operator=(const ReadTrap &) = delete;
 };

@@ -26,27 +26,28 @@ using fake::Point;
 // The library of a location that has one.
 inline packet_regular_lib *lib_of(u32 location)
 {
-    packet_regular_lib *const libs[contract::kLibraries] = {
-        &g_local_packet_regular_lib, &g_lev2_packet_regular_lib, &g_ipv4_packet_regular_lib,
-        &g_ipv6_packet_regular_lib, &g_mpls_packet_regular_lib, &g_trill_packet_regular_lib,
-        &g_resv_packet_regular_lib, &g_wlan_packet_regular_lib,
-    };
-    return libs[contract::library(location)];
+	packet_regular_lib *const libs[contract::kLibraries] = {
+		&g_local_packet_regular_lib, &g_lev2_packet_regular_lib,
+		&g_ipv4_packet_regular_lib,  &g_ipv6_packet_regular_lib,
+		&g_mpls_packet_regular_lib,  &g_trill_packet_regular_lib,
+		&g_resv_packet_regular_lib,  &g_wlan_packet_regular_lib,
+	};
+	return libs[contract::library(location)];
 }
 
 // A rule as plain values, comparable.
 struct RuleView {
-    const mox_packet_sock *owner = nullptr;
-    u32 treatment = 0, location = 0;
-    std::vector<std::pair<u32, std::vector<oracle::Value>>> items;
-    bool operator==(const RuleView &) const = default;
+	const mox_packet_sock *owner = nullptr;
+	u32 treatment = 0, location = 0;
+	std::vector<std::pair<u32, std::vector<oracle::Value>>> items;
+	bool operator==(const RuleView &) const = default;
 };
 
 struct EntryView {
-    u32 type = 0;
-    oracle::Value value{};
-    std::vector<RuleView> match, local;
-    bool operator==(const EntryView &) const = default;
+	u32 type = 0;
+	oracle::Value value{};
+	std::vector<RuleView> match, local;
+	bool operator==(const EntryView &) const = default;
 };
 
 // Walks a list both ways; breaks in the links fail the test.
@@ -68,26 +69,26 @@ regular_data *datum(u32 type, const std::vector<u8> &value);
 // added, emptied at the end.
 class Rule {
 public:
-    Rule(u32 location, u32 treatment, s32 pid = 77);
-    ~Rule();
-    Rule(const Rule &) = delete;
-    Rule &operator=(const Rule &) = delete;
+	Rule(u32 location, u32 treatment, s32 pid = 77);
+	~Rule();
+	Rule(const Rule &) = delete;
+	Rule &operator=(const Rule &) = delete;
 
-    packet_regular &regular() { return owner_->regular; }
-    mox_packet_sock &owner() { return *owner_; }
-    Rule &data(u32 type, const std::vector<u8> &value);
-    Rule &del(u32 type, const std::vector<u8> &value);
-    Rule &item(u32 type);  // without data
-    Rule &add();
-    Rule &remove();
+	packet_regular &regular() { return owner_->regular; }
+	mox_packet_sock &owner() { return *owner_; }
+	Rule &data(u32 type, const std::vector<u8> &value);
+	Rule &del(u32 type, const std::vector<u8> &value);
+	Rule &item(u32 type); // without data
+	Rule &add();
+	Rule &remove();
 
 private:
-    mox_packet_sock *owner_;
-    bool added_ = false;
+	mox_packet_sock *owner_;
+	bool added_ = false;
 };
 
 class RulesTest : public fake::KernelTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+	void SetUp() override;
+	void TearDown() override;
 };

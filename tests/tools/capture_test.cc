@@ -17,272 +17,282 @@
 namespace {
 
 constexpr char arp_request[] = "ffffffffffff 020000000101 0806 0001 0800 06 04 0001 "
-                               "020000000101 0a000001 000000000000 0a000002";
+			       "020000000101 0a000001 000000000000 0a000002";
 
 QueuedFrame arp_frame(std::uint32_t ifindex)
 {
-    QueuedFrame frame{from_hex(arp_request), {}};
-    frame.control.pkt_ifx = ifindex;
-    frame.control.eth_type = 0x0608;
-    return frame;
+	QueuedFrame frame{ from_hex(arp_request), {} };
+	frame.control.pkt_ifx = ifindex;
+	frame.control.eth_type = 0x0608;
+	return frame;
 }
 
 std::string name_of_interface(std::uint32_t index)
 {
-    return index == 7 ? "port1" : "";
+	return index == 7 ? "port1" : "";
 }
 
 volatile std::sig_atomic_t stopped;
 
 class Capture : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        setenv("TZ", "UTC", 1);
-        stopped = 0;
-        sigemptyset(&waiting);
-        options.rules = {mox::Rule::parse("all", {})};
-    }
+	void SetUp() override
+	{
+		setenv("TZ", "UTC", 1);
+		stopped = 0;
+		sigemptyset(&waiting);
+		options.rules = { mox::Rule::parse("all", {}) };
+	}
 
-    moxcap::Recorder recorder()
-    {
-        return moxcap::Recorder(options, name_of_interface, [this](const std::string& text) { printed += text; });
-    }
+	moxcap::Recorder recorder()
+	{
+		return moxcap::Recorder(options, name_of_interface,
+					[this](const std::string &text) { printed += text; });
+	}
 
-    moxcap::Counters run(mox::CaptureSocket& socket, moxcap::Recorder& to)
-    {
-        return moxcap::run_capture(socket, options, to, stopped, waiting);
-    }
+	moxcap::Counters run(mox::CaptureSocket &socket, moxcap::Recorder &to)
+	{
+		return moxcap::run_capture(socket, options, to, stopped, waiting);
+	}
 
-    FakeCalls calls;
-    moxcap::Options options;
-    sigset_t waiting;
-    std::string printed;
+	FakeCalls calls;
+	moxcap::Options options;
+	sigset_t waiting;
+	std::string printed;
 };
 
 TEST_F(Capture, prepare_socket__sets_everything_before_the_location)
 {
-    options.kind = mox::SocketKind::kDatagram;
-    options.protocol = 0x88cc;
-    options.interface = 7;
-    options.buffer = 4096;
-    options.treatment = PACKET_FETCH;
-    options.rules = {mox::Rule::parse("eth=lldp", {}), mox::Rule::parse("mcast", {})};
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    EXPECT_EQ(calls.type & 0xf, SOCK_DGRAM);
-    EXPECT_EQ(calls.protocol, 0xcc88);
-    EXPECT_EQ(calls.option_order(), (std::vector<int>{SO_RCVBUF, 16, 11, 11, 15}));
-    ASSERT_EQ(calls.bound_to.size(), 20u);
-    EXPECT_EQ(calls.bound_to[4], 7);
-    EXPECT_EQ(calls.options.back().u32(), 2u);
+	options.kind = mox::SocketKind::kDatagram;
+	options.protocol = 0x88cc;
+	options.interface = 7;
+	options.buffer = 4096;
+	options.treatment = PACKET_FETCH;
+	options.rules = { mox::Rule::parse("eth=lldp", {}), mox::Rule::parse("mcast", {}) };
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	EXPECT_EQ(calls.type & 0xf, SOCK_DGRAM);
+	EXPECT_EQ(calls.protocol, 0xcc88);
+	EXPECT_EQ(calls.option_order(), (std::vector<int>{ SO_RCVBUF, 16, 11, 11, 15 }));
+	ASSERT_EQ(calls.bound_to.size(), 20u);
+	EXPECT_EQ(calls.bound_to[4], 7);
+	EXPECT_EQ(calls.options.back().u32(), 2u);
 }
 
 TEST_F(Capture, prepare_socket__does_not_bind_without_an_interface)
 {
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    EXPECT_TRUE(calls.bound_to.empty());
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	EXPECT_TRUE(calls.bound_to.empty());
 }
 
 TEST_F(Capture, record__prints_a_line)
 {
-    options.label = "copy";
-    auto to = recorder();
-    QueuedFrame queued = arp_frame(7);
-    queued.control.vlan = 10 << 4;
-    mox::Frame frame{queued.bytes, queued.bytes.size(), 7, queued.control};
-    to.record(frame, {1, 2000});
-    EXPECT_EQ(printed, "[copy] 00:00:01.000002 port1 02:00:00:00:01:01 > ff:ff:ff:ff:ff:ff "
-                       "ARP who-has 10.0.0.2 tell 10.0.0.1, length 42, vlan 10\n");
-    EXPECT_EQ(to.captured(), 1u);
-    EXPECT_EQ(to.truncated(), 0u);
+	options.label = "copy";
+	auto to = recorder();
+	QueuedFrame queued = arp_frame(7);
+	queued.control.vlan = 10 << 4;
+	mox::Frame frame{ queued.bytes, queued.bytes.size(), 7, queued.control };
+	to.record(frame, { 1, 2000 });
+	EXPECT_EQ(printed, "[copy] 00:00:01.000002 port1 02:00:00:00:01:01 > ff:ff:ff:ff:ff:ff "
+			   "ARP who-has 10.0.0.2 tell 10.0.0.1, length 42, vlan 10\n");
+	EXPECT_EQ(to.captured(), 1u);
+	EXPECT_EQ(to.truncated(), 0u);
 }
 
 TEST_F(Capture, record__an_interface_without_a_name_keeps_its_number)
 {
-    auto to = recorder();
-    QueuedFrame queued = arp_frame(12);
-    to.record({queued.bytes, queued.bytes.size(), 12, queued.control}, {0, 0});
-    EXPECT_NE(printed.find(" if12 "), std::string::npos) << printed;
+	auto to = recorder();
+	QueuedFrame queued = arp_frame(12);
+	to.record({ queued.bytes, queued.bytes.size(), 12, queued.control }, { 0, 0 });
+	EXPECT_NE(printed.find(" if12 "), std::string::npos) << printed;
 }
 
 TEST_F(Capture, record__hex_follows_the_line_in_the_same_write)
 {
-    options.hex = true;
-    int writes = 0;
-    moxcap::Recorder to(options, name_of_interface, [&](const std::string& text) {
-        printed = text;
-        ++writes;
-    });
-    QueuedFrame queued = arp_frame(7);
-    to.record({queued.bytes, queued.bytes.size(), 7, queued.control}, {0, 0});
-    EXPECT_EQ(writes, 1);
-    EXPECT_NE(printed.find("length 42\n    0000  ff ff"), std::string::npos) << printed;
+	options.hex = true;
+	int writes = 0;
+	moxcap::Recorder to(options, name_of_interface, [&](const std::string &text) {
+		printed = text;
+		++writes;
+	});
+	QueuedFrame queued = arp_frame(7);
+	to.record({ queued.bytes, queued.bytes.size(), 7, queued.control }, { 0, 0 });
+	EXPECT_EQ(writes, 1);
+	EXPECT_NE(printed.find("length 42\n    0000  ff ff"), std::string::npos) << printed;
 }
 
 TEST_F(Capture, record__quiet_counts_only)
 {
-    options.quiet = true;
-    auto to = recorder();
-    QueuedFrame queued = arp_frame(7);
-    to.record({std::span(queued.bytes).first(10), queued.bytes.size(), 7, queued.control}, {0, 0});
-    EXPECT_EQ(printed, "");
-    EXPECT_EQ(to.captured(), 1u);
-    EXPECT_EQ(to.truncated(), 1u);
+	options.quiet = true;
+	auto to = recorder();
+	QueuedFrame queued = arp_frame(7);
+	to.record({ std::span(queued.bytes).first(10), queued.bytes.size(), 7, queued.control },
+		  { 0, 0 });
+	EXPECT_EQ(printed, "");
+	EXPECT_EQ(to.captured(), 1u);
+	EXPECT_EQ(to.truncated(), 1u);
 }
 
 TEST_F(Capture, record__a_packet_without_layer_2_is_read_from_its_network_header)
 {
-    auto to = recorder();
-    QueuedFrame queued{from_hex("45000054 00010000 4001 0000 0a000001 0a000002 0800 0000 0001 0002"), {}};
-    queued.control.flags = MOX_RECV_NO_L2;
-    queued.control.eth_type = 0x1234; // read from where no header is: not to be believed
-    to.record({queued.bytes, queued.bytes.size(), 7, queued.control}, {0, 0});
-    EXPECT_NE(printed.find("port1 ICMP 10.0.0.1 > 10.0.0.2 echo request id 1 seq 2, length 28, flags no-l2"),
-              std::string::npos)
-        << printed;
+	auto to = recorder();
+	QueuedFrame queued{
+		from_hex("45000054 00010000 4001 0000 0a000001 0a000002 0800 0000 0001 0002"), {}
+	};
+	queued.control.flags = MOX_RECV_NO_L2;
+	queued.control.eth_type = 0x1234; // read from where no header is: not to be believed
+	to.record({ queued.bytes, queued.bytes.size(), 7, queued.control }, { 0, 0 });
+	EXPECT_NE(
+		printed.find(
+			"port1 ICMP 10.0.0.1 > 10.0.0.2 echo request id 1 seq 2, length 28, flags no-l2"),
+		std::string::npos)
+		<< printed;
 }
 
 TEST_F(Capture, record__a_datagram_takes_its_EtherType_from_the_control_record)
 {
-    options.layout = moxcap::Layout::kNetwork;
-    auto to = recorder();
-    QueuedFrame queued{from_hex("02010000"), {}};
-    queued.control.eth_type = 0x8e88;
-    to.record({queued.bytes, queued.bytes.size(), 7, queued.control}, {0, 0});
-    EXPECT_NE(printed.find("port1 EAPOL start"), std::string::npos) << printed;
+	options.layout = moxcap::Layout::kNetwork;
+	auto to = recorder();
+	QueuedFrame queued{ from_hex("02010000"), {} };
+	queued.control.eth_type = 0x8e88;
+	to.record({ queued.bytes, queued.bytes.size(), 7, queued.control }, { 0, 0 });
+	EXPECT_NE(printed.find("port1 EAPOL start"), std::string::npos) << printed;
 }
 
 TEST_F(Capture, run__ends_at_the_count_and_leaves_the_rest)
 {
-    options.count = 2;
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    for (int i = 0; i < 3; ++i)
-        calls.queue(arp_frame(7));
-    calls.statistics = {3, 0};
-    auto to = recorder();
-    moxcap::Counters counters = run(socket, to);
-    EXPECT_EQ(counters.captured, 2u);
-    EXPECT_EQ(counters.matched, 3u);
-    EXPECT_EQ(calls.queued(), 1u);
-    EXPECT_EQ(calls.options.back().option, 17);
-    EXPECT_EQ(calls.options.back().u32(), 0u) << "out of the location at the end";
+	options.count = 2;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	for (int i = 0; i < 3; ++i)
+		calls.queue(arp_frame(7));
+	calls.statistics = { 3, 0 };
+	auto to = recorder();
+	moxcap::Counters counters = run(socket, to);
+	EXPECT_EQ(counters.captured, 2u);
+	EXPECT_EQ(counters.matched, 3u);
+	EXPECT_EQ(calls.queued(), 1u);
+	EXPECT_EQ(calls.options.back().option, 17);
+	EXPECT_EQ(calls.options.back().u32(), 0u) << "out of the location at the end";
 }
 
 TEST_F(Capture, run__ends_after_the_duration)
 {
-    options.duration = 0.05;
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    calls.queue(arp_frame(7));
-    auto to = recorder();
-    timespec before{}, after{};
-    clock_gettime(CLOCK_MONOTONIC, &before);
-    moxcap::Counters counters = run(socket, to);
-    clock_gettime(CLOCK_MONOTONIC, &after);
-    double took = static_cast<double>(after.tv_sec - before.tv_sec) +
-                  static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9;
-    EXPECT_GE(took, 0.05);
-    EXPECT_EQ(counters.captured, 1u);
+	options.duration = 0.05;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	calls.queue(arp_frame(7));
+	auto to = recorder();
+	timespec before{}, after{};
+	clock_gettime(CLOCK_MONOTONIC, &before);
+	moxcap::Counters counters = run(socket, to);
+	clock_gettime(CLOCK_MONOTONIC, &after);
+	double took = static_cast<double>(after.tv_sec - before.tv_sec) +
+		      static_cast<double>(after.tv_nsec - before.tv_nsec) / 1e9;
+	EXPECT_GE(took, 0.05);
+	EXPECT_EQ(counters.captured, 1u);
 }
 
 TEST_F(Capture, run__a_flood_does_not_outlast_the_duration)
 {
-    options.duration = 0.05;
-    options.quiet = true;
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    auto to = recorder();
-    calls.queue(arp_frame(7));
-    // Every frame that is read brings the next one, until the socket leaves its location.
-    bool in_location = true;
-    calls.on_receive = [&] {
-        if (in_location)
-            calls.queue(arp_frame(7));
-    };
-    calls.on_option = [&](const OptionCall& call) { in_location = in_location && call.option != 17; };
-    moxcap::Counters counters = run(socket, to);
-    EXPECT_GT(counters.captured, 1u);
-    EXPECT_EQ(calls.queued(), 0u);
+	options.duration = 0.05;
+	options.quiet = true;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	auto to = recorder();
+	calls.queue(arp_frame(7));
+	// Every frame that is read brings the next one, until the socket leaves its location.
+	bool in_location = true;
+	calls.on_receive = [&] {
+		if (in_location)
+			calls.queue(arp_frame(7));
+	};
+	calls.on_option = [&](const OptionCall &call) {
+		in_location = in_location && call.option != 17;
+	};
+	moxcap::Counters counters = run(socket, to);
+	EXPECT_GT(counters.captured, 1u);
+	EXPECT_EQ(calls.queued(), 0u);
 }
 
 TEST_F(Capture, run__shows_what_was_queued_before_the_end)
 {
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    auto to = recorder();
-    stopped = 1;
-    for (int i = 0; i < 300; ++i)
-        calls.queue(arp_frame(7));
-    calls.statistics = {305, 5};
-    moxcap::Counters counters = run(socket, to);
-    EXPECT_EQ(counters.captured, 300u);
-    EXPECT_EQ(counters.matched, 305u);
-    EXPECT_EQ(counters.dropped, 5u);
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	auto to = recorder();
+	stopped = 1;
+	for (int i = 0; i < 300; ++i)
+		calls.queue(arp_frame(7));
+	calls.statistics = { 305, 5 };
+	moxcap::Counters counters = run(socket, to);
+	EXPECT_EQ(counters.captured, 300u);
+	EXPECT_EQ(counters.matched, 305u);
+	EXPECT_EQ(counters.dropped, 5u);
 }
 
 TEST_F(Capture, run__a_signal_ends_the_wait)
 {
-    struct sigaction action{}, before{};
-    action.sa_handler = [](int) { stopped = 1; };
-    sigaction(SIGALRM, &action, &before);
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGALRM);
-    sigprocmask(SIG_BLOCK, &blocked, nullptr); // let through by `waiting` alone
-    itimerval soon{{0, 0}, {0, 20000}};
-    setitimer(ITIMER_REAL, &soon, nullptr);
+	struct sigaction action {
+	}, before{};
+	action.sa_handler = [](int) { stopped = 1; };
+	sigaction(SIGALRM, &action, &before);
+	sigset_t blocked;
+	sigemptyset(&blocked);
+	sigaddset(&blocked, SIGALRM);
+	sigprocmask(SIG_BLOCK, &blocked, nullptr); // let through by `waiting` alone
+	itimerval soon{ { 0, 0 }, { 0, 20000 } };
+	setitimer(ITIMER_REAL, &soon, nullptr);
 
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    calls.queue(arp_frame(7));
-    auto to = recorder();
-    moxcap::Counters counters = run(socket, to);
-    EXPECT_EQ(stopped, 1);
-    EXPECT_EQ(counters.captured, 1u);
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	calls.queue(arp_frame(7));
+	auto to = recorder();
+	moxcap::Counters counters = run(socket, to);
+	EXPECT_EQ(stopped, 1);
+	EXPECT_EQ(counters.captured, 1u);
 
-    sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
+	sigprocmask(SIG_UNBLOCK, &blocked, nullptr);
+	sigaction(SIGALRM, &before, nullptr);
 }
 
 TEST_F(Capture, run__a_snapshot_length_cuts_frames)
 {
-    options.snap = 20;
-    options.count = 1;
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    calls.queue(arp_frame(7));
-    auto to = recorder();
-    moxcap::Counters counters = run(socket, to);
-    EXPECT_EQ(counters.truncated, 1u);
-    EXPECT_NE(printed.find("ARP (cut short), length 42 (read 20)"), std::string::npos) << printed;
+	options.snap = 20;
+	options.count = 1;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	calls.queue(arp_frame(7));
+	auto to = recorder();
+	moxcap::Counters counters = run(socket, to);
+	EXPECT_EQ(counters.truncated, 1u);
+	EXPECT_NE(printed.find("ARP (cut short), length 42 (read 20)"), std::string::npos)
+		<< printed;
 }
 
 TEST_F(Capture, run__a_refused_read_is_an_error)
 {
-    mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
-    auto to = recorder();
-    calls.receive_error = ENOMEM;
-    expect_error<mox::SocketError>([&] { run(socket, to); }, {"cannot receive"});
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	auto to = recorder();
+	calls.receive_error = ENOMEM;
+	expect_error<mox::SocketError>([&] { run(socket, to); }, { "cannot receive" });
 }
 
 TEST_F(Capture, recorder__writes_the_capture_file_also_when_quiet)
 {
-    char path[] = "/tmp/moxcap_test_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    options.file = path;
-    options.quiet = true;
-    QueuedFrame queued = arp_frame(7);
-    {
-        auto to = recorder();
-        to.record({queued.bytes, queued.bytes.size(), 7, queued.control}, {5, 6000});
-    }
-    char error[PCAP_ERRBUF_SIZE];
-    pcap_t* pcap = pcap_open_offline(path, error);
-    ASSERT_NE(pcap, nullptr) << error;
-    pcap_pkthdr* head;
-    const u_char* bytes;
-    ASSERT_EQ(pcap_next_ex(pcap, &head, &bytes), 1);
-    EXPECT_EQ(std::vector<std::uint8_t>(bytes, bytes + head->caplen), queued.bytes);
-    EXPECT_EQ(head->ts.tv_sec, 5);
-    pcap_close(pcap);
-    unlink(path);
+	char path[] = "/tmp/moxcap_test_XXXXXX";
+	int fd = mkstemp(path);
+	ASSERT_GE(fd, 0);
+	close(fd);
+	options.file = path;
+	options.quiet = true;
+	QueuedFrame queued = arp_frame(7);
+	{
+		auto to = recorder();
+		to.record({ queued.bytes, queued.bytes.size(), 7, queued.control }, { 5, 6000 });
+	}
+	char error[PCAP_ERRBUF_SIZE];
+	pcap_t *pcap = pcap_open_offline(path, error);
+	ASSERT_NE(pcap, nullptr) << error;
+	pcap_pkthdr *head;
+	const u_char *bytes;
+	ASSERT_EQ(pcap_next_ex(pcap, &head, &bytes), 1);
+	EXPECT_EQ(std::vector<std::uint8_t>(bytes, bytes + head->caplen), queued.bytes);
+	EXPECT_EQ(head->ts.tv_sec, 5);
+	pcap_close(pcap);
+	unlink(path);
 }
 
 } // namespace

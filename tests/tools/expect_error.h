@@ -10,17 +10,17 @@
 #include <vector>
 
 template <typename Error>
-void expect_error(const std::function<void()>& action, const std::vector<std::string>& parts)
+void expect_error(const std::function<void()> &action, const std::vector<std::string> &parts)
 {
-    try {
-        action();
-    } catch (const Error& error) {
-        for (const std::string& part : parts)
-            EXPECT_NE(std::string(error.what()).find(part), std::string::npos)
-                << "\"" << part << "\" is missing in: " << error.what();
-        return;
-    }
-    ADD_FAILURE() << "nothing was refused";
+	try {
+		action();
+	} catch (const Error &error) {
+		for (const std::string &part : parts)
+			EXPECT_NE(std::string(error.what()).find(part), std::string::npos)
+				<< "\"" << part << "\" is missing in: " << error.what();
+		return;
+	}
+	ADD_FAILURE() << "nothing was refused";
 }
 
 #endif

@@ -10,11 +10,11 @@
 #include <vector>
 
 struct SampleFrame {
-    const char* name;
-    moxcap::Layout layout;
-    std::uint16_t ether_type;
-    std::string_view hex; /**< blanks are left out */
-    const char* protocol;
+	const char *name;
+	moxcap::Layout layout;
+	std::uint16_t ether_type;
+	std::string_view hex; /**< blanks are left out */
+	const char *protocol;
 };
 
 std::vector<std::uint8_t> from_hex(std::string_view hex);

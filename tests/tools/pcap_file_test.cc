@@ -19,194 +19,208 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 struct StoredFrame {
-    pcap_pkthdr head;
-    Bytes bytes;
+	pcap_pkthdr head;
+	Bytes bytes;
 };
 
 struct StoredFile {
-    int link_type = -1;
-    int snap = 0;
-    std::vector<StoredFrame> frames;
+	int link_type = -1;
+	int snap = 0;
+	std::vector<StoredFrame> frames;
 };
 
-StoredFile read_back(const std::string& path)
+StoredFile read_back(const std::string &path)
 {
-    StoredFile file;
-    char error[PCAP_ERRBUF_SIZE] = "";
-    pcap_t* pcap = pcap_open_offline(path.c_str(), error);
-    EXPECT_NE(pcap, nullptr) << error;
-    if (!pcap)
-        return file;
-    file.link_type = pcap_datalink(pcap);
-    file.snap = pcap_snapshot(pcap);
-    pcap_pkthdr* head;
-    const u_char* bytes;
-    int result;
-    while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
-        file.frames.push_back({*head, Bytes(bytes, bytes + head->caplen)});
-    EXPECT_EQ(result, PCAP_ERROR_BREAK) << pcap_geterr(pcap); // which stands for the end of the file
-    pcap_close(pcap);
-    return file;
+	StoredFile file;
+	char error[PCAP_ERRBUF_SIZE] = "";
+	pcap_t *pcap = pcap_open_offline(path.c_str(), error);
+	EXPECT_NE(pcap, nullptr) << error;
+	if (!pcap)
+		return file;
+	file.link_type = pcap_datalink(pcap);
+	file.snap = pcap_snapshot(pcap);
+	pcap_pkthdr *head;
+	const u_char *bytes;
+	int result;
+	while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
+		file.frames.push_back({ *head, Bytes(bytes, bytes + head->caplen) });
+	EXPECT_EQ(result, PCAP_ERROR_BREAK)
+		<< pcap_geterr(pcap); // which stands for the end of the file
+	pcap_close(pcap);
+	return file;
 }
 
 class PcapFileTest : public testing::Test {
 protected:
-    PcapFileTest()
-    {
-        char name[] = "/tmp/moxcap_test_XXXXXX";
-        int fd = mkstemp(name);
-        EXPECT_GE(fd, 0);
-        close(fd);
-        path = name;
-    }
-    ~PcapFileTest() override { std::filesystem::remove(path); }
+	PcapFileTest()
+	{
+		char name[] = "/tmp/moxcap_test_XXXXXX";
+		int fd = mkstemp(name);
+		EXPECT_GE(fd, 0);
+		close(fd);
+		path = name;
+	}
+	~PcapFileTest() override { std::filesystem::remove(path); }
 
-    std::string path;
+	std::string path;
 };
 
 TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
 {
-    Bytes first(60), second(1514);
-    for (std::size_t i = 0; i < second.size(); ++i)
-        second[i] = static_cast<std::uint8_t>(i * 7);
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-        file.write({1700000000, 123456789}, first, first.size(), 0x0806);
-        file.write({1700000001, 0}, second, second.size(), 0x0800);
-    }
-    StoredFile stored = read_back(path);
-    EXPECT_EQ(stored.link_type, DLT_EN10MB);
-    EXPECT_GE(stored.snap, 65535);
-    ASSERT_EQ(stored.frames.size(), 2u);
-    EXPECT_EQ(stored.frames[0].bytes, first);
-    EXPECT_EQ(stored.frames[1].bytes, second);
-    EXPECT_EQ(stored.frames[0].head.ts.tv_sec, 1700000000);
-    EXPECT_EQ(stored.frames[0].head.ts.tv_usec, 123456);
-    EXPECT_EQ(stored.frames[1].head.len, 1514u);
+	Bytes first(60), second(1514);
+	for (std::size_t i = 0; i < second.size(); ++i)
+		second[i] = static_cast<std::uint8_t>(i * 7);
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
+		file.write({ 1700000000, 123456789 }, first, first.size(), 0x0806);
+		file.write({ 1700000001, 0 }, second, second.size(), 0x0800);
+	}
+	StoredFile stored = read_back(path);
+	EXPECT_EQ(stored.link_type, DLT_EN10MB);
+	EXPECT_GE(stored.snap, 65535);
+	ASSERT_EQ(stored.frames.size(), 2u);
+	EXPECT_EQ(stored.frames[0].bytes, first);
+	EXPECT_EQ(stored.frames[1].bytes, second);
+	EXPECT_EQ(stored.frames[0].head.ts.tv_sec, 1700000000);
+	EXPECT_EQ(stored.frames[0].head.ts.tv_usec, 123456);
+	EXPECT_EQ(stored.frames[1].head.len, 1514u);
 }
 
 TEST_F(PcapFileTest, a_cut_frame_keeps_its_full_length)
 {
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 20);
-        file.write({0, 0}, Bytes(20, 1), 100, 0);
-    }
-    StoredFile stored = read_back(path);
-    ASSERT_EQ(stored.frames.size(), 1u);
-    EXPECT_EQ(stored.frames[0].head.caplen, 20u);
-    EXPECT_EQ(stored.frames[0].head.len, 100u);
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 20);
+		file.write({ 0, 0 }, Bytes(20, 1), 100, 0);
+	}
+	StoredFile stored = read_back(path);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_EQ(stored.frames[0].head.caplen, 20u);
+	EXPECT_EQ(stored.frames[0].head.len, 100u);
 }
 
 TEST_F(PcapFileTest, a_frame_can_be_read_while_the_file_is_still_open)
 {
-    moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-    file.write({0, 0}, Bytes(60, 1), 60, 0);
-    EXPECT_EQ(read_back(path).frames.size(), 1u);
-    file.write({0, 0}, Bytes(60, 2), 60, 0);
-    EXPECT_EQ(read_back(path).frames.size(), 2u);
+	moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
+	file.write({ 0, 0 }, Bytes(60, 1), 60, 0);
+	EXPECT_EQ(read_back(path).frames.size(), 1u);
+	file.write({ 0, 0 }, Bytes(60, 2), 60, 0);
+	EXPECT_EQ(read_back(path).frames.size(), 2u);
 }
 
 TEST_F(PcapFileTest, a_frame_without_its_header_gets_one_of_zeroes_and_the_EtherType)
 {
-    Bytes packet = {0x45, 1, 2, 3};
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-        file.write({0, 0}, packet, 200, 0x0800, false);
-    }
-    StoredFile stored = read_back(path);
-    ASSERT_EQ(stored.frames.size(), 1u);
-    EXPECT_EQ(stored.frames[0].bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 1, 2, 3}));
-    EXPECT_EQ(stored.frames[0].head.len, 214u);
+	Bytes packet = { 0x45, 1, 2, 3 };
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
+		file.write({ 0, 0 }, packet, 200, 0x0800, false);
+	}
+	StoredFile stored = read_back(path);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_EQ(stored.frames[0].bytes,
+		  (Bytes{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 1, 2, 3 }));
+	EXPECT_EQ(stored.frames[0].head.len, 214u);
 }
 
 TEST_F(PcapFileTest, datagrams_are_stored_cooked)
 {
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535);
-        file.write({0, 0}, Bytes{0x45, 1}, 2, 0x0800);
-        file.write({0, 0}, Bytes{9}, 1, 0x88cc);
-    }
-    StoredFile stored = read_back(path);
-    EXPECT_EQ(stored.link_type, DLT_LINUX_SLL);
-    ASSERT_EQ(stored.frames.size(), 2u);
-    EXPECT_EQ(stored.frames[0].bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 1}));
-    EXPECT_EQ(stored.frames[1].bytes, (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x88, 0xcc, 9}));
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535);
+		file.write({ 0, 0 }, Bytes{ 0x45, 1 }, 2, 0x0800);
+		file.write({ 0, 0 }, Bytes{ 9 }, 1, 0x88cc);
+	}
+	StoredFile stored = read_back(path);
+	EXPECT_EQ(stored.link_type, DLT_LINUX_SLL);
+	ASSERT_EQ(stored.frames.size(), 2u);
+	EXPECT_EQ(stored.frames[0].bytes,
+		  (Bytes{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 8, 0, 0x45, 1 }));
+	EXPECT_EQ(stored.frames[1].bytes,
+		  (Bytes{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x88, 0xcc, 9 }));
 }
 
 TEST_F(PcapFileTest, management_frames_have_their_own_link_type)
 {
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kWlan, 65535);
-        file.write({0, 0}, Bytes(24, 0x80), 24, 0);
-    }
-    StoredFile stored = read_back(path);
-    EXPECT_EQ(stored.link_type, DLT_IEEE802_11);
-    ASSERT_EQ(stored.frames.size(), 1u);
-    EXPECT_EQ(stored.frames[0].bytes, Bytes(24, 0x80));
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kWlan, 65535);
+		file.write({ 0, 0 }, Bytes(24, 0x80), 24, 0);
+	}
+	StoredFile stored = read_back(path);
+	EXPECT_EQ(stored.link_type, DLT_IEEE802_11);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_EQ(stored.frames[0].bytes, Bytes(24, 0x80));
 }
 
 TEST_F(PcapFileTest, an_empty_capture_is_a_valid_file)
 {
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-    }
-    EXPECT_EQ(read_back(path).frames.size(), 0u);
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
+	}
+	EXPECT_EQ(read_back(path).frames.size(), 0u);
 }
 
 TEST_F(PcapFileTest, a_file_that_cannot_be_made_is_named)
 {
-    expect_error<moxcap::FileError>(
-        [] { moxcap::PcapFile file("/nonexistent/dir/a.pcap", moxcap::Layout::kEthernet, 100); },
-        {"/nonexistent/dir/a.pcap", "No such file"});
+	expect_error<moxcap::FileError>(
+		[] {
+			moxcap::PcapFile file("/nonexistent/dir/a.pcap", moxcap::Layout::kEthernet,
+					      100);
+		},
+		{ "/nonexistent/dir/a.pcap", "No such file" });
 }
 
 TEST_F(PcapFileTest, a_full_disk_is_told)
 {
-    if (access("/dev/full", W_OK) != 0)
-        GTEST_SKIP() << "no /dev/full here";
-    // The file's head waits in a buffer, so making the file succeeds and the first frame fails.
-    moxcap::PcapFile file("/dev/full", moxcap::Layout::kEthernet, 100);
-    expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); },
-                                    {"/dev/full", "No space left on device", "disk full"});
+	if (access("/dev/full", W_OK) != 0)
+		GTEST_SKIP() << "no /dev/full here";
+	// The file's head waits in a buffer, so making the file succeeds and the first frame fails.
+	moxcap::PcapFile file("/dev/full", moxcap::Layout::kEthernet, 100);
+	expect_error<moxcap::FileError>(
+		[&] {
+			file.write({ 0, 0 }, Bytes(60), 60, 0);
+		},
+		{ "/dev/full", "No space left on device", "disk full" });
 }
 
 TEST_F(PcapFileTest, a_reader_of_a_named_pipe_that_has_gone_is_told)
 {
-    std::filesystem::remove(path);
-    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
-    ASSERT_GE(reader, 0);
-    auto before = std::signal(SIGPIPE, SIG_IGN);
-    {
-        moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 100);
-        file.write({0, 0}, Bytes(60), 60, 0);
-        close(reader);
-        expect_error<moxcap::FileError>([&] { file.write({0, 0}, Bytes(60), 60, 0); },
-                                        {"\"" + path + "\"", "the program that reads the capture has ended"});
-    }
-    std::signal(SIGPIPE, before);
+	std::filesystem::remove(path);
+	ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+	int reader = open(path.c_str(), O_RDONLY | O_NONBLOCK);
+	ASSERT_GE(reader, 0);
+	auto before = std::signal(SIGPIPE, SIG_IGN);
+	{
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 100);
+		file.write({ 0, 0 }, Bytes(60), 60, 0);
+		close(reader);
+		expect_error<moxcap::FileError>(
+			[&] {
+				file.write({ 0, 0 }, Bytes(60), 60, 0);
+			},
+			{ "\"" + path + "\"", "the program that reads the capture has ended" });
+	}
+	std::signal(SIGPIPE, before);
 }
 
 TEST_F(PcapFileTest, a_reader_of_standard_output_that_has_gone_is_told)
 {
-    // In a process of its own: closing the capture file closes standard output.
-    auto write_into_the_pipe = [] {
-        int ends[2];
-        if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0)
-            _exit(1);
-        close(ends[0]);
-        std::signal(SIGPIPE, SIG_IGN);
-        try {
-            moxcap::PcapFile file("-", moxcap::Layout::kEthernet, 100);
-            file.write({0, 0}, Bytes(60), 60, 0);
-        } catch (const moxcap::FileError& error) {
-            std::fputs(error.what(), stderr);
-            _exit(42);
-        }
-        _exit(2);
-    };
-    EXPECT_EXIT(write_into_the_pipe(), testing::ExitedWithCode(42),
-                "cannot write to standard output: the program that reads the capture has ended");
+	// In a process of its own: closing the capture file closes standard output.
+	auto write_into_the_pipe = [] {
+		int ends[2];
+		if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0)
+			_exit(1);
+		close(ends[0]);
+		std::signal(SIGPIPE, SIG_IGN);
+		try {
+			moxcap::PcapFile file("-", moxcap::Layout::kEthernet, 100);
+			file.write({ 0, 0 }, Bytes(60), 60, 0);
+		} catch (const moxcap::FileError &error) {
+			std::fputs(error.what(), stderr);
+			_exit(42);
+		}
+		_exit(2);
+	};
+	EXPECT_EXIT(
+		write_into_the_pipe(), testing::ExitedWithCode(42),
+		"cannot write to standard output: the program that reads the capture has ended");
 }
 
 } // namespace

@@ -6,7 +6,7 @@ namespace {
 
 void request_stop(int)
 {
-    stop_requested = 1;
+	stop_requested = 1;
 }
 
 } // namespace
@@ -15,18 +15,18 @@ volatile std::sig_atomic_t stop_requested;
 
 sigset_t catch_ending_signals(std::initializer_list<int> signals)
 {
-    sigset_t ending, before;
-    sigemptyset(&ending);
-    for (int number : signals) {
-        struct sigaction action{};
-        action.sa_handler = request_stop;
-        sigaction(number, &action, nullptr);
-        sigaddset(&ending, number);
-    }
-    sigprocmask(SIG_BLOCK, &ending, &before);
-    for (int number : signals)
-        sigdelset(&before, number);
-    return before;
+	sigset_t ending, before;
+	sigemptyset(&ending);
+	for (int number : signals) {
+		struct sigaction action {};
+		action.sa_handler = request_stop;
+		sigaction(number, &action, nullptr);
+		sigaddset(&ending, number);
+	}
+	sigprocmask(SIG_BLOCK, &ending, &before);
+	for (int number : signals)
+		sigdelset(&before, number);
+	return before;
 }
 
 } // namespace tool

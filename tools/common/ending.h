@@ -19,11 +19,10 @@ extern volatile std::sig_atomic_t stop_requested;
 sigset_t catch_ending_signals(std::initializer_list<int> signals);
 
 /** Prints the text of a command line that ends the program (help, version, an error) and returns the exit status. */
-template <typename Ending>
-int end_at_once(const Ending& ending)
+template <typename Ending> int end_at_once(const Ending &ending)
 {
-    std::fputs(ending.text.c_str(), ending.status == 0 ? stdout : stderr);
-    return ending.status;
+	std::fputs(ending.text.c_str(), ending.status == 0 ? stdout : stderr);
+	return ending.status;
 }
 
 } // namespace tool

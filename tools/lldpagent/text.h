@@ -15,14 +15,14 @@ std::string printable(std::string_view text);
 std::string hex(View bytes);
 
 /** "mac 02:00:00:00:03:01", "ifname eth0", "local 17", "network 10.0.0.1"; bytes where the subtype has no text form. */
-std::string chassis_text(const Id& id);
-std::string port_text(const Id& id);
+std::string chassis_text(const Id &id);
+std::string port_text(const Id &id);
 
 /** "10.0.0.1", "fd00::1"; bytes for other families and for addresses of a wrong length. */
 std::string address_text(std::uint8_t family, View address);
 
 /** "bridge(on) wlan-ap(off)": what the system can do, and whether it does. */
-std::string capabilities_text(const Capabilities& capabilities);
+std::string capabilities_text(const Capabilities &capabilities);
 /** Names of capabilities, joined by commas. */
 std::string capability_names(std::uint16_t bits);
 /** The bit of a name of the two above; 0 for an unknown one. */

@@ -19,37 +19,37 @@
 namespace moxcap {
 
 /** A socket with everything that the options say but the location, which starts the capture. */
-mox::CaptureSocket prepare_socket(const Options& options,
-                                  mox::SocketCalls& calls = mox::SocketCalls::system());
+mox::CaptureSocket prepare_socket(const Options &options,
+				  mox::SocketCalls &calls = mox::SocketCalls::system());
 
 /** Names an interface index; null or empty when it has no name. */
 using InterfaceName = std::function<std::string(std::uint32_t index)>;
 /** Prints whole lines at once. */
-using Print = std::function<void(const std::string& text)>;
+using Print = std::function<void(const std::string &text)>;
 
 /** Turns received frames into output and counts them. Independent of sockets, signals and clocks. */
 class Recorder {
 public:
-    Recorder(const Options& options, InterfaceName interface_name, Print print);
+	Recorder(const Options &options, InterfaceName interface_name, Print print);
 
-    /** One frame, received at a time since the epoch. */
-    void record(const mox::Frame& frame, const timespec& time);
+	/** One frame, received at a time since the epoch. */
+	void record(const mox::Frame &frame, const timespec &time);
 
-    /** Whether the frames that were asked for have all come. */
-    bool complete() const { return options_.count != 0 && captured_ >= options_.count; }
-    std::uint64_t captured() const { return captured_; }
-    std::uint64_t truncated() const { return truncated_; }
+	/** Whether the frames that were asked for have all come. */
+	bool complete() const { return options_.count != 0 && captured_ >= options_.count; }
+	std::uint64_t captured() const { return captured_; }
+	std::uint64_t truncated() const { return truncated_; }
 
 private:
-    const std::string& name_of(std::uint32_t index);
+	const std::string &name_of(std::uint32_t index);
 
-    const Options& options_;
-    InterfaceName interface_name_;
-    Print print_;
-    std::unique_ptr<PcapFile> file_;
-    std::map<std::uint32_t, std::string> names_;
-    std::uint64_t captured_ = 0;
-    std::uint64_t truncated_ = 0;
+	const Options &options_;
+	InterfaceName interface_name_;
+	Print print_;
+	std::unique_ptr<PcapFile> file_;
+	std::map<std::uint32_t, std::string> names_;
+	std::uint64_t captured_ = 0;
+	std::uint64_t truncated_ = 0;
 };
 
 /**
@@ -57,8 +57,8 @@ private:
  * handler; such signals have to be blocked outside of this call, and are let through as `waiting` says while it
  * waits. Takes the socket out of its location and returns what was counted.
  */
-Counters run_capture(mox::CaptureSocket& socket, const Options& options, Recorder& recorder,
-                     const volatile std::sig_atomic_t& stop, const sigset_t& waiting);
+Counters run_capture(mox::CaptureSocket &socket, const Options &options, Recorder &recorder,
+		     const volatile std::sig_atomic_t &stop, const sigset_t &waiting);
 
 } // namespace moxcap
 

@@ -14,15 +14,15 @@ namespace moxcap {
 
 /** How the bytes of a frame begin. */
 enum class Layout {
-    kEthernet,   /**< with an Ethernet header */
-    kNetwork,    /**< with the network header; the EtherType comes from the control record */
-    kWlan,       /**< with an 802.11 header */
+	kEthernet, /**< with an Ethernet header */
+	kNetwork,  /**< with the network header; the EtherType comes from the control record */
+	kWlan,     /**< with an 802.11 header */
 };
 
 struct Description {
-    std::optional<mox::MacAddress> source;
-    std::optional<mox::MacAddress> destination;
-    std::string protocol; /**< such as "ARP who-has 10.0.0.2 tell 10.0.0.1" */
+	std::optional<mox::MacAddress> source;
+	std::optional<mox::MacAddress> destination;
+	std::string protocol; /**< such as "ARP who-has 10.0.0.2 tell 10.0.0.1" */
 };
 
 /**
@@ -30,10 +30,11 @@ struct Description {
  * Layout::kNetwork; 0 leaves it to the version in an IP header. Reads no byte outside bytes, and says "cut short"
  * where a header is not all there.
  */
-Description describe(std::span<const std::uint8_t> bytes, Layout layout, std::uint16_t ether_type = 0);
+Description describe(std::span<const std::uint8_t> bytes, Layout layout,
+		     std::uint16_t ether_type = 0);
 
 /** A MAC address in lower-case pairs with colons. */
-std::string shown(const mox::MacAddress& mac);
+std::string shown(const mox::MacAddress &mac);
 
 } // namespace moxcap
 

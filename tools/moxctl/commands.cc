@@ -14,158 +14,163 @@
 namespace moxctl {
 namespace {
 
-std::chrono::milliseconds timeout_of(const Options& options)
+std::chrono::milliseconds timeout_of(const Options &options)
 {
-    return std::chrono::milliseconds(static_cast<long long>(options.timeout * 1000));
+	return std::chrono::milliseconds(static_cast<long long>(options.timeout * 1000));
 }
 
 /** What a report has to have, by the command that asks for it. */
 struct Expected {
-    ReportKind kind;
-    std::size_t locations;
+	ReportKind kind;
+	std::size_t locations;
 };
 
-Expected expected_of(const Options& options)
+Expected expected_of(const Options &options)
 {
-    switch (options.action) {
-    case Action::kShowRules:
-        return {report_rules, options.location == 0 ? 8u : 1u};
-    case Action::kShowQueues:
-        return {report_queues, 8};
-    case Action::kShowMemory:
-        return {report_memory, 0};
-    case Action::kShowThread:
-        return {report_thread, 0};
-    default:
-        return {report_process, 0};
-    }
+	switch (options.action) {
+	case Action::kShowRules:
+		return { report_rules, options.location == 0 ? 8u : 1u };
+	case Action::kShowQueues:
+		return { report_queues, 8 };
+	case Action::kShowMemory:
+		return { report_memory, 0 };
+	case Action::kShowThread:
+		return { report_thread, 0 };
+	default:
+		return { report_process, 0 };
+	}
 }
 
 /** Process names may hold control characters, which a terminal would execute. */
-std::string printable(const std::string& line)
+std::string printable(const std::string &line)
 {
-    constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (char c : line) {
-        auto byte = static_cast<unsigned char>(c);
-        if (byte >= ' ' && byte != 0x7f)
-            text += c;
-        else
-            text += std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
-    }
-    return text;
+	constexpr char digits[] = "0123456789abcdef";
+	std::string text;
+	for (char c : line) {
+		auto byte = static_cast<unsigned char>(c);
+		if (byte >= ' ' && byte != 0x7f)
+			text += c;
+		else
+			text += std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
+	}
+	return text;
 }
 
-void complain_of(const std::vector<std::string>& problems, const char* what, const World& world)
+void complain_of(const std::vector<std::string> &problems, const char *what, const World &world)
 {
-    constexpr std::size_t most = 10;
-    for (std::size_t i = 0; i < std::min(problems.size(), most); ++i)
-        world.complain(std::string(what) + " is incomplete: " + printable(problems[i]));
-    if (problems.size() > most)
-        world.complain("... and " + std::to_string(problems.size() - most) + " more");
+	constexpr std::size_t most = 10;
+	for (std::size_t i = 0; i < std::min(problems.size(), most); ++i)
+		world.complain(std::string(what) + " is incomplete: " + printable(problems[i]));
+	if (problems.size() > most)
+		world.complain("... and " + std::to_string(problems.size() - most) + " more");
 }
 
 /** Sends the request while the log is read, and stores the report's lines in filter. */
-void follow_request(Channel& channel, const Request& request, KernelLog& log, ReportFilter& filter)
+void follow_request(Channel &channel, const Request &request, KernelLog &log, ReportFilter &filter)
 {
-    LogFollower follower(log);
-    channel.request(request);
-    follower.stop(filter);
-    if (filter.begun())
-        return;
-    if (filter.was_overwritten())
-        throw Failure("the kernel log overwrote the report before it could be read: try again, ask for one location, "
-                      "use \"moxctl tech\", or give the kernel a larger log (log_buf_len=4M on its command line)",
-                      status_incomplete);
-    throw Failure("the module served the request, but the kernel log has no line of it: where does the platform's "
-                  "mox_printk print to? \"moxctl tech\" does without the log");
+	LogFollower follower(log);
+	channel.request(request);
+	follower.stop(filter);
+	if (filter.begun())
+		return;
+	if (filter.was_overwritten())
+		throw Failure(
+			"the kernel log overwrote the report before it could be read: try again, ask for one location, "
+			"use \"moxctl tech\", or give the kernel a larger log (log_buf_len=4M on its command line)",
+			status_incomplete);
+	throw Failure(
+		"the module served the request, but the kernel log has no line of it: where does the platform's "
+		"mox_printk print to? \"moxctl tech\" does without the log");
 }
 
-Status show(const Options& options, const World& world)
+Status show(const Options &options, const World &world)
 {
-    // The log first: if it cannot be read, the request would print a report that this program cannot return.
-    auto log = world.open_kernel_log();
-    auto socket = world.open_netlink();
-    Channel channel(*socket, timeout_of(options));
-    Expected expected = expected_of(options);
-    ReportFilter filter(socket->port(), expected.kind);
-    follow_request(channel, requests_of(options).front(), *log, filter);
+	// The log first: if it cannot be read, the request would print a report that this program cannot return.
+	auto log = world.open_kernel_log();
+	auto socket = world.open_netlink();
+	Channel channel(*socket, timeout_of(options));
+	Expected expected = expected_of(options);
+	ReportFilter filter(socket->port(), expected.kind);
+	follow_request(channel, requests_of(options).front(), *log, filter);
 
-    Report report = parse_report(filter.lines(), expected.kind, expected.locations);
-    if (filter.lost() > 0)
-        report.problems.insert(report.problems.begin(),
-                               "the kernel log overwrote " + std::to_string(filter.lost()) +
-                                   " of its lines before they could be read; \"moxctl tech\" or a larger log "
-                                   "(log_buf_len=4M on the kernel's command line) has them");
-    if (options.json) {
-        world.print(to_json(report, expected.kind));
-    } else {
-        std::string text;
-        for (const std::string& line : filter.lines())
-            text += printable(line) + "\n";
-        world.print(text);
-    }
-    complain_of(report.problems, "the report", world);
-    return report.problems.empty() ? status_ok : status_incomplete;
+	Report report = parse_report(filter.lines(), expected.kind, expected.locations);
+	if (filter.lost() > 0)
+		report.problems.insert(
+			report.problems.begin(),
+			"the kernel log overwrote " + std::to_string(filter.lost()) +
+				" of its lines before they could be read; \"moxctl tech\" or a larger log "
+				"(log_buf_len=4M on the kernel's command line) has them");
+	if (options.json) {
+		world.print(to_json(report, expected.kind));
+	} else {
+		std::string text;
+		for (const std::string &line : filter.lines())
+			text += printable(line) + "\n";
+		world.print(text);
+	}
+	complain_of(report.problems, "the report", world);
+	return report.problems.empty() ? status_ok : status_incomplete;
 }
 
-std::vector<std::string> lines_of(const std::string& text)
+std::vector<std::string> lines_of(const std::string &text)
 {
-    std::vector<std::string> lines;
-    for (std::size_t at = 0, end; at < text.size(); at = end + 1) {
-        end = std::min(text.find('\n', at), text.size());
-        lines.push_back(text.substr(at, end - at));
-    }
-    return lines;
+	std::vector<std::string> lines;
+	for (std::size_t at = 0, end; at < text.size(); at = end + 1) {
+		end = std::min(text.find('\n', at), text.size());
+		lines.push_back(text.substr(at, end - at));
+	}
+	return lines;
 }
 
-Status tech(const Options& options, const World& world)
+Status tech(const Options &options, const World &world)
 {
-    DumpFile file(vsd_of(world.working_directory()), world.root);
-    auto socket = world.open_netlink();
-    Channel channel(*socket, timeout_of(options));
-    file.prepare();
-    channel.request(requests_of(options).front());
-    if (!channel.wait_for_answer())
-        throw Failure("the module did not answer within " + std::to_string(timeout_of(options).count()) +
-                          " ms; what it wrote, if anything, is in " + file.path(),
-                      status_timeout);
+	DumpFile file(vsd_of(world.working_directory()), world.root);
+	auto socket = world.open_netlink();
+	Channel channel(*socket, timeout_of(options));
+	file.prepare();
+	channel.request(requests_of(options).front());
+	if (!channel.wait_for_answer())
+		throw Failure("the module did not answer within " +
+				      std::to_string(timeout_of(options).count()) +
+				      " ms; what it wrote, if anything, is in " + file.path(),
+			      status_timeout);
 
-    std::string text = file.read();
-    if (options.output.empty())
-        world.print(text);
-    else
-        write_file(options.output, text);
-    // The module drops lines silently where its buffer is full between two writes to the file.
-    Report report = parse_report(lines_of(text), report_tech, 8);
-    if (report.problems.empty())
-        return status_ok;
-    complain_of(report.problems, "the dump", world);
-    world.complain("the module's buffer of 128 KiB was full, or the file system; \"moxctl show rules LOCATION\" has it "
-                   "all");
-    return status_incomplete;
+	std::string text = file.read();
+	if (options.output.empty())
+		world.print(text);
+	else
+		write_file(options.output, text);
+	// The module drops lines silently where its buffer is full between two writes to the file.
+	Report report = parse_report(lines_of(text), report_tech, 8);
+	if (report.problems.empty())
+		return status_ok;
+	complain_of(report.problems, "the dump", world);
+	world.complain(
+		"the module's buffer of 128 KiB was full, or the file system; \"moxctl show rules LOCATION\" has it "
+		"all");
+	return status_incomplete;
 }
 
 } // namespace
 
-Status run_command(const Options& options, const World& world)
+Status run_command(const Options &options, const World &world)
 {
-    if (!options.note.empty())
-        world.complain(options.note);
-    switch (options.action) {
-    case Action::kTech:
-        return tech(options, world);
-    case Action::kSwitches:
-    case Action::kFilter: {
-        auto socket = world.open_netlink();
-        Channel channel(*socket, timeout_of(options));
-        for (const Request& request : requests_of(options))
-            channel.request(request);
-        return status_ok;
-    }
-    default:
-        return show(options, world);
-    }
+	if (!options.note.empty())
+		world.complain(options.note);
+	switch (options.action) {
+	case Action::kTech:
+		return tech(options, world);
+	case Action::kSwitches:
+	case Action::kFilter: {
+		auto socket = world.open_netlink();
+		Channel channel(*socket, timeout_of(options));
+		for (const Request &request : requests_of(options))
+			channel.request(request);
+		return status_ok;
+	}
+	default:
+		return show(options, world);
+	}
 }
 
 } // namespace moxctl

@@ -18,27 +18,27 @@ std::string working_directory();
 /** The dump file of a virtual switch device. */
 class DumpFile {
 public:
-    /** root stands in front of the path: empty but in tests. */
-    explicit DumpFile(std::uint32_t vsd, const std::string& root = {});
+	/** root stands in front of the path: empty but in tests. */
+	explicit DumpFile(std::uint32_t vsd, const std::string &root = {});
 
-    const std::string& path() const { return path_; }
+	const std::string &path() const { return path_; }
 
-    /**
+	/**
      * Makes the directories that are missing, which the module does not, and removes the file of an earlier dump, which
      * could be taken for a new one where the module fails to write. Throws Failure.
      */
-    void prepare() const;
+	void prepare() const;
 
-    /** What the module wrote. Throws Failure when there is no file, nothing in it, or it cannot be read. */
-    std::string read() const;
+	/** What the module wrote. Throws Failure when there is no file, nothing in it, or it cannot be read. */
+	std::string read() const;
 
 private:
-    std::size_t root_length_;
-    std::string path_;
+	std::size_t root_length_;
+	std::string path_;
 };
 
 /** Writes a whole file. Throws Failure. */
-void write_file(const std::string& path, std::string_view text);
+void write_file(const std::string &path, std::string_view text);
 
 } // namespace moxctl
 

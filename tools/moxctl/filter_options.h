@@ -12,8 +12,8 @@ namespace moxctl {
 
 /** The criteria as typed; empty: not given. */
 struct FilterWords {
-    std::string vlan, src_mac, dst_mac, src_if, dst_if, src_ip, dst_ip;
-    bool every_packet = false;
+	std::string vlan, src_mac, dst_mac, src_if, dst_if, src_ip, dst_ip;
+	bool every_packet = false;
 };
 
 /**
@@ -21,7 +21,7 @@ struct FilterWords {
  * UsageError for a value that is not valid, for addresses of two IP versions, and when neither a criterion nor
  * every_packet is given.
  */
-mox_packet_filter make_filter(const FilterWords& words, const mox::InterfaceLookup& lookup);
+mox_packet_filter make_filter(const FilterWords &words, const mox::InterfaceLookup &lookup);
 
 } // namespace moxctl
 

@@ -14,7 +14,7 @@ namespace moxctl {
  * missing. Values are typed: numbers where the report prints decimals. ARP operations, which the report prints with
  * their bytes swapped, are put right, and attribute words are unsigned.
  */
-std::string to_json(const Report& report, unsigned kind);
+std::string to_json(const Report &report, unsigned kind);
 
 } // namespace moxctl
 

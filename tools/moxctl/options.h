@@ -14,42 +14,43 @@
 namespace moxctl {
 
 enum class Action {
-    kShowRules,
-    kShowQueues,
-    kShowMemory,
-    kShowThread,
-    kShowProcess,
-    kSwitches, /**< debug and hook */
-    kFilter,
-    kTech,
+	kShowRules,
+	kShowQueues,
+	kShowMemory,
+	kShowThread,
+	kShowProcess,
+	kSwitches, /**< debug and hook */
+	kFilter,
+	kTech,
 };
 
 struct Options {
-    Action action = Action::kShowRules;
-    std::uint32_t location = 0;           /**< show rules: 1 to 8, 0: all */
-    std::string process;                  /**< show process: the name; empty: by pid */
-    std::uint32_t pid = 0;
-    bool json = false;
-    std::vector<std::uint32_t> switches;  /**< enum mox_packet_debug_type, in the order to set them */
-    bool is_open = false;                 /**< the value to set them to: for a hook, 1 takes it away */
-    mox_packet_filter filter{};
-    std::string output;                   /**< tech: file, empty: standard output */
-    double timeout = 10;                  /**< seconds */
-    std::string note;                     /**< for the operator, printed first */
+	Action action = Action::kShowRules;
+	std::uint32_t location = 0; /**< show rules: 1 to 8, 0: all */
+	std::string process;        /**< show process: the name; empty: by pid */
+	std::uint32_t pid = 0;
+	bool json = false;
+	std::vector<std::uint32_t>
+		switches;     /**< enum mox_packet_debug_type, in the order to set them */
+	bool is_open = false; /**< the value to set them to: for a hook, 1 takes it away */
+	mox_packet_filter filter{};
+	std::string output;  /**< tech: file, empty: standard output */
+	double timeout = 10; /**< seconds */
+	std::string note;    /**< for the operator, printed first */
 };
 
 /** A command line that ends the program at once: help (status 0, text for standard output) or an error. */
 struct Ending {
-    int status;
-    std::string text;
+	int status;
+	std::string text;
 };
 
 /**
  * Reads the command line. lookup resolves interface names. Returns nothing in the optional when options are
  * ready to be used.
  */
-std::optional<Ending> read_options(int argc, const char* const* argv, const mox::InterfaceLookup& lookup,
-                                   Options& options);
+std::optional<Ending> read_options(int argc, const char *const *argv,
+				   const mox::InterfaceLookup &lookup, Options &options);
 
 } // namespace moxctl
 

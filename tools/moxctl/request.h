@@ -14,7 +14,7 @@ namespace moxctl {
 using Request = std::vector<std::uint8_t>;
 
 /** The requests of a command, in the order in which to send them; at least one. */
-std::vector<Request> requests_of(const Options& options);
+std::vector<Request> requests_of(const Options &options);
 
 } // namespace moxctl
 

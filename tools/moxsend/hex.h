@@ -22,7 +22,7 @@ Bytes parse_hex(std::string_view where, std::string_view text);
  * One frame a line, as parse_hex reads them; empty lines and what follows a '#' are ignored. Throws UsageError
  * that names line and column, and when there is no frame at all.
  */
-std::vector<Bytes> read_hex_lines(const std::string& name, std::istream& in);
+std::vector<Bytes> read_hex_lines(const std::string &name, std::istream &in);
 
 /** Digit pairs without anything between them, which is what both above read. */
 std::string to_hex(std::span<const std::uint8_t> bytes);

@@ -18,8 +18,10 @@ struct failpoint {
 	u32 hit;
 };
 
-#define FAILPOINT_INIT(name) \
-	{ .lock = __RAW_SPIN_LOCK_UNLOCKED((name).lock) }
+#define FAILPOINT_INIT(name)                                  \
+	{                                                     \
+		.lock = __RAW_SPIN_LOCK_UNLOCKED((name).lock) \
+	}
 
 /* Arms @f as @fail says; reports about the previous arming in its out fields. */
 static inline void failpoint_arm(struct failpoint *f, struct moxlab_fail *fail)

@@ -27,8 +27,10 @@ struct ring {
 	u64 lost;
 };
 
-#define RING_INIT(name) \
-	{ .lock = __RAW_SPIN_LOCK_UNLOCKED((name).lock), .first = 1, .next = 1 }
+#define RING_INIT(name)                                                              \
+	{                                                                            \
+		.lock = __RAW_SPIN_LOCK_UNLOCKED((name).lock), .first = 1, .next = 1 \
+	}
 
 /* May sleep. @slots is a power of two. 0 or -ENOMEM. */
 static inline int ring_alloc(struct ring *r, u32 slots, u32 slot_size)

@@ -55,8 +55,7 @@ static int run_send(struct job *job)
 /* The platform's share of it: the same calls with an efbuff of the same size. */
 static int run_platform(struct job *job)
 {
-	struct efbuff *b = efmp_buff_alloc_sw_with_owner(job->in->frame_len,
-							 MOXLAB_OWNER_MODULE);
+	struct efbuff *b = efmp_buff_alloc_sw_with_owner(job->in->frame_len, MOXLAB_OWNER_MODULE);
 	int result;
 
 	if (!b)
@@ -74,7 +73,7 @@ static int run_nothing(struct job *job)
 	return job->in->frame_len;
 }
 
-static int (* const parts[MOXLAB_BENCH_COUNT])(struct job *job) = {
+static int (*const parts[MOXLAB_BENCH_COUNT])(struct job *job) = {
 	[MOXLAB_BENCH_SEND] = run_send,
 	[MOXLAB_BENCH_PLATFORM] = run_platform,
 	[MOXLAB_BENCH_NOTHING] = run_nothing,
@@ -111,7 +110,8 @@ int efmp_bench(struct moxlab_bench *bench)
 {
 	struct job job = {
 		.in = bench,
-		.name = { .sll_family = FAMILY, .sll_ifindex = bench->dst_ifindex,
+		.name = { .sll_family = FAMILY,
+			  .sll_ifindex = bench->dst_ifindex,
 			  .sll_halen = ETH_ALEN },
 	};
 	int err = 0;

@@ -35,9 +35,7 @@ static struct fdb_entry *find(const u8 *mac)
 {
 	struct fdb_entry *e;
 
-	hlist_for_each_entry_rcu(e, bucket(mac), hash)
-		if (!memcmp(e->mac, mac, ETH_ALEN))
-			return e;
+	hlist_for_each_entry_rcu(e, bucket(mac), hash) if (!memcmp(e->mac, mac, ETH_ALEN)) return e;
 	return NULL;
 }
 
@@ -100,9 +98,8 @@ void efmp_fdb_flush(const struct efmp_port *port)
 
 	spin_lock_bh(&fdb_lock);
 	for (i = 0; i < BUCKETS; i++)
-		hlist_for_each_entry_safe(e, next, &table[i], hash)
-			if (!port || e->port == port)
-				drop(e);
+		hlist_for_each_entry_safe(e, next, &table[i], hash) if (!port || e->port == port)
+			drop(e);
 	spin_unlock_bh(&fdb_lock);
 }
 

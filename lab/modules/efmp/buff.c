@@ -60,9 +60,7 @@ static struct track *find_live(const void *buf)
 {
 	struct track *t;
 
-	hlist_for_each_entry(t, bucket(buf), hash)
-		if (t->buf == buf && !t->dead)
-			return t;
+	hlist_for_each_entry(t, bucket(buf), hash) if (t->buf == buf && !t->dead) return t;
 	return NULL;
 }
 
@@ -70,9 +68,7 @@ struct track *efmp_find_seq(const void *buf, u32 seq)
 {
 	struct track *t;
 
-	hlist_for_each_entry(t, bucket(buf), hash)
-		if (t->buf == buf && t->seq == seq)
-			return t;
+	hlist_for_each_entry(t, bucket(buf), hash) if (t->buf == buf && t->seq == seq) return t;
 	return NULL;
 }
 
@@ -80,9 +76,7 @@ static bool was_freed(const void *buf)
 {
 	struct track *t;
 
-	hlist_for_each_entry(t, bucket(buf), hash)
-		if (t->buf == buf && t->dead)
-			return true;
+	hlist_for_each_entry(t, bucket(buf), hash) if (t->buf == buf && t->dead) return true;
 	return false;
 }
 
@@ -172,8 +166,7 @@ static u32 account(struct track *t, u8 owner, bool cloned, void *creator)
 	return seq;
 }
 
-static struct efbuff *buff_new(u32 mac_offset, u32 room, u8 owner, u32 *seq,
-			       void *creator)
+static struct efbuff *buff_new(u32 mac_offset, u32 room, u8 owner, u32 *seq, void *creator)
 {
 	struct efbuff *b;
 	struct track *t;
@@ -256,10 +249,10 @@ static void bury(struct track *t)
 		u8 *bad = memchr_inv(t->buf, POISON_BYTE, t->size);
 
 		if (bad)
-			efmp_misuse(MOXLAB_MISUSE_AFTER_FREE,
-				    "efbuff %u at %px of owner 0x%02x, made by %pS: byte %u was written after it was freed",
-				    t->seq, t->buf, t->owner, t->creator,
-				    (u32)(bad - (u8 *)t->buf));
+			efmp_misuse(
+				MOXLAB_MISUSE_AFTER_FREE,
+				"efbuff %u at %px of owner 0x%02x, made by %pS: byte %u was written after it was freed",
+				t->seq, t->buf, t->owner, t->creator, (u32)(bad - (u8 *)t->buf));
 		kfree(t->buf);
 	}
 	track_put(t);
@@ -281,8 +274,7 @@ void efmp_shrink_quarantine(u32 limit)
 	}
 	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 
-	list_for_each_entry_safe(t, next, &gone, list)
-		bury(t);
+	list_for_each_entry_safe(t, next, &gone, list) bury(t);
 }
 
 /*
@@ -295,11 +287,11 @@ static void retire(struct track *t)
 	u8 *bad = memchr_inv((u8 *)t->buf + t->size, REDZONE_BYTE, t->redzone);
 
 	if (bad)
-		efmp_misuse(MOXLAB_MISUSE_OVERRUN,
-			    "efbuff %u at %px of owner 0x%02x, made by %pS: written %u bytes past its %u bytes of room",
-			    t->seq, t->buf, t->owner, t->creator,
-			    (u32)(bad - (u8 *)t->buf) - t->size,
-			    t->size - t->mac_offset);
+		efmp_misuse(
+			MOXLAB_MISUSE_OVERRUN,
+			"efbuff %u at %px of owner 0x%02x, made by %pS: written %u bytes past its %u bytes of room",
+			t->seq, t->buf, t->owner, t->creator, (u32)(bad - (u8 *)t->buf) - t->size,
+			t->size - t->mac_offset);
 	t->held = READ_ONCE(efmp_buff_set.hold_memory);
 	if (t->held)
 		memset(t->buf, POISON_BYTE, t->size);
@@ -352,12 +344,14 @@ misuse:
 	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	switch (kind) {
 	case MOXLAB_MISUSE_WRONG_OWNER:
-		efmp_misuse(kind, "efbuff %u at %px is owner 0x%02x's but freed as 0x%02x's by %pS; not freed",
-			    seq, efbuff, actual, owner, caller);
+		efmp_misuse(
+			kind,
+			"efbuff %u at %px is owner 0x%02x's but freed as 0x%02x's by %pS; not freed",
+			seq, efbuff, actual, owner, caller);
 		break;
 	case MOXLAB_MISUSE_DOUBLE_FREE:
-		efmp_misuse(kind, "efbuff at %px freed again, as owner 0x%02x's, by %pS",
-			    efbuff, owner, caller);
+		efmp_misuse(kind, "efbuff at %px freed again, as owner 0x%02x's, by %pS", efbuff,
+			    owner, caller);
 		break;
 	default:
 		efmp_misuse(kind, "free of %px, which is no efbuff, as owner 0x%02x's, by %pS",
@@ -405,8 +399,7 @@ bool efmp_buff_settle(struct efbuff *b, u32 seq, bool taken)
 	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	if (!taken && !alive)
 		efmp_misuse(MOXLAB_MISUSE_NOT_TAKEN,
-			    "efbuff %u at %px was freed by a hook that did not take it",
-			    seq, b);
+			    "efbuff %u at %px was freed by a hook that did not take it", seq, b);
 	return alive && !taken;
 }
 
@@ -425,7 +418,8 @@ bool efmp_buff_adopt(struct efbuff *b, u32 *seq, u32 *size)
 	}
 	spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 	if (!t)
-		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "%px was handed over, which is no live efbuff", b);
+		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "%px was handed over, which is no live efbuff",
+			    b);
 	return t;
 }
 
@@ -449,11 +443,13 @@ void efmp_buff_exit(void)
 {
 	struct track *t;
 
-	list_for_each_entry(t, &efmp_live, list) {
-		efmp_misuse(MOXLAB_MISUSE_LEAK,
-			    "efbuff %u at %px is still alive at unload: owner 0x%02x, %s by %pS, %u bytes of room",
-			    t->seq, t->buf, t->owner, t->cloned ? "cloned" : "made",
-			    t->creator, t->size - t->mac_offset);
+	list_for_each_entry(t, &efmp_live, list)
+	{
+		efmp_misuse(
+			MOXLAB_MISUSE_LEAK,
+			"efbuff %u at %px is still alive at unload: owner 0x%02x, %s by %pS, %u bytes of room",
+			t->seq, t->buf, t->owner, t->cloned ? "cloned" : "made", t->creator,
+			t->size - t->mac_offset);
 		kfree(t->buf);
 	}
 	efmp_shrink_quarantine(0);

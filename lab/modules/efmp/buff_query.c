@@ -41,9 +41,8 @@ int efmp_buff_read_live(struct moxlab_read *read)
 	for (;;) {
 		memset(&rec, 0, sizeof(rec));
 		spin_lock_irqsave(&efmp_buffer_lock, flags);
-		list_for_each_entry(t, &efmp_live, list)
-			if (t->seq >= read->from && t->seq >= read->next)
-				break;
+		list_for_each_entry(t, &efmp_live,
+				    list) if (t->seq >= read->from && t->seq >= read->next) break;
 		if (&t->list == &efmp_live) {
 			spin_unlock_irqrestore(&efmp_buffer_lock, flags);
 			return 0;

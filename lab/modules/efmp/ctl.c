@@ -53,7 +53,7 @@ static int read_reglog(struct moxlab_read *read)
 	return ring_read(&efmp_reglog, read);
 }
 
-static int (* const readers[MOXLAB_WHAT_COUNT])(struct moxlab_read *read) = {
+static int (*const readers[MOXLAB_WHAT_COUNT])(struct moxlab_read *read) = {
 	[MOXLAB_LEFT] = read_left,
 	[MOXLAB_REGLOG] = read_reglog,
 	[MOXLAB_PRINTK] = mox_dprintk_lab_read,
@@ -127,7 +127,7 @@ static int do_intf_del(void *arg)
 
 static int do_fail(void *arg)
 {
-	static struct failpoint * const points[] = {
+	static struct failpoint *const points[] = {
 		[MOXLAB_FAIL_ALLOC] = &efmp_alloc_fail,
 		[MOXLAB_FAIL_CLONE] = &efmp_clone_fail,
 		[MOXLAB_FAIL_REG_MODULE] = &efmp_reg_module_fail,
@@ -194,9 +194,8 @@ static int do_settings(void *arg)
 	struct moxlab_settings *s = arg;
 
 	if (s->set) {
-		if (s->tag_mode > MOXLAB_TAG_ALWAYS || s->redzone > 256 ||
-		    !s->quarantine || s->quarantine > 4096 || s->hold_memory > 1 ||
-		    s->printk_echo > 1)
+		if (s->tag_mode > MOXLAB_TAG_ALWAYS || s->redzone > 256 || !s->quarantine ||
+		    s->quarantine > 4096 || s->hold_memory > 1 || s->printk_echo > 1)
 			return -EINVAL;
 		WRITE_ONCE(efmp_tag_mode, s->tag_mode);
 		mox_dprintk_lab_set_echo(s->printk_echo);
@@ -234,24 +233,15 @@ static const struct verb {
 	unsigned int cmd;
 	int (*run)(void *arg);
 } verbs[] = {
-	{ MOXLAB_INJECT, do_inject },
-	{ MOXLAB_PORT_ADD, do_port_add },
-	{ MOXLAB_PORT_DEL, do_port_del },
-	{ MOXLAB_INTF_SET, do_intf_set },
-	{ MOXLAB_INTF_DEL, do_intf_del },
-	{ MOXLAB_FAIL, do_fail },
-	{ MOXLAB_OUTCOME, do_outcome },
-	{ MOXLAB_SERVICE, do_service },
-	{ MOXLAB_READ, do_read },
-	{ MOXLAB_CLEAR, do_clear },
-	{ MOXLAB_BALANCE, do_balance },
-	{ MOXLAB_MISUSE, do_misuse },
-	{ MOXLAB_STATS, do_stats },
-	{ MOXLAB_CLEAR_STATS, do_clear_stats },
-	{ MOXLAB_SETTINGS, do_settings },
-	{ MOXLAB_SYNC, do_sync },
-	{ MOXLAB_FDB_FLUSH, do_fdb_flush },
-	{ MOXLAB_MEMORY, do_memory },
+	{ MOXLAB_INJECT, do_inject },       { MOXLAB_PORT_ADD, do_port_add },
+	{ MOXLAB_PORT_DEL, do_port_del },   { MOXLAB_INTF_SET, do_intf_set },
+	{ MOXLAB_INTF_DEL, do_intf_del },   { MOXLAB_FAIL, do_fail },
+	{ MOXLAB_OUTCOME, do_outcome },     { MOXLAB_SERVICE, do_service },
+	{ MOXLAB_READ, do_read },           { MOXLAB_CLEAR, do_clear },
+	{ MOXLAB_BALANCE, do_balance },     { MOXLAB_MISUSE, do_misuse },
+	{ MOXLAB_STATS, do_stats },         { MOXLAB_CLEAR_STATS, do_clear_stats },
+	{ MOXLAB_SETTINGS, do_settings },   { MOXLAB_SYNC, do_sync },
+	{ MOXLAB_FDB_FLUSH, do_fdb_flush }, { MOXLAB_MEMORY, do_memory },
 	{ MOXLAB_BENCH, do_bench },
 };
 

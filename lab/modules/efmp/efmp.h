@@ -119,7 +119,7 @@ struct efmp_run {
 	u32 nth;
 	const char *symbol;
 	u32 (*call)(void); /* not null: this one only, registered or not */
-	u32 tag;       /* enum moxlab_tag_mode, for this frame */
+	u32 tag;           /* enum moxlab_tag_mode, for this frame */
 	/* What came of it. */
 	u32 hooks_run;
 	u32 answer;
@@ -164,7 +164,7 @@ struct efmp_port {
 	struct list_head list;
 	struct net_device *dev; /* a reference is held */
 	void *intfcb;
-	u32 flags;              /* MOXLAB_PORT_* */
+	u32 flags; /* MOXLAB_PORT_* */
 	u16 wlan_id;
 	u16 ap_wlan_id;
 	u8 radio_id;
@@ -211,8 +211,8 @@ u32 efmp_take_tags(struct efbuff *b, u32 len);
 
 struct efmp_path {
 	struct efmp_run run;
-	struct efmp_port *in;  /* null: from no port */
-	bool dst_fixed;        /* the destination block is set already */
+	struct efmp_port *in; /* null: from no port */
+	bool dst_fixed;       /* the destination block is set already */
 	u32 left_ports;
 };
 
@@ -248,10 +248,9 @@ extern struct failpoint efmp_reg_serv_fail, efmp_get_service_fail;
 
 #define EFMP_COUNT_ROW(id, field, name) EFMP_COUNT_##id,
 enum efmp_stat { /* in the order of struct moxlab_stats */
-	MOXLAB_COUNTERS(EFMP_COUNT_ROW)
-	EFMP_POINT_FRAMES,
-	EFMP_POINT_TAKEN = EFMP_POINT_FRAMES + MOXLAB_POINT_COUNT,
-	EFMP_STATS = EFMP_POINT_TAKEN + MOXLAB_POINT_COUNT,
+		 MOXLAB_COUNTERS(EFMP_COUNT_ROW) EFMP_POINT_FRAMES,
+		 EFMP_POINT_TAKEN = EFMP_POINT_FRAMES + MOXLAB_POINT_COUNT,
+		 EFMP_STATS = EFMP_POINT_TAKEN + MOXLAB_POINT_COUNT,
 };
 
 void efmp_count(u32 stat);

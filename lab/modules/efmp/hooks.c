@@ -33,7 +33,7 @@ struct descriptor {
 	u32 word0;
 	u32 (*func)(void);
 	u32 word8;
-	u8 point;  /* 12: where in the pipeline */
+	u8 point; /* 12: where in the pipeline */
 	u8 byte13;
 	u16 half14;
 };
@@ -103,10 +103,9 @@ static struct hook *find(u32 call, const void *descriptor, const void *func, u32
 {
 	struct hook *h;
 
-	list_for_each_entry(h, &lists[list_index(call, point)], node)
-		if (h->call == call && h->descriptor == descriptor &&
-		    h->func == func && h->point == point)
-			return h;
+	list_for_each_entry(h, &lists[list_index(call, point)],
+			    node) if (h->call == call && h->descriptor == descriptor &&
+				      h->func == func && h->point == point) return h;
 	return NULL;
 }
 
@@ -313,10 +312,10 @@ static u32 call_hook(struct hook *h, struct efmp_run *run)
 	this_cpu_write(efmp_cpu_buffer_cache, outer);
 
 	if (preempt_count() != context || irqs_disabled()) {
-		efmp_misuse(MOXLAB_MISUSE_CONTEXT,
-			    "%s: called with preempt count 0x%x, came back with 0x%x, interrupts %s",
-			    h->symbol, context, preempt_count(),
-			    irqs_disabled() ? "off" : "on");
+		efmp_misuse(
+			MOXLAB_MISUSE_CONTEXT,
+			"%s: called with preempt count 0x%x, came back with 0x%x, interrupts %s",
+			h->symbol, context, preempt_count(), irqs_disabled() ? "off" : "on");
 		preempt_count_set(context);
 		local_irq_enable();
 	}
@@ -363,7 +362,8 @@ static enum efmp_verdict run_registered(struct efmp_run *run, u32 point)
 	struct hook *h;
 	u32 n = 0;
 
-	list_for_each_entry_rcu(h, &lists[point], node) {
+	list_for_each_entry_rcu(h, &lists[point], node)
+	{
 		n++;
 		if (run->nth && run->nth != n)
 			continue;
@@ -401,7 +401,8 @@ void efmp_hooks_wait(void)
 
 	/* Whoever is not in a hook now will read what was written before. */
 	smp_mb();
-	for_each_possible_cpu(cpu) {
+	for_each_possible_cpu(cpu)
+	{
 		u32 turn = READ_ONCE(per_cpu(hook_turns, cpu));
 
 		while (turn & 1 && READ_ONCE(per_cpu(hook_turns, cpu)) == turn)
@@ -437,7 +438,8 @@ static bool nth(u32 n, struct moxlab_reg_rec *rec)
 
 	spin_lock_irqsave(&hook_lock, flags);
 	for (i = 0; i < MOXLAB_POINT_COUNT && !found; i++) {
-		list_for_each_entry(h, &lists[i], node) {
+		list_for_each_entry(h, &lists[i], node)
+		{
 			if (n--)
 				continue;
 			rec->call = h->call;
@@ -496,7 +498,8 @@ void efmp_hooks_exit(void)
 	/* The entries on their way back to the pool are ours. */
 	rcu_barrier();
 	for (i = 0; i < MOXLAB_POINT_COUNT; i++)
-		list_for_each_entry_safe(h, next, &lists[i], node) {
+		list_for_each_entry_safe(h, next, &lists[i], node)
+		{
 			WARN(1, "efmp: %s is still registered at unload\n", h->symbol);
 			if (!h->pooled)
 				kfree(h);

@@ -94,16 +94,14 @@ static struct efbuff *build(const struct job *job, struct efmp_port *port, u32 *
 	const struct moxlab_inject *in = job->in;
 	bool module = in->point == MOXLAB_POINT_SEND;
 	u32 mac = in->set & MOXLAB_SET_MAC_OFFSET ? in->mac_offset : EFBUFF_FRAME;
-	u32 net_end = in->set & MOXLAB_SET_NET_OFFSET ?
-		      in->net_offset + EFBUFF_NET_READABLE : 0;
+	u32 net_end = in->set & MOXLAB_SET_NET_OFFSET ? in->net_offset + EFBUFF_NET_READABLE : 0;
 	u32 room = max3(in->frame_len, (u32)EFBUFF_MAC_READABLE,
 			in->set & MOXLAB_SET_TOTAL_LEN ? in->total_len : 0);
 	u32 len = in->frame_len;
 	struct efbuff *b;
 
 	room = max(room, net_end > mac ? net_end - mac : 0);
-	b = efmp_buff_new(mac, room, module ? MOXLAB_OWNER_MODULE : MOXLAB_OWNER_PLATFORM,
-			  seq);
+	b = efmp_buff_new(mac, room, module ? MOXLAB_OWNER_MODULE : MOXLAB_OWNER_PLATFORM, seq);
 	if (!b)
 		return NULL;
 	memcpy(efbuff_mac(b), job->frame, len);

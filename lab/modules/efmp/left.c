@@ -54,8 +54,7 @@ void efmp_left_add(struct efbuff *b, u32 ifindex, u32 outcome, bool sent)
 
 int efmp_left_init(void)
 {
-	return ring_alloc(&efmp_left, FRAMES,
-			  sizeof(struct moxlab_left_rec) + MOXLAB_LEFT_KEPT);
+	return ring_alloc(&efmp_left, FRAMES, sizeof(struct moxlab_left_rec) + MOXLAB_LEFT_KEPT);
 }
 
 void efmp_left_exit(void)

@@ -40,8 +40,7 @@ int efmp_memory(struct moxlab_memory *m)
 
 	if (!m->length || m->length > sizeof(m->bytes) || m->write > 1)
 		return -EINVAL;
-	if (!efmp_memory_allowed(m->address) ||
-	    !efmp_memory_allowed(m->address + m->length - 1))
+	if (!efmp_memory_allowed(m->address) || !efmp_memory_allowed(m->address + m->length - 1))
 		return -ENOENT;
 	if (m->write)
 		put(at, m->bytes, m->length);

@@ -10,7 +10,7 @@
 #include "efmp.h"
 
 #define TEXT(id, name, text) text,
-static const char * const kinds[] = { MOXLAB_MISUSE_KINDS(TEXT) };
+static const char *const kinds[] = { MOXLAB_MISUSE_KINDS(TEXT) };
 #undef TEXT
 
 static atomic_t expected;

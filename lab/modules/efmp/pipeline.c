@@ -172,10 +172,8 @@ static const struct {
 	u32 point;
 	bool (*takes)(struct efbuff *b);
 } before_forwarding[] = {
-	{ MOXLAB_POINT_RESV, takes_resv },
-	{ MOXLAB_POINT_WLAN_IN, takes_wlan },
-	{ MOXLAB_POINT_LEV2, takes_lev2 },
-	{ MOXLAB_POINT_IPV4, takes_ipv4 },
+	{ MOXLAB_POINT_RESV, takes_resv }, { MOXLAB_POINT_WLAN_IN, takes_wlan },
+	{ MOXLAB_POINT_LEV2, takes_lev2 }, { MOXLAB_POINT_IPV4, takes_ipv4 },
 	{ MOXLAB_POINT_IPV6, takes_ipv6 },
 };
 
@@ -236,9 +234,7 @@ static bool find_way(struct efbuff *b, struct efmp_port *in, struct way *way)
 		way->sink = b->dst_intf;
 		return true;
 	}
-	list_for_each_entry_rcu(port, &efmp_ports, list)
-		if (port != in)
-			return true;
+	list_for_each_entry_rcu(port, &efmp_ports, list) if (port != in) return true;
 	return false;
 }
 
@@ -251,7 +247,8 @@ static struct sk_buff *build_skb_of(struct efbuff *b, struct net_device *dev)
 	struct sk_buff *skb;
 
 	skb = alloc_skb(LL_RESERVED_SPACE(dev) + b->total_len + 2 * VLAN_HLEN +
-			dev->needed_tailroom, GFP_ATOMIC | __GFP_NOWARN);
+				dev->needed_tailroom,
+			GFP_ATOMIC | __GFP_NOWARN);
 	if (!skb)
 		return NULL;
 	skb_reserve(skb, LL_RESERVED_SPACE(dev) + VLAN_HLEN);
@@ -313,13 +310,11 @@ static u32 leave(struct efbuff *b, const struct way *way, bool sent)
 	}
 	if (way->sink) {
 		efmp_count(EFMP_COUNT_FORWARDED);
-		efmp_left_add(b, ((struct lsm_intfcb *)way->sink)->ifindex,
-			      MOXLAB_OUT_LEFT, sent);
+		efmp_left_add(b, ((struct lsm_intfcb *)way->sink)->ifindex, MOXLAB_OUT_LEFT, sent);
 		return 1;
 	}
-	list_for_each_entry_rcu(port, &efmp_ports, list)
-		if (port != way->except)
-			left += leave_by(b, port, sent);
+	list_for_each_entry_rcu(port, &efmp_ports, list) if (port != way->except)
+		left += leave_by(b, port, sent);
 	efmp_count(left ? EFMP_COUNT_FLOODED : EFMP_COUNT_NOWHERE);
 	return left;
 }
@@ -402,8 +397,7 @@ static bool header_fits(const struct efbuff *b, u32 size)
 {
 	return b->mac_offset >= EFBUFF_HEADER && b->net_offset >= EFBUFF_HEADER &&
 	       b->mac_offset + EFBUFF_MAC_READABLE <= size &&
-	       b->net_offset + EFBUFF_NET_READABLE <= size &&
-	       b->total_len <= size - b->mac_offset;
+	       b->net_offset + EFBUFF_NET_READABLE <= size && b->total_len <= size - b->mac_offset;
 }
 
 static int send_result(u32 outcome, const u8 *dst)
@@ -431,9 +425,10 @@ int efmp_send(struct efbuff *b, struct efmp_path *path, u32 *outcome)
 		return SEND_DROP;
 	overridden = take_override(&o);
 	if (!header_fits(b, size)) {
-		efmp_misuse(MOXLAB_MISUSE_BAD_HEADER,
-			    "efbuff %u handed over with MAC header at %u, network header at %u, length %u, but %u bytes in all",
-			    path->run.seq, b->mac_offset, b->net_offset, b->total_len, size);
+		efmp_misuse(
+			MOXLAB_MISUSE_BAD_HEADER,
+			"efbuff %u handed over with MAC header at %u, network header at %u, length %u, but %u bytes in all",
+			path->run.seq, b->mac_offset, b->net_offset, b->total_len, size);
 		efmp_buff_free(b);
 		return SEND_DROP;
 	}

@@ -19,9 +19,8 @@ struct efmp_port *efmp_port_by_ifindex(u32 ifindex)
 {
 	struct efmp_port *port;
 
-	list_for_each_entry_rcu(port, &efmp_ports, list)
-		if ((u32)port->dev->ifindex == ifindex)
-			return port;
+	list_for_each_entry_rcu(port, &efmp_ports,
+				list) if ((u32)port->dev->ifindex == ifindex) return port;
 	return NULL;
 }
 
@@ -31,9 +30,7 @@ struct efmp_port *efmp_port_by_block(const void *intfcb)
 
 	if (!intfcb)
 		return NULL;
-	list_for_each_entry_rcu(port, &efmp_ports, list)
-		if (port->intfcb == intfcb)
-			return port;
+	list_for_each_entry_rcu(port, &efmp_ports, list) if (port->intfcb == intfcb) return port;
 	return NULL;
 }
 
@@ -43,8 +40,8 @@ static int publish_block(struct efmp_port *port)
 	struct net_device *dev = port->dev;
 	struct moxlab_intf intf = {
 		.ifindex = dev->ifindex,
-		.set = MOXLAB_INTF_SET_MAC | MOXLAB_INTF_SET_LINK |
-		       MOXLAB_INTF_SET_NAME | MOXLAB_INTF_SET_WLAN,
+		.set = MOXLAB_INTF_SET_MAC | MOXLAB_INTF_SET_LINK | MOXLAB_INTF_SET_NAME |
+		       MOXLAB_INTF_SET_WLAN,
 		.link = netif_running(dev) && netif_carrier_ok(dev),
 		.wlan = !!(port->flags & MOXLAB_PORT_WLAN),
 	};
@@ -211,9 +208,9 @@ static struct efmp_port *device_port(const struct net_device *dev)
 {
 	struct efmp_port *port;
 
-	list_for_each_entry(port, &efmp_ports, list)
-		if (port->dev == dev && !(port->flags & MOXLAB_PORT_HOST))
-			return port;
+	list_for_each_entry(port, &efmp_ports,
+			    list) if (port->dev == dev &&
+				      !(port->flags & MOXLAB_PORT_HOST)) return port;
 	return NULL;
 }
 
@@ -223,8 +220,7 @@ static struct net_device *find_device(struct moxlab_port *p)
 	struct net_device *dev;
 
 	p->name[sizeof(p->name) - 1] = '\0';
-	dev = p->ifindex ? __dev_get_by_index(net, p->ifindex) :
-			   __dev_get_by_name(net, p->name);
+	dev = p->ifindex ? __dev_get_by_index(net, p->ifindex) : __dev_get_by_name(net, p->name);
 	return dev;
 }
 
@@ -292,7 +288,8 @@ int efmp_ports_read(struct moxlab_read *read)
 	int err = 0;
 
 	rtnl_lock();
-	list_for_each_entry(port, &efmp_ports, list) {
+	list_for_each_entry(port, &efmp_ports, list)
+	{
 		if (++seq < read->from)
 			continue;
 		memset(&rec, 0, sizeof(rec));
@@ -320,7 +317,8 @@ void efmp_ports_clear(void)
 	struct efmp_port *port;
 
 	rtnl_lock();
-	list_for_each_entry(port, &efmp_ports, list) {
+	list_for_each_entry(port, &efmp_ports, list)
+	{
 		atomic64_set(&port->rx, 0);
 		atomic64_set(&port->tx, 0);
 		atomic64_set(&port->tx_drop, 0);
@@ -339,8 +337,7 @@ void efmp_ports_exit(void)
 
 	unregister_netdevice_notifier(&device_notifier);
 	rtnl_lock();
-	list_for_each_entry_safe(port, next, &efmp_ports, list)
-		if (!(port->flags & MOXLAB_PORT_HOST))
-			del_device(port);
+	list_for_each_entry_safe(port, next, &efmp_ports,
+				 list) if (!(port->flags & MOXLAB_PORT_HOST)) del_device(port);
 	rtnl_unlock();
 }

@@ -49,11 +49,13 @@ enum { LOCAL_MAC, DROP, DROP_WLAN };
 
 static struct service services[] = {
 	/* A device has its own address from the start. */
-	[LOCAL_MAC] = { .service_class = 11, .instance = 10, .published = true,
+	[LOCAL_MAC] = { .service_class = 11,
+			.instance = 10,
+			.published = true,
 			.entries = { { local_mac_0 }, { local_mac_1 } } },
-	[DROP] = { .service_class = 32, .instance = 0,
-		   .entries = { { drop_0 }, { drop_1 } } },
-	[DROP_WLAN] = { .service_class = 32, .instance = 3,
+	[DROP] = { .service_class = 32, .instance = 0, .entries = { { drop_0 }, { drop_1 } } },
+	[DROP_WLAN] = { .service_class = 32,
+			.instance = 3,
 			.entries = { { drop_wlan_0 }, { drop_wlan_1 } } },
 };
 
@@ -76,8 +78,8 @@ static struct entry *called(int which, int n)
 		atomic_inc(&s->late);
 		if (which != LOCAL_MAC)
 			efmp_misuse(MOXLAB_MISUSE_WITHDRAWN,
-				    "entry %d of service %u/%u was called after its withdrawal",
-				    n, s->service_class, s->instance);
+				    "entry %d of service %u/%u was called after its withdrawal", n,
+				    s->service_class, s->instance);
 	}
 	return e;
 }
@@ -142,8 +144,7 @@ static struct service *find(u32 service_class, u32 instance)
 	int i;
 
 	for (i = 0; i < ARRAY_SIZE(services); i++)
-		if (services[i].service_class == service_class &&
-		    services[i].instance == instance)
+		if (services[i].service_class == service_class && services[i].instance == instance)
 			return &services[i];
 	return NULL;
 }
@@ -240,7 +241,9 @@ static void call_handlers(u32 event, const struct moxlab_service *v, const void 
 
 	for (i = 0; i < HANDLERS; i++) {
 		u32 record[3] = {
-			(u32)(unsigned long)func, v->service_class, v->instance,
+			(u32)(unsigned long)func,
+			v->service_class,
+			v->instance,
 		};
 
 		if (handlers[i])

@@ -19,8 +19,7 @@ void efmp_stats_read(struct moxlab_stats *s)
 	u64 *field = &s->seen;
 	int i;
 
-#define SAME(field, stat) \
-	BUILD_BUG_ON(offsetof(struct moxlab_stats, field) != (stat) * sizeof(u64))
+#define SAME(field, stat) BUILD_BUG_ON(offsetof(struct moxlab_stats, field) != (stat) * sizeof(u64))
 	SAME(point_frames, EFMP_POINT_FRAMES);
 	SAME(point_taken, EFMP_POINT_TAKEN);
 	SAME(fdb_entries, EFMP_STATS);

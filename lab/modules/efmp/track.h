@@ -16,14 +16,14 @@ struct track {
 	struct list_head list; /* live, or quarantine once dead */
 	struct efbuff *buf;
 	u32 seq;
-	u32 size;     /* bytes, header included, guard left out */
-	u32 redzone;  /* guard bytes behind them */
+	u32 size;       /* bytes, header included, guard left out */
+	u32 redzone;    /* guard bytes behind them */
 	u32 mac_offset; /* at birth */
 	u8 owner;
 	bool cloned;
 	bool offered; /* in a hook just now */
 	bool dead;
-	bool held;    /* dead, memory kept and poisoned */
+	bool held; /* dead, memory kept and poisoned */
 	void *creator;
 	u64 born_ns;
 	u8 last[MOXLAB_HEADER_LEN]; /* the header as it was freed */

@@ -15,7 +15,8 @@
 
 #define TABLE_BITS 7
 #define BLOCKS_MAX 4096 /* blocks stay until unload: bound what a test can pin */
-#define UNSPECIFIED 0xa5 /* fills what the contract leaves open, so that a
+#define UNSPECIFIED \
+	0xa5 /* fills what the contract leaves open, so that a
 			  * reader at a wrong offset does not see zeroes */
 
 struct block {
@@ -39,7 +40,8 @@ static struct block *find_block(u32 ifindex)
 	struct block *b;
 
 	rcu_read_lock();
-	hlist_for_each_entry_rcu(b, &table[hash_32(ifindex, TABLE_BITS)], hash) {
+	hlist_for_each_entry_rcu(b, &table[hash_32(ifindex, TABLE_BITS)], hash)
+	{
 		if (b->cb.ifindex == ifindex)
 			break;
 	}
@@ -118,8 +120,7 @@ int lsm_lab_set(const struct moxlab_intf *intf)
 		apply(b, &fresh, ~0u);
 		apply(b, intf, intf->set);
 		if (!revived)
-			hlist_add_head_rcu(&b->hash,
-					   &table[hash_32(intf->ifindex, TABLE_BITS)]);
+			hlist_add_head_rcu(&b->hash, &table[hash_32(intf->ifindex, TABLE_BITS)]);
 		/* A finder must see the fields that this call set. */
 		smp_store_release(&b->known, true);
 	} else {
@@ -160,7 +161,8 @@ int lsm_lab_nth(u32 n, struct moxlab_intf_rec *rec)
 
 	memset(rec, 0, sizeof(*rec));
 	mutex_lock(&change_lock);
-	list_for_each_entry(b, &blocks, all) {
+	list_for_each_entry(b, &blocks, all)
+	{
 		if (n--)
 			continue;
 		rec->intf.ifindex = b->cb.ifindex;
@@ -187,8 +189,7 @@ static void free_blocks(void)
 {
 	struct block *b, *next;
 
-	list_for_each_entry_safe(b, next, &blocks, all)
-		kfree(b);
+	list_for_each_entry_safe(b, next, &blocks, all) kfree(b);
 }
 
 static int __init lsm_ko_init(void)

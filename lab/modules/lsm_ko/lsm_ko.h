@@ -14,12 +14,12 @@
 
 /* What other modules may read of a block: these fields at these offsets. */
 struct lsm_intfcb {
-	u32 ifindex;             /* 0 */
-	u8 mac[6];               /* 4 */
+	u32 ifindex; /* 0 */
+	u8 mac[6];   /* 4 */
 	u8 pad10[2];
-	u32 link;                /* 12: 1 up, 0 down */
+	u32 link; /* 12: 1 up, 0 down */
 	u8 pad16[316];
-	char name[32];           /* 332: NUL-terminated */
+	char name[32]; /* 332: NUL-terminated */
 	u8 pad364[4];
 };
 

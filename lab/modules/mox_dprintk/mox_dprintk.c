@@ -84,8 +84,7 @@ EXPORT_SYMBOL_GPL(mox_dprintk_lab_echo);
 
 static int __init mox_dprintk_init(void)
 {
-	return ring_alloc(&lines, LINES, sizeof(struct moxlab_printk_rec) +
-					 MOXLAB_PRINTK_KEPT + 1);
+	return ring_alloc(&lines, LINES, sizeof(struct moxlab_printk_rec) + MOXLAB_PRINTK_KEPT + 1);
 }
 
 static void __exit mox_dprintk_exit(void)

@@ -10,11 +10,11 @@ class ModuleState : public fake::KernelTest {};
 
 TEST_F(ModuleState, down_until_set)
 {
-    EXPECT_FALSE(mox::module_up());
-    mox::set_module_up(true);
-    EXPECT_TRUE(mox::module_up());
-    mox::set_module_up(false);
-    EXPECT_FALSE(mox::module_up());
+	EXPECT_FALSE(mox::module_up());
+	mox::set_module_up(true);
+	EXPECT_TRUE(mox::module_up());
+	mox::set_module_up(false);
+	EXPECT_FALSE(mox::module_up());
 }
 
-}  // namespace
+} // namespace

@@ -6,158 +6,168 @@
 #include "kernel.h"
 
 using fake::breach;
-using fake::kernel;
 using fake::Fail;
+using fake::kernel;
 using fake::Point;
 
 namespace {
 
 constexpr uint16_t kFamilyId = 0x1f;
-constexpr size_t kHeaders = 20;  // netlink and generic netlink header
+constexpr size_t kHeaders = 20; // netlink and generic netlink header
 
 bool is_open(file *f, const char *call)
 {
-    if (kernel().open_files.count(f))
-        return true;
-    breach(std::string(call) + " of a closed file");
-    return false;
+	if (kernel().open_files.count(f))
+		return true;
+	breach(std::string(call) + " of a closed file");
+	return false;
 }
 
 void forget(sk_buff *skb, const char *call)
 {
-    if (!kernel().skbs.erase(skb))
-        return breach(std::string(call) + " of a freed message");
-    delete skb;
+	if (!kernel().skbs.erase(skb))
+		return breach(std::string(call) + " of a freed message");
+	delete skb;
 }
 
-}  // namespace
+} // namespace
 
 int seam_scnprintf(char *buf, size_t size, const char *fmt, ...)
 {
-    va_list args;
-    va_start(args, fmt);
-    std::string text = fake::render(fmt, args);
-    va_end(args);
-    size_t len = std::min(text.size(), size - 1);
-    std::memcpy(buf, text.c_str(), len);
-    buf[len] = '\0';
-    return static_cast<int>(len);
+	va_list args;
+	va_start(args, fmt);
+	std::string text = fake::render(fmt, args);
+	va_end(args);
+	size_t len = std::min(text.size(), size - 1);
+	std::memcpy(buf, text.c_str(), len);
+	buf[len] = '\0';
+	return static_cast<int>(len);
 }
 
 int seam_genl_register(void)
 {
-    kernel().may_sleep("genl_register_family");
-    if (kernel().failing(Fail::kGenlRegister)) {
-        kernel().journal.push_back("genl+ fails");
-        return kernel().error_of(Fail::kGenlRegister, -EEXIST);
-    }
-    if (kernel().genl_registered)
-        breach("genl_register_family twice");
-    kernel().genl_registered = true;
-    kernel().journal.push_back("genl+");
-    return 0;
+	kernel().may_sleep("genl_register_family");
+	if (kernel().failing(Fail::kGenlRegister)) {
+		kernel().journal.push_back("genl+ fails");
+		return kernel().error_of(Fail::kGenlRegister, -EEXIST);
+	}
+	if (kernel().genl_registered)
+		breach("genl_register_family twice");
+	kernel().genl_registered = true;
+	kernel().journal.push_back("genl+");
+	return 0;
 }
 
 void seam_genl_unregister(void)
 {
-    kernel().may_sleep("genl_unregister_family");
-    if (!kernel().genl_registered)
-        breach("genl_unregister_family of what is not registered");
-    kernel().genl_registered = false;
-    kernel().journal.push_back("genl-");
+	kernel().may_sleep("genl_unregister_family");
+	if (!kernel().genl_registered)
+		breach("genl_unregister_family of what is not registered");
+	kernel().genl_registered = false;
+	kernel().journal.push_back("genl-");
 }
 
-const void *seam_genl_message(const genl_info *info) { return info->message.data(); }
-u32 seam_genl_client(const genl_info *info) { return info->client; }
+const void *seam_genl_message(const genl_info *info)
+{
+	return info->message.data();
+}
+u32 seam_genl_client(const genl_info *info)
+{
+	return info->client;
+}
 
 sk_buff *seam_genl_alloc(void)
 {
-    kernel().may_sleep("nlmsg_new");
-    if (kernel().failing(Fail::kGenlAlloc))
-        return nullptr;
-    auto *skb = new sk_buff;
-    skb->room.assign(36, 0xa5);
-    kernel().skbs.insert(skb);
-    return skb;
+	kernel().may_sleep("nlmsg_new");
+	if (kernel().failing(Fail::kGenlAlloc))
+		return nullptr;
+	auto *skb = new sk_buff;
+	skb->room.assign(36, 0xa5);
+	kernel().skbs.insert(skb);
+	return skb;
 }
 
 void *seam_genl_put(sk_buff *skb, u32 client)
 {
-    if (kernel().failing(Fail::kGenlPut))
-        return nullptr;
-    auto *head = static_cast<uint8_t *>(seam_skb_put(skb, kHeaders));
-    const uint32_t begun = 0, seq = 0;
-    const uint16_t flags = 0;
-    const uint8_t generic[4] = {MOX_PACKET_GENL_CMD, MOX_PACKET_GENL_VERSION, 0, 0};
-    std::memcpy(head, &begun, 4);
-    std::memcpy(head + 4, &kFamilyId, 2);
-    std::memcpy(head + 6, &flags, 2);
-    std::memcpy(head + 8, &seq, 4);
-    std::memcpy(head + 12, &client, 4);
-    std::memcpy(head + 16, generic, 4);
-    return head;
+	if (kernel().failing(Fail::kGenlPut))
+		return nullptr;
+	auto *head = static_cast<uint8_t *>(seam_skb_put(skb, kHeaders));
+	const uint32_t begun = 0, seq = 0;
+	const uint16_t flags = 0;
+	const uint8_t generic[4] = { MOX_PACKET_GENL_CMD, MOX_PACKET_GENL_VERSION, 0, 0 };
+	std::memcpy(head, &begun, 4);
+	std::memcpy(head + 4, &kFamilyId, 2);
+	std::memcpy(head + 6, &flags, 2);
+	std::memcpy(head + 8, &seq, 4);
+	std::memcpy(head + 12, &client, 4);
+	std::memcpy(head + 16, generic, 4);
+	return head;
 }
 
 int seam_genl_put_empty(sk_buff *skb, int type)
 {
-    if (kernel().failing(Fail::kNlaPut))
-        return -EMSGSIZE;
-    const uint16_t attr[2] = {4, static_cast<uint16_t>(type)};
-    std::memcpy(seam_skb_put(skb, 4), attr, 4);
-    return 0;
+	if (kernel().failing(Fail::kNlaPut))
+		return -EMSGSIZE;
+	const uint16_t attr[2] = { 4, static_cast<uint16_t>(type) };
+	std::memcpy(seam_skb_put(skb, 4), attr, 4);
+	return 0;
 }
 
 void seam_genl_end(sk_buff *skb, void *message)
 {
-    if (message != skb->room.data())
-        breach("genlmsg_end of another message");
-    std::memcpy(message, &skb->len, 4);
+	if (message != skb->room.data())
+		breach("genlmsg_end of another message");
+	std::memcpy(message, &skb->len, 4);
 }
 
 int seam_genl_unicast(sk_buff *skb, u32 client)
 {
-    int result = static_cast<int>(skb->len);
-    if (kernel().failing(Fail::kGenlUnicast))
-        result = -ECONNREFUSED;
-    else
-        kernel().answers.push_back({client, {skb->room.begin(), skb->room.begin() + skb->len}});
-    forget(skb, "netlink_unicast");
-    return result;
+	int result = static_cast<int>(skb->len);
+	if (kernel().failing(Fail::kGenlUnicast))
+		result = -ECONNREFUSED;
+	else
+		kernel().answers.push_back(
+			{ client, { skb->room.begin(), skb->room.begin() + skb->len } });
+	forget(skb, "netlink_unicast");
+	return result;
 }
 
-void seam_genl_free(sk_buff *skb) { forget(skb, "nlmsg_free"); }
+void seam_genl_free(sk_buff *skb)
+{
+	forget(skb, "nlmsg_free");
+}
 
 file *seam_file_open(const char *path)
 {
-    kernel().may_sleep("filp_open");
-    kernel().event(Point::kOpen);
-    if (kernel().failing(Fail::kFileOpen))
-        return nullptr;
-    kernel().disk[path].clear();
-    auto *f = new file{path};
-    kernel().open_files.insert(f);
-    return f;
+	kernel().may_sleep("filp_open");
+	kernel().event(Point::kOpen);
+	if (kernel().failing(Fail::kFileOpen))
+		return nullptr;
+	kernel().disk[path].clear();
+	auto *f = new file{ path };
+	kernel().open_files.insert(f);
+	return f;
 }
 
 long seam_file_write(file *f, const void *from, size_t len)
 {
-    kernel().may_sleep("kernel_write");
-    if (!is_open(f, "kernel_write"))
-        return -EBADF;
-    if (kernel().failing(Fail::kFileWrite))
-        return -ENOSPC;
-    kernel().disk[f->path].append(static_cast<const char *>(from), len);
-    f->at += len;
-    kernel().writes.push_back(len);
-    kernel().event(Point::kWrite, f);
-    return static_cast<long>(len);
+	kernel().may_sleep("kernel_write");
+	if (!is_open(f, "kernel_write"))
+		return -EBADF;
+	if (kernel().failing(Fail::kFileWrite))
+		return -ENOSPC;
+	kernel().disk[f->path].append(static_cast<const char *>(from), len);
+	f->at += len;
+	kernel().writes.push_back(len);
+	kernel().event(Point::kWrite, f);
+	return static_cast<long>(len);
 }
 
 void seam_file_close(file *f)
 {
-    kernel().may_sleep("filp_close");
-    if (!is_open(f, "filp_close"))
-        return;
-    kernel().open_files.erase(f);
-    delete f;
+	kernel().may_sleep("filp_close");
+	if (!is_open(f, "filp_close"))
+		return;
+	kernel().open_files.erase(f);
+	delete f;
 }

@@ -12,16 +12,16 @@ namespace fake {
 
 class KernelTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        kernel().reset();
-        efmp().reset();
-    }
-    void TearDown() override
-    {
-        efmp().audit();
-        kernel().audit();
-    }
+	void SetUp() override
+	{
+		kernel().reset();
+		efmp().reset();
+	}
+	void TearDown() override
+	{
+		efmp().audit();
+		kernel().audit();
+	}
 };
 
-}  // namespace fake
+} // namespace fake

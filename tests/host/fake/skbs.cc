@@ -6,222 +6,273 @@
 #include "kernel.h"
 
 using fake::breach;
-using fake::kernel;
 using fake::Fail;
+using fake::kernel;
 using fake::Point;
 
 namespace fake {
 
-uint32_t truesize(uint32_t len) { return ((len + 63) & ~63u) + 576; }
+uint32_t truesize(uint32_t len)
+{
+	return ((len + 63) & ~63u) + 576;
+}
 
 namespace {
 
 void check(const sk_buff *skb, const char *call)
 {
-    if (!kernel().skbs.count(const_cast<sk_buff *>(skb)))
-        breach(std::string(call) + " on a freed buffer");
+	if (!kernel().skbs.count(const_cast<sk_buff *>(skb)))
+		breach(std::string(call) + " on a freed buffer");
 }
 
 void put(sk_buff *skb, const char *call)
 {
-    check(skb, call);
-    if (--skb->users)
-        return;
-    if (skb->owner)
-        skb->owner->rmem -= static_cast<int>(skb->truesize);
-    kernel().skbs.erase(skb);
-    delete skb;
+	check(skb, call);
+	if (--skb->users)
+		return;
+	if (skb->owner)
+		skb->owner->rmem -= static_cast<int>(skb->truesize);
+	kernel().skbs.erase(skb);
+	delete skb;
 }
 
-}  // namespace
-}  // namespace fake
+} // namespace
+} // namespace fake
 
 sk_buff *seam_skb_alloc(u32 len)
 {
-    if (kernel().failing(Fail::kSkbAlloc))
-        return nullptr;
-    auto *skb = new sk_buff;
-    // Old memory: whoever hands a buffer on has to have written it.
-    skb->room.assign(len, 0xa5);
-    std::memset(skb->cb, 0xa5, sizeof skb->cb);
-    skb->truesize = fake::truesize(len);
-    skb->nonlinear = kernel().nonlinear_skbs;
-    kernel().skbs.insert(skb);
-    return skb;
+	if (kernel().failing(Fail::kSkbAlloc))
+		return nullptr;
+	auto *skb = new sk_buff;
+	// Old memory: whoever hands a buffer on has to have written it.
+	skb->room.assign(len, 0xa5);
+	std::memset(skb->cb, 0xa5, sizeof skb->cb);
+	skb->truesize = fake::truesize(len);
+	skb->nonlinear = kernel().nonlinear_skbs;
+	kernel().skbs.insert(skb);
+	return skb;
 }
 
 void *seam_skb_put(sk_buff *skb, u32 len)
 {
-    fake::check(skb, "skb_put");
-    if (skb->begin + skb->len + len > skb->room.size()) {
-        breach("skb_put beyond the buffer's end");
-        return nullptr;
-    }
-    void *at = skb->room.data() + skb->begin + skb->len;
-    skb->len += len;
-    return at;
+	fake::check(skb, "skb_put");
+	if (skb->begin + skb->len + len > skb->room.size()) {
+		breach("skb_put beyond the buffer's end");
+		return nullptr;
+	}
+	void *at = skb->room.data() + skb->begin + skb->len;
+	skb->len += len;
+	return at;
 }
 
 void *seam_skb_pull(sk_buff *skb, u32 len)
 {
-    if (len > skb->len)
-        return nullptr;
-    skb->begin += len;
-    skb->len -= len;
-    return skb->room.data() + skb->begin;
+	if (len > skb->len)
+		return nullptr;
+	skb->begin += len;
+	skb->len -= len;
+	return skb->room.data() + skb->begin;
 }
 
 void seam_skb_set_meta(sk_buff *skb, u32 net_offset, u32 ifindex, u16 vlan_id)
 {
-    skb->mac = skb->begin;
-    skb->network = skb->begin + net_offset;
-    skb->iif = ifindex;
-    skb->vlan = vlan_id;
-    skb->has_dev = false;
+	skb->mac = skb->begin;
+	skb->network = skb->begin + net_offset;
+	skb->iif = ifindex;
+	skb->vlan = vlan_id;
+	skb->has_dev = false;
 }
 
 void *seam_skb_cb(sk_buff *skb)
 {
-    fake::check(skb, "skb cb");
-    return skb->cb;
+	fake::check(skb, "skb cb");
+	return skb->cb;
 }
 
-u32 seam_skb_len(const sk_buff *skb) { return skb->len; }
-u32 seam_skb_truesize(const sk_buff *skb) { return skb->truesize; }
-u16 seam_skb_protocol(const sk_buff *skb) { return skb->protocol; }
-int seam_skb_nonlinear(const sk_buff *skb) { return skb->nonlinear; }
+u32 seam_skb_len(const sk_buff *skb)
+{
+	return skb->len;
+}
+u32 seam_skb_truesize(const sk_buff *skb)
+{
+	return skb->truesize;
+}
+u16 seam_skb_protocol(const sk_buff *skb)
+{
+	return skb->protocol;
+}
+int seam_skb_nonlinear(const sk_buff *skb)
+{
+	return skb->nonlinear;
+}
 
 int seam_skb_pskb_trim(sk_buff *skb, u32 len)
 {
-    if (kernel().failing(Fail::kSkbTrim))
-        return -ENOMEM;
-    skb->len = std::min(skb->len, len);
-    return 0;
+	if (kernel().failing(Fail::kSkbTrim))
+		return -ENOMEM;
+	skb->len = std::min(skb->len, len);
+	return 0;
 }
 
 void seam_skb_cut(sk_buff *skb, u32 len)
 {
-    if (skb->nonlinear)
-        breach("plain cut of a non-linear buffer");
-    if (len > skb->len)
-        breach("a cut that makes the buffer longer");
-    skb->len = len;
+	if (skb->nonlinear)
+		breach("plain cut of a non-linear buffer");
+	if (len > skb->len)
+		breach("a cut that makes the buffer longer");
+	skb->len = len;
 }
 
-u32 seam_skb_users(const sk_buff *skb) { return skb->users; }
-void seam_consume_skb(sk_buff *skb) { fake::put(skb, "consume_skb"); }
+u32 seam_skb_users(const sk_buff *skb)
+{
+	return skb->users;
+}
+void seam_consume_skb(sk_buff *skb)
+{
+	fake::put(skb, "consume_skb");
+}
 
 void seam_skb_set_owner_r(sk_buff *skb, sock *sk)
 {
-    if (skb->owner)
-        breach("buffer charged twice");
-    skb->owner = sk;
-    sk->rmem += static_cast<int>(skb->truesize);
+	if (skb->owner)
+		breach("buffer charged twice");
+	skb->owner = sk;
+	sk->rmem += static_cast<int>(skb->truesize);
 }
 
-void seam_skb_dst_drop(sk_buff *skb) { skb->dst_dropped = true; }
+void seam_skb_dst_drop(sk_buff *skb)
+{
+	skb->dst_dropped = true;
+}
 
-u32 seam_rcvq_len(const sock *sk) { return sk->queue->size(); }
-u32 seam_writeq_len(const sock *sk) { return sk->write_queue->size(); }
+u32 seam_rcvq_len(const sock *sk)
+{
+	return sk->queue->size();
+}
+u32 seam_writeq_len(const sock *sk)
+{
+	return sk->write_queue->size();
+}
 
 sk_buff *seam_rcvq_peek(sock *sk)
 {
-    if (!kernel().holds(fake::LockKind::kReceiveQueue))
-        breach("receive queue peeked without its lock");
-    return sk->queue->empty() ? nullptr : sk->queue->front();
+	if (!kernel().holds(fake::LockKind::kReceiveQueue))
+		breach("receive queue peeked without its lock");
+	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
 
 void seam_rcvq_append(sock *sk, sk_buff *skb)
 {
-    if (skb->owner != sk)
-        breach("buffer queued without being charged");
-    if (skb->has_dev)
-        breach("buffer queued with its device");
-    seam_rcvq_lock(sk);
-    sk->queue->push_back(skb);
-    seam_rcvq_unlock(sk);
+	if (skb->owner != sk)
+		breach("buffer queued without being charged");
+	if (skb->has_dev)
+		breach("buffer queued with its device");
+	seam_rcvq_lock(sk);
+	sk->queue->push_back(skb);
+	seam_rcvq_unlock(sk);
 }
 
 void seam_rcvq_purge(sock *sk)
 {
-    while (!sk->queue->empty()) {
-        sk_buff *skb = sk->queue->front();
-        sk->queue->pop_front();
-        fake::put(skb, "purge");
-    }
+	while (!sk->queue->empty()) {
+		sk_buff *skb = sk->queue->front();
+		sk->queue->pop_front();
+		fake::put(skb, "purge");
+	}
 }
 
 sk_buff *seam_recv_datagram(sock *sk, int flags, int *error)
 {
-    kernel().may_sleep("skb_recv_datagram");
-    kernel().event(Point::kReceive, sk);
-    if (kernel().failing(Fail::kRecvDatagram)) {
-        *error = kernel().error_of(Fail::kRecvDatagram, -ERESTART);
-        return nullptr;
-    }
-    if (sk->queue->empty()) {
-        if (!(flags & 0x40))
-            breach("a read that would block for ever");
-        *error = -EAGAIN;
-        return nullptr;
-    }
-    sk_buff *skb = sk->queue->front();
-    if (flags & 0x2)
-        skb->users++;
-    else
-        sk->queue->pop_front();
-    *error = 0;
-    return skb;
+	kernel().may_sleep("skb_recv_datagram");
+	kernel().event(Point::kReceive, sk);
+	if (kernel().failing(Fail::kRecvDatagram)) {
+		*error = kernel().error_of(Fail::kRecvDatagram, -ERESTART);
+		return nullptr;
+	}
+	if (sk->queue->empty()) {
+		if (!(flags & 0x40))
+			breach("a read that would block for ever");
+		*error = -EAGAIN;
+		return nullptr;
+	}
+	sk_buff *skb = sk->queue->front();
+	if (flags & 0x2)
+		skb->users++;
+	else
+		sk->queue->pop_front();
+	*error = 0;
+	return skb;
 }
 
 void seam_free_datagram(sock *, sk_buff *skb)
 {
-    kernel().may_sleep("skb_free_datagram");
-    fake::put(skb, "skb_free_datagram");
+	kernel().may_sleep("skb_free_datagram");
+	fake::put(skb, "skb_free_datagram");
 }
 
 int seam_copy_datagram(sk_buff *skb, msghdr *msg, size_t len)
 {
-    kernel().may_sleep("copy_datagram");
-    if (len > skb->len)
-        breach("more copied than the buffer holds");
-    if (len > msg->data_fault_at || kernel().failing(Fail::kCopyDatagram))
-        return -EFAULT;
-    msg->data.assign(skb->data(), skb->data() + len);
-    return 0;
+	kernel().may_sleep("copy_datagram");
+	if (len > skb->len)
+		breach("more copied than the buffer holds");
+	if (len > msg->data_fault_at || kernel().failing(Fail::kCopyDatagram))
+		return -EFAULT;
+	msg->data.assign(skb->data(), skb->data() + len);
+	return 0;
 }
 
 void seam_recv_timestamp(msghdr *msg, sock *, sk_buff *skb)
 {
-    fake::check(skb, "recv_timestamp");
-    msg->timestamps++;
+	fake::check(skb, "recv_timestamp");
+	msg->timestamps++;
 }
 
-void seam_msg_set_namelen(msghdr *msg, int len) { msg->namelen = len; }
-void *seam_msg_name(msghdr *msg) { return msg->name; }
-void seam_msg_add_flags(msghdr *msg, int flags) { msg->flags |= flags; }
-void seam_msg_set_controllen(msghdr *msg, size_t len) { msg->controllen = len; }
-void *seam_msg_control(msghdr *msg) { return msg->control; }
+void seam_msg_set_namelen(msghdr *msg, int len)
+{
+	msg->namelen = len;
+}
+void *seam_msg_name(msghdr *msg)
+{
+	return msg->name;
+}
+void seam_msg_add_flags(msghdr *msg, int flags)
+{
+	msg->flags |= flags;
+}
+void seam_msg_set_controllen(msghdr *msg, size_t len)
+{
+	msg->controllen = len;
+}
+void *seam_msg_control(msghdr *msg)
+{
+	return msg->control;
+}
 
 int seam_msg_put_control(msghdr *msg, const void *from, size_t len)
 {
-    return seam_copy_to_user(msg->control, from, len);
+	return seam_copy_to_user(msg->control, from, len);
 }
 
-int seam_msg_namelen(const msghdr *msg) { return msg->namelen; }
-size_t seam_msg_controllen(const msghdr *msg) { return msg->controllen; }
+int seam_msg_namelen(const msghdr *msg)
+{
+	return msg->namelen;
+}
+size_t seam_msg_controllen(const msghdr *msg)
+{
+	return msg->controllen;
+}
 
 // Nothing is consumed when not all can be read; the bytes before the fault have arrived.
 int seam_copy_from_msg(void *to, msghdr *msg, size_t len)
 {
-    kernel().may_sleep("copy_from_msg");
-    size_t readable = std::min(msg->out.size(), msg->out_fault_at);
-    size_t here = std::min(len, readable - std::min(readable, msg->out_at));
-    if (here)
-        std::memcpy(to, msg->out.data() + msg->out_at, here);
-    kernel().event(Point::kCopyFromMsg, msg);
-    if (here < len)
-        return -EFAULT;
-    msg->out_at += len;
-    return 0;
+	kernel().may_sleep("copy_from_msg");
+	size_t readable = std::min(msg->out.size(), msg->out_fault_at);
+	size_t here = std::min(len, readable - std::min(readable, msg->out_at));
+	if (here)
+		std::memcpy(to, msg->out.data() + msg->out_at, here);
+	kernel().event(Point::kCopyFromMsg, msg);
+	if (here < len)
+		return -EFAULT;
+	msg->out_at += len;
+	return 0;
 }

@@ -21,141 +21,245 @@ namespace threads {
 namespace {
 
 thread_local int t_cpu = 0;
-std::atomic<int> g_last_pid{0};
+std::atomic<int> g_last_pid{ 0 };
 // A task of its own for each thread: the dump file is one task's.
 thread_local const int t_pid = ++g_last_pid;
 
 void *take_block(size_t size, std::atomic<long> &count)
 {
-    count++;
-    return std::calloc(1, size);
+	count++;
+	return std::calloc(1, size);
 }
 
-template <typename T>
-pthread_mutex_t *mutex_of(T *storage)
+template <typename T> pthread_mutex_t *mutex_of(T *storage)
 {
-    static_assert(sizeof(pthread_mutex_t) <= sizeof(T));
-    return reinterpret_cast<pthread_mutex_t *>(storage);
+	static_assert(sizeof(pthread_mutex_t) <= sizeof(T));
+	return reinterpret_cast<pthread_mutex_t *>(storage);
 }
 
 pthread_rwlock_t *rwlock_of(seam_rwlock *storage)
 {
-    static_assert(sizeof(pthread_rwlock_t) <= sizeof(seam_rwlock));
-    return reinterpret_cast<pthread_rwlock_t *>(storage);
+	static_assert(sizeof(pthread_rwlock_t) <= sizeof(seam_rwlock));
+	return reinterpret_cast<pthread_rwlock_t *>(storage);
 }
 
 struct WaitQueue {
-    pthread_mutex_t mutex;
-    pthread_cond_t cond;
+	pthread_mutex_t mutex;
+	pthread_cond_t cond;
 };
 static_assert(sizeof(WaitQueue) <= SEAM_WAITQUEUE_SIZE);
-WaitQueue *queue_of(seam_waitqueue *storage) { return reinterpret_cast<WaitQueue *>(storage); }
+WaitQueue *queue_of(seam_waitqueue *storage)
+{
+	return reinterpret_cast<WaitQueue *>(storage);
+}
 
-}  // namespace
+} // namespace
 
 Live &live()
 {
-    static Live the_live{};
-    return the_live;
+	static Live the_live{};
+	return the_live;
 }
 
-void become_cpu(int cpu) { t_cpu = cpu; }
+void become_cpu(int cpu)
+{
+	t_cpu = cpu;
+}
 
-}  // namespace threads
+} // namespace threads
 
 using namespace threads;
 
 // ---- processor, task, barriers ---------------------------------------------------
 
-int seam_cpu(void) { return t_cpu; }
-int seam_nr_cpu_ids(void) { return 4; }
-int seam_next_present_cpu(int cpu) { return cpu + 1; }
-s32 seam_current_pid(void) { return t_pid; }
-void seam_current_comm(char name[16]) { std::memset(name, 0, 16); }
-char *seam_cwd_path(char *buf, size_t) { return std::strcpy(buf, "/"); }
-unsigned long seam_strtoul10(const char *text) { return std::strtoul(text, nullptr, 10); }
+int seam_cpu(void)
+{
+	return t_cpu;
+}
+int seam_nr_cpu_ids(void)
+{
+	return 4;
+}
+int seam_next_present_cpu(int cpu)
+{
+	return cpu + 1;
+}
+s32 seam_current_pid(void)
+{
+	return t_pid;
+}
+void seam_current_comm(char name[16])
+{
+	std::memset(name, 0, 16);
+}
+char *seam_cwd_path(char *buf, size_t)
+{
+	return std::strcpy(buf, "/");
+}
+unsigned long seam_strtoul10(const char *text)
+{
+	return std::strtoul(text, nullptr, 10);
+}
 // Plain instructions: the barriers order memory, but they must not be taken for
 // locks by the sanitizer.
-void seam_smp_mb(void) { __asm__ volatile("mfence" ::: "memory"); }
-void seam_smp_wmb(void) { __asm__ volatile("sfence" ::: "memory"); }
+void seam_smp_mb(void)
+{
+	__asm__ volatile("mfence" ::: "memory");
+}
+void seam_smp_wmb(void)
+{
+	__asm__ volatile("sfence" ::: "memory");
+}
 
 // ---- locks --------------------------------------------------------------------------
 
 void seam_po_locks_init(mox_packet_sock *po)
 {
-    pthread_mutex_init(mutex_of(&po->bind_lock), nullptr);
-    pthread_mutex_init(mutex_of(&po->pg_vec_lock), nullptr);
-    pthread_mutex_init(mutex_of(&po->rule_lock), nullptr);
+	pthread_mutex_init(mutex_of(&po->bind_lock), nullptr);
+	pthread_mutex_init(mutex_of(&po->pg_vec_lock), nullptr);
+	pthread_mutex_init(mutex_of(&po->rule_lock), nullptr);
 }
-void seam_lib_lock_init(packet_regular_lib *lib) { pthread_rwlock_init(rwlock_of(&lib->lock), nullptr); }
-void seam_queue_lock_init(efbuff_queue *q) { pthread_mutex_init(mutex_of(&q->lock), nullptr); }
-void seam_hook_lock_init(seam_spinlock *lock) { pthread_mutex_init(mutex_of(lock), nullptr); }
-void seam_spin_lock(seam_spinlock *lock) { pthread_mutex_lock(mutex_of(lock)); }
-void seam_spin_unlock(seam_spinlock *lock) { pthread_mutex_unlock(mutex_of(lock)); }
-void seam_spin_lock_bh(seam_spinlock *lock) { pthread_mutex_lock(mutex_of(lock)); }
-void seam_spin_unlock_bh(seam_spinlock *lock) { pthread_mutex_unlock(mutex_of(lock)); }
-void seam_read_lock_bh(seam_rwlock *lock) { pthread_rwlock_rdlock(rwlock_of(lock)); }
-void seam_read_unlock_bh(seam_rwlock *lock) { pthread_rwlock_unlock(rwlock_of(lock)); }
-void seam_write_lock_bh(seam_rwlock *lock) { pthread_rwlock_wrlock(rwlock_of(lock)); }
-void seam_write_unlock_bh(seam_rwlock *lock) { pthread_rwlock_unlock(rwlock_of(lock)); }
-void seam_lock_sock(sock *sk) { pthread_mutex_lock(&sk->lock); }
-void seam_release_sock(sock *sk) { pthread_mutex_unlock(&sk->lock); }
-void seam_rcvq_lock(sock *sk) { pthread_mutex_lock(&sk->queue_lock); }
-void seam_rcvq_unlock(sock *sk) { pthread_mutex_unlock(&sk->queue_lock); }
-void seam_ns_lock(net *ns) { pthread_mutex_lock(&ns->mutex); }
-void seam_ns_lock_nested(net *ns) { pthread_mutex_lock(&ns->mutex); }
-void seam_ns_unlock(net *ns) { pthread_mutex_unlock(&ns->mutex); }
+void seam_lib_lock_init(packet_regular_lib *lib)
+{
+	pthread_rwlock_init(rwlock_of(&lib->lock), nullptr);
+}
+void seam_queue_lock_init(efbuff_queue *q)
+{
+	pthread_mutex_init(mutex_of(&q->lock), nullptr);
+}
+void seam_hook_lock_init(seam_spinlock *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_spin_lock(seam_spinlock *lock)
+{
+	pthread_mutex_lock(mutex_of(lock));
+}
+void seam_spin_unlock(seam_spinlock *lock)
+{
+	pthread_mutex_unlock(mutex_of(lock));
+}
+void seam_spin_lock_bh(seam_spinlock *lock)
+{
+	pthread_mutex_lock(mutex_of(lock));
+}
+void seam_spin_unlock_bh(seam_spinlock *lock)
+{
+	pthread_mutex_unlock(mutex_of(lock));
+}
+void seam_read_lock_bh(seam_rwlock *lock)
+{
+	pthread_rwlock_rdlock(rwlock_of(lock));
+}
+void seam_read_unlock_bh(seam_rwlock *lock)
+{
+	pthread_rwlock_unlock(rwlock_of(lock));
+}
+void seam_write_lock_bh(seam_rwlock *lock)
+{
+	pthread_rwlock_wrlock(rwlock_of(lock));
+}
+void seam_write_unlock_bh(seam_rwlock *lock)
+{
+	pthread_rwlock_unlock(rwlock_of(lock));
+}
+void seam_lock_sock(sock *sk)
+{
+	pthread_mutex_lock(&sk->lock);
+}
+void seam_release_sock(sock *sk)
+{
+	pthread_mutex_unlock(&sk->lock);
+}
+void seam_rcvq_lock(sock *sk)
+{
+	pthread_mutex_lock(&sk->queue_lock);
+}
+void seam_rcvq_unlock(sock *sk)
+{
+	pthread_mutex_unlock(&sk->queue_lock);
+}
+void seam_ns_lock(net *ns)
+{
+	pthread_mutex_lock(&ns->mutex);
+}
+void seam_ns_lock_nested(net *ns)
+{
+	pthread_mutex_lock(&ns->mutex);
+}
+void seam_ns_unlock(net *ns)
+{
+	pthread_mutex_unlock(&ns->mutex);
+}
 
 // ---- memory ----------------------------------------------------------------------------
 
 struct kmem_cache {
-    size_t size;
+	size_t size;
 };
 
-void *seam_kzalloc(size_t size) { return take_block(size, live().blocks); }
+void *seam_kzalloc(size_t size)
+{
+	return take_block(size, live().blocks);
+}
 void seam_kfree(void *p)
 {
-    live().blocks--;
-    std::free(p);
+	live().blocks--;
+	std::free(p);
 }
-void *seam_vzalloc(size_t size) { return take_block(size, live().blocks); }
-void seam_vfree(void *p) { seam_kfree(p); }
+void *seam_vzalloc(size_t size)
+{
+	return take_block(size, live().blocks);
+}
+void seam_vfree(void *p)
+{
+	seam_kfree(p);
+}
 kmem_cache *seam_cache_create(const char *, size_t size)
 {
-    live().caches++;
-    return new kmem_cache{size};
+	live().caches++;
+	return new kmem_cache{ size };
 }
 void seam_cache_destroy(kmem_cache *cache)
 {
-    live().caches--;
-    delete cache;
+	live().caches--;
+	delete cache;
 }
-void *seam_cache_alloc(kmem_cache *cache) { return take_block(cache->size, live().objects); }
+void *seam_cache_alloc(kmem_cache *cache)
+{
+	return take_block(cache->size, live().objects);
+}
 void seam_cache_free(kmem_cache *, void *p)
 {
-    live().objects--;
-    std::free(p);
+	live().objects--;
+	std::free(p);
 }
 int seam_copy_from_uptr(void *to, const seam_uptr *from, size_t len)
 {
-    std::memcpy(to, from->from, len);
-    return 0;
+	std::memcpy(to, from->from, len);
+	return 0;
 }
 int seam_copy_to_user(void *to, const void *from, size_t len)
 {
-    std::memcpy(to, from, len);
-    return 0;
+	std::memcpy(to, from, len);
+	return 0;
 }
-int seam_get_user_int(int *to, const int *from) { return *to = *from, 0; }
-int seam_put_user_int(int value, int *to) { return *to = value, 0; }
+int seam_get_user_int(int *to, const int *from)
+{
+	return *to = *from, 0;
+}
+int seam_put_user_int(int value, int *to)
+{
+	return *to = value, 0;
+}
 
 // ---- the copy thread -----------------------------------------------------------------------------
 
 struct task_struct {
-    std::thread thread;
-    std::atomic<bool> stop{false};
-    std::atomic<bool> woken{false};
-    int (*body)(void *);
+	std::thread thread;
+	std::atomic<bool> stop{ false };
+	std::atomic<bool> woken{ false };
+	int (*body)(void *);
 };
 
 namespace {
@@ -164,90 +268,129 @@ thread_local task_struct *t_task = nullptr;
 
 void seam_waitqueue_init(void)
 {
-    WaitQueue *q = queue_of(&g_packet_thread_top.wait_queue);
-    pthread_mutex_init(&q->mutex, nullptr);
-    pthread_cond_init(&q->cond, nullptr);
+	WaitQueue *q = queue_of(&g_packet_thread_top.wait_queue);
+	pthread_mutex_init(&q->mutex, nullptr);
+	pthread_cond_init(&q->cond, nullptr);
 }
 int seam_wait_interruptible(seam_waitqueue *queue, const u32 *word)
 {
-    WaitQueue *q = queue_of(queue);
-    pthread_mutex_lock(&q->mutex);
-    while (!__atomic_load_n(word, __ATOMIC_RELAXED) && !t_task->stop)
-        pthread_cond_wait(&q->cond, &q->mutex);
-    pthread_mutex_unlock(&q->mutex);
-    return 0;
+	WaitQueue *q = queue_of(queue);
+	pthread_mutex_lock(&q->mutex);
+	while (!__atomic_load_n(word, __ATOMIC_RELAXED) && !t_task->stop)
+		pthread_cond_wait(&q->cond, &q->mutex);
+	pthread_mutex_unlock(&q->mutex);
+	return 0;
 }
 void seam_wake_up(seam_waitqueue *queue)
 {
-    WaitQueue *q = queue_of(queue);
-    pthread_mutex_lock(&q->mutex);
-    pthread_cond_signal(&q->cond);
-    pthread_mutex_unlock(&q->mutex);
+	WaitQueue *q = queue_of(queue);
+	pthread_mutex_lock(&q->mutex);
+	pthread_cond_signal(&q->cond);
+	pthread_mutex_unlock(&q->mutex);
 }
-void seam_sleep_jiffies(long) { sched_yield(); }
-void seam_schedule(void) { sched_yield(); }
-extern "C" void seam_cond_resched(void) { sched_yield(); }
+void seam_sleep_jiffies(long)
+{
+	sched_yield();
+}
+void seam_schedule(void)
+{
+	sched_yield();
+}
+extern "C" void seam_cond_resched(void)
+{
+	sched_yield();
+}
 task_struct *seam_thread_create(int (*body)(void *), void *, const char *)
 {
-    auto *task = new task_struct;
-    task->body = body;
-    live().tasks++;
-    return task;
+	auto *task = new task_struct;
+	task->body = body;
+	live().tasks++;
+	return task;
 }
-int seam_task_invalid(const task_struct *task) { return task == nullptr; }
+int seam_task_invalid(const task_struct *task)
+{
+	return task == nullptr;
+}
 void seam_thread_set_normal(task_struct *, int) {}
 void seam_thread_wake(task_struct *task)
 {
-    if (task->woken.exchange(true))
-        return;
-    task->thread = std::thread([task] {
-        t_task = task;
-        task->body(nullptr);
-    });
+	if (task->woken.exchange(true))
+		return;
+	task->thread = std::thread([task] {
+		t_task = task;
+		task->body(nullptr);
+	});
 }
 void seam_thread_stop(task_struct *task)
 {
-    task->stop = true;
-    seam_wake_up(&g_packet_thread_top.wait_queue);
-    task->thread.join();
-    delete task;
-    live().tasks--;
+	task->stop = true;
+	seam_wake_up(&g_packet_thread_top.wait_queue);
+	task->thread.join();
+	delete task;
+	live().tasks--;
 }
-int seam_thread_should_stop(void) { return t_task->stop; }
+int seam_thread_should_stop(void)
+{
+	return t_task->stop;
+}
 
 // ---- the control channel and the dump file --------------------------------------------------
 
 int seam_scnprintf(char *buf, size_t size, const char *fmt, ...)
 {
-    va_list args;
-    va_start(args, fmt);
-    int len = vsnprintf(buf, size, fmt, args);
-    va_end(args);
-    return std::min(len, static_cast<int>(size) - 1);
+	va_list args;
+	va_start(args, fmt);
+	int len = vsnprintf(buf, size, fmt, args);
+	va_end(args);
+	return std::min(len, static_cast<int>(size) - 1);
 }
-int seam_genl_register(void) { return 0; }
+int seam_genl_register(void)
+{
+	return 0;
+}
 void seam_genl_unregister(void) {}
-const void *seam_genl_message(const genl_info *info) { return info->message.data(); }
-u32 seam_genl_client(const genl_info *) { return 1; }
-sk_buff *seam_genl_alloc(void) { return seam_skb_alloc(36); }
-void *seam_genl_put(sk_buff *skb, u32) { return seam_skb_put(skb, 20); }
-int seam_genl_put_empty(sk_buff *skb, int) { return seam_skb_put(skb, 4), 0; }
+const void *seam_genl_message(const genl_info *info)
+{
+	return info->message.data();
+}
+u32 seam_genl_client(const genl_info *)
+{
+	return 1;
+}
+sk_buff *seam_genl_alloc(void)
+{
+	return seam_skb_alloc(36);
+}
+void *seam_genl_put(sk_buff *skb, u32)
+{
+	return seam_skb_put(skb, 20);
+}
+int seam_genl_put_empty(sk_buff *skb, int)
+{
+	return seam_skb_put(skb, 4), 0;
+}
 void seam_genl_end(sk_buff *, void *) {}
-int seam_genl_unicast(sk_buff *skb, u32) { return seam_consume_skb(skb), 0; }
-void seam_genl_free(sk_buff *skb) { seam_consume_skb(skb); }
+int seam_genl_unicast(sk_buff *skb, u32)
+{
+	return seam_consume_skb(skb), 0;
+}
+void seam_genl_free(sk_buff *skb)
+{
+	seam_consume_skb(skb);
+}
 file *seam_file_open(const char *)
 {
-    live().files++;
-    return new file;
+	live().files++;
+	return new file;
 }
 long seam_file_write(file *f, const void *from, size_t len)
 {
-    f->content.append(static_cast<const char *>(from), len);
-    return len;
+	f->content.append(static_cast<const char *>(from), len);
+	return len;
 }
 void seam_file_close(file *f)
 {
-    live().files--;
-    live().dumped += f->content.size();
-    delete f;
+	live().files--;
+	live().dumped += f->content.size();
+	delete f;
 }

@@ -15,69 +15,69 @@
 
 // Waits like the kernel's: a thread that holds it keeps others out for good.
 struct PthreadLock {
-    pthread_mutex_t mutex;
+	pthread_mutex_t mutex;
 };
 
 struct net {
-    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
-    std::vector<struct sock *> list;
-    std::atomic<int> refs{1};
+	pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+	std::vector<struct sock *> list;
+	std::atomic<int> refs{ 1 };
 };
 
 struct sk_buff {
-    std::vector<uint8_t> room;
-    uint32_t begin = 0, len = 0;
-    std::atomic<uint32_t> users{1};
-    struct sock *owner = nullptr;
-    alignas(8) uint8_t cb[48] = {};
+	std::vector<uint8_t> room;
+	uint32_t begin = 0, len = 0;
+	std::atomic<uint32_t> users{ 1 };
+	struct sock *owner = nullptr;
+	alignas(8) uint8_t cb[48] = {};
 };
 
 struct socket {
-    struct sock *sk = nullptr;
-    int type = 3;
+	struct sock *sk = nullptr;
+	int type = 3;
 };
 
 struct sock {
-    std::atomic<uint32_t> refs;
-    int type;
-    bool dead;
-    std::atomic<int> rmem;
-    int rcvbuf;
-    struct net *ns;
-    bool listed;
-    pthread_mutex_t lock, queue_lock;
-    std::deque<sk_buff *> *queue;
+	std::atomic<uint32_t> refs;
+	int type;
+	bool dead;
+	std::atomic<int> rmem;
+	int rcvbuf;
+	struct net *ns;
+	bool listed;
+	pthread_mutex_t lock, queue_lock;
+	std::deque<sk_buff *> *queue;
 };
 static_assert(sizeof(sock) <= SEAM_SOCK_SIZE);
 
 struct msghdr {
-    std::vector<uint8_t> data;
-    void *name = nullptr;
-    int namelen = 0;
-    int flags = 0;
-    const void *control = nullptr;
-    size_t controllen = 0;
-    std::vector<uint8_t> out;  // what sendmsg sends
+	std::vector<uint8_t> data;
+	void *name = nullptr;
+	int namelen = 0;
+	int flags = 0;
+	const void *control = nullptr;
+	size_t controllen = 0;
+	std::vector<uint8_t> out; // what sendmsg sends
 };
 
 struct seam_uptr {
-    const void *from;
+	const void *from;
 };
 
 struct genl_info {
-    std::vector<uint8_t> message;
+	std::vector<uint8_t> message;
 };
 
 struct file {
-    std::string content;
+	std::string content;
 };
 
 namespace threads {
 
 // What exists at this moment; all zero at the end of a test.
 struct Live {
-    std::atomic<long> blocks, objects, caches, socks, skbs, efbuffs, tasks, files;
-    std::atomic<size_t> dumped;  // bytes in dump files that are closed again
+	std::atomic<long> blocks, objects, caches, socks, skbs, efbuffs, tasks, files;
+	std::atomic<size_t> dumped; // bytes in dump files that are closed again
 };
 Live &live();
 net &init_net();
@@ -103,4 +103,4 @@ extern void (*output_looks)(const uint8_t *efbuff);
 using change_handler_func = void (*)(uint32_t event, void *service_record);
 change_handler_func &change_handler();
 
-}  // namespace threads
+} // namespace threads

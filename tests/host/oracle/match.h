@@ -12,9 +12,9 @@ namespace oracle {
 // What matching depends on beyond rules and packet: the vsd of an owner, and
 // the addresses (as numbers) of the reserved interface blocks.
 struct World {
-    std::function<uint32_t(int owner)> vsd;
-    uint32_t lev2_block = 0;
-    uint32_t lev3_block = 0;
+	std::function<uint32_t(int owner)> vsd;
+	uint32_t lev2_block = 0;
+	uint32_t lev3_block = 0;
 };
 
 bool rule_match(const Packet &packet, const Regular &regular);
@@ -27,4 +27,4 @@ uint32_t wlan_fast_filter(const WlanPacket &packet, const Library &library, cons
 // Whether a rule of that location may look at the packet at all.
 bool location_open(uint32_t location, const Packet &packet, const World &world);
 
-}  // namespace oracle
+} // namespace oracle

@@ -6,525 +6,542 @@
 namespace {
 
 struct TypeTraits {
-    explicit TypeTraits(u16 type)
-        : type(type), stride(contract::width(type)), valued(stride), line(contract::edited_line(type))
-    {
-    }
+	explicit TypeTraits(u16 type)
+		: type(type), stride(contract::width(type)), valued(stride),
+		  line(contract::edited_line(type))
+	{
+	}
 
-    u16 type, stride;
-    bool valued;
-    std::string line;
+	u16 type, stride;
+	bool valued;
+	std::string line;
 };
 
 const std::vector<TypeTraits> kTypes = [] {
-    std::vector<TypeTraits> all;
-    for (u16 type = 0; type < contract::kTypes; type++)
-        all.emplace_back(type);
-    return all;
+	std::vector<TypeTraits> all;
+	for (u16 type = 0; type < contract::kTypes; type++)
+		all.emplace_back(type);
+	return all;
 }();
 
 // count elements of distinct bytes, none of them zero.
 Bytes elements(size_t count, size_t stride)
 {
-    Bytes b(count * stride);
-    for (size_t i = 0; i < b.size(); i++)
-        b[i] = static_cast<u8>(i + 1);
-    return b;
+	Bytes b(count * stride);
+	for (size_t i = 0; i < b.size(); i++)
+		b[i] = static_cast<u8>(i + 1);
+	return b;
 }
 
 std::vector<oracle::Value> values(const Bytes &bytes, size_t stride)
 {
-    std::vector<oracle::Value> out;
-    for (size_t at = 0; at + stride <= bytes.size(); at += stride)
-        out.push_back(value_of(Bytes(bytes.begin() + at, bytes.begin() + at + stride)));
-    return out;
+	std::vector<oracle::Value> out;
+	for (size_t at = 0; at + stride <= bytes.size(); at += stride)
+		out.push_back(value_of(Bytes(bytes.begin() + at, bytes.begin() + at + stride)));
+	return out;
 }
 
 class RuleRecordTest : public SocketTest {
 protected:
-    void SetUp() override
-    {
-        SocketTest::SetUp();
-        debug();
-        ASSERT_EQ(s.create(), 0);
-        lines();
-    }
-    void TearDown() override
-    {
-        kernel().cwd = "/root";
-        s.release();
-        SocketTest::TearDown();
-    }
-    // In the layer-2 library with one datum.
-    void run()
-    {
-        ASSERT_EQ(s.add(PACKET_SRC_MAC_EQUAL, 1, Bytes(6, 0x22)), 0);
-        ASSERT_EQ(s.set(PACKET_TREATMENT, PACKET_COPY), 0);
-        ASSERT_EQ(s.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
-        lines();
-    }
-    // The lines that the option itself prints; the library's own are left out.
-    Strings own_lines()
-    {
-        Strings out;
-        for (const std::string &line : lines())
-            if (line.find("FILTER-LIST") == std::string::npos)
-                out.push_back(line);
-        return out;
-    }
-    int raw(int option, const Bytes &record, int len = -1, size_t fault_at = SIZE_MAX)
-    {
-        return s.setsockopt(option, record, MOX_SOL_PACKET, len, fault_at);
-    }
+	void SetUp() override
+	{
+		SocketTest::SetUp();
+		debug();
+		ASSERT_EQ(s.create(), 0);
+		lines();
+	}
+	void TearDown() override
+	{
+		kernel().cwd = "/root";
+		s.release();
+		SocketTest::TearDown();
+	}
+	// In the layer-2 library with one datum.
+	void run()
+	{
+		ASSERT_EQ(s.add(PACKET_SRC_MAC_EQUAL, 1, Bytes(6, 0x22)), 0);
+		ASSERT_EQ(s.set(PACKET_TREATMENT, PACKET_COPY), 0);
+		ASSERT_EQ(s.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
+		lines();
+	}
+	// The lines that the option itself prints; the library's own are left out.
+	Strings own_lines()
+	{
+		Strings out;
+		for (const std::string &line : lines())
+			if (line.find("FILTER-LIST") == std::string::npos)
+				out.push_back(line);
+		return out;
+	}
+	int raw(int option, const Bytes &record, int len = -1, size_t fault_at = SIZE_MAX)
+	{
+		return s.setsockopt(option, record, MOX_SOL_PACKET, len, fault_at);
+	}
 
-    Sock s;
+	Sock s;
 };
 
 TEST_F(RuleRecordTest, type__each_added_with_its_own_stride_and_value_bytes)
 {
-    for (const TypeTraits &t : kTypes) {
-        SCOPED_TRACE(t.line);
-        Bytes bytes = elements(3, t.stride);
-        EXPECT_EQ(s.add(t.type, 3, bytes), 0);
-        EXPECT_EQ(lines(), Strings{t.line});
-        Items got = items(s);
-        ASSERT_EQ(got.size(), 1u);
-        EXPECT_EQ(got[0].first, t.type);
-        if (t.valued)
-            EXPECT_EQ(got[0].second, values(bytes, t.stride));
-        else if (t.type == PACKET_ALL)
-            EXPECT_TRUE(got[0].second.empty()) << "an item without data";
-        else
-            EXPECT_EQ(got[0].second, std::vector<oracle::Value>{oracle::Value{}})
-                << "three equal data are one";
-        EXPECT_EQ(g_regular_data_stats[t.type], got[0].second.size());
-        EXPECT_EQ(g_regular_item_stats[t.type], 1u);
+	for (const TypeTraits &t : kTypes) {
+		SCOPED_TRACE(t.line);
+		Bytes bytes = elements(3, t.stride);
+		EXPECT_EQ(s.add(t.type, 3, bytes), 0);
+		EXPECT_EQ(lines(), Strings{ t.line });
+		Items got = items(s);
+		ASSERT_EQ(got.size(), 1u);
+		EXPECT_EQ(got[0].first, t.type);
+		if (t.valued)
+			EXPECT_EQ(got[0].second, values(bytes, t.stride));
+		else if (t.type == PACKET_ALL)
+			EXPECT_TRUE(got[0].second.empty()) << "an item without data";
+		else
+			EXPECT_EQ(got[0].second, std::vector<oracle::Value>{ oracle::Value{} })
+				<< "three equal data are one";
+		EXPECT_EQ(g_regular_data_stats[t.type], got[0].second.size());
+		EXPECT_EQ(g_regular_item_stats[t.type], 1u);
 
-        // Deleting prints the same line.
-        EXPECT_EQ(s.del(t.type, 3, bytes), 0);
-        EXPECT_EQ(lines(), Strings{t.line});
-        EXPECT_TRUE(items(s).empty());
-        EXPECT_EQ(g_regular_data_stats[t.type], 0u);
-        EXPECT_EQ(g_regular_item_stats[t.type], 0u);
-    }
+		// Deleting prints the same line.
+		EXPECT_EQ(s.del(t.type, 3, bytes), 0);
+		EXPECT_EQ(lines(), Strings{ t.line });
+		EXPECT_TRUE(items(s).empty());
+		EXPECT_EQ(g_regular_data_stats[t.type], 0u);
+		EXPECT_EQ(g_regular_item_stats[t.type], 0u);
+	}
 }
 
 TEST_F(RuleRecordTest, type__deleting_one_value_keeps_the_others)
 {
-    for (const TypeTraits &t : kTypes) {
-        if (!t.valued)
-            continue;
-        SCOPED_TRACE(t.line);
-        Bytes bytes = elements(3, t.stride);
-        ASSERT_EQ(s.add(t.type, 3, bytes), 0);
-        EXPECT_EQ(s.del(t.type, 1, Bytes(bytes.begin() + t.stride, bytes.begin() + 2 * t.stride)), 0);
-        std::vector<oracle::Value> left = values(bytes, t.stride);
-        left.erase(left.begin() + 1);
-        EXPECT_EQ(items(s), (Items{{t.type, left}}));
-        ASSERT_EQ(s.del(t.type, 3, bytes), 0);
-    }
+	for (const TypeTraits &t : kTypes) {
+		if (!t.valued)
+			continue;
+		SCOPED_TRACE(t.line);
+		Bytes bytes = elements(3, t.stride);
+		ASSERT_EQ(s.add(t.type, 3, bytes), 0);
+		EXPECT_EQ(s.del(t.type, 1,
+				Bytes(bytes.begin() + t.stride, bytes.begin() + 2 * t.stride)),
+			  0);
+		std::vector<oracle::Value> left = values(bytes, t.stride);
+		left.erase(left.begin() + 1);
+		EXPECT_EQ(items(s), (Items{ { t.type, left } }));
+		ASSERT_EQ(s.del(t.type, 3, bytes), 0);
+	}
 }
 
 TEST_F(RuleRecordTest, delete__of_what_is_not_there_still_prints_success)
 {
-    for (const TypeTraits &t : kTypes) {
-        SCOPED_TRACE(t.line);
-        lines();
-        EXPECT_EQ(s.del(t.type, 1, elements(1, t.stride)), 0);
-        EXPECT_EQ(lines(), Strings{t.line});
-        // Another value of that type is there.
-        if (t.valued) {
-            Bytes other(t.stride, 0xee);
-            ASSERT_EQ(s.add(t.type, 1, other), 0);
-            EXPECT_EQ(s.del(t.type, 1, elements(1, t.stride)), 0);
-            EXPECT_EQ(items(s), (Items{{t.type, {value_of(other)}}}));
-            ASSERT_EQ(s.del(t.type, 1, other), 0);
-        }
-    }
-    EXPECT_TRUE(items(s).empty());
+	for (const TypeTraits &t : kTypes) {
+		SCOPED_TRACE(t.line);
+		lines();
+		EXPECT_EQ(s.del(t.type, 1, elements(1, t.stride)), 0);
+		EXPECT_EQ(lines(), Strings{ t.line });
+		// Another value of that type is there.
+		if (t.valued) {
+			Bytes other(t.stride, 0xee);
+			ASSERT_EQ(s.add(t.type, 1, other), 0);
+			EXPECT_EQ(s.del(t.type, 1, elements(1, t.stride)), 0);
+			EXPECT_EQ(items(s), (Items{ { t.type, { value_of(other) } } }));
+			ASSERT_EQ(s.del(t.type, 1, other), 0);
+		}
+	}
+	EXPECT_TRUE(items(s).empty());
 }
 
 TEST_F(RuleRecordTest, add__duplicates_are_absorbed)
 {
-    EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 5, {6, 17, 6, 6, 17}), 0);
-    EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 2, {17, 1}), 0);
-    EXPECT_EQ(items(s), (Items{{PACKET_IPv4_PROT_EQUAL, {value_of({6}), value_of({17}), value_of({1})}}}));
-    EXPECT_EQ(g_regular_data_stats[PACKET_IPv4_PROT_EQUAL], 3u);
+	EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 5, { 6, 17, 6, 6, 17 }), 0);
+	EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 2, { 17, 1 }), 0);
+	EXPECT_EQ(items(s), (Items{ { PACKET_IPv4_PROT_EQUAL,
+				      { value_of({ 6 }), value_of({ 17 }), value_of({ 1 }) } } }));
+	EXPECT_EQ(g_regular_data_stats[PACKET_IPv4_PROT_EQUAL], 3u);
 }
 
 TEST_F(RuleRecordTest, count__0_is_no_element_and_a_success)
 {
-    for (const TypeTraits &t : kTypes) {
-        SCOPED_TRACE(t.line);
-        lines();
-        EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, {static_cast<u8>(t.type), 0, 9, 9, 0, 0}), 0);
-        EXPECT_EQ(lines(), Strings{t.line});
-        // PACKET_ALL does not look at its count.
-        EXPECT_EQ(items(s).size(), t.type == PACKET_ALL ? 1u : 0u);
-        EXPECT_EQ(raw(MOX_PACKET_DEL_RULE, {static_cast<u8>(t.type), 0, 9, 9, 0, 0}), 0);
-        EXPECT_TRUE(items(s).empty());
-    }
+	for (const TypeTraits &t : kTypes) {
+		SCOPED_TRACE(t.line);
+		lines();
+		EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, { static_cast<u8>(t.type), 0, 9, 9, 0, 0 }), 0);
+		EXPECT_EQ(lines(), Strings{ t.line });
+		// PACKET_ALL does not look at its count.
+		EXPECT_EQ(items(s).size(), t.type == PACKET_ALL ? 1u : 0u);
+		EXPECT_EQ(raw(MOX_PACKET_DEL_RULE, { static_cast<u8>(t.type), 0, 9, 9, 0, 0 }), 0);
+		EXPECT_TRUE(items(s).empty());
+	}
 }
 
 TEST_F(RuleRecordTest, types_without_value__any_count_is_one_datum)
 {
-    for (u16 type : {12, 13, 18}) {
-        for (u16 count : {1, 2, 65535}) {
-            // One element is enough: a count costs no time under the rule lock.
-            uint64_t before = kernel().calls(Fail::kDataAlloc);
-            EXPECT_EQ(s.rule(true, type, count, {}, 0), 0);
-            EXPECT_EQ(kernel().calls(Fail::kDataAlloc), before + 1);
-            EXPECT_EQ(items(s), (Items{{type, {oracle::Value{}}}}));
-        }
-        EXPECT_EQ(s.rule(false, type, 1, {}, 0), 0);
-        EXPECT_TRUE(items(s).empty());
-    }
+	for (u16 type : { 12, 13, 18 }) {
+		for (u16 count : { 1, 2, 65535 }) {
+			// One element is enough: a count costs no time under the rule lock.
+			uint64_t before = kernel().calls(Fail::kDataAlloc);
+			EXPECT_EQ(s.rule(true, type, count, {}, 0), 0);
+			EXPECT_EQ(kernel().calls(Fail::kDataAlloc), before + 1);
+			EXPECT_EQ(items(s), (Items{ { type, { oracle::Value{} } } }));
+		}
+		EXPECT_EQ(s.rule(false, type, 1, {}, 0), 0);
+		EXPECT_TRUE(items(s).empty());
+	}
 }
 
 // ---- lengths --------------------------------------------------------------------
 
 TEST_F(RuleRecordTest, length__head_must_be_there)
 {
-    for (int option : {MOX_PACKET_ADD_RULE, MOX_PACKET_DEL_RULE})
-        for (int len = 0; len <= 5; len++) {
-            EXPECT_EQ(raw(option, Bytes(6), len), -22);
-            EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: optlen illegal, optlen: " +
-                                       std::to_string(len) + "\n"});
-        }
-    EXPECT_EQ(g_packet_regular_data_alloc, 0u) << "refused before any memory is taken";
-    EXPECT_EQ(kernel().calls(Fail::kVzalloc), 0u);
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, Bytes(6), 6), 0) << "a head alone";
+	for (int option : { MOX_PACKET_ADD_RULE, MOX_PACKET_DEL_RULE })
+		for (int len = 0; len <= 5; len++) {
+			EXPECT_EQ(raw(option, Bytes(6), len), -22);
+			EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: optlen illegal, optlen: " +
+						    std::to_string(len) + "\n" });
+		}
+	EXPECT_EQ(g_packet_regular_data_alloc, 0u) << "refused before any memory is taken";
+	EXPECT_EQ(kernel().calls(Fail::kVzalloc), 0u);
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, Bytes(6), 6), 0) << "a head alone";
 }
 
 TEST_F(RuleRecordTest, length__count_times_size_must_fit)
 {
-    const Bytes record{3, 0, 2, 0, 2, 0, 8, 0, 8, 6};
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record, 9), -22);
-    EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: optlen illegal, optlen: 9\n"});
-    EXPECT_TRUE(items(s).empty());
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record, 10), 0);
-    EXPECT_EQ(items(s), (Items{{3, {value_of({8, 0}), value_of({8, 6})}}}));
+	const Bytes record{ 3, 0, 2, 0, 2, 0, 8, 0, 8, 6 };
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record, 9), -22);
+	EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: optlen illegal, optlen: 9\n" });
+	EXPECT_TRUE(items(s).empty());
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record, 10), 0);
+	EXPECT_EQ(items(s), (Items{ { 3, { value_of({ 8, 0 }), value_of({ 8, 6 }) } } }));
 }
 
 TEST_F(RuleRecordTest, length__has_no_upper_bound)
 {
-    Bytes record{5, 0, 1, 0, 1, 0, 6};
-    record.resize(100000, 0x77);
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
-    EXPECT_EQ(items(s), (Items{{5, {value_of({6})}}}));
+	Bytes record{ 5, 0, 1, 0, 1, 0, 6 };
+	record.resize(100000, 0x77);
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
+	EXPECT_EQ(items(s), (Items{ { 5, { value_of({ 6 }) } } }));
 }
 
 TEST_F(RuleRecordTest, length__largest_count_and_size_do_not_wrap)
 {
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, {3, 0, 0xff, 0xff, 0xff, 0xff, 1, 2, 3, 4}), -22);
-    EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: optlen illegal, optlen: 10\n"});
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, {1, 0, 0, 0, 0xff, 0xff, 1, 2, 3, 4}), -22);
-    // 65535 elements that are all there.
-    Bytes record{5, 0, 1, 0, 0xff, 0xff};
-    record.resize(6 + 65535, 6);
-    EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
-    EXPECT_EQ(items(s), (Items{{5, {value_of({6})}}}));
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, { 3, 0, 0xff, 0xff, 0xff, 0xff, 1, 2, 3, 4 }), -22);
+	EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: optlen illegal, optlen: 10\n" });
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, { 1, 0, 0, 0, 0xff, 0xff, 1, 2, 3, 4 }), -22);
+	// 65535 elements that are all there.
+	Bytes record{ 5, 0, 1, 0, 0xff, 0xff };
+	record.resize(6 + 65535, 6);
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
+	EXPECT_EQ(items(s), (Items{ { 5, { value_of({ 6 }) } } }));
 }
 
 // The elements are read at the type's own stride, whatever size is stated, so
 // that must fit as well: else a read runs past the buffer.
 TEST_F(RuleRecordTest, length__count_times_stride_must_fit_before_anything_changes)
 {
-    run();
-    for (const TypeTraits &t : kTypes) {
-        if (t.stride == 0)
-            continue;
-        SCOPED_TRACE(t.line);
-        for (bool add : {true, false}) {
-            Bytes few = elements(3, t.stride);
-            few.pop_back();
-            LockTrace trace;
-            EXPECT_EQ(s.rule(add, t.type, 3, few, 0), -22);
-            EXPECT_EQ(trace.steps, Strings{}) << "no lock: nothing was withdrawn";
-            EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: optlen illegal, optlen: " +
-                                       std::to_string(6 + few.size()) + "\n"});
-        }
-        EXPECT_TRUE(s.running());
-        EXPECT_EQ(items(s), (Items{{2, {value_of(Bytes(6, 0x22))}}}));
-        EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
-    }
+	run();
+	for (const TypeTraits &t : kTypes) {
+		if (t.stride == 0)
+			continue;
+		SCOPED_TRACE(t.line);
+		for (bool add : { true, false }) {
+			Bytes few = elements(3, t.stride);
+			few.pop_back();
+			LockTrace trace;
+			EXPECT_EQ(s.rule(add, t.type, 3, few, 0), -22);
+			EXPECT_EQ(trace.steps, Strings{}) << "no lock: nothing was withdrawn";
+			EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: optlen illegal, optlen: " +
+						    std::to_string(6 + few.size()) + "\n" });
+		}
+		EXPECT_TRUE(s.running());
+		EXPECT_EQ(items(s), (Items{ { 2, { value_of(Bytes(6, 0x22)) } } }));
+		EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
+	}
 }
 
 TEST_F(RuleRecordTest, length__stated_size_serves_the_check_alone)
 {
-    // Size 1 for two-byte elements, which are all there.
-    EXPECT_EQ(s.rule(true, 3, 2, {8, 0, 8, 6}, 1), 0);
-    EXPECT_EQ(items(s), (Items{{3, {value_of({8, 0}), value_of({8, 6})}}}));
-    ASSERT_EQ(s.rule(false, 3, 2, {8, 0, 8, 6}, 0), 0);
-    // Size 4: they still stand two bytes apart.
-    EXPECT_EQ(s.rule(true, 3, 2, {8, 0, 8, 6, 0x86, 0xdd, 1, 1}, 4), 0);
-    EXPECT_EQ(items(s), (Items{{3, {value_of({8, 0}), value_of({8, 6})}}}));
-    ASSERT_EQ(s.rule(false, 3, 2, {8, 0, 8, 6}, 2), 0);
-    // A size that does not fit is refused for PACKET_ALL and types without value, too.
-    for (u16 type : {12, 13, 16, 18, 20, 999})
-        EXPECT_EQ(s.rule(true, type, 2, {1, 2, 3}, 2), -22);
-    EXPECT_EQ(kernel().count_said("optlen illegal, optlen: 9\n"), 6u);
-    EXPECT_TRUE(items(s).empty());
+	// Size 1 for two-byte elements, which are all there.
+	EXPECT_EQ(s.rule(true, 3, 2, { 8, 0, 8, 6 }, 1), 0);
+	EXPECT_EQ(items(s), (Items{ { 3, { value_of({ 8, 0 }), value_of({ 8, 6 }) } } }));
+	ASSERT_EQ(s.rule(false, 3, 2, { 8, 0, 8, 6 }, 0), 0);
+	// Size 4: they still stand two bytes apart.
+	EXPECT_EQ(s.rule(true, 3, 2, { 8, 0, 8, 6, 0x86, 0xdd, 1, 1 }, 4), 0);
+	EXPECT_EQ(items(s), (Items{ { 3, { value_of({ 8, 0 }), value_of({ 8, 6 }) } } }));
+	ASSERT_EQ(s.rule(false, 3, 2, { 8, 0, 8, 6 }, 2), 0);
+	// A size that does not fit is refused for PACKET_ALL and types without value, too.
+	for (u16 type : { 12, 13, 16, 18, 20, 999 })
+		EXPECT_EQ(s.rule(true, type, 2, { 1, 2, 3 }, 2), -22);
+	EXPECT_EQ(kernel().count_said("optlen illegal, optlen: 9\n"), 6u);
+	EXPECT_TRUE(items(s).empty());
 }
 
 // ---- the temporary buffer ---------------------------------------------------------
 
 TEST_F(RuleRecordTest, buffer__is_counted_out_and_back_on_every_path)
 {
-    struct {
-        const char *what;
-        std::function<int()> call;
-        int result;
-        u32 taken;
-    } const cases[] = {
-        {"add", [&] { return s.add(5, 1, {6}); }, 0, 1},
-        {"delete", [&] { return s.del(5, 1, {6}); }, 0, 1},
-        {"bad type", [&] { return s.add(20, 1, {6}); }, -22, 1},
-        {"short", [&] { return raw(MOX_PACKET_ADD_RULE, Bytes(5)); }, -22, 0},
-        {"elements missing", [&] { return s.rule(true, 5, 3, {1}, 1); }, -22, 1},
-        {"fault", [&] { return raw(MOX_PACKET_ADD_RULE, Bytes(7), 7, 3); }, -14, 1},
-        {"no buffer", [&] { kernel().fail(Fail::kVzalloc); return s.add(5, 1, {6}); }, -12, 0},
-        {"no datum", [&] { kernel().fail(Fail::kDataAlloc); return s.add(5, 1, {6}); }, -12, 1},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(c.what);
-        g_packet_regular_data_alloc = g_packet_regular_data_free = 10;
-        EXPECT_EQ(c.call(), c.result);
-        EXPECT_EQ(g_packet_regular_data_alloc, 10 + c.taken);
-        EXPECT_EQ(g_packet_regular_data_free, 10 + c.taken);
-        EXPECT_TRUE(kernel().blocks.empty());
-    }
+	struct {
+		const char *what;
+		std::function<int()> call;
+		int result;
+		u32 taken;
+	} const cases[] = {
+		{ "add", [&] { return s.add(5, 1, { 6 }); }, 0, 1 },
+		{ "delete", [&] { return s.del(5, 1, { 6 }); }, 0, 1 },
+		{ "bad type", [&] { return s.add(20, 1, { 6 }); }, -22, 1 },
+		{ "short", [&] { return raw(MOX_PACKET_ADD_RULE, Bytes(5)); }, -22, 0 },
+		{ "elements missing", [&] { return s.rule(true, 5, 3, { 1 }, 1); }, -22, 1 },
+		{ "fault", [&] { return raw(MOX_PACKET_ADD_RULE, Bytes(7), 7, 3); }, -14, 1 },
+		{ "no buffer",
+		  [&] {
+			  kernel().fail(Fail::kVzalloc);
+			  return s.add(5, 1, { 6 });
+		  },
+		  -12, 0 },
+		{ "no datum",
+		  [&] {
+			  kernel().fail(Fail::kDataAlloc);
+			  return s.add(5, 1, { 6 });
+		  },
+		  -12, 1 },
+	};
+	for (auto &c : cases) {
+		SCOPED_TRACE(c.what);
+		g_packet_regular_data_alloc = g_packet_regular_data_free = 10;
+		EXPECT_EQ(c.call(), c.result);
+		EXPECT_EQ(g_packet_regular_data_alloc, 10 + c.taken);
+		EXPECT_EQ(g_packet_regular_data_free, 10 + c.taken);
+		EXPECT_TRUE(kernel().blocks.empty());
+	}
 }
 
 TEST_F(RuleRecordTest, buffer__none_to_be_had)
 {
-    run();
-    kernel().fail(Fail::kVzalloc);
-    EXPECT_EQ(s.add(5, 1, {6}), -12);
-    EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: ENOMEM\n"});
-    EXPECT_TRUE(s.running()) << "nothing was withdrawn yet";
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
+	run();
+	kernel().fail(Fail::kVzalloc);
+	EXPECT_EQ(s.add(5, 1, { 6 }), -12);
+	EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: ENOMEM\n" });
+	EXPECT_TRUE(s.running()) << "nothing was withdrawn yet";
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
 }
 
 TEST_F(RuleRecordTest, buffer__fault_while_copying)
 {
-    run();
-    for (size_t fault_at : {0, 5, 6, 7}) {
-        EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, {5, 0, 1, 0, 2, 0, 6, 17}, 8, fault_at), -14);
-        EXPECT_EQ(lines(), Strings{"PACKET-SETSOCKOPT: copy from user failed\n"});
-        EXPECT_TRUE(s.running());
-        EXPECT_EQ(items(s).size(), 1u);
-    }
+	run();
+	for (size_t fault_at : { 0, 5, 6, 7 }) {
+		EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, { 5, 0, 1, 0, 2, 0, 6, 17 }, 8, fault_at), -14);
+		EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: copy from user failed\n" });
+		EXPECT_TRUE(s.running());
+		EXPECT_EQ(items(s).size(), 1u);
+	}
 }
 
 // ---- bad types ----------------------------------------------------------------------
 
 TEST_F(RuleRecordTest, bad_type__is_refused_and_the_rule_goes_back)
 {
-    run();
-    for (u16 type : {20, 21, 255, 256, 65535})
-        for (bool add : {true, false}) {
-            SCOPED_TRACE(type);
-            EXPECT_EQ(s.rule(add, type, 1, {1, 2, 3, 4, 5, 6}), -22);
-            EXPECT_EQ(own_lines(), Strings{"ADD-REGUALR: type error\n"});
-            EXPECT_TRUE(s.running());
-            EXPECT_EQ(s.refs(), 3u);
-            EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
-        }
-    // A type without a stride: its elements need not be there if they have no size.
-    EXPECT_EQ(s.rule(true, 20, 65535, {}, 0), -22);
-    EXPECT_EQ(own_lines(), Strings{"ADD-REGUALR: type error\n"});
+	run();
+	for (u16 type : { 20, 21, 255, 256, 65535 })
+		for (bool add : { true, false }) {
+			SCOPED_TRACE(type);
+			EXPECT_EQ(s.rule(add, type, 1, { 1, 2, 3, 4, 5, 6 }), -22);
+			EXPECT_EQ(own_lines(), Strings{ "ADD-REGUALR: type error\n" });
+			EXPECT_TRUE(s.running());
+			EXPECT_EQ(s.refs(), 3u);
+			EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
+		}
+	// A type without a stride: its elements need not be there if they have no size.
+	EXPECT_EQ(s.rule(true, 20, 65535, {}, 0), -22);
+	EXPECT_EQ(own_lines(), Strings{ "ADD-REGUALR: type error\n" });
 }
 
 TEST_F(RuleRecordTest, bad_type__starts_a_stopped_socket_that_has_a_location)
 {
-    s.po().regular.location = PACKET_LEV2_LOC;
-    EXPECT_EQ(s.add(20, 1, {1}), -22);
-    EXPECT_TRUE(s.running());
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
-    EXPECT_EQ(s.refs(), 3u);
+	s.po().regular.location = PACKET_LEV2_LOC;
+	EXPECT_EQ(s.add(20, 1, { 1 }), -22);
+	EXPECT_TRUE(s.running());
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
+	EXPECT_EQ(s.refs(), 3u);
 }
 
 // Withdrawn first, and there is no location to go back to.
 TEST_F(RuleRecordTest, at_location_0__any_record_stops_a_socket_that_ran_by_its_treatment)
 {
-    for (u16 type : {20, 5}) {
-        ASSERT_EQ(s.set(PACKET_TREATMENT, PACKET_COPY), 0);
-        ASSERT_TRUE(s.running());
-        EXPECT_EQ(s.add(type, 1, {6}), type == 20 ? -22 : 0);
-        EXPECT_FALSE(s.running());
-        EXPECT_EQ(s.refs(), 2u);
-    }
+	for (u16 type : { 20, 5 }) {
+		ASSERT_EQ(s.set(PACKET_TREATMENT, PACKET_COPY), 0);
+		ASSERT_TRUE(s.running());
+		EXPECT_EQ(s.add(type, 1, { 6 }), type == 20 ? -22 : 0);
+		EXPECT_FALSE(s.running());
+		EXPECT_EQ(s.refs(), 2u);
+	}
 }
 
 TEST_F(RuleRecordTest, success__starts_a_stopped_socket_that_has_a_location)
 {
-    for (bool add : {true, false}) {
-        s.po().regular.location = PACKET_IPv4_LOC;
-        EXPECT_EQ(s.rule(add, 5, 1, {6}), 0);
-        EXPECT_TRUE(s.running());
-        EXPECT_EQ(filed(PACKET_IPv4_LOC), 1u);
-        ASSERT_EQ(s.set(PACKET_LOCATION, 0), 0);
-    }
+	for (bool add : { true, false }) {
+		s.po().regular.location = PACKET_IPv4_LOC;
+		EXPECT_EQ(s.rule(add, 5, 1, { 6 }), 0);
+		EXPECT_TRUE(s.running());
+		EXPECT_EQ(filed(PACKET_IPv4_LOC), 1u);
+		ASSERT_EQ(s.set(PACKET_LOCATION, 0), 0);
+	}
 }
 
 // ---- type 10 and the vsd ----------------------------------------------------------------
 
 TEST_F(RuleRecordTest, interface_in_a_vsd__is_refused_and_the_rule_goes_back)
 {
-    run();
-    kernel().cwd = "/data/var/run/vsd/3/further/path";
-    for (bool add : {true, false}) {
-        EXPECT_EQ(s.rule(add, PACKET_SRC_INTF_EQUAL, 1, {7, 0, 0, 0}), -22);
-        EXPECT_EQ(own_lines(), Strings{"MOX-PACKET-DEAL-REGULAR-DATA: get vsd id 3 fail.\n"});
-        EXPECT_TRUE(s.running());
-        EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
-        EXPECT_EQ(items(s).size(), 1u);
-    }
+	run();
+	kernel().cwd = "/data/var/run/vsd/3/further/path";
+	for (bool add : { true, false }) {
+		EXPECT_EQ(s.rule(add, PACKET_SRC_INTF_EQUAL, 1, { 7, 0, 0, 0 }), -22);
+		EXPECT_EQ(own_lines(),
+			  Strings{ "MOX-PACKET-DEAL-REGULAR-DATA: get vsd id 3 fail.\n" });
+		EXPECT_TRUE(s.running());
+		EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
+		EXPECT_EQ(items(s).size(), 1u);
+	}
 }
 
 TEST_F(RuleRecordTest, interface_in_a_vsd__other_types_do_not_ask)
 {
-    kernel().cwd = "/data/var/run/vsd/3";
-    for (const TypeTraits &t : kTypes) {
-        if (t.type == PACKET_SRC_INTF_EQUAL)
-            continue;
-        EXPECT_EQ(s.add(t.type, 1, elements(1, t.stride)), 0) << t.line;
-    }
-    EXPECT_EQ(kernel().calls(Fail::kKzalloc), 1u) << "the one of create";
+	kernel().cwd = "/data/var/run/vsd/3";
+	for (const TypeTraits &t : kTypes) {
+		if (t.type == PACKET_SRC_INTF_EQUAL)
+			continue;
+		EXPECT_EQ(s.add(t.type, 1, elements(1, t.stride)), 0) << t.line;
+	}
+	EXPECT_EQ(kernel().calls(Fail::kKzalloc), 1u) << "the one of create";
 }
 
 TEST_F(RuleRecordTest, interface_in_a_vsd__without_memory_for_the_path_is_vsd_0)
 {
-    kernel().cwd = "/data/var/run/vsd/3";
-    kernel().fail(Fail::kKzalloc);
-    EXPECT_EQ(s.add(PACKET_SRC_INTF_EQUAL, 1, {7, 0, 0, 0}), 0);
-    EXPECT_EQ(lines(), (Strings{"<0>Failed to kmalloc buf.\n",
-                                "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success\n"}));
-    EXPECT_EQ(items(s), (Items{{10, {value_of({7})}}}));
+	kernel().cwd = "/data/var/run/vsd/3";
+	kernel().fail(Fail::kKzalloc);
+	EXPECT_EQ(s.add(PACKET_SRC_INTF_EQUAL, 1, { 7, 0, 0, 0 }), 0);
+	EXPECT_EQ(lines(), (Strings{ "<0>Failed to kmalloc buf.\n",
+				     "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success\n" }));
+	EXPECT_EQ(items(s), (Items{ { 10, { value_of({ 7 }) } } }));
 }
 
 // ---- PACKET_ALL -----------------------------------------------------------------------------
 
 TEST_F(RuleRecordTest, packet_all__added_twice_is_one_item)
 {
-    run();
-    EXPECT_EQ(s.add(PACKET_ALL), 0);
-    EXPECT_EQ(s.add(PACKET_ALL), 0);
-    EXPECT_EQ(items(s), (Items{{2, {value_of(Bytes(6, 0x22))}}, {16, {}}}));
-    EXPECT_EQ(g_regular_item_stats[16], 1u + 1u) << "the socket's, and its match copy's";
-    EXPECT_EQ(s.del(PACKET_ALL), 0);
-    EXPECT_EQ(items(s).size(), 1u);
-    EXPECT_EQ(s.del(PACKET_ALL), 0);
-    EXPECT_EQ(g_regular_item_stats[16], 0u);
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
+	run();
+	EXPECT_EQ(s.add(PACKET_ALL), 0);
+	EXPECT_EQ(s.add(PACKET_ALL), 0);
+	EXPECT_EQ(items(s), (Items{ { 2, { value_of(Bytes(6, 0x22)) } }, { 16, {} } }));
+	EXPECT_EQ(g_regular_item_stats[16], 1u + 1u) << "the socket's, and its match copy's";
+	EXPECT_EQ(s.del(PACKET_ALL), 0);
+	EXPECT_EQ(items(s).size(), 1u);
+	EXPECT_EQ(s.del(PACKET_ALL), 0);
+	EXPECT_EQ(g_regular_item_stats[16], 0u);
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
 }
 
 TEST_F(RuleRecordTest, packet_all__ignores_count_and_elements)
 {
-    EXPECT_EQ(s.rule(true, PACKET_ALL, 3, {1, 2, 3, 4, 5, 6}, 2), 0);
-    EXPECT_EQ(items(s), (Items{{16, {}}}));
-    EXPECT_EQ(s.rule(false, PACKET_ALL, 0, {}, 0), 0);
-    EXPECT_TRUE(items(s).empty());
+	EXPECT_EQ(s.rule(true, PACKET_ALL, 3, { 1, 2, 3, 4, 5, 6 }, 2), 0);
+	EXPECT_EQ(items(s), (Items{ { 16, {} } }));
+	EXPECT_EQ(s.rule(false, PACKET_ALL, 0, {}, 0), 0);
+	EXPECT_TRUE(items(s).empty());
 }
 
 TEST_F(RuleRecordTest, packet_all__without_an_item)
 {
-    run();
-    kernel().fail(Fail::kItemAlloc);
-    EXPECT_EQ(s.add(PACKET_ALL), -12);
-    Strings said = lines();
-    ASSERT_GE(said.size(), 2u);
-    EXPECT_EQ(Strings(said.end() - 2, said.end()),
-              (Strings{"MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n",
-                       "MOX-PACKET-DEAL-PACKET-ALL-REGULAR: alloc item failed\n"}));
-    EXPECT_FALSE(s.running()) << "out of the libraries until the next rule change";
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
-    EXPECT_EQ(s.add(PACKET_ALL), 0);
-    EXPECT_TRUE(s.running());
+	run();
+	kernel().fail(Fail::kItemAlloc);
+	EXPECT_EQ(s.add(PACKET_ALL), -12);
+	Strings said = lines();
+	ASSERT_GE(said.size(), 2u);
+	EXPECT_EQ(Strings(said.end() - 2, said.end()),
+		  (Strings{ "MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n",
+			    "MOX-PACKET-DEAL-PACKET-ALL-REGULAR: alloc item failed\n" }));
+	EXPECT_FALSE(s.running()) << "out of the libraries until the next rule change";
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
+	EXPECT_EQ(s.add(PACKET_ALL), 0);
+	EXPECT_TRUE(s.running());
 }
 
 // ---- failure among the elements ------------------------------------------------------------------
 
 TEST_F(RuleRecordTest, half_way__no_datum_keeps_what_came_before_and_leaves_the_libraries)
 {
-    run();
-    kernel().fail(Fail::kDataAlloc, 3);
-    EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 4, {1, 2, 3, 4}), -12);
-    Strings said = lines();
-    ASSERT_GE(said.size(), 2u);
-    EXPECT_EQ(Strings(said.end() - 2, said.end()),
-              (Strings{"MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n",
-                       "MOX-PACKET-DEAL-REGULAR-DATA: Alloc data failed\n"}));
-    EXPECT_EQ(items(s)[1].second, (std::vector<oracle::Value>{value_of({1}), value_of({2})}));
-    EXPECT_FALSE(s.running());
-    EXPECT_EQ(s.refs(), 2u);
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
-    EXPECT_FALSE(hooked("lev2"));
-    // The next rule change brings it back with what it has.
-    EXPECT_EQ(s.set(PACKET_TREATMENT, PACKET_TRAP), 0);
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
-    EXPECT_EQ(rules_in(&g_lev2_packet_regular_lib.regulars)[0].items.size(), 2u);
+	run();
+	kernel().fail(Fail::kDataAlloc, 3);
+	EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 4, { 1, 2, 3, 4 }), -12);
+	Strings said = lines();
+	ASSERT_GE(said.size(), 2u);
+	EXPECT_EQ(Strings(said.end() - 2, said.end()),
+		  (Strings{ "MOX-PACKET-ALLOC-INIT-DATA: alloc failed!\n",
+			    "MOX-PACKET-DEAL-REGULAR-DATA: Alloc data failed\n" }));
+	EXPECT_EQ(items(s)[1].second,
+		  (std::vector<oracle::Value>{ value_of({ 1 }), value_of({ 2 }) }));
+	EXPECT_FALSE(s.running());
+	EXPECT_EQ(s.refs(), 2u);
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
+	EXPECT_FALSE(hooked("lev2"));
+	// The next rule change brings it back with what it has.
+	EXPECT_EQ(s.set(PACKET_TREATMENT, PACKET_TRAP), 0);
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 1u);
+	EXPECT_EQ(rules_in(&g_lev2_packet_regular_lib.regulars)[0].items.size(), 2u);
 }
 
 TEST_F(RuleRecordTest, half_way__no_item_frees_the_datum_and_leaves_the_libraries)
 {
-    run();
-    kernel().fail(Fail::kItemAlloc);
-    EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 4, {1, 2, 3, 4}), -12);
-    Strings said = lines();
-    ASSERT_GE(said.size(), 2u);
-    EXPECT_EQ(Strings(said.end() - 2, said.end()),
-              (Strings{"MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n",
-                       "MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n"}));
-    EXPECT_EQ(items(s).size(), 1u);
-    EXPECT_EQ(g_regular_data_stats[PACKET_IPv4_PROT_EQUAL], 0u);
-    EXPECT_FALSE(s.running());
-    EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
+	run();
+	kernel().fail(Fail::kItemAlloc);
+	EXPECT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 4, { 1, 2, 3, 4 }), -12);
+	Strings said = lines();
+	ASSERT_GE(said.size(), 2u);
+	EXPECT_EQ(Strings(said.end() - 2, said.end()),
+		  (Strings{ "MOX-PACKET-ALLOC-INIT-ITEM: alloc failed!\n",
+			    "MOX-PACKET-ADD-DATA-TO-REGULAR: alloc item failed\n" }));
+	EXPECT_EQ(items(s).size(), 1u);
+	EXPECT_EQ(g_regular_data_stats[PACKET_IPv4_PROT_EQUAL], 0u);
+	EXPECT_FALSE(s.running());
+	EXPECT_EQ(filed(PACKET_LEV2_LOC), 0u);
 }
 
 // Deleting needs a datum to compare with.
 TEST_F(RuleRecordTest, half_way__no_datum_while_deleting)
 {
-    run();
-    ASSERT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 3, {1, 2, 3}), 0);
-    lines();
-    kernel().fail(Fail::kDataAlloc, 2);
-    EXPECT_EQ(s.del(PACKET_IPv4_PROT_EQUAL, 3, {1, 2, 3}), -12);
-    EXPECT_EQ(items(s)[1].second, (std::vector<oracle::Value>{value_of({2}), value_of({3})}));
-    EXPECT_FALSE(s.running());
-    EXPECT_EQ(lines().back(), "MOX-PACKET-DEAL-REGULAR-DATA: Alloc data failed\n");
+	run();
+	ASSERT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 3, { 1, 2, 3 }), 0);
+	lines();
+	kernel().fail(Fail::kDataAlloc, 2);
+	EXPECT_EQ(s.del(PACKET_IPv4_PROT_EQUAL, 3, { 1, 2, 3 }), -12);
+	EXPECT_EQ(items(s)[1].second,
+		  (std::vector<oracle::Value>{ value_of({ 2 }), value_of({ 3 }) }));
+	EXPECT_FALSE(s.running());
+	EXPECT_EQ(lines().back(), "MOX-PACKET-DEAL-REGULAR-DATA: Alloc data failed\n");
 }
 
 TEST_F(RuleRecordTest, every_allocation_in_turn__leaks_nothing_and_keeps_the_books)
 {
-    for (const TypeTraits &t : kTypes) {
-        for (size_t nth = 1;; nth++) {
-            SCOPED_TRACE(testing::Message() << t.line << "allocation " << nth);
-            Sock each;
-            ASSERT_EQ(each.create(), 0);
-            ASSERT_EQ(each.add(PACKET_SRC_MAC_EQUAL, 2, elements(2, 6)), 0);
-            ASSERT_EQ(each.set(PACKET_TREATMENT, PACKET_FETCH), 0);
-            ASSERT_EQ(each.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
-            size_t seen = 0;
-            kernel().fault = [&](Fail) { return ++seen == nth; };
-            int result = each.add(t.type, 3, elements(3, t.stride));
-            kernel().fault = nullptr;
-            EXPECT_TRUE(result == 0 || result == -12 || result == -14) << result;
-            EXPECT_EQ(filed(PACKET_LEV2_LOC), each.running() ? 1u : 0u);
-            EXPECT_EQ(each.refs(), each.running() ? 3u : 2u);
-            EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
-            verify(&g_lev2_packet_regular_lib);
-            each.release();
-            oracle::Counters left = counters();
-            left.data_failures = left.item_failures = 0;
-            EXPECT_EQ(left, oracle::Counters{});
-            if (seen < nth)
-                break;
-            ASSERT_LT(nth, 200u);
-        }
-        lines();
-    }
+	for (const TypeTraits &t : kTypes) {
+		for (size_t nth = 1;; nth++) {
+			SCOPED_TRACE(testing::Message() << t.line << "allocation " << nth);
+			Sock each;
+			ASSERT_EQ(each.create(), 0);
+			ASSERT_EQ(each.add(PACKET_SRC_MAC_EQUAL, 2, elements(2, 6)), 0);
+			ASSERT_EQ(each.set(PACKET_TREATMENT, PACKET_FETCH), 0);
+			ASSERT_EQ(each.set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
+			size_t seen = 0;
+			kernel().fault = [&](Fail) { return ++seen == nth; };
+			int result = each.add(t.type, 3, elements(3, t.stride));
+			kernel().fault = nullptr;
+			EXPECT_TRUE(result == 0 || result == -12 || result == -14) << result;
+			EXPECT_EQ(filed(PACKET_LEV2_LOC), each.running() ? 1u : 0u);
+			EXPECT_EQ(each.refs(), each.running() ? 3u : 2u);
+			EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
+			verify(&g_lev2_packet_regular_lib);
+			each.release();
+			oracle::Counters left = counters();
+			left.data_failures = left.item_failures = 0;
+			EXPECT_EQ(left, oracle::Counters{});
+			if (seen < nth)
+				break;
+			ASSERT_LT(nth, 200u);
+		}
+		lines();
+	}
 }
 
-}  // namespace
+} // namespace

@@ -28,30 +28,33 @@ std::string said();
 
 class ControlTest : public VmTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+	void SetUp() override;
+	void TearDown() override;
 
-    /// The whole message of a request, cut behind the body.
-    Bytes request(uint16_t type, const Bytes &body = {}, uint16_t flags = 0x01) const;
-    /// Sends a request; when this returns it has been handled.
-    void ask(uint16_t type, const Bytes &body = {}) { ask(client_, type, body); }
-    void ask(GenlSocket &client, uint16_t type, const Bytes &body = {});
-    void ask_debug(uint32_t type, uint32_t is_open) { ask(MOX_MSG_DEBUG, words({type, is_open})); }
-    /// The line that names the asking process.
-    std::string asked_by(uint32_t port, const char *name = "vm_control") const;
-    /// What a request prints behind the line that names the asking process, which must be the first (debugging is off).
-    std::string answer(uint16_t type, const Bytes &body = {});
-    /// What a request that is sent as these bytes prints.
-    std::string printed(const Bytes &datagram);
-    /// The error that the kernel answers to these bytes; 1 when it answers nothing.
-    int refusal(const Bytes &datagram);
+	/// The whole message of a request, cut behind the body.
+	Bytes request(uint16_t type, const Bytes &body = {}, uint16_t flags = 0x01) const;
+	/// Sends a request; when this returns it has been handled.
+	void ask(uint16_t type, const Bytes &body = {}) { ask(client_, type, body); }
+	void ask(GenlSocket &client, uint16_t type, const Bytes &body = {});
+	void ask_debug(uint32_t type, uint32_t is_open)
+	{
+		ask(MOX_MSG_DEBUG, words({ type, is_open }));
+	}
+	/// The line that names the asking process.
+	std::string asked_by(uint32_t port, const char *name = "vm_control") const;
+	/// What a request prints behind the line that names the asking process, which must be the first (debugging is off).
+	std::string answer(uint16_t type, const Bytes &body = {});
+	/// What a request that is sent as these bytes prints.
+	std::string printed(const Bytes &datagram);
+	/// The error that the kernel answers to these bytes; 1 when it answers nothing.
+	int refusal(const Bytes &datagram);
 
-    static void debug(bool on) { lab::poke8("mox_packet_debug", 0, on); }
-    static Bytes switches() { return lab::peek("mox_packet_debug", 0, kSwitches); }
-    static uint32_t requests_taken() { return lab::peek32("g_packet_msg_recv"); }
+	static void debug(bool on) { lab::poke8("mox_packet_debug", 0, on); }
+	static Bytes switches() { return lab::peek("mox_packet_debug", 0, kSwitches); }
+	static uint32_t requests_taken() { return lab::peek32("g_packet_msg_recv"); }
 
-    GenlSocket client_;
-    uint16_t family_ = 0;
+	GenlSocket client_;
+	uint16_t family_ = 0;
 };
 
-}  // namespace vm
+} // namespace vm

@@ -19,15 +19,21 @@ using contract::SocketText;
 
 inline constexpr int kCpus = 4;
 
-inline Pieces queue_pieces(uint32_t location) { return contract::queue_pieces(location, kCpus); }
-inline Pieces location_pieces(uint32_t location, const std::vector<SocketText> &sockets = {},
-                              const std::vector<EntryText> &entries = {})
+inline Pieces queue_pieces(uint32_t location)
 {
-    return contract::location_pieces(location, kCpus, sockets, entries);
+	return contract::queue_pieces(location, kCpus);
+}
+inline Pieces location_pieces(uint32_t location, const std::vector<SocketText> &sockets = {},
+			      const std::vector<EntryText> &entries = {})
+{
+	return contract::location_pieces(location, kCpus, sockets, entries);
 }
 
 /// A rule as its socket's report prints it.
-inline RuleText text_of(const Rule &rule) { return contract::rule_text(rule.type, rule.elements); }
+inline RuleText text_of(const Rule &rule)
+{
+	return contract::rule_text(rule.type, rule.elements);
+}
 /// A socket of this process, running.
 SocketText own_socket(uint32_t location, uint32_t treatment, std::vector<RuleText> rules);
 CopyText own_copy(uint32_t treatment, std::vector<RuleText> rest = {});
@@ -36,4 +42,4 @@ CopyText own_copy(uint32_t treatment, std::vector<RuleText> rest = {});
 Pieces memory_pieces();
 Pieces thread_pieces();
 
-}  // namespace vm
+} // namespace vm

@@ -10,8 +10,8 @@
 namespace vm {
 
 struct HookTraffic {
-    lab::Hook hook;
-    lab::Frame frame;
+	lab::Hook hook;
+	lab::Frame frame;
 };
 
 /// A frame or two for each location that has a hook.
@@ -20,4 +20,4 @@ const std::vector<HookTraffic> &hook_traffic();
 /// One socket's life: some rules, some changes, some reading.
 void live_a_sockets_life(std::minstd_rand &random);
 
-}  // namespace vm
+} // namespace vm

@@ -15,18 +15,18 @@ bool user_copies_can_fail();
 /// One file /proc/.../fail-nth: the calling thread's, or another task's.
 class FailNth {
 public:
-    FailNth();
-    explicit FailNth(pid_t task);
-    ~FailNth();
-    FailNth(const FailNth &) = delete;
+	FailNth();
+	explicit FailNth(pid_t task);
+	~FailNth();
+	FailNth(const FailNth &) = delete;
 
-    /// The nth allocation or user copy from now on fails.
-    void arm(unsigned nth);
-    /// Ends it; what was left of the count: 0 when the failure took place.
-    unsigned disarm();
+	/// The nth allocation or user copy from now on fails.
+	void arm(unsigned nth);
+	/// Ends it; what was left of the count: 0 when the failure took place.
+	unsigned disarm();
 
 private:
-    int fd_;
+	int fd_;
 };
 
 /// Runs call() with its first, its second, ... allocation failing, and after() behind each, until one run hits no
@@ -34,16 +34,16 @@ private:
 template <class Call, class After>
 int with_each_failure(Call call, After after, unsigned limit = 400)
 {
-    FailNth injector;
-    for (unsigned nth = 1; nth <= limit; ++nth) {
-        injector.arm(nth);
-        call();
-        bool injected = injector.disarm() == 0;
-        after(injected);
-        if (!injected)
-            return int(nth) - 1;
-    }
-    return -1;
+	FailNth injector;
+	for (unsigned nth = 1; nth <= limit; ++nth) {
+		injector.arm(nth);
+		call();
+		bool injected = injector.disarm() == 0;
+		after(injected);
+		if (!injected)
+			return int(nth) - 1;
+	}
+	return -1;
 }
 
-}  // namespace vm
+} // namespace vm

@@ -13,8 +13,8 @@ using lab::Bytes;
 using lab::Frame;
 using Mac = std::array<uint8_t, 6>;
 
-inline constexpr Mac kSrc = {0x02, 0x00, 0x5e, 0x10, 0x00, 0x01};
-inline constexpr Mac kDst = {0x02, 0x00, 0x5e, 0x10, 0x00, 0x02};
+inline constexpr Mac kSrc = { 0x02, 0x00, 0x5e, 0x10, 0x00, 0x01 };
+inline constexpr Mac kDst = { 0x02, 0x00, 0x5e, 0x10, 0x00, 0x02 };
 
 /// Ethernet II frame around the payload; kind "other".
 Frame ethernet(uint16_t type, Bytes payload, Mac dst = kDst, Mac src = kSrc);
@@ -23,18 +23,19 @@ Frame plain(uint16_t type = 0x88b5, size_t length = 60);
 /// ARP with the operation field in host order.
 Frame arp(uint16_t operation);
 /// EAPOL frame of the packet type (byte 15 of the frame).
-Frame eapol(uint8_t type, Bytes body = {0, 0});
+Frame eapol(uint8_t type, Bytes body = { 0, 0 });
 /// 802.2 LLC/SNAP frame with the type in host order.
 Frame snap(uint16_t type);
 
 /// IPv4 header (and its options, when header_words is above 5) in front of the payload.
-Frame ipv4(uint8_t protocol, Bytes payload, uint32_t destination = 0x0a000002, unsigned header_words = 5);
+Frame ipv4(uint8_t protocol, Bytes payload, uint32_t destination = 0x0a000002,
+	   unsigned header_words = 5);
 Bytes udp(uint16_t source, uint16_t destination, size_t payload = 4);
 Bytes tcp(uint16_t source, uint16_t destination);
 
 using Addr6 = std::array<uint8_t, 16>;
 Addr6 addr6(std::initializer_list<uint8_t> first_bytes, uint8_t last);
-inline constexpr Addr6 kHost6 = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2};
+inline constexpr Addr6 kHost6 = { 0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2 };
 /// IPv6 header in front of the payload; the payload length is the true one unless claimed says otherwise.
 Frame ipv6(uint8_t next, Bytes payload, Addr6 destination = kHost6, int claimed = -1);
 Bytes icmpv6(uint8_t type);
@@ -56,4 +57,4 @@ Frame wps_expanded();
 
 Bytes operator+(Bytes left, const Bytes &right);
 
-}  // namespace frames
+} // namespace frames

@@ -18,8 +18,9 @@ inline constexpr uint32_t kOwner = 147;
 
 /// Interfaces that every test finds: two ports with their link up, one with its link down, and the two reserved
 /// control-plane interfaces.
-inline constexpr uint32_t kPortA = 211, kPortB = 212, kPortDown = 213, kLev2Resv = 4094, kLev3Resv = 4095;
-inline constexpr uint8_t kPortAMac[6] = {0x02, 0x11, 0x22, 0x33, 0x44, 0xa1};
+inline constexpr uint32_t kPortA = 211, kPortB = 212, kPortDown = 213, kLev2Resv = 4094,
+			  kLev3Resv = 4095;
+inline constexpr uint8_t kPortAMac[6] = { 0x02, 0x11, 0x22, 0x33, 0x44, 0xa1 };
 /// An interface index that no control block has.
 inline constexpr uint32_t kNoSuchInterface = 3999;
 
@@ -31,33 +32,33 @@ inline constexpr uint32_t kWlan80211 = 0x40000, kWlanMgmt = 0x8000, kWlan800000 
 
 /// A frame with the metadata the platform keeps beside it. VLAN words are in host order here.
 struct Frame {
-    Bytes bytes;
-    uint8_t kind = kKindOther;
-    uint16_t l2_len = 14;
-    int net_off = -1;      ///< from the MAC header; -1: right after the layer-2 header
-    int64_t total_len = -1;  ///< -1: as many bytes as there are
-    uint32_t src_ifx = kPortA;
-    uint32_t dst_ifx = 0;
-    uint16_t vlan_tci = 0;
-    uint16_t inner_tci = 0;
-    uint32_t flags = 0;
-    uint32_t wlan_flags = 0;
-    uint32_t l2ifx = 0;
-    uint32_t origifx = 0;
-    uint32_t dst_l2ifx = 0;
-    uint8_t proxy = 0;
-    uint32_t attr = 0;
-    uint8_t radio_id = 0;
-    uint16_t wlan_id = 0;
-    uint16_t ap_wlan_id = 0;
-    uint32_t word172 = 0;
-    uint8_t code = 0;
-    uint8_t sub_code = 0;
-    uint16_t half188 = 0;
-    /// Bit 0 of the CPU's buffer word, a tag that hooks must not mind: 0, 1, or -1 to have the lab alternate.
-    int tag = -1;
-    /// Run the hook in a softirq proper and not merely with bottom halves disabled.
-    bool softirq = false;
+	Bytes bytes;
+	uint8_t kind = kKindOther;
+	uint16_t l2_len = 14;
+	int net_off = -1;       ///< from the MAC header; -1: right after the layer-2 header
+	int64_t total_len = -1; ///< -1: as many bytes as there are
+	uint32_t src_ifx = kPortA;
+	uint32_t dst_ifx = 0;
+	uint16_t vlan_tci = 0;
+	uint16_t inner_tci = 0;
+	uint32_t flags = 0;
+	uint32_t wlan_flags = 0;
+	uint32_t l2ifx = 0;
+	uint32_t origifx = 0;
+	uint32_t dst_l2ifx = 0;
+	uint8_t proxy = 0;
+	uint32_t attr = 0;
+	uint8_t radio_id = 0;
+	uint16_t wlan_id = 0;
+	uint16_t ap_wlan_id = 0;
+	uint32_t word172 = 0;
+	uint8_t code = 0;
+	uint8_t sub_code = 0;
+	uint16_t half188 = 0;
+	/// Bit 0 of the CPU's buffer word, a tag that hooks must not mind: 0, 1, or -1 to have the lab alternate.
+	int tag = -1;
+	/// Run the hook in a softirq proper and not merely with bottom halves disabled.
+	bool softirq = false;
 };
 
 /// In the order of contract::HookId.
@@ -70,9 +71,10 @@ std::vector<Hook> hooks_of(uint32_t location);
 
 /// A hook's answers: to the module records and output functions, and inverted for the receive function of RESV.
 inline constexpr uint32_t kGoOn = contract::kHooks[contract::kLev2Hook].go_on,
-                          kTaken = contract::kHooks[contract::kLev2Hook].taken,
-                          kResvGoOn = contract::kHooks[contract::kResvHook].go_on,
-                          kResvTaken = contract::kHooks[contract::kResvHook].taken, kDrop = contract::kDropAnswer;
+			  kTaken = contract::kHooks[contract::kLev2Hook].taken,
+			  kResvGoOn = contract::kHooks[contract::kResvHook].go_on,
+			  kResvTaken = contract::kHooks[contract::kResvHook].taken,
+			  kDrop = contract::kDropAnswer;
 
 /// Runs the hook over the frame on the CPU (-1: any) and returns its answer. The hook must be registered.
 uint32_t inject(Hook hook, const Frame &frame, int cpu = -1);
@@ -91,10 +93,11 @@ size_t registrations();
 
 /// One call of a registration function since the log was cleared.
 struct RegCall {
-    std::string call;  ///< "reg_module", "dereg_module", "reg_recv", "dereg_recv", "reg_output", "dereg_output"
-    std::string func;  ///< symbol of the hook function
-    uint32_t point;    ///< the function's point, or bytes 12 and 13 of the descriptor (low, high)
-    int32_t result;
+	std::string
+		call; ///< "reg_module", "dereg_module", "reg_recv", "dereg_recv", "reg_output", "dereg_output"
+	std::string func; ///< symbol of the hook function
+	uint32_t point; ///< the function's point, or bytes 12 and 13 of the descriptor (low, high)
+	int32_t result;
 };
 std::vector<RegCall> registration_log();
 void clear_registration_log();
@@ -107,10 +110,10 @@ void echo_printk(bool on);
 
 /// The platform's books.
 struct Books {
-    int64_t live;     ///< efbuffs that exist now under the module's owner number
-    uint64_t clones;  ///< clones made for the module
-    uint64_t freed;   ///< efbuffs that the module freed
-    uint64_t misuse;  ///< double frees, wrong owners, calls from a forbidden context
+	int64_t live;    ///< efbuffs that exist now under the module's owner number
+	uint64_t clones; ///< clones made for the module
+	uint64_t freed;  ///< efbuffs that the module freed
+	uint64_t misuse; ///< double frees, wrong owners, calls from a forbidden context
 };
 Books books();
 /// Waits until the module holds no efbuff: everything queued has been delivered and freed. False after the time.
@@ -142,4 +145,4 @@ Bytes peek(const char *sym, uint32_t offset, uint32_t length);
 /// Brings the lab to a known state: interfaces, no failures pending, empty logs.
 void reset();
 
-}  // namespace lab
+} // namespace lab

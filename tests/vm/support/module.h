@@ -17,4 +17,4 @@ bool module_present(const std::string &name);
 /// Whether the image has the module's file.
 bool module_shipped(const std::string &name);
 
-}  // namespace vm
+} // namespace vm

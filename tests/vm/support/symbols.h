@@ -10,4 +10,4 @@ namespace vm {
 /// The address of a symbol of mox_ef_socket or efmp as loaded now; it moves with every load. Throws when there is none.
 uint64_t symbol_address(const std::string &symbol);
 
-}  // namespace vm
+} // namespace vm

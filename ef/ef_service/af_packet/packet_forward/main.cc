@@ -13,8 +13,10 @@ namespace mox {
 namespace {
 
 /* Each line is printk's format itself: mox_printk reads the level marker there. */
-#define MOX_UNIT(name, init) \
-	{ init, [] { mox_printk(MOX_KERN_INFO name " init failed\n"); } }
+#define MOX_UNIT(name, init)                                                  \
+	{                                                                     \
+		init, [] { mox_printk(MOX_KERN_INFO name " init failed\n"); } \
+	}
 
 struct Unit {
 	int (*init)();
@@ -34,7 +36,7 @@ using Deinit = void (*)();
 
 /* After a failed load the thread goes first: nothing was queued for it yet. */
 constexpr Deinit kUnwind[] = {
-	mox_packet_thread_deinit, mox_packet_family_deinit, mox_packet_msg_deinit,
+	mox_packet_thread_deinit, mox_packet_family_deinit,  mox_packet_msg_deinit,
 	mox_packet_serv_deinit,   mox_packet_regular_deinit, mox_packet_sock_deinit,
 };
 
@@ -43,7 +45,7 @@ constexpr Deinit kUnwind[] = {
  * the family is unregistered. Both orders are deliberate.
  */
 constexpr Deinit kUnloadRest[] = {
-	mox_packet_msg_deinit,  mox_packet_serv_deinit,  mox_packet_regular_deinit,
+	mox_packet_msg_deinit,  mox_packet_serv_deinit,   mox_packet_regular_deinit,
 	mox_packet_sock_deinit, mox_packet_thread_deinit,
 };
 

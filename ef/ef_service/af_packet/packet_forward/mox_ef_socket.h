@@ -28,7 +28,7 @@ struct packet_regular {
 /** All match values of one type inside a rule. */
 struct regular_item {
 	struct list_head node;
-	u32 type; /* enum mox_packet_rule_type */
+	u32 type;               /* enum mox_packet_rule_type */
 	struct list_head datas; /* of regular_data */
 };
 

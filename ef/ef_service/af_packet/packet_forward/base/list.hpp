@@ -64,40 +64,24 @@ template <typename Record, size_t Offset> class ListRange {
 public:
 	class iterator {
 	public:
-		explicit iterator(Link *at) : at_(at), next_(at->next)
-		{
-		}
-		Record *operator*() const
-		{
-			return record_of<Record, Offset>(at_);
-		}
+		explicit iterator(Link *at) : at_(at), next_(at->next) {}
+		Record *operator*() const { return record_of<Record, Offset>(at_); }
 		iterator &operator++()
 		{
 			at_ = next_;
 			next_ = at_->next;
 			return *this;
 		}
-		bool operator!=(const iterator &other) const
-		{
-			return at_ != other.at_;
-		}
+		bool operator!=(const iterator &other) const { return at_ != other.at_; }
 
 	private:
 		Link *at_;
 		Link *next_;
 	};
 
-	explicit ListRange(Link *head) : head_(head)
-	{
-	}
-	iterator begin() const
-	{
-		return iterator(head_->next);
-	}
-	iterator end() const
-	{
-		return iterator(head_);
-	}
+	explicit ListRange(Link *head) : head_(head) {}
+	iterator begin() const { return iterator(head_->next); }
+	iterator end() const { return iterator(head_); }
 
 private:
 	Link *head_;

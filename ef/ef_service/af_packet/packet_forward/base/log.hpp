@@ -48,8 +48,8 @@ inline bool path_switch_on(u32 number)
 	mox_printk("[MOX-PACKET(%d)]: " format, seam_cpu() __VA_OPT__(, ) __VA_ARGS__)
 
 /** A tagged line while the general debug switch is on. */
-#define MOX_DEBUG(format, ...)                                 \
-	do {                                                   \
-		if (mox::debug_on())                           \
+#define MOX_DEBUG(format, ...)                                        \
+	do {                                                          \
+		if (mox::debug_on())                                  \
 			MOX_TRACE(format __VA_OPT__(, ) __VA_ARGS__); \
 	} while (0)

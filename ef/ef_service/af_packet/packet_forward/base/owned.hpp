@@ -18,12 +18,8 @@ template <typename T> constexpr T &&move(T &object)
 template <typename T, auto Give_back> class Owned {
 public:
 	Owned() = default;
-	explicit Owned(T *object) : object_(object)
-	{
-	}
-	Owned(Owned &&other) noexcept : object_(other.release())
-	{
-	}
+	explicit Owned(T *object) : object_(object) {}
+	Owned(Owned &&other) noexcept : object_(other.release()) {}
 	Owned &operator=(Owned &&other) noexcept
 	{
 		T *old = object_;
@@ -40,18 +36,9 @@ public:
 			Give_back(object_);
 	}
 
-	explicit operator bool() const
-	{
-		return object_ != nullptr;
-	}
-	T *get() const
-	{
-		return object_;
-	}
-	T *operator->() const
-	{
-		return object_;
-	}
+	explicit operator bool() const { return object_ != nullptr; }
+	T *get() const { return object_; }
+	T *operator->() const { return object_; }
 	/** End the ownership without giving the object back: the caller owns it. */
 	[[nodiscard]] T *release()
 	{

@@ -20,10 +20,10 @@ inline constexpr u32 kLineSize = 128;
 } // namespace mox
 
 extern "C" {
-extern u8 g_tech_dump;       /* 1 while a dump file is being written */
-extern file *g_tech_filp;    /* the file */
-extern char *g_file_buff;    /* the staging buffer, null outside a dump */
-extern u32 g_file_bufflen;   /* bytes staged */
+extern u8 g_tech_dump;     /* 1 while a dump file is being written */
+extern file *g_tech_filp;  /* the file */
+extern char *g_file_buff;  /* the staging buffer, null outside a dump */
+extern u32 g_file_bufflen; /* bytes staged */
 extern char g_wbuf[mox::kLineSize];
 }
 
@@ -61,12 +61,11 @@ bool report_nearly_full();
  * 127 characters, and dropped whole when it does not fit into the rest of the
  * staging buffer; a shorter one behind it may still fit. Any.
  */
-#define REPORT_LINE(format, ...)                                               \
-	do {                                                                   \
-		if (mox::report_staged())                                           \
-			mox::report_append(seam_scnprintf(g_wbuf, sizeof(g_wbuf),   \
-						     format __VA_OPT__(, )     \
-							     __VA_ARGS__));    \
-		else                                                           \
-			mox_printk(format __VA_OPT__(, ) __VA_ARGS__);         \
+#define REPORT_LINE(format, ...)                                                               \
+	do {                                                                                   \
+		if (mox::report_staged())                                                      \
+			mox::report_append(seam_scnprintf(g_wbuf, sizeof(g_wbuf),              \
+							  format __VA_OPT__(, ) __VA_ARGS__)); \
+		else                                                                           \
+			mox_printk(format __VA_OPT__(, ) __VA_ARGS__);                         \
 	} while (0)

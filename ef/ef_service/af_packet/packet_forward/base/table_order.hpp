@@ -10,14 +10,8 @@ namespace mox {
 template <u32 N> struct RowOrder {
 	u8 row[N];
 
-	constexpr const u8 *begin() const
-	{
-		return row;
-	}
-	constexpr const u8 *end() const
-	{
-		return row + N;
-	}
+	constexpr const u8 *begin() const { return row; }
+	constexpr const u8 *end() const { return row + N; }
 };
 
 /**

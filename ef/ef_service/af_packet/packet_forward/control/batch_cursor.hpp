@@ -34,19 +34,14 @@ public:
 	};
 
 	/** limit: places that a batch prints to the log. */
-	BatchCursor(u32 limit, InFile in_file) : limit_(limit), in_file_(in_file)
-	{
-	}
+	BatchCursor(u32 limit, InFile in_file) : limit_(limit), in_file_(in_file) {}
 
 	/** Start a batch; the lock is held. */
 	void begin_batch();
 	/** Step to the next place of the list: whether it is this batch's. The lock is held. */
 	bool enter_place();
 	/** Count the place that was entered last as printed. */
-	void count_printed()
-	{
-		printed_++;
-	}
+	void count_printed() { printed_++; }
 	/** End a batch, after the lock was dropped: whether there is another one. May sleep. Process. */
 	bool end_batch();
 

@@ -81,10 +81,7 @@ public:
 		for (const filter_list_data *entry : entries_of(&lib->filter_list))
 			print_entry(*entry);
 	}
-	bool end_batch()
-	{
-		return cursor_.end_batch();
-	}
+	bool end_batch() { return cursor_.end_batch(); }
 
 private:
 	/** Every place that is entered is printed. */

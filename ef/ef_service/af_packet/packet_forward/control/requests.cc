@@ -21,8 +21,8 @@ namespace mox {
 namespace {
 
 /* A message: netlink header, generic netlink header, attribute header, record. */
-constexpr u32 kMessageLen = 0;  /* u32, in the netlink header */
-constexpr u32 kAttrLen = 20;    /* u16, header included */
+constexpr u32 kMessageLen = 0; /* u32, in the netlink header */
+constexpr u32 kAttrLen = 20;   /* u16, header included */
 constexpr u32 kAttrHeader = 4;
 constexpr u32 kRecord = kAttrLen + kAttrHeader;
 constexpr u32 kBody = offsetof(mox_packet_request, body); /* in the record */
@@ -56,8 +56,7 @@ void show_process_by_name(const RequestedName &asked)
 {
 	/* One character more than any process has: a longer name is cut to one that matches none. */
 	char name[MOX_PACKET_NAME_SIZE + 1]{};
-	__builtin_memcpy(name, asked.text,
-			 asked.len < sizeof(name) ? asked.len : sizeof(name) - 1);
+	__builtin_memcpy(name, asked.text, asked.len < sizeof(name) ? asked.len : sizeof(name) - 1);
 	mox_printk("show process %.*s regular:\n", static_cast<int>(asked.len), asked.text);
 	show_process(MOX_MSG_SHOW_NAME, name, 0);
 }
@@ -221,8 +220,8 @@ int mox_packet_msg_recv(sk_buff *, genl_info *info)
 	const u8 *payload = static_cast<const u8 *>(message) + kRecord;
 	u32 reach = len - kRecord;
 	__builtin_memcpy(&record, payload, reach < sizeof(record) ? reach : sizeof(record));
-	RequestedName name = reach > kBody ? requested_name(payload + kBody, reach - kBody) :
-					     RequestedName{ "", 0 };
+	RequestedName name = reach > kBody ? requested_name(payload + kBody, reach - kBody)
+					   : RequestedName{ "", 0 };
 	deal(&record, name, seam_genl_client(info));
 	return 0;
 }

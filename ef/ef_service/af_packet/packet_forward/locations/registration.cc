@@ -98,11 +98,7 @@ void mox_packet_dereg_module(packet_module *module)
 	module->registered = 0;
 }
 
-void mox_packet_flush_input_mclist(void)
-{
-}
+void mox_packet_flush_input_mclist(void) {}
 
-void mox_packet_flush_output_mclist(void)
-{
-}
+void mox_packet_flush_output_mclist(void) {}
 } // extern "C"

@@ -7,7 +7,8 @@ namespace {
 constexpr packet_module record(const char *name, efmp_pkt_func receive,
 			       platform::record_numbers numbers)
 {
-	return { 0, name,
+	return { 0,
+		 name,
 		 { 0, receive, platform::kRecordMask, numbers.point, numbers.priority, 0 } };
 }
 
@@ -29,18 +30,19 @@ static_assert(location_row(PACKET_NONE_LOC).library == nullptr);
 } // namespace mox
 
 extern "C" {
-#define MOX_OWN(location, prefix, ...) constinit packet_regular_lib g_##prefix##_packet_regular_lib{};
+#define MOX_OWN(location, prefix, ...) \
+	constinit packet_regular_lib g_##prefix##_packet_regular_lib{};
 #define MOX_SHARED(...)
 MOX_LOCATION_TABLE(MOX_OWN, MOX_SHARED)
 #undef MOX_OWN
 #undef MOX_SHARED
 
-constinit packet_module g_lev2_packet_module =
-	mox::record("PACKET-LEV2-MODULE", mox_packet_lev2_rcv, platform::kLev2Record);
-constinit packet_module g_ipv4_packet_module =
-	mox::record("PACKET-IPV4-MODULE", mox_packet_ipv4_rcv, platform::kIpv4Record);
-constinit packet_module g_ipv6_packet_module =
-	mox::record("PACKET-IPV6-MODULE", mox_packet_ipv6_rcv, platform::kIpv6Record);
-constinit packet_module g_wlan_packet_module =
-	mox::record("PACKET-WLAN-MODULE", mox_packet_wlan_in_rcv, platform::kWlanRecord);
+constinit packet_module g_lev2_packet_module = mox::record(
+	"PACKET-LEV2-MODULE", mox_packet_lev2_rcv, platform::kLev2Record);
+constinit packet_module g_ipv4_packet_module = mox::record(
+	"PACKET-IPV4-MODULE", mox_packet_ipv4_rcv, platform::kIpv4Record);
+constinit packet_module g_ipv6_packet_module = mox::record(
+	"PACKET-IPV6-MODULE", mox_packet_ipv6_rcv, platform::kIpv6Record);
+constinit packet_module g_wlan_packet_module = mox::record(
+	"PACKET-WLAN-MODULE", mox_packet_wlan_in_rcv, platform::kWlanRecord);
 }

@@ -13,15 +13,15 @@
  * and the location that each serves. receive/hooks.cc defines them from this
  * list; MPLS's and TRILL's are never registered.
  */
-#define MOX_RECEIVER_TABLE(X)                         \
-	X(PACKET_LOCAL_LOC, mox_packet_local_rcv)     \
-	X(PACKET_LEV2_LOC, mox_packet_lev2_rcv)       \
-	X(PACKET_IPv4_LOC, mox_packet_ipv4_rcv)       \
-	X(PACKET_IPv6_LOC, mox_packet_ipv6_rcv)       \
-	X(PACKET_MPLS_LOC, mox_packet_mpls_rcv)       \
-	X(PACKET_TRILL_LOC, mox_packet_trill_rcv)     \
-	X(PACKET_RESV_LOC, mox_packet_resv_rcv)       \
-	X(PACKET_WLAN_LOC, mox_packet_wlan_in_rcv)    \
+#define MOX_RECEIVER_TABLE(X)                      \
+	X(PACKET_LOCAL_LOC, mox_packet_local_rcv)  \
+	X(PACKET_LEV2_LOC, mox_packet_lev2_rcv)    \
+	X(PACKET_IPv4_LOC, mox_packet_ipv4_rcv)    \
+	X(PACKET_IPv6_LOC, mox_packet_ipv6_rcv)    \
+	X(PACKET_MPLS_LOC, mox_packet_mpls_rcv)    \
+	X(PACKET_TRILL_LOC, mox_packet_trill_rcv)  \
+	X(PACKET_RESV_LOC, mox_packet_resv_rcv)    \
+	X(PACKET_WLAN_LOC, mox_packet_wlan_in_rcv) \
 	X(PACKET_WLAN_LOC, mox_packet_wlan_out_rcv)
 
 /*
@@ -41,8 +41,8 @@
  * the packets that are addressed to one reserved interface.
  */
 #define MOX_LOCATION_TABLE(OWN, SHARED)                                                            \
-	OWN(PACKET_LOCAL_LOC, local, 1, nullptr, mox_packet_local_rcv, nullptr, kHookAnswers, true, \
-	    Summary::kFull)                                                                        \
+	OWN(PACKET_LOCAL_LOC, local, 1, nullptr, mox_packet_local_rcv, nullptr, kHookAnswers,      \
+	    true, Summary::kFull)                                                                  \
 	OWN(PACKET_LEV2_LOC, lev2, 0, &g_lev2_packet_module, nullptr, nullptr, kHookAnswers, true, \
 	    Summary::kFull)                                                                        \
 	OWN(PACKET_IPv4_LOC, ipv4, 2, &g_ipv4_packet_module, nullptr, nullptr, kHookAnswers, true, \
@@ -106,8 +106,8 @@ enum class Summary : u8 { kFull, kWlan };
 
 struct Location {
 	const char *name;
-	packet_regular_lib *library;  /* null: no rule is filed and no packet passes */
-	u32 queue;                    /* CPU_QUEUES without a library */
+	packet_regular_lib *library; /* null: no rule is filed and no packet passes */
+	u32 queue;                   /* CPU_QUEUES without a library */
 	packet_module *module;
 	efmp_pkt_func output;
 	efmp_pkt_func recv;
@@ -127,13 +127,13 @@ constexpr LocationTable make_location_table()
 	LocationTable table{};
 	table.rows[PACKET_NONE_LOC].name = "PACKET_NONE_LOC";
 	table.rows[PACKET_NONE_LOC].queue = CPU_QUEUES;
-#define MOX_OWN(location, prefix, queue, ...)                                                   \
+#define MOX_OWN(location, prefix, queue, ...)                                                     \
 	table.rows[location] = { #location, &g_##prefix##_packet_regular_lib, queue, __VA_ARGS__, \
 				 0 };                                                             \
 	table.of_queue[queue] = location;
-#define MOX_SHARED(location, owner, intf)                \
-	table.rows[location] = table.rows[owner];        \
-	table.rows[location].name = #location;           \
+#define MOX_SHARED(location, owner, intf)         \
+	table.rows[location] = table.rows[owner]; \
+	table.rows[location].name = #location;    \
 	table.rows[location].reserved_intf = intf;
 	MOX_LOCATION_TABLE(MOX_OWN, MOX_SHARED)
 #undef MOX_OWN

@@ -75,8 +75,7 @@ template <u32 location> bool hand_over_clone(void *efbuff)
 void trace_received(const pkt_info &info, u32 location)
 {
 	MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, loc %s, src_intf: %s, src_ifx: %u, in vsd: %u\n",
-		  info.efbuff, location_name(location), source_name(info.efbuff), info.ifindex,
-		  0u);
+		  info.efbuff, location_name(location), source_name(info.efbuff), info.ifindex, 0u);
 	trace_packet(info, TraceTag::kReceive);
 }
 
@@ -177,10 +176,10 @@ template <u32 location> u32 receive()
 } // namespace mox
 
 extern "C" {
-#define MOX_ROW(location, function)               \
-	u32 function(void)                        \
-	{                                         \
-		return mox::receive<location>();  \
+#define MOX_ROW(location, function)              \
+	u32 function(void)                       \
+	{                                        \
+		return mox::receive<location>(); \
 	}
 MOX_RECEIVER_TABLE(MOX_ROW)
 #undef MOX_ROW

@@ -17,9 +17,9 @@ namespace {
 /** The pending byte of a location, or null for a number that no hook has. */
 u8 *pending_byte(u32 location)
 {
-	return location_has_report(location) ?
-		       &g_packet_thread_top.pending[location_row(location).queue] :
-		       nullptr;
+	return location_has_report(location)
+		       ? &g_packet_thread_top.pending[location_row(location).queue]
+		       : nullptr;
 }
 
 /** The copy thread's lines need the location's own switch besides the general one. */

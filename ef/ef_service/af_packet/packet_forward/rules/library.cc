@@ -95,8 +95,8 @@ void copy_item(const regular_item *from, packet_regular *copy)
  * File a copy of the rule under a key, making the key's entry when there is
  * none. False without memory for the entry.
  */
-bool file_under(const packet_regular *regular, u32 type, const void *value,
-		packet_regular_lib *lib) SEAM_REQUIRES(lib->lock)
+bool file_under(const packet_regular *regular, u32 type, const void *value, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->lock)
 {
 	filter_list_data *entry = pkt_search_data_from_filter_list(type, value, lib);
 	if (entry) {

@@ -27,10 +27,7 @@ public:
 	int apply(mox_packet_sock *po, bool add) const;
 
 private:
-	const u8 *elements() const
-	{
-		return bytes_.get() + sizeof(mox_packet_rule);
-	}
+	const u8 *elements() const { return bytes_.get() + sizeof(mox_packet_rule); }
 	int apply_datum(mox_packet_sock *po, const u8 *element, bool add) const;
 	int apply_packet_all(mox_packet_sock *po, bool add) const;
 

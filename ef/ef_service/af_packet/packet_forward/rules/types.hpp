@@ -18,10 +18,7 @@ struct RuleType {
 	const char *label;
 	u8 line;
 
-	constexpr bool has_value() const
-	{
-		return compared != 0;
-	}
+	constexpr bool has_value() const { return compared != 0; }
 };
 
 inline constexpr RuleType kRuleTypes[] = {

@@ -42,7 +42,7 @@
 #define seam_compat_recv_datagram(sk, flags, err) skb_recv_datagram(sk, flags, err)
 #else
 #define seam_compat_recv_datagram(sk, flags, err) \
-	skb_recv_datagram(sk, flags, (flags) & MSG_DONTWAIT, err)
+	skb_recv_datagram(sk, flags, (flags)&MSG_DONTWAIT, err)
 #endif
 
 /* The control buffer may be a kernel one since 5.8, which a bit of the message says. */
@@ -59,11 +59,11 @@
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(4, 20, 0)
 #define seam_compat_wait_for_hooks() synchronize_rcu()
 #else
-#define seam_compat_wait_for_hooks() \
-	do {                         \
-		synchronize_rcu();   \
+#define seam_compat_wait_for_hooks()  \
+	do {                          \
+		synchronize_rcu();    \
 		synchronize_rcu_bh(); \
-		synchronize_sched(); \
+		synchronize_sched();  \
 	} while (0)
 #endif
 
@@ -74,10 +74,10 @@
 #if LINUX_VERSION_CODE < KERNEL_VERSION(5, 9, 0)
 #include <linux/sched.h>
 #include <uapi/linux/sched/types.h>
-#define seam_compat_set_normal(task, prio)                              \
-	do {                                                            \
+#define seam_compat_set_normal(task, prio)                               \
+	do {                                                             \
 		struct sched_param param = { .sched_priority = (prio) }; \
-		sched_setscheduler(task, SCHED_NORMAL, &param);         \
+		sched_setscheduler(task, SCHED_NORMAL, &param);          \
 	} while (0)
 #else
 #define seam_compat_set_normal(task, prio) \

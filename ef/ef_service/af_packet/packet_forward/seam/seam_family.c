@@ -31,27 +31,24 @@ static int seam_getsockopt(struct socket *sock, int level, int option, char __us
 				     (int __force *)len);
 }
 
-const struct proto_ops mox_packet_ops = {
-	.family = PF_PACKET,
-	.owner = THIS_MODULE,
-	.release = mox_packet_release,
-	.bind = mox_packet_bind,
-	.connect = sock_no_connect,
-	.socketpair = sock_no_socketpair,
-	.accept = sock_no_accept,
-	.getname = mox_packet_getname,
-	.poll = datagram_poll,
-	.ioctl = mox_packet_ioctl,
-	SEAM_GETTSTAMP
-	.listen = sock_no_listen,
-	.shutdown = sock_no_shutdown,
-	.setsockopt = seam_setsockopt,
-	.getsockopt = seam_getsockopt,
-	.sendmsg = mox_packet_sendmsg,
-	.recvmsg = mox_packet_recvmsg,
-	.mmap = sock_no_mmap,
-	SEAM_SENDPAGE
-};
+const struct proto_ops mox_packet_ops = { .family = PF_PACKET,
+					  .owner = THIS_MODULE,
+					  .release = mox_packet_release,
+					  .bind = mox_packet_bind,
+					  .connect = sock_no_connect,
+					  .socketpair = sock_no_socketpair,
+					  .accept = sock_no_accept,
+					  .getname = mox_packet_getname,
+					  .poll = datagram_poll,
+					  .ioctl = mox_packet_ioctl,
+					  SEAM_GETTSTAMP.listen = sock_no_listen,
+					  .shutdown = sock_no_shutdown,
+					  .setsockopt = seam_setsockopt,
+					  .getsockopt = seam_getsockopt,
+					  .sendmsg = mox_packet_sendmsg,
+					  .recvmsg = mox_packet_recvmsg,
+					  .mmap = sock_no_mmap,
+					  SEAM_SENDPAGE };
 
 const struct net_proto_family mox_packet_family_ops = {
 	.family = PF_PACKET,

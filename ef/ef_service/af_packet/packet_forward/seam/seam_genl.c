@@ -32,11 +32,7 @@ static int seam_genl_doit(struct sk_buff *skb, struct genl_info *info)
 }
 
 static const struct genl_ops mox_packet_genl_ops[] = {
-	{
-		.cmd = MOX_PACKET_GENL_CMD,
-		.doit = seam_genl_doit,
-		SEAM_GENL_LIBERAL
-	},
+	{ .cmd = MOX_PACKET_GENL_CMD, .doit = seam_genl_doit, SEAM_GENL_LIBERAL },
 };
 
 static struct genl_family mox_packet_genl_family = {
@@ -47,8 +43,7 @@ static struct genl_family mox_packet_genl_family = {
 	.parallel_ops = false,
 	.ops = mox_packet_genl_ops,
 	.n_ops = ARRAY_SIZE(mox_packet_genl_ops),
-	SEAM_GENL_RESV_START
-	.module = THIS_MODULE,
+	SEAM_GENL_RESV_START.module = THIS_MODULE,
 };
 
 int seam_genl_register(void)

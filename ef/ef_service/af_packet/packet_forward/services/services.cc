@@ -55,8 +55,8 @@ int mox_packet_serv_init(void)
 		return 0;
 	}
 	for (const Followed &followed : kFollowed)
-		followed.set(efmp_get_service(followed.which.service_class,
-					      followed.which.instance));
+		followed.set(
+			efmp_get_service(followed.which.service_class, followed.which.instance));
 	if (efmp_reg_serv_change_handler(mox_packet_on_service_change)) {
 		mox_printk("Reg serv change handler error\n");
 		forget_services();

@@ -138,9 +138,7 @@ int mox_packet_net_init(net *net)
 	return 0;
 }
 
-void mox_packet_net_exit(net *)
-{
-}
+void mox_packet_net_exit(net *) {}
 
 int mox_packet_create(net *net, struct socket *socket, int protocol, int)
 {

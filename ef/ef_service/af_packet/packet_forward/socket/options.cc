@@ -100,7 +100,8 @@ int change_rule_data(mox_packet_sock *po, const seam_uptr *value, unsigned int l
 	change_option(po, [&] {
 		result = record.apply(po, add);
 		/* Any other error leaves the socket out of the libraries until its next rule change. */
-		return result == 0 || result == err::kInval ? ReEnter::kWithLocation : ReEnter::kNever;
+		return result == 0 || result == err::kInval ? ReEnter::kWithLocation
+							    : ReEnter::kNever;
 	});
 	return result;
 }

@@ -86,8 +86,9 @@ int read_control(mox_packet_sock *po, msghdr *msg, Message *message)
 	message->has_ctrl = true;
 
 	const mox_packet_ctrl_info &ctrl = message->ctrl;
-	MOX_DEBUG("MOX-PACKET-SEND: ctrl pkt_ifx:%u, pkt_origifx:%u, pkt_l2ifx:%u, pkt_dst_l2ifx:%u\n",
-		  ctrl.pkt_ifx, ctrl.pkt_origifx, ctrl.pkt_l2ifx, ctrl.pkt_dst_l2ifx);
+	MOX_DEBUG(
+		"MOX-PACKET-SEND: ctrl pkt_ifx:%u, pkt_origifx:%u, pkt_l2ifx:%u, pkt_dst_l2ifx:%u\n",
+		ctrl.pkt_ifx, ctrl.pkt_origifx, ctrl.pkt_l2ifx, ctrl.pkt_dst_l2ifx);
 	MOX_DEBUG("MOX-PACKET-SEND: ctrl eth_info.inner_vid:0x%x, ex_inner_vlan:0x%x.\n",
 		  ctrl.inner_vid >> 4, ctrl.ex_inner_vlan);
 	MOX_DEBUG("MOX-PACKET-SEND: ctrl wlan_id:0x%x, ap_wlan_id:0x%x, radio_id:0x%x.\n",
@@ -117,8 +118,9 @@ void *alloc_efbuff(size_t len, u32 header)
 {
 	u32 size;
 
-	return __builtin_add_overflow(len, header, &size) ? nullptr :
-							    efmp_buff_alloc_sw_with_owner(size, platform::kOwner);
+	return __builtin_add_overflow(len, header, &size)
+		       ? nullptr
+		       : efmp_buff_alloc_sw_with_owner(size, platform::kOwner);
 }
 
 /** Where the frame begins: at the offset that the platform wrote into the efbuff. */
@@ -240,8 +242,8 @@ void apply_control(const mox_packet_ctrl_info &ctrl, void *efbuff)
 }
 
 /** Fill the efbuff for a message of len bytes. 0 or a negative errno. */
-int fill_efbuff(mox_packet_sock *po, msghdr *msg, const Message &message, void *efbuff,
-		u32 header, size_t len)
+int fill_efbuff(mox_packet_sock *po, msghdr *msg, const Message &message, void *efbuff, u32 header,
+		size_t len)
 {
 	u8 *frame = frame_of(efbuff);
 
@@ -272,8 +274,9 @@ int output(mox_packet_sock *po, const Message &message, void *efbuff)
 	/* Negative numbers pass: only the named drop and what is beyond the last name are failures. */
 	if (result == outcome::kDrop || result > outcome::kHighest) {
 		if (message.debug())
-			MOX_DEBUG("MOX-PACKET-SEND: process %s send debug pkt %p in vsd %u, fail: %s.\n",
-				  po->process, efbuff, kVsd, outcome_name(result));
+			MOX_DEBUG(
+				"MOX-PACKET-SEND: process %s send debug pkt %p in vsd %u, fail: %s.\n",
+				po->process, efbuff, kVsd, outcome_name(result));
 		else
 			MOX_DEBUG("MOX-PACKET-SEND: process %s send pkt %p in vsd %u, fail: %s.\n",
 				  po->process, efbuff, kVsd, outcome_name(result));
