@@ -107,7 +107,7 @@ double instructions(const moxlab::Device &lab, moxlab::Injection &in, unsigned b
 		moxlab_inject out = lab.inject(in);
 		shortest = std::min(shortest, Clock::now() - begin);
 		if (out.hooks_run != 1)
-			throw std::runtime_error("the frames met no hook");
+			throw std::runtime_error("the frames reached no hook");
 	}
 	return double(std::chrono::nanoseconds(shortest).count()) / kBatch;
 }

@@ -7,7 +7,7 @@
 namespace selftest {
 namespace {
 
-/// Announces a kernel warning to whoever judges the console, for as long as it lives, and reads what the kernel said.
+/// Announces a kernel warning to the check of the console, for as long as it lives, and reads what the kernel said.
 class ExpectedWarning {
 public:
 	ExpectedWarning() : fd_(::open("/dev/kmsg", O_RDWR | O_NONBLOCK | O_CLOEXEC))

@@ -110,7 +110,7 @@ TEST_F(Platform, KnowsTheReservedDestinations)
 
 TEST_F(Platform, FindsALearnedStationByItsPort)
 {
-	// The host's own address needs no learning; whoever else sent through the host port is learned there.
+	// The host's own address needs no learning; any other sender through the host port is learned there.
 	lab.flush_fdb();
 	Bytes from_station = frame({ 0xff, 0xff, 0xff, 0xff, 0xff, 0xff }, 0x0806, 60);
 	lab.inject(Injection(MOXLAB_POINT_PIPELINE, from_station).port(host_port()));

@@ -153,7 +153,7 @@ bool write_record(int file, const std::uint8_t *frame, std::size_t length)
 	auto size = static_cast<std::uint32_t>(length);
 	PcapRecord record{ static_cast<std::uint32_t>(now.tv_sec),
 			   static_cast<std::uint32_t>(now.tv_nsec / 1000), size, size };
-	// In one call: whoever reads the file meanwhile never sees half a record.
+	// In one call: a reader of the file never sees half a record.
 	iovec parts[] = { { &record, sizeof(record) },
 			  { const_cast<std::uint8_t *>(frame), length } };
 	return writev(file, parts, 2) == static_cast<ssize_t>(sizeof(record) + length);

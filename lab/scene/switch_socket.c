@@ -67,7 +67,7 @@ int socket(int family, int type, int protocol)
 	return fcntl(tap, F_DUPFD_CLOEXEC, 0);
 }
 
-/* What is asked of the wire as a socket, whoever holds the descriptor by now. */
+/* What is asked of the wire as a socket, by any holder of the descriptor. */
 static int unless_wire(int result)
 {
 	return result != 0 && errno == ENOTSOCK ? 0 : result;

@@ -231,7 +231,7 @@ TEST_F(Load, load__thread_failing_takes_the_registered_family_back)
 	EXPECT_EQ(up(), Strings{});
 }
 
-// Nobody looks at the result: the load succeeds, and unload leaves alone what is
+// The result is not used: the load succeeds, and unload leaves alone what is
 // not there.
 TEST_F(Load, load__namespace_operations_failing_is_no_failure)
 {

@@ -399,7 +399,7 @@ void efmp_hooks_wait(void)
 {
 	int cpu;
 
-	/* Whoever is not in a hook now will read what was written before. */
+	/* A CPU that is in no hook now reads what was written before. */
 	smp_mb();
 	for_each_possible_cpu(cpu)
 	{
@@ -487,7 +487,7 @@ int efmp_hooks_init(void)
 }
 
 /*
- * Whoever imports our registration functions is gone by now. An entry that it
+ * Every module that imports the registration functions is unloaded by now. An entry that it
  * left behind would call into freed text, were there still frames.
  */
 void efmp_hooks_exit(void)

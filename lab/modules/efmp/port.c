@@ -81,10 +81,10 @@ void efmp_port_detach(struct efmp_port *port)
 	ASSERT_RTNL();
 	list_del_rcu(&port->list);
 	lsm_lab_del(port->dev->ifindex);
-	/* Whoever had found the port may still learn an address for it ... */
+	/* A CPU that found the port before may still learn an address for it ... */
 	synchronize_rcu();
 	efmp_fdb_flush(port);
-	/* ... and whoever found one of these may still be sending to it. */
+	/* ... and one that found such an address may still be sending to it. */
 	synchronize_rcu();
 	dev_put(port->dev);
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * lsm_ko - interface control blocks for the lab. Blocks are made and changed by
- * the lab's efmp and never freed before unload: whoever holds one may go on
+ * the lab's efmp and never freed before unload: the holder of one may go on
  * reading it after it was removed from the lookup.
  */
 #include <linux/etherdevice.h>

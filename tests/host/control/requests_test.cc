@@ -138,12 +138,12 @@ TEST_F(Msg, recv__prints_the_attributes_length_and_counts)
 	debug();
 	const u32 before = g_packet_msg_recv;
 	const struct {
-		int nla_len, told;
+		int nla_len, claimed;
 	} cases[] = { { 0, -4 }, { 4, 0 }, { 8, 4 }, { 80, 76 }, { 65535, 65531 } };
 	for (auto &c : cases) {
 		EXPECT_EQ(receive(message(record(17), -1, c.nla_len)), 0);
 		EXPECT_TRUE(kernel().said(
-			tagged("Deal message, length:" + std::to_string(c.told) + ".\n")));
+			tagged("Deal message, length:" + std::to_string(c.claimed) + ".\n")));
 		kernel().log.clear();
 	}
 	EXPECT_EQ(g_packet_msg_recv, before + 5);

@@ -30,7 +30,7 @@ namespace fake {
 	X(kCondResched, "a report offers the CPU to others")                              \
 	X(kOrphan, "a socket has been orphaned [sock]")                                   \
 	X(kSockPut, "a reference on a socket is about to be dropped [sock]")              \
-	X(kDataReady, "a socket's reader has been told of data [sock]")                   \
+	X(kDataReady, "a socket's data-ready callback ran [sock]")                        \
 	X(kReceive, "a datagram is about to be taken off a receive queue [sock]")         \
 	X(kCopyFromMsg, "data of a message have been read [msghdr]")                      \
 	X(kOutput, "an efbuff has been handed to the platform [efbuff]")                  \

@@ -44,7 +44,7 @@ sk_buff *seam_skb_alloc(u32 len)
 	if (kernel().failing(Fail::kSkbAlloc))
 		return nullptr;
 	auto *skb = new sk_buff;
-	// Old memory: whoever hands a buffer on has to have written it.
+	// Old memory: the module must write a buffer before it passes it on.
 	skb->room.assign(len, 0xa5);
 	std::memset(skb->cb, 0xa5, sizeof skb->cb);
 	skb->truesize = fake::truesize(len);

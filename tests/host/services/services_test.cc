@@ -104,7 +104,7 @@ TEST_F(Serv, init__takes_what_there_is)
 			if (present & 1 << i)
 				wanted[i] = efmp().services[{ kSlots[i].service_class,
 							      kSlots[i].instance }] = entry(i + 1);
-		// Their neighbours are somebody else's.
+		// Neighbouring numbers are other services.
 		for (u32 instance : { 1, 2, 4, 9, 11 })
 			efmp().services[{ 32, instance }] = efmp().services[{ 11, instance }] =
 				entry(9);
@@ -352,7 +352,7 @@ TEST_F(Serv, cpp_ioctl__install_and_remove)
 		}
 }
 
-// Whoever brings a handler may come before the services and stay behind them.
+// A handler may be installed before the services are there and stay after they are gone.
 TEST_F(Serv, cpp_ioctl__does_not_come_and_go_with_the_unit)
 {
 	ASSERT_EQ(packet_reg_cpp_ioctl(handler_a), 0);

@@ -118,7 +118,7 @@ TEST_F(SockoptGet, statistics__read_and_cleared_under_the_receive_queues_lock)
 TEST_F(SockoptGet, length__is_capped_and_printed_and_no_byte_more_is_written)
 {
 	struct {
-		int option, wanted, told;
+		int option, wanted, reply_len;
 	} const cases[] = {
 		{ 6, 0, 0 }, { 6, 1, 1 },          { 6, 3, 3 }, { 6, 7, 7 },   { 6, 8, 8 },
 		{ 6, 9, 8 }, { 6, 0x7fffffff, 8 }, { 8, 0, 0 }, { 8, 3, 3 },   { 8, 4, 4 },
@@ -129,12 +129,12 @@ TEST_F(SockoptGet, length__is_capped_and_printed_and_no_byte_more_is_written)
 		std::fill(value.bytes.begin(), value.bytes.end(), 0xcc);
 		s.po().recv_packets = 0x04030201;
 		EXPECT_EQ(get(c.option, c.wanted), 0);
-		EXPECT_EQ(len.get<int>(), c.told);
+		EXPECT_EQ(len.get<int>(), c.reply_len);
 		const u8 statistics[8] = { 1, 2, 3, 4, 0, 0, 0, 0 };
 		for (int i = 0; i < 16; i++)
-			EXPECT_EQ(value.bytes[i], i >= c.told     ? 0xcc
-						  : c.option == 6 ? statistics[i]
-								  : 0)
+			EXPECT_EQ(value.bytes[i], i >= c.reply_len ? 0xcc
+						  : c.option == 6  ? statistics[i]
+								   : 0)
 				<< i;
 		EXPECT_EQ(s.po().recv_packets, c.option == 6 ? 0u : 0x04030201u);
 	}

@@ -115,7 +115,7 @@ protected:
 		const int calls = g_local_mac.calls;
 		expect_send(m, f.error(), f.counter());
 		EXPECT_EQ(lines(), said_for(f, debug_send, m));
-		// Nobody is asked for what comes later.
+		// What comes later is not called.
 		const std::string name = f.name;
 		const bool before_service = f.counter() == kSendmsgIll ||
 					    f.counter() == kAllocFails || name == "dst mac" ||

@@ -152,11 +152,11 @@ protected:
 			  wanted.result);
 		totals[i][wanted.counter]++;
 		seen[wanted.counter]++;
-		Strings told = wanted.lines;
-		for (std::string &line : told)
+		Strings wanted_lines = wanted.lines;
+		for (std::string &line : wanted_lines)
 			if (size_t at = line.find("<efbuff>"); at != std::string::npos)
 				line.replace(at, 8, efbuff_text);
-		EXPECT_EQ(lines(), told);
+		EXPECT_EQ(lines(), wanted_lines);
 		ASSERT_EQ(efmp().sent.size(), wanted.left ? 1u : 0u);
 		if (wanted.left) {
 			EXPECT_EQ(last().header, wanted.header);

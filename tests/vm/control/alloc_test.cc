@@ -48,7 +48,7 @@ struct Outcome {
 	int sent = 0;
 	bool answered = false;
 	std::vector<std::string> lines;
-	bool told(const char *text) const { return bool(HasLine(lines, text)); }
+	bool has_line(const char *text) const { return bool(HasLine(lines, text)); }
 };
 
 TEST_F(ControlAlloc, a_dump)
@@ -80,18 +80,18 @@ TEST_F(ControlAlloc, a_dump)
 		}
 		++handled;
 		EXPECT_EQ(out.sent, 0);
-		bool path = !out.told("Failed to kmalloc buf.");
-		bool no_buffer = out.told("Vmalloc file buff failed."),
-		     no_answer = out.told("Malloc skb fail.");
+		bool path = !out.has_line("Failed to kmalloc buf.");
+		bool no_buffer = out.has_line("Vmalloc file buff failed."),
+		     no_answer = out.has_line("Malloc skb fail.");
 		std::string file = std::string("/tmp/vsd/") + (path ? "5" : "0") +
 				   "/ef/af_packet/afpacketdump";
-		bool no_file = out.told(("Failed to open file: /tmp/vsd/" +
-					 std::string(path ? "5" : "0") +
-					 "//ef/af_packet/afpacketdump.")
-						.c_str());
+		bool no_file = out.has_line(("Failed to open file: /tmp/vsd/" +
+					     std::string(path ? "5" : "0") +
+					     "//ef/af_packet/afpacketdump.")
+						    .c_str());
 		// Whatever happened to the file, the client gets its answer, unless there is no buffer for it.
 		EXPECT_EQ(out.answered, !no_answer);
-		EXPECT_EQ(out.told("Ask msg success."), out.answered);
+		EXPECT_EQ(out.has_line("Ask msg success."), out.answered);
 		std::error_code none;
 		uintmax_t size = std::filesystem::file_size(file, none);
 		if (no_file)

@@ -81,7 +81,7 @@ protected:
 	static Bytes stored() { return lab::peek("g_pktd_kdbg_filter", 0, 72); }
 	static Bytes stored_vid() { return lab::peek("g_pktd_kdbg_filter", 8, 4); }
 	/// The lines of a filter request while debugging, behind those that every request has.
-	std::string told(const mox_packet_filter &filter)
+	std::string lines_for(const mox_packet_filter &filter)
 	{
 		debug(true);
 		std::string text = printed(request(MOX_MSG_FILTER, bytes(filter)));
@@ -118,12 +118,12 @@ TEST_F(DebugFilter, is_replaced_as_a_whole)
 TEST_F(DebugFilter, each_bit_alone_is_printed)
 {
 	for (const FilterField &field : kFilterFields)
-		EXPECT_EQ(told(filter(field.flag)),
+		EXPECT_EQ(lines_for(filter(field.flag)),
 			  tagged("Recv filter debug msg enable\n") + line_of(field));
-	EXPECT_EQ(told(filter(0x001)), tagged("Recv filter debug msg enable\n"))
+	EXPECT_EQ(lines_for(filter(0x001)), tagged("Recv filter debug msg enable\n"))
 		<< "a bit without a field";
-	EXPECT_EQ(told(filter(0xfffffc01)), tagged("Recv filter debug msg enable\n"));
-	EXPECT_EQ(told(filter(0)), tagged("Recv filter debug msg enable\n"));
+	EXPECT_EQ(lines_for(filter(0xfffffc01)), tagged("Recv filter debug msg enable\n"));
+	EXPECT_EQ(lines_for(filter(0)), tagged("Recv filter debug msg enable\n"));
 }
 
 TEST_F(DebugFilter, all_pairs_and_all_bits_are_printed_in_order)
@@ -131,15 +131,15 @@ TEST_F(DebugFilter, all_pairs_and_all_bits_are_printed_in_order)
 	for (const FilterField &first : kFilterFields)
 		for (const FilterField &second : kFilterFields)
 			if (first.flag < second.flag) {
-				EXPECT_EQ(told(filter(first.flag | second.flag)),
+				EXPECT_EQ(lines_for(filter(first.flag | second.flag)),
 					  tagged("Recv filter debug msg enable\n") +
 						  line_of(first) + line_of(second));
 			}
 	std::string lines;
 	for (const FilterField &field : kFilterFields)
 		lines += line_of(field);
-	EXPECT_EQ(told(filter(0xffffffff)), tagged("Recv filter debug msg enable\n") + lines);
-	EXPECT_EQ(told(filter(contract::kAllFilterFlags, false)),
+	EXPECT_EQ(lines_for(filter(0xffffffff)), tagged("Recv filter debug msg enable\n") + lines);
+	EXPECT_EQ(lines_for(filter(contract::kAllFilterFlags, false)),
 		  tagged("Recv filter debug msg disable\n") + lines)
 		<< "the fields are printed whether in force or not";
 }
@@ -180,8 +180,8 @@ TEST_F(DebugFilter, the_vlan_word_carries_the_senders_vsd)
 		one.vid = row.vid;
 		std::string line = tagged("    Filter: vid " + std::to_string(row.vid & 0xfff) +
 					  "\r\n");
-		EXPECT_EQ(told(one), tagged("Recv filter debug msg enable\n") + line)
-			<< "the id alone is told, " << row.path;
+		EXPECT_EQ(lines_for(one), tagged("Recv filter debug msg enable\n") + line)
+			<< "the id alone is lines_for, " << row.path;
 		EXPECT_EQ(stored_vid(), row.word) << row.path;
 	}
 }

@@ -61,11 +61,11 @@ protected:
 	/// One frame at each hook; how many of them found a hook, and how many reached the socket.
 	static std::pair<size_t, size_t> traffic(const std::vector<Hook> &hooks, Socket &socket)
 	{
-		size_t met = 0;
+		size_t hooked = 0;
 		for (Hook hook : hooks)
-			met += lab::flood(hook, frame_for(hook), 1, 2);
+			hooked += lab::flood(hook, frame_for(hook), 1, 2);
 		EXPECT_TRUE(lab::settle());
-		return { met, socket.drain() };
+		return { hooked, socket.drain() };
 	}
 };
 

@@ -233,8 +233,8 @@ TEST_F(Storm, the_module_goes_and_comes_while_it_is_asked)
 	stop = true;
 	for (std::thread &client : clients)
 		client.join();
-	std::printf("%u requests, %u of them to nobody, %u handled before an unload\n", sent.load(),
-		    refused.load(), handled);
+	std::printf("%u requests, %u of them without a receiver, %u handled before an unload\n",
+		    sent.load(), refused.load(), handled);
 	EXPECT_GT(handled, 5u);
 	EXPECT_GT(refused, 0u);
 	lab::clear_printk();

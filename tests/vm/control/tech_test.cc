@@ -362,7 +362,7 @@ TEST_F(FullStaging, of_five_hundred_sockets_the_last_are_lost_piece_by_piece)
 		++copies;
 	EXPECT_EQ(copies, 500u);
 	std::printf(
-		"500 sockets: %zu bytes of file, %zu sockets told to the end, %zu pieces lost\n",
+		"500 sockets: %zu bytes of file, %zu sockets printed to the end, %zu pieces lost\n",
 		got.size(), whole, lost);
 }
 

@@ -233,14 +233,15 @@ TEST_F(Soak, sends_and_captures_on_four_cpus)
 				if (has_our_type(packet->bytes)) {
 					++heard;
 					if (!is_ours(packet->bytes))
-						complain("a listener saw a frame that nobody sent");
+						complain(
+							"a listener received a frame that no test sent");
 				}
 	});
 	run(3, 5, [&](std::minstd_rand &) {
 		while (auto frame = tap.read_now()) {
 			++on_the_wire;
 			if (has_our_type(*frame) && !is_ours(*frame))
-				complain("the device sent a frame that nobody sent");
+				complain("the device sent a frame that no test sent");
 		}
 	});
 

@@ -145,7 +145,7 @@ TEST_F(Options, the_socket_dump_takes_no_argument)
 
 TEST_F(Options, without_a_control_hook_anything_goes)
 {
-	// Whether somebody listens is looked at before the length and the bytes.
+	// Whether a handler is installed is tested before the length and the bytes.
 	Socket socket;
 	uint8_t bytes[64] = {};
 	for (socklen_t length : { 0u, 1u, 40u, 41u, 64u })

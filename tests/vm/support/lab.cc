@@ -126,8 +126,10 @@ template <class Record, class Each> void read_all(uint32_t what, Each each)
 
 void memory(const char *sym, uint32_t offset, void *bytes, uint32_t length, bool write)
 {
-	// Looking an address up reads the module's file: it is kept until the module is loaded anew.
+	// Looking an address up reads the module's file: it is kept until a module is loaded anew,
+	// which may be elsewhere.
 	static std::map<std::string, uint64_t> known;
+	static std::string loaded_at;
 	static std::mutex lock;
 	moxlab_memory request{};
 	request.length = length;
@@ -137,6 +139,10 @@ void memory(const char *sym, uint32_t offset, void *bytes, uint32_t length, bool
 	for (bool fresh : { false, true }) {
 		{
 			std::lock_guard<std::mutex> guard(lock);
+			if (std::string now = vm::load_addresses(); now != loaded_at) {
+				known.clear();
+				loaded_at = now;
+			}
 			auto found = known.find(sym);
 			if (fresh || found == known.end())
 				found = known.insert_or_assign(sym, vm::symbol_address(sym)).first;

@@ -54,9 +54,23 @@ static uint64_t address_by_file(const std::string &module, const std::string &sy
 	return 0;
 }
 
+constexpr const char *kModules[] = { "mox_ef_socket", "efmp" };
+
+std::string load_addresses()
+{
+	std::string all;
+	for (const char *module : kModules) {
+		std::ifstream in(std::string("/sys/module/") + module + "/sections/.text");
+		std::string address;
+		in >> address;
+		all += address + " ";
+	}
+	return all;
+}
+
 uint64_t symbol_address(const std::string &symbol)
 {
-	for (const char *module : { "mox_ef_socket", "efmp" })
+	for (const char *module : kModules)
 		if (uint64_t address = address_by_file(module, symbol))
 			return address;
 	throw std::runtime_error("no symbol " + symbol + " in the modules loaded");
