@@ -19,7 +19,9 @@ static_assert(offsetof(mox_packet_sock, rule_lock) == SEAM_PO_RULE_LOCK);
 static_assert(sizeof(mox_packet_sock) == SEAM_PO_SIZE);
 
 /* Reading PACKET_STATISTICS clears the counters as one block. */
-static_assert(sizeof(mox_packet_counters) == 13 * sizeof(u32));
+#define MOX_ONE(...) +1
+static_assert(sizeof(mox_packet_counters) == (0 MOX_PACKET_COUNTER_TABLE(MOX_ONE)) * sizeof(u32));
+#undef MOX_ONE
 static_assert(offsetof(mox_packet_sock, vsd) ==
 	      offsetof(mox_packet_sock, filter_drops) + sizeof(mox_packet_counters));
 
