@@ -288,4 +288,46 @@ TEST_F(Recvmsg, a_timestamp_when_the_socket_asks_for_one)
 	EXPECT_LE(seconds, now.tv_sec + 1);
 }
 
+// The kernel's own messages come first, and the length that is returned counts them alone.
+TEST_F(Recvmsg, the_control_record_stands_behind_the_kernels_messages)
+{
+	struct Record {
+		size_t at;
+		mox_packet_ctrl_info info;
+	};
+	auto record = [&] {
+		frame();
+		uint8_t byte;
+		alignas(8) uint8_t control[128];
+		std::memset(control, 0xaa, sizeof control);
+		iovec vector{ &byte, 1 };
+		message_ = {};
+		message_.msg_iov = &vector;
+		message_.msg_iovlen = 1;
+		message_.msg_control = control;
+		message_.msg_controllen = sizeof control - sizeof(mox_packet_ctrl_info);
+		EXPECT_EQ(raw_recvmsg(socket_.fd(), &message_, 0), 1);
+		Record found{ message_.msg_controllen, {} };
+		EXPECT_LE(found.at, sizeof control - sizeof found.info);
+		std::memcpy(&found.info, control + found.at, sizeof found.info);
+		return found;
+	};
+	int on = 1, off = 0;
+	ASSERT_EQ(socket_.ctrl(true), 0);
+	const Record plain = record();
+	EXPECT_EQ(plain.at, 0u);
+	EXPECT_EQ(plain.info.l2_len, 14);
+	// SO_TIMESTAMP and SO_TIMESTAMPNS with 32-bit times, then with 64-bit times (from 5.1 on).
+	for (int option : { 29, 35, 63, 64 }) {
+		if (::setsockopt(socket_.fd(), SOL_SOCKET, option, &on, sizeof on) != 0) {
+			EXPECT_GE(option, 63) << std::strerror(errno);
+			continue;
+		}
+		Record stamped = record();
+		EXPECT_GE(stamped.at, sizeof(cmsghdr) + 8) << option;
+		EXPECT_EQ(std::memcmp(&stamped.info, &plain.info, sizeof plain.info), 0) << option;
+		ASSERT_EQ(::setsockopt(socket_.fd(), SOL_SOCKET, option, &off, sizeof off), 0);
+	}
+}
+
 } // namespace
