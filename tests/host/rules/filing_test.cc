@@ -1,33 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
-// Entering rules in a library and withdrawing them.
+// Filing a rule at a location: which library, and when its hooks follow.
 #include "rules_fixture.h"
 
 namespace {
 
 class Filing : public RulesTest {
 protected:
-	static std::vector<u32> treatments(const std::vector<RuleView> &rules)
-	{
-		std::vector<u32> out;
-		for (const RuleView &r : rules)
-			out.push_back(r.treatment);
-		return out;
-	}
-	static std::vector<s32> pids(const std::vector<RuleView> &rules)
-	{
-		std::vector<s32> out;
-		for (const RuleView &r : rules)
-			out.push_back(r.owner->pid);
-		return out;
-	}
-	std::vector<EntryView> entries() { return entries_in(lib); }
-	std::vector<RuleView> regulars() { return rules_in(&lib->regulars); }
-
 	packet_regular_lib *lib = &g_lev2_packet_regular_lib;
 	static constexpr u32 kLoc = PACKET_LEV2_LOC;
 };
-
-using Pids = std::vector<s32>;
 
 TEST_F(Filing, handle__illegal_locations)
 {

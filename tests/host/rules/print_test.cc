@@ -1,33 +1,21 @@
 // SPDX-License-Identifier: GPL-2.0
-// The reports on a socket and its rule, word by word.
-#include "contract/reports.h"
+// A rule in reports, word by word; every type with its values: socket/dump_test.cc.
 #include "rules/print.hpp"
-#include "socket_fixture.h"
+
+#include "contract/locations.h"
+#include "contract/rules.h"
+#include "rules_fixture.h"
 
 namespace {
 
-class Print : public SocketTest {
+class Print : public RulesTest {
 protected:
-	void SetUp() override
-	{
-		SocketTest::SetUp();
-		ASSERT_EQ(s.create(), 0);
-	}
-	void TearDown() override
-	{
-		s.release();
-		SocketTest::TearDown();
-	}
 	std::string said()
 	{
 		std::string text = kernel().text();
-		for (const fake::Line &line : kernel().log)
-			EXPECT_EQ(line.level, -1) << "reports carry no level";
 		kernel().log.clear();
 		return text;
 	}
-
-	Sock s;
 };
 
 TEST_F(Print, rule__every_location_and_treatment)
