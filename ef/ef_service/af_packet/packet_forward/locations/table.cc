@@ -15,8 +15,11 @@ constexpr packet_module record(const char *name, efmp_pkt_func receive,
 constexpr bool table_complete()
 {
 	for (const Location &row : kLocationTable.rows)
-		if (!row.name || row.queue > CPU_QUEUES)
+		if (row.queue > CPU_QUEUES)
 			return false;
+	for (u32 location = 0; location <= kLastLocation; location++)
+		if (location_row(location).reserved_intf)
+			return false; /* location_sees() relies on it */
 	for (u32 queue = 0; queue < CPU_QUEUES; queue++)
 		if (location_row(queue_location(queue)).queue != queue)
 			return false;
@@ -26,6 +29,29 @@ static_assert(table_complete(), "every location has a row, every queue one locat
 static_assert(location_row(PACKET_NONE_LOC).library == nullptr);
 
 } // namespace
+
+const char *location_name(u32 location)
+{
+	switch (location) {
+	case PACKET_NONE_LOC:
+		return "PACKET_NONE_LOC";
+#define MOX_ROW(location, ...) \
+	case location:         \
+		return #location;
+		MOX_LOCATION_TABLE(MOX_ROW, MOX_ROW)
+#undef MOX_ROW
+	default:
+		return "Unknown";
+	}
+}
+
+bool addressed_to_reserved(u32 location, const void *efbuff)
+{
+	u32 reserved = location_valid(location) ? location_row(location).reserved_intf : 0;
+
+	return reserved == 0 ||
+	       field<u32>(efbuff, platform::ef::kDstIntf) == word_of(lsm_get_intfcb(reserved));
+}
 
 } // namespace mox
 

@@ -105,7 +105,6 @@ inline constexpr Answers kRecvAnswers{ platform::kRecvTaken, platform::kRecvGoOn
 enum class Summary : u8 { kFull, kWlan };
 
 struct Location {
-	const char *name;
 	packet_regular_lib *library; /* null: no rule is filed and no packet passes */
 	u32 queue;                   /* CPU_QUEUES without a library */
 	packet_module *module;
@@ -125,15 +124,12 @@ struct LocationTable {
 constexpr LocationTable make_location_table()
 {
 	LocationTable table{};
-	table.rows[PACKET_NONE_LOC].name = "PACKET_NONE_LOC";
 	table.rows[PACKET_NONE_LOC].queue = CPU_QUEUES;
-#define MOX_OWN(location, prefix, queue, ...)                                                     \
-	table.rows[location] = { #location, &g_##prefix##_packet_regular_lib, queue, __VA_ARGS__, \
-				 0 };                                                             \
+#define MOX_OWN(location, prefix, queue, ...)                                               \
+	table.rows[location] = { &g_##prefix##_packet_regular_lib, queue, __VA_ARGS__, 0 }; \
 	table.of_queue[queue] = location;
 #define MOX_SHARED(location, owner, intf)         \
 	table.rows[location] = table.rows[owner]; \
-	table.rows[location].name = #location;    \
 	table.rows[location].reserved_intf = intf;
 	MOX_LOCATION_TABLE(MOX_OWN, MOX_SHARED)
 #undef MOX_OWN
@@ -167,11 +163,8 @@ constexpr u32 queue_location(u32 queue)
 	return kLocationTable.of_queue[queue];
 }
 
-/** "PACKET_LEV2_LOC" and its like; "Unknown" for a number that has no row. */
-inline const char *location_name(u32 location)
-{
-	return location_valid(location) ? location_row(location).name : "Unknown";
-}
+/** "PACKET_LEV2_LOC" and its like; "Unknown" for a number that has no row. Any context. */
+const char *location_name(u32 location);
 
 /** The library that serves a location, or null for a number that has none. */
 inline packet_regular_lib *location_library(u32 location)
@@ -179,33 +172,21 @@ inline packet_regular_lib *location_library(u32 location)
 	return location_valid(location) ? location_row(location).library : nullptr;
 }
 
-/** A bit for each location that has a reserved interface. */
-constexpr u32 reserved_locations()
-{
-	static_assert(kLocationCount <= 32);
-	u32 bits = 0;
-	for (u32 location = 0; location < kLocationCount; location++)
-		if (location_row(location).reserved_intf)
-			bits |= u32{ 1 } << location;
-	return bits;
-}
-inline constexpr u32 kReservedLocations = reserved_locations();
-
-/** Whether a packet's destination is the reserved interface of its location. Any context. */
-inline bool addressed_to_reserved(u32 location, const void *efbuff)
-{
-	return field<u32>(efbuff, platform::ef::kDstIntf) ==
-	       word_of(lsm_get_intfcb(location_row(location).reserved_intf));
-}
+/**
+ * Whether a packet's destination is the reserved interface of its location, or
+ * the location has none. Any context. Not inline: few rules are at such a
+ * location, and every hook pays for the registers of its filter.
+ */
+bool addressed_to_reserved(u32 location, const void *efbuff);
 
 /**
  * Whether a rule at a location may see a packet. At a location with a reserved
- * interface the packet's destination must be that interface. Any context.
+ * interface, which shares a library, the packet's destination must be that
+ * interface. Any context.
  */
 inline bool location_sees(u32 location, const void *efbuff)
 {
-	return location >= kLocationCount || !((kReservedLocations >> location) & 1) ||
-	       addressed_to_reserved(location, efbuff);
+	return location <= kLastLocation || addressed_to_reserved(location, efbuff);
 }
 
 } // namespace mox
