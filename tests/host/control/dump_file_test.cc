@@ -274,26 +274,26 @@ TEST_F(TechDump, staging__filter_list_of_any_length_is_whole)
 
 // ---- the other CPUs ------------------------------------------------------------------------------
 
-// The list shrinks between two portions of it: the report ends, with less.
-TEST_F(TechDump, race__rules_that_go_between_two_portions)
+// The list shrinks between two batches of it: the report ends, with less.
+TEST_F(TechDump, race__rules_that_go_between_two_batches)
 {
 	open_sockets(3000, PACKET_IPv4_LOC, false);
-	int portions = 0;
+	int batches = 0;
 	kernel().at[Point::kWrite] = [&](const void *) {
-		portions++;
+		batches++;
 		while (socks.size() > 100 && kernel().writes.back() > kStagingSize / 2)
 			socks.pop_back();
 	};
 	std::string got = text();
 	kernel().at.clear();
-	EXPECT_GT(portions, 10);
+	EXPECT_GT(batches, 10);
 	EXPECT_NE(got.find("AF-PACKET DUMP MEM END"), std::string::npos);
 	EXPECT_EQ(socks.size(), 100u);
 }
 
 // The list grows faster than it is printed, for as long as the report lasts: it ends all
 // the same, about where the list ended at first.
-TEST_F(TechDump, race__rules_that_come_between_two_portions)
+TEST_F(TechDump, race__rules_that_come_between_two_batches)
 {
 	open_sockets(2000, PACKET_IPv4_LOC, true);
 	int writes = 0;

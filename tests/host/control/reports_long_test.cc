@@ -120,15 +120,15 @@ TEST_F(LongReport, race__sockets_that_go)
 TEST_F(LongReport, race__sockets_that_come)
 {
 	open_sockets(40);
-	int portions = 0;
+	int batches = 0;
 	kernel().at[Point::kCondResched] = [&](const void *) {
-		ASSERT_LT(portions++, 100) << "a report without an end";
+		ASSERT_LT(batches++, 100) << "a report without an end";
 		open_sockets(20);
 	};
 	mox_packet_show_regular_spec(12, 2, nullptr, 4711);
 	kernel().at.clear();
 	EXPECT_EQ(processes(), numbered(0, 40));
-	EXPECT_EQ(portions, 4);
+	EXPECT_EQ(batches, 4);
 }
 
 } // namespace
