@@ -20,45 +20,15 @@
 #include <unistd.h>
 
 #include "bench.hpp"
+#include "bench_support.hpp"
 #include "moxlab.hpp"
 
 namespace {
 
-constexpr int kFamily = 17;
+using namespace bench;
+
 constexpr const char *kDevice = "bench0";
 constexpr size_t kLengths[] = { 64, 1514 };
-
-[[noreturn]] void die(const std::string &what)
-{
-	throw std::runtime_error(what + ": " + std::strerror(errno));
-}
-
-void shell(const std::string &command)
-{
-	if (std::system(command.c_str()))
-		throw std::runtime_error("\"" + command + "\" failed");
-}
-
-/// Family 17 has one owner at a time: this one, for as long as the object lives.
-class Owner {
-public:
-	explicit Owner(const std::string &module) : module_(module)
-	{
-		for (const char *other : { "mox_ef_socket", "af_packet" })
-			if (moxlab::module_loaded(other))
-				shell(std::string("rmmod ") + other);
-		shell("insmod /modules/" + module_ + ".ko");
-	}
-	~Owner()
-	{
-		if (moxlab::module_loaded(module_))
-			std::system(("rmmod " + module_).c_str());
-	}
-	Owner(const Owner &) = delete;
-
-private:
-	std::string module_;
-};
 
 class Socket {
 public:
@@ -94,11 +64,7 @@ uint32_t make_device(moxlab::Device &lab)
 		shell(std::string("ip link set ") + kDevice + " up");
 		lab.add_port(kDevice);
 	}
-	moxlab_settings settings = lab.settings();
-	settings.redzone = 0;
-	settings.hold_memory = 0;
-	settings.quarantine = 1;
-	lab.set(settings);
+	quiet_platform(lab);
 	return if_nametoindex(kDevice);
 }
 
@@ -123,12 +89,6 @@ double rate(size_t length, uint32_t ifindex, double seconds)
 				     sizeof to) != ssize_t(length))
 				die("a send of " + std::to_string(length) + " bytes");
 	return double(sent) / std::chrono::duration<double>(now - begin).count();
-}
-
-double median(std::vector<double> values)
-{
-	std::sort(values.begin(), values.end());
-	return values[values.size() / 2];
 }
 
 uint64_t device_sent()
@@ -213,6 +173,7 @@ int usage(FILE *to)
 		"usage: lab-bench rates [ROUNDS [SECONDS]]\n"
 		"       lab-bench instructions [BATCHES]\n"
 		"       lab-bench filter [BATCHES]\n"
+		"       lab-bench receive [SHAPE...]\n"
 		"       lab-bench sockets COUNT COMMAND [ARGUMENT...]\n\n"
 		"rates: sends a second (the guest's clock) through mox_ef_socket and through af_packet in turn, on one\n"
 		"dummy device. instructions: of one send inside the module; right only where the guest's clock counts\n"
@@ -240,6 +201,8 @@ int main(int argc, char **argv)
 			Owner owner("mox_ef_socket");
 			bench::filter_instructions(
 				argc > 2 ? unsigned(std::max(1, std::atoi(argv[2]))) : 200);
+		} else if (what == "receive") {
+			bench::receive_instructions({ argv + 2, argv + argc });
 		} else if (what == "sockets" && argc > 3 && std::atoi(argv[2]) > 0) {
 			return bench::with_sockets(unsigned(std::atoi(argv[2])), argv + 3);
 		} else {

@@ -410,6 +410,19 @@ moxlab_bench Device::bench(moxlab_bench request) const
 	return request;
 }
 
+moxlab_measure Device::measure(moxlab_measure request) const
+{
+	verb(MOXLAB_MEASURE, &request,
+	     "measure a batch of frames, kind " + std::to_string(request.what));
+	return request;
+}
+
+moxlab_latency Device::latency(moxlab_latency request) const
+{
+	verb(MOXLAB_LATENCY, &request, "measure how long bottom halves wait");
+	return request;
+}
+
 void Device::sync() const
 {
 	verb(MOXLAB_SYNC, nullptr, "wait for running hooks");

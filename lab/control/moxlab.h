@@ -28,7 +28,7 @@
 #include "moxlab_tables.h"
 
 #define MOXLAB_DEVICE "/dev/moxlab"
-#define MOXLAB_ABI 3
+#define MOXLAB_ABI 4
 
 /* Owner ids of efbuffs: the platform's own, and the capture module's. */
 #define MOXLAB_OWNER_PLATFORM 0x01
@@ -417,14 +417,17 @@ struct moxlab_memory {
 };
 
 /* ------------------------------------------------------------------------
- * BENCH: batches of sends of one socket, without the system call around each,
- * and of what the platform does in them. The socket's own errno when one fails.
+ * BENCH: batches of sends or receipts of one socket, without the system call
+ * around each, and of what the platform does in a send. The socket's own errno
+ * when one fails. RECEIVE takes frames of frame_len bytes, which are queued
+ * already, into the user's buffer at frame.
  */
 enum moxlab_bench_part {
 	MOXLAB_BENCH_SEND = 0,     /* the whole of the socket's sendmsg */
 	MOXLAB_BENCH_PLATFORM = 1, /* the platform calls of such a send */
-	MOXLAB_BENCH_NOTHING = 2,  /* the loop around both */
-	MOXLAB_BENCH_COUNT = 3,
+	MOXLAB_BENCH_NOTHING = 2,  /* the loop around each */
+	MOXLAB_BENCH_RECEIVE = 3,  /* the whole of the socket's recvmsg */
+	MOXLAB_BENCH_COUNT = 4,
 };
 
 #define MOXLAB_BENCH_CONTROL 48 /* bytes of the send control record, all zero */
@@ -432,7 +435,7 @@ enum moxlab_bench_part {
 struct moxlab_bench {
 	__s32 fd;          /* a socket of family 17 */
 	__u32 part;        /* enum moxlab_bench_part */
-	__u32 count;       /* sends in a batch, 1 to 100000 */
+	__u32 count;       /* calls in a batch, 1 to 100000 */
 	__u32 batches;     /* 1 to 100000 */
 	__u64 frame;       /* user pointer to the data */
 	__u32 frame_len;   /* 14 to MOXLAB_FRAME_MAX */
@@ -441,6 +444,64 @@ struct moxlab_bench {
 	__u32 reserved;
 	__u64 shortest_ns; /* out: the shortest batch */
 	__u64 total_ns;    /* out: all of them */
+};
+
+/* ------------------------------------------------------------------------
+ * MEASURE: one batch of received frames, timed around the call of the registered
+ * function itself. On one CPU only (EBUSY), with bottom halves disabled.
+ *
+ * The efbuffs are made before the clock starts. While the batch is in the hook
+ * and on its way through the copy thread, the stand-in's clone function hands
+ * out clones that were made before, and its free function only notes what it
+ * gets: CLONE and FREE measure those two, for the caller to take off. EAGAIN
+ * when what the module took did not come back within a minute.
+ */
+enum moxlab_measure_what {
+	MOXLAB_MEASURE_HOOK = 0,  /* the first function at the point, then delivery */
+	MOXLAB_MEASURE_EMPTY = 1, /* the same loop around a function that does nothing */
+	MOXLAB_MEASURE_CLONE = 2, /* the clone function as HOOK has it */
+	MOXLAB_MEASURE_FREE = 3,  /* the free function as HOOK has it */
+	MOXLAB_MEASURE_STACK = 4, /* netif_receive_skb() of the frame on a device */
+	MOXLAB_MEASURE_COUNT = 5,
+};
+
+#define MOXLAB_MEASURE_MAX 1024 /* frames of a batch */
+
+struct moxlab_measure {
+	__u32 what;        /* enum moxlab_measure_what */
+	__u32 point;       /* HOOK: enum moxlab_point, one with a function */
+	__u32 count;       /* frames, 2 to MOXLAB_MEASURE_MAX */
+	__u32 draining;    /* HOOK: 1: the calls come while the copy thread delivers a
+			    * frame sent ahead of the batch, so that none wakes it */
+	__u64 frame;       /* user pointer to the frame, which is the same each time */
+	__u32 frame_len;   /* 14 to MOXLAB_FRAME_MAX */
+	__u32 src_ifindex; /* the interface block's; STACK: the network device's */
+	__u32 answer;      /* out: HOOK: of the last call */
+	__u32 queued;      /* out: HOOK: efbuffs taken or cloned by the batch */
+	__u64 first_ns;    /* out: the first call, which may wake the copy thread */
+	__u64 rest_ns;     /* out: the others, count - 1 */
+	__u64 deliver_ns;  /* out: from the copy thread's first free of the batch to
+			    * its last: queued - 1 deliveries */
+};
+
+/* ------------------------------------------------------------------------
+ * LATENCY: a timer interrupt every period_ns raises a tasklet, unless the last
+ * one is still waiting. How long it waits is how long bottom halves were off.
+ */
+enum moxlab_latency_op {
+	MOXLAB_LATENCY_START = 0, /* forgets what was measured before */
+	MOXLAB_LATENCY_READ = 1,
+	MOXLAB_LATENCY_STOP = 2,
+};
+
+struct moxlab_latency {
+	__u32 op;                       /* enum moxlab_latency_op */
+	__u32 period_ns;                /* START: 10000 to 1000000000 */
+	__u64 longest_ns;               /* out: the longest wait between the raise and the run */
+	__u64 longest_at;               /* out: when that wait ended, monotonic clock */
+	__u64 runs;                     /* out: of the tasklet */
+	char symbol[MOXLAB_SYMBOL_LEN]; /* out: the function that the last interrupt
+					 * of the longest wait came into */
 };
 
 #define MOXLAB_IOC 0xB7
@@ -466,5 +527,7 @@ struct moxlab_bench {
 #define MOXLAB_FDB_FLUSH _IO(MOXLAB_IOC, 17)
 #define MOXLAB_MEMORY _IOWR(MOXLAB_IOC, 18, struct moxlab_memory)
 #define MOXLAB_BENCH _IOWR(MOXLAB_IOC, 19, struct moxlab_bench)
+#define MOXLAB_MEASURE _IOWR(MOXLAB_IOC, 20, struct moxlab_measure)
+#define MOXLAB_LATENCY _IOWR(MOXLAB_IOC, 21, struct moxlab_latency)
 
 #endif /* MOXLAB_H */

@@ -127,6 +127,9 @@ public:
 	/// Measures; the reply has the times.
 	moxlab_bench bench(moxlab_bench request) const;
 
+	moxlab_measure measure(moxlab_measure request) const;
+	moxlab_latency latency(moxlab_latency request) const;
+
 	/// Returns when every hook that is running now has come back.
 	void sync() const;
 	void flush_fdb() const;

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * bench.c - what one send costs, measured around the capture module's sendmsg and
- * around the platform calls that it makes, so that the difference is the module's.
+ * bench.c - what one send or receipt costs, measured around the capture module's
+ * sendmsg or recvmsg, and around the platform calls that a send makes, so that the
+ * difference is the module's.
  *
  * Times come in batches, the shortest of which counts: a timer interrupt or a busy
  * host falls into some batches and not into others. In a virtual machine whose
@@ -30,7 +31,7 @@ struct job {
 	struct msghdr msg;
 };
 
-/* The message anew, for a send uses it up. */
+/* The message anew, for a call uses it up. */
 static noinline void prepare(struct job *job)
 {
 	const struct moxlab_bench *in = job->in;
@@ -38,7 +39,10 @@ static noinline void prepare(struct job *job)
 	memset(&job->msg, 0, sizeof(job->msg));
 	job->iov.iov_base = u64_to_user_ptr(in->frame);
 	job->iov.iov_len = in->frame_len;
-	iov_iter_init(&job->msg.msg_iter, WRITE, &job->iov, 1, in->frame_len);
+	iov_iter_init(&job->msg.msg_iter, in->part == MOXLAB_BENCH_RECEIVE ? READ : WRITE,
+		      &job->iov, 1, in->frame_len);
+	if (in->part == MOXLAB_BENCH_RECEIVE)
+		return;
 	job->msg.msg_name = &job->name;
 	job->msg.msg_namelen = sizeof(job->name);
 	if (in->controlled) {
@@ -68,6 +72,11 @@ static int run_platform(struct job *job)
 	return result == 1 ? -ENETUNREACH : job->in->frame_len;
 }
 
+static int run_receive(struct job *job)
+{
+	return job->sock->ops->recvmsg(job->sock, &job->msg, job->in->frame_len, MSG_DONTWAIT);
+}
+
 static int run_nothing(struct job *job)
 {
 	return job->in->frame_len;
@@ -77,6 +86,7 @@ static int (*const parts[MOXLAB_BENCH_COUNT])(struct job *job) = {
 	[MOXLAB_BENCH_SEND] = run_send,
 	[MOXLAB_BENCH_PLATFORM] = run_platform,
 	[MOXLAB_BENCH_NOTHING] = run_nothing,
+	[MOXLAB_BENCH_RECEIVE] = run_receive,
 };
 
 static int run_batches(struct moxlab_bench *bench, struct job *job)

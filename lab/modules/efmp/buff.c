@@ -208,7 +208,7 @@ void *efmp_buff_alloc_sw_with_owner(u32 length, u32 owner)
 }
 EXPORT_SYMBOL(efmp_buff_alloc_sw_with_owner);
 
-void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
+static void *buff_clone(void *efbuff, u32 owner, void *creator)
 {
 	struct track *t, *origin;
 	unsigned long flags;
@@ -225,7 +225,7 @@ void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
 	if (!size) {
 		efmp_misuse(MOXLAB_MISUSE_UNKNOWN, "clone of %px for owner 0x%02x, %s, by %pS",
 			    efbuff, owner, freed ? "which was freed" : "which is no efbuff",
-			    __builtin_return_address(0));
+			    creator);
 		return NULL;
 	}
 	if (failpoint_hit(&efmp_clone_fail, NULL))
@@ -234,11 +234,23 @@ void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
 	if (!t)
 		goto fail;
 	memcpy(t->buf, efbuff, size);
-	account(t, owner, true, __builtin_return_address(0));
+	account(t, owner, true, creator);
 	return t->buf;
 fail:
 	count_failed(owner);
 	return NULL;
+}
+
+void *efmp_buff_clone(void *efbuff, u32 owner)
+{
+	return buff_clone(efbuff, owner, __builtin_return_address(0));
+}
+
+void *efmp_buff_clone_with_owner(void *efbuff, u32 owner)
+{
+	if (unlikely(READ_ONCE(efmp_stub_on)))
+		return efmp_stub_clone();
+	return buff_clone(efbuff, owner, __builtin_return_address(0));
 }
 EXPORT_SYMBOL(efmp_buff_clone_with_owner);
 
@@ -361,6 +373,10 @@ misuse:
 
 void efmp_buff_free_sw_with_owner(void *efbuff, u32 owner)
 {
+	if (unlikely(READ_ONCE(efmp_stub_on)) && owner == MOXLAB_OWNER_MODULE) {
+		efmp_stub_free(efbuff);
+		return;
+	}
 	buff_free(efbuff, owner, __builtin_return_address(0));
 }
 EXPORT_SYMBOL(efmp_buff_free_sw_with_owner);

@@ -223,6 +223,16 @@ static int do_bench(void *arg)
 	return efmp_bench(arg);
 }
 
+static int do_measure(void *arg)
+{
+	return efmp_measure(arg);
+}
+
+static int do_latency(void *arg)
+{
+	return efmp_latency(arg);
+}
+
 static int do_fdb_flush(void *arg)
 {
 	efmp_fdb_flush(NULL);
@@ -242,7 +252,8 @@ static const struct verb {
 	{ MOXLAB_STATS, do_stats },         { MOXLAB_CLEAR_STATS, do_clear_stats },
 	{ MOXLAB_SETTINGS, do_settings },   { MOXLAB_SYNC, do_sync },
 	{ MOXLAB_FDB_FLUSH, do_fdb_flush }, { MOXLAB_MEMORY, do_memory },
-	{ MOXLAB_BENCH, do_bench },
+	{ MOXLAB_BENCH, do_bench },         { MOXLAB_MEASURE, do_measure },
+	{ MOXLAB_LATENCY, do_latency },
 };
 
 /* Runs a verb on a kernel copy of its structure, zeroed where nothing came in. */
@@ -294,4 +305,5 @@ int efmp_ctl_init(void)
 void efmp_ctl_exit(void)
 {
 	misc_deregister(&ctl_device);
+	efmp_latency_stop();
 }

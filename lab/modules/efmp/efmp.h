@@ -104,6 +104,9 @@ int efmp_buff_read_live(struct moxlab_read *read);
 void efmp_buff_settings(struct moxlab_settings *s);
 extern struct failpoint efmp_alloc_fail, efmp_clone_fail;
 
+/* A clone that is accounted as usual, whatever stands in for the exported call. */
+void *efmp_buff_clone(void *efbuff, u32 owner);
+
 /* ---- hooks.c: registered functions ------------------------------------- */
 
 int efmp_hooks_init(void);
@@ -133,6 +136,18 @@ struct efmp_run {
  * with bottom halves disabled.
  */
 enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point);
+
+/* A registered function, and what kind of registration it has. */
+struct efmp_hook_func {
+	u32 (*func)(void);
+	u32 call; /* MOXLAB_REG_MODULE, _RECV or _OUTPUT */
+	char symbol[MOXLAB_SYMBOL_LEN];
+};
+
+/* The first function at @point; false when there is none. */
+bool efmp_hooks_first(u32 point, struct efmp_hook_func *first);
+/* What an answer of it means. */
+enum efmp_verdict efmp_hooks_verdict(const struct efmp_hook_func *hook, u32 answer);
 
 /*
  * Returns when every hook that may have read what the caller changed before has
@@ -272,6 +287,21 @@ int moxlab_rnfp_wlan(void *efbuff);
 /* ---- bench.c -------------------------------------------------------------- */
 
 int efmp_bench(struct moxlab_bench *bench);
+
+/* ---- measure.c, measure_stack.c -------------------------------------------- */
+
+/* While it is on, the exported clone and free functions do only what follows. */
+extern bool efmp_stub_on;
+void *efmp_stub_clone(void);
+void efmp_stub_free(void *efbuff);
+
+int efmp_measure(struct moxlab_measure *measure);
+int efmp_measure_stack(struct moxlab_measure *measure, const u8 *frame);
+
+/* ---- latency.c -------------------------------------------------------------- */
+
+int efmp_latency(struct moxlab_latency *latency);
+void efmp_latency_stop(void);
 
 /* ---- inject.c, ctl.c ------------------------------------------------------ */
 

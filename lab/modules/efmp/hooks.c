@@ -268,9 +268,9 @@ EXPORT_SYMBOL(efmp_dereg_output_pkt_func);
  * What an answer means. Receive functions answer the other way round: 0 takes
  * the frame and all ones let it pass.
  */
-static enum efmp_verdict verdict_of(const struct hook *h, u32 answer)
+static enum efmp_verdict verdict_of(u32 call, const char *symbol, u32 answer)
 {
-	bool recv = h->call == MOXLAB_REG_RECV;
+	bool recv = call == MOXLAB_REG_RECV;
 
 	switch (answer) {
 	case 0:
@@ -283,7 +283,7 @@ static enum efmp_verdict verdict_of(const struct hook *h, u32 answer)
 		if (recv)
 			return EFMP_GO_ON;
 	}
-	efmp_misuse(MOXLAB_MISUSE_BAD_ANSWER, "%s answered 0x%x", h->symbol, answer);
+	efmp_misuse(MOXLAB_MISUSE_BAD_ANSWER, "%s answered 0x%x", symbol, answer);
 	return EFMP_GO_ON;
 }
 
@@ -329,7 +329,7 @@ static enum efmp_verdict run_hook(struct hook *h, struct efmp_run *run)
 
 	efmp_buff_offer(run->buf, run->seq);
 	answer = call_hook(h, run);
-	verdict = verdict_of(h, answer);
+	verdict = verdict_of(h->call, h->symbol, answer);
 
 	if (run->hooks_run < MOXLAB_ANSWERS)
 		run->answers[run->hooks_run] = answer;
@@ -426,6 +426,27 @@ enum efmp_verdict efmp_hooks_run(struct efmp_run *run, u32 point)
 		efmp_count(EFMP_COUNT_FREED);
 	}
 	return verdict;
+}
+
+bool efmp_hooks_first(u32 point, struct efmp_hook_func *first)
+{
+	unsigned long flags;
+	struct hook *h;
+
+	spin_lock_irqsave(&hook_lock, flags);
+	h = list_first_entry_or_null(&lists[point], struct hook, node);
+	if (h) {
+		first->func = h->func;
+		first->call = h->call;
+		memcpy(first->symbol, h->symbol, sizeof(first->symbol));
+	}
+	spin_unlock_irqrestore(&hook_lock, flags);
+	return h;
+}
+
+enum efmp_verdict efmp_hooks_verdict(const struct efmp_hook_func *hook, u32 answer)
+{
+	return verdict_of(hook->call, hook->symbol, answer);
 }
 
 /* The @n-th registered function over all points. */
