@@ -174,6 +174,8 @@ int usage(FILE *to)
 		"       lab-bench instructions [BATCHES]\n"
 		"       lab-bench filter [BATCHES]\n"
 		"       lab-bench receive [SHAPE...]\n"
+		"       lab-bench changes [VALUES...]\n"
+		"       lab-bench kernel\n"
 		"       lab-bench sockets COUNT COMMAND [ARGUMENT...]\n\n"
 		"rates: sends a second (the guest's clock) through mox_ef_socket and through af_packet in turn, on one\n"
 		"dummy device. instructions: of one send inside the module; right only where the guest's clock counts\n"
@@ -203,6 +205,14 @@ int main(int argc, char **argv)
 				argc > 2 ? unsigned(std::max(1, std::atoi(argv[2]))) : 200);
 		} else if (what == "receive") {
 			bench::receive_instructions({ argv + 2, argv + argc });
+		} else if (what == "changes") {
+			std::vector<unsigned> values;
+			for (int n = 2; n < argc; ++n)
+				values.push_back(
+					unsigned(std::clamp(std::atoi(argv[n]), 1, 65535)));
+			bench::change_instructions(values);
+		} else if (what == "kernel") {
+			bench::kernel_instructions();
 		} else if (what == "sockets" && argc > 3 && std::atoi(argv[2]) > 0) {
 			return bench::with_sockets(unsigned(std::atoi(argv[2])), argv + 3);
 		} else {

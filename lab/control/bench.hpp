@@ -15,6 +15,13 @@ void filter_instructions(unsigned batches);
 /// only in those named.
 void receive_instructions(const std::vector<std::string> &only);
 
+/// Instructions of rule changes, system calls included: of one value among 1,024 rules, and of each of so many values in
+/// one rule; and the memory that rules take.
+void change_instructions(const std::vector<unsigned> &values);
+
+/// Instructions of recvmsg, and those of the kernel's own packet socket: of a received frame, and of recvmsg.
+void kernel_instructions();
+
 /// Opens that many capture sockets of one rule each at layer 2, runs the command and prints how long it took, by the
 /// guest's clock. Returns the command's status.
 int with_sockets(unsigned count, char **command);

@@ -82,12 +82,18 @@ Fd open_socket()
 	return fd;
 }
 
-int add_item(int fd, const Item &item, bool add)
+moxlab::Bytes rule_record(const Item &item)
 {
 	const size_t count = item.width ? item.values.size() / item.width : 1;
 	moxlab::Bytes record(MOX_PACKET_RULE_LENGTH(item.width, count));
 	mox_packet_build_rule(record.data(), record.size(), item.type, item.values.data(),
 			      item.width, uint16_t(count));
+	return record;
+}
+
+int add_item(int fd, const Item &item, bool add)
+{
+	const moxlab::Bytes record = rule_record(item);
 	return ::setsockopt(fd, MOX_SOL_PACKET, add ? MOX_PACKET_ADD_RULE : MOX_PACKET_DEL_RULE,
 			    record.data(), socklen_t(record.size()))
 		       ? errno

@@ -67,6 +67,7 @@ struct Item {
 };
 
 Fd open_socket(); ///< a raw socket of the family, with room for 1 MiB of received frames
+moxlab::Bytes rule_record(const Item &item);
 int add_item(int fd, const Item &item, bool add = true); ///< option 11 or 12: 0 or errno
 void set_option(int fd, int option, uint32_t value);
 
