@@ -124,6 +124,12 @@ void rates(int rounds, double seconds)
 		std::printf(
 			"sends a second, %4zu bytes: module %.0f, kernel's packet socket %.0f, ratio %.3f (medians of %d)\n",
 			length, median(results[0]), median(results[1]), median(ratios), rounds);
+		const std::string bytes = std::to_string(length) + " bytes";
+		record({ "rates", "sends a second, module", bytes, 0, median(results[0]),
+			 "sends/s" });
+		record({ "rates", "sends a second, packet socket", bytes, 0, median(results[1]),
+			 "sends/s" });
+		record({ "rates", "sends a second, ratio", bytes, 0, median(ratios), "" });
 		std::fflush(stdout);
 	}
 }
@@ -161,9 +167,22 @@ void module_instructions(uint32_t batches)
 				"instructions of one send, %4zu bytes%s: module %.0f (whole sendmsg %.0f, platform's calls %.0f)\n",
 				length, controlled ? " with control record" : "", all - platform,
 				all, platform);
+			const std::string bytes = std::to_string(length) + " bytes" +
+						  (controlled ? " with control record" : "");
+			record({ "instructions", "sendmsg, the module's part", bytes, 0,
+				 all - platform });
+			record({ "instructions", "sendmsg, all of it", bytes, 0, all });
 			std::fflush(stdout);
 		}
 	lab.override_outcome(0, 0, false);
+}
+
+std::vector<unsigned> numbers(char **from, char **to)
+{
+	std::vector<unsigned> out;
+	for (; from < to; ++from)
+		out.push_back(unsigned(std::clamp(std::atoi(*from), 1, 65535)));
+	return out;
 }
 
 int usage(FILE *to)
@@ -176,10 +195,14 @@ int usage(FILE *to)
 		"       lab-bench receive [SHAPE...]\n"
 		"       lab-bench changes [VALUES...]\n"
 		"       lab-bench kernel\n"
+		"       lab-bench sections [VALUES...]\n"
 		"       lab-bench sockets COUNT COMMAND [ARGUMENT...]\n\n"
 		"rates: sends a second (the guest's clock) through mox_ef_socket and through af_packet in turn, on one\n"
 		"dummy device. instructions: of one send inside the module; right only where the guest's clock counts\n"
 		"instructions (lab/vm/run --icount), and so is filter: of a debug filter in force, for one received frame.\n"
+		"receive: of a received frame, hook and copy thread; SHAPE as in its output. changes: of rule changes, and of\n"
+		"each of so many values of one rule. kernel: of recvmsg, and of the kernel's own packet socket. sections: the\n"
+		"longest time with bottom halves off. All four are right under --icount only, as instructions is.\n"
 		"sockets: how long the command takes (the guest's clock) while so many capture sockets are open.\n"
 		"Needs the platform's modules loaded; rates, instructions and filter load the others themselves.\n");
 	return to == stdout ? 0 : 2;
@@ -206,11 +229,9 @@ int main(int argc, char **argv)
 		} else if (what == "receive") {
 			bench::receive_instructions({ argv + 2, argv + argc });
 		} else if (what == "changes") {
-			std::vector<unsigned> values;
-			for (int n = 2; n < argc; ++n)
-				values.push_back(
-					unsigned(std::clamp(std::atoi(argv[n]), 1, 65535)));
-			bench::change_instructions(values);
+			bench::change_instructions(numbers(argv + 2, argv + argc));
+		} else if (what == "sections") {
+			bench::longest_sections(numbers(argv + 2, argv + argc));
 		} else if (what == "kernel") {
 			bench::kernel_instructions();
 		} else if (what == "sockets" && argc > 3 && std::atoi(argv[2]) > 0) {

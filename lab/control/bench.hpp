@@ -22,6 +22,10 @@ void change_instructions(const std::vector<unsigned> &values);
 /// Instructions of recvmsg, and those of the kernel's own packet socket: of a received frame, and of recvmsg.
 void kernel_instructions();
 
+/// The longest time with bottom halves off in each of several scenarios, with so many values in one rule; and, where the
+/// loaded module records them, the longest holds of its locks.
+void longest_sections(const std::vector<unsigned> &counts);
+
 /// Opens that many capture sockets of one rule each at layer 2, runs the command and prints how long it took, by the
 /// guest's clock. Returns the command's status.
 int with_sockets(unsigned count, char **command);

@@ -18,6 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench_support.hpp"
 #include "mox_packet.h"
 #include "moxlab.hpp"
 
@@ -165,9 +166,11 @@ void filter_instructions(unsigned batches)
 	for (const Row &row : rows) {
 		moxlab::Injection in = frame(row.six);
 		set(filter(row.flags));
+		const double cost = instructions(lab, in, batches) - off[row.six];
 		std::printf(
 			"instructions of a debug filter for one frame that it matches, %-22s %3.0f\n",
-			row.what, instructions(lab, in, batches) - off[row.six]);
+			row.what, cost);
+		record({ "filter", "debug filter, matched", row.what, 0, cost });
 	}
 	// The first field that differs ends the match.
 	mox_packet_filter miss = filter(0x0fe);

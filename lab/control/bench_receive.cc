@@ -17,7 +17,7 @@ namespace bench {
 namespace {
 
 constexpr unsigned kListeners[] = { 1, 8, 64, 256, 1024 };
-constexpr unsigned kMost = 1024;
+constexpr unsigned kMost = 4096;
 constexpr unsigned kBatch = 256;
 
 /// Instructions of the loop around a measured call, and of the functions that stand in for the platform's.
@@ -163,6 +163,26 @@ void shapes(Ruler &ruler, const std::vector<std::string> &only)
 	measure_shape(ruler, kAllTypes, 8 * kOfEachType + kOfEachType / 2, rules, listeners);
 }
 
+/// Rules chosen to hurt, as many as a user may have sockets.
+void hurting(Ruler &ruler)
+{
+	for (const Shape &shape : kHurting) {
+		std::vector<Fd> listeners;
+		for (unsigned rules : { 1024u, kMost }) {
+			while (listeners.size() < rules)
+				listeners.push_back(
+					listener(shape.items(unsigned(listeners.size()))));
+			moxlab_measure m = ruler.best(MOXLAB_MEASURE_HOOK, shape.unwanted(), 16,
+						      false);
+			if (m.queued)
+				throw std::runtime_error(std::string("the frame was taken: ") +
+							 shape.name);
+			report(figure("hook, unwanted, rules chosen to hurt", shape.name, rules,
+				      ruler.rest(m)));
+		}
+	}
+}
+
 /// Frames that every listener asks for.
 void further(Ruler &ruler)
 {
@@ -202,6 +222,9 @@ void receive_instructions(const std::vector<std::string> &only)
 	std::printf("the stand-in's own, which is taken off: clone %.1f, free %.1f\n",
 		    ruler.overhead().clone, ruler.overhead().free);
 	shapes(ruler, only);
+	if (!only.empty())
+		return;
+	hurting(ruler);
 	further(ruler);
 }
 

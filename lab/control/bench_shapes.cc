@@ -185,6 +185,28 @@ const std::vector<Shape> kShapes = {
 	  on_interface, near_miss },
 };
 
+const std::vector<Shape> kHurting = {
+	// The frame has their EtherType and port, and the attribute that they exclude.
+	{ "same values, attribute excluded",
+	  [](unsigned) {
+		  return std::vector{ value16(PACKET_ETH_PROT_EQUAL, kIpv4),
+				      value16(PACKET_IPv4_DEST_PORT_EQUAL, kOtherPort),
+				      Item{ PACKET_PID_T, 4, { 0, 0, 0, 0 } } };
+	  },
+	  nullptr, near_miss },
+	{ "IPv4 multicast traffic",
+	  [](unsigned) {
+		  return std::vector{ Item{ PACKET_IPv4_MCAST_TRAFFIC, 0, {} } };
+	  },
+	  nullptr, near_miss },
+	{ "any EtherType, own port",
+	  [](unsigned i) {
+		  return std::vector{ value16(PACKET_ETH_PROT_EQUAL, 3),
+				      value16(PACKET_IPv4_DEST_PORT_EQUAL, port(i)) };
+	  },
+	  nullptr, near_miss },
+};
+
 const Shape kAllTypes = {
 	"14 types, 73 each", [](unsigned i) { return std::vector{ of_each_type(i) }; },
 	// Of the source ports, the ninth type.

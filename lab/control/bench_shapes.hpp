@@ -25,6 +25,9 @@ struct Shape {
 
 extern const std::vector<Shape> kShapes;
 
+/// Rules that share everything that a frame could be looked up by. Only with unwanted frames.
+extern const std::vector<Shape> kHurting;
+
 /// Rules of 14 types, so many of each: every type that has values.
 extern const Shape kAllTypes;
 constexpr unsigned kAllTypesCount = 14, kOfEachType = 73;

@@ -18,19 +18,24 @@
 
 namespace bench {
 
-void report(const Figure &figure)
+void record(const Figure &figure)
 {
-	char rules[32] = "";
-	if (figure.rules)
-		std::snprintf(rules, sizeof rules, "%u", figure.rules);
-	std::printf("  %-44s %-26s %5s %14.1f %s\n", figure.what.c_str(), figure.shape.c_str(),
-		    rules, figure.value, figure.unit.c_str());
 	// No text here has a character that JSON would have escaped.
 	std::printf(
 		"@@ {\"round\":\"%s\",\"what\":\"%s\",\"shape\":\"%s\",\"rules\":%u,\"value\":%.2f,\"unit\":\"%s\"}\n",
 		figure.round.c_str(), figure.what.c_str(), figure.shape.c_str(), figure.rules,
 		figure.value, figure.unit.c_str());
 	std::fflush(stdout);
+}
+
+void report(const Figure &figure)
+{
+	char rules[32] = "";
+	if (figure.rules)
+		std::snprintf(rules, sizeof rules, "%u", figure.rules);
+	std::printf("  %-44s %-28s %5s %14.1f %s\n", figure.what.c_str(), figure.shape.c_str(),
+		    rules, figure.value, figure.unit.c_str());
+	record(figure);
 }
 
 void die(const std::string &what)

@@ -26,6 +26,9 @@ struct Figure {
 
 void report(const Figure &figure);
 
+/// The JSON line alone, where the text is printed otherwise.
+void record(const Figure &figure);
+
 [[noreturn]] void die(const std::string &what); ///< throws, with errno's text
 
 void shell(const std::string &command); ///< throws when it fails

@@ -495,13 +495,13 @@ enum moxlab_latency_op {
 };
 
 struct moxlab_latency {
-	__u32 op;                       /* enum moxlab_latency_op */
-	__u32 period_ns;                /* START: 10000 to 1000000000 */
-	__u64 longest_ns;               /* out: the longest wait between the raise and the run */
-	__u64 longest_at;               /* out: when that wait ended, monotonic clock */
-	__u64 runs;                     /* out: of the tasklet */
-	char symbol[MOXLAB_SYMBOL_LEN]; /* out: the function that the last interrupt
-					 * of the longest wait came into */
+	__u32 op;         /* enum moxlab_latency_op */
+	__u32 period_ns;  /* START: 10000 to 1000000000 */
+	__u64 longest_ns; /* out: the longest wait between the raise and the run */
+	__u64 longest_at; /* out: when that wait ended, monotonic clock */
+	__u64 runs;       /* out: of the tasklet */
+	char symbol[128]; /* out: the function that the last interrupt of the
+			    * longest wait came into */
 };
 
 #define MOXLAB_IOC 0xB7
