@@ -194,9 +194,10 @@ const std::vector<Shape> kHurting = {
 				      Item{ PACKET_PID_T, 4, { 0, 0, 0, 0 } } };
 	  },
 	  nullptr, near_miss },
-	{ "IPv4 multicast traffic",
+	{ "all frames, attribute excluded",
 	  [](unsigned) {
-		  return std::vector{ Item{ PACKET_IPv4_MCAST_TRAFFIC, 0, {} } };
+		  return std::vector{ Item{ PACKET_ALL, 0, {} },
+				      Item{ PACKET_PID_T, 4, { 0, 0, 0, 0 } } };
 	  },
 	  nullptr, near_miss },
 	{ "any EtherType, own port",

@@ -89,7 +89,8 @@ Fd open_socket()
 
 moxlab::Bytes rule_record(const Item &item)
 {
-	const size_t count = item.width ? item.values.size() / item.width : 1;
+	// A type without values has one element, and PACKET_ALL none.
+	const size_t count = item.width ? item.values.size() / item.width : item.type != PACKET_ALL;
 	moxlab::Bytes record(MOX_PACKET_RULE_LENGTH(item.width, count));
 	mox_packet_build_rule(record.data(), record.size(), item.type, item.values.data(),
 			      item.width, uint16_t(count));
