@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include <arpa/inet.h>
+#include <linux/if_packet.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -41,7 +42,6 @@ void write_to(const char *path, const char *text)
 /// What a scenario's process has.
 struct User {
 	std::vector<Fd> sockets;
-	moxlab::Bytes record; ///< of option 11
 };
 
 struct Scenario {
@@ -189,30 +189,55 @@ void run(const Scenario &scenario)
 
 void nothing(User &) {}
 
-/// Values of the rule of the user's one socket, at no location yet.
+/// So many values of a type.
+Item many(unsigned count, uint16_t type)
+{
+	Item item{ type,
+		   uint16_t(type == PACKET_SRC_MAC_EQUAL    ? 6
+			    : type == PACKET_SRC_INTF_EQUAL ? 4
+							    : 2),
+		   {} };
+	for (unsigned i = 0; i < count; ++i) {
+		moxlab::Bytes value(item.width);
+		value[0] = uint8_t(i >> 8);
+		value[1] = uint8_t(i);
+		item.values.insert(item.values.end(), value.begin(), value.end());
+	}
+	return item;
+}
+
+void change_values_of(const User &user, const Item &item, bool add)
+{
+	if (int error = add_item(user.sockets[0].get(), item, add))
+		std::printf("  (refused: %s)\n", std::strerror(error));
+}
+
+/// Adds values to the rule of the user's one socket.
 auto values(unsigned count, uint16_t type = PACKET_SRC_MAC_EQUAL)
 {
 	return [count, type](User &user) {
-		Item item{ type,
-			   uint16_t(type == PACKET_SRC_MAC_EQUAL    ? 6
-				    : type == PACKET_SRC_INTF_EQUAL ? 4
-								    : 2),
-			   {} };
-		for (unsigned i = 0; i < count; ++i) {
-			moxlab::Bytes value(item.width);
-			value[0] = uint8_t(i >> 8);
-			value[1] = uint8_t(i);
-			item.values.insert(item.values.end(), value.begin(), value.end());
-		}
 		if (user.sockets.empty()) {
 			user.sockets.push_back(open_socket());
 			set_option(user.sockets[0].get(), PACKET_TREATMENT, PACKET_COPY);
 		}
-		if (int error = add_item(user.sockets[0].get(), item)) {
-			errno = error;
-			std::printf("  (refused: %s)\n", std::strerror(error));
-		}
+		change_values_of(user, many(count, type), true);
 	};
+}
+
+auto without_values(unsigned count)
+{
+	return [count](User &user) {
+		change_values_of(user, many(count, PACKET_SRC_MAC_EQUAL), false);
+	};
+}
+
+void bound(User &user)
+{
+	sockaddr_ll to{};
+	to.sll_family = kFamily;
+	to.sll_protocol = htons(0x88b6);
+	if (::bind(user.sockets[0].get(), reinterpret_cast<sockaddr *>(&to), sizeof to))
+		die("bind");
 }
 
 void located(User &user)
@@ -265,6 +290,11 @@ void near_misses(moxlab::Device &lab)
 void report_all(moxlab::Device &)
 {
 	shell("moxctl show rules >/dev/null");
+}
+
+void dump_file(moxlab::Device &)
+{
+	shell("mkdir -p /tmp/vsd/0/ef/af_packet && moxctl tech -o /tmp/dump >/dev/null 2>&1");
 }
 
 void huge_option(User &user)
@@ -338,8 +368,13 @@ void longest_sections(const std::vector<unsigned> &counts)
 	std::printf("with the module:\n");
 	for (unsigned count : counts) {
 		const std::string macs = thousands(count) + " source MACs, ";
-		const std::string names[] = { macs + "adding", macs + "location",
-					      macs + "one value more", macs + "location 0",
+		const std::string names[] = { macs + "adding",
+					      macs + "location",
+					      macs + "one value more",
+					      macs + "location 0",
+					      macs + "deleting while filed",
+					      macs + "treatment",
+					      macs + "bind",
 					      macs + "closing" };
 		auto filed = both(values(count), located);
 		run({ names[0].c_str(), nothing, values(count) });
@@ -348,16 +383,23 @@ void longest_sections(const std::vector<unsigned> &counts)
 		run({ names[3].c_str(), filed, [](User &user) {
 			     set_option(user.sockets[0].get(), PACKET_LOCATION, PACKET_NONE_LOC);
 		     } });
-		run({ names[4].c_str(), filed, leave });
+		run({ names[4].c_str(), filed, without_values(count) });
+		run({ names[5].c_str(), filed, [](User &user) {
+			     set_option(user.sockets[0].get(), PACKET_TREATMENT, PACKET_TRAP);
+		     } });
+		run({ names[6].c_str(), filed, bound });
+		run({ names[7].c_str(), filed, leave });
 	}
-	const unsigned kWide = 2048;
-	run({ "2,048 EtherTypes and 2,048 interfaces, location",
-	      both(values(kWide, PACKET_ETH_PROT_EQUAL), values(kWide, PACKET_SRC_INTF_EQUAL)),
-	      located });
+	constexpr unsigned kWide = 2048;
+	auto wide = both(values(kWide, PACKET_ETH_PROT_EQUAL),
+			 values(kWide, PACKET_SRC_INTF_EQUAL));
+	run({ "2,048 EtherTypes and 2,048 interfaces, location", wide, located });
+	run({ "2,048 EtherTypes and 2,048 interfaces, closing", both(wide, located), leave });
 	run({ "1,024 rules, 200 changes of one value", listeners(0), change_values });
 	run({ "1,024 rules of EtherType and port, near misses", listeners(3), {}, near_misses });
 	run({ "1,500-byte frame wanted by 4,096 sockets", crowd, {}, long_frames });
 	run({ "report of 4,096 sockets, 10 us a line", crowd, {}, report_all, "10" });
+	run({ "dump file, 4,096 sockets", crowd, {}, dump_file });
 	run({ "closing 4,096 sockets", crowd, leave });
 	run({ "a socket's report, 2,000 values, 10 us a line",
 	      both(values(2000), located),

@@ -2,6 +2,7 @@
 // What the platform holds and publishes: interfaces, services, and its measurements.
 #include "selftest.hpp"
 
+#include <sched.h>
 #include <sys/socket.h>
 
 namespace selftest {
@@ -103,6 +104,69 @@ TEST_F(Platform, MeasuresSocketsOfTheFamilyOnly)
 		EXPECT_EQ(left[0].ifindex, kB);
 	}
 	::close(good.fd);
+}
+
+TEST_F(Platform, MeasuresReceivedFramesOnOneCpuOnly)
+{
+	Bytes bytes = frame({ 2, 0, 0, 0, 0, 1 }, 0x0800, 60);
+	moxlab_measure good{};
+	good.what = MOXLAB_MEASURE_EMPTY;
+	good.point = MOXLAB_POINT_LEV2;
+	good.count = 8;
+	good.frame = reinterpret_cast<uintptr_t>(bytes.data());
+	good.frame_len = 60;
+	good.src_ifindex = kA;
+	const int one_cpu = lab.stats().cpus == 1 ? 0 : EBUSY;
+	const struct {
+		const char *what;
+		void (*change)(moxlab_measure &m);
+		int error;
+	} rows[] = {
+		{ "as it is", [](moxlab_measure &) {}, one_cpu },
+		{ "the clone", [](moxlab_measure &m) { m.what = MOXLAB_MEASURE_CLONE; }, one_cpu },
+		{ "the free", [](moxlab_measure &m) { m.what = MOXLAB_MEASURE_FREE; }, one_cpu },
+		{ "no kind", [](moxlab_measure &m) { m.what = MOXLAB_MEASURE_COUNT; }, EINVAL },
+		{ "no point", [](moxlab_measure &m) { m.point = MOXLAB_POINT_COUNT; }, EINVAL },
+		{ "one frame", [](moxlab_measure &m) { m.count = 1; }, EINVAL },
+		{ "too many frames", [](moxlab_measure &m) { m.count = MOXLAB_MEASURE_MAX + 1; },
+		  EINVAL },
+		{ "a short frame", [](moxlab_measure &m) { m.frame_len = 13; }, EINVAL },
+		{ "no such interface", [](moxlab_measure &m) { m.src_ifindex = 777777; },
+		  one_cpu ? one_cpu : ENXIO },
+	};
+	for (const auto &row : rows) {
+		moxlab_measure request = good;
+		row.change(request);
+		EXPECT_EQ(errno_of([&] { lab.measure(request); }), row.error) << row.what;
+	}
+}
+
+TEST_F(Platform, MeasuresHowLongBottomHalvesAreOff)
+{
+	moxlab_latency latency{};
+	latency.op = MOXLAB_LATENCY_START;
+	latency.period_ns = 9999;
+	EXPECT_EQ(errno_of([&] { lab.latency(latency); }), EINVAL);
+	latency.period_ns = 20000;
+	cpu_set_t all, first;
+	ASSERT_EQ(::sched_getaffinity(0, sizeof all, &all), 0);
+	CPU_ZERO(&first);
+	CPU_SET(0, &first);
+	ASSERT_EQ(::sched_setaffinity(0, sizeof first, &first), 0); // the timer stays here
+	lab.latency(latency);
+	// A softirq that fills 64 times 60,000 bytes.
+	Injection in(MOXLAB_POINT_RESV, frame({ 2, 0, 0, 0, 0, 1 }, 0x0800, 60000));
+	in.cpu(0).source(kA).repeat(64).options(MOXLAB_INJ_HARD_SOFTIRQ);
+	lab.inject(in);
+	latency.op = MOXLAB_LATENCY_STOP;
+	latency = lab.latency(latency);
+	EXPECT_GT(latency.runs, 0u);
+	EXPECT_GT(latency.longest_ns, 100000u);
+	EXPECT_EQ(::sched_setaffinity(0, sizeof all, &all), 0);
+	latency.op = MOXLAB_LATENCY_READ;
+	EXPECT_EQ(lab.latency(latency).runs, latency.runs) << "it still runs";
+	latency.op = MOXLAB_LATENCY_STOP + 1;
+	EXPECT_EQ(errno_of([&] { lab.latency(latency); }), EINVAL);
 }
 
 } // namespace
