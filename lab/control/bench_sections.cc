@@ -294,7 +294,9 @@ void report_all(moxlab::Device &)
 
 void dump_file(moxlab::Device &)
 {
-	shell("mkdir -p /tmp/vsd/0/ef/af_packet && moxctl tech -o /tmp/dump >/dev/null 2>&1");
+	shell("mkdir -p /tmp/vsd/0/ef/af_packet");
+	// It fails for a file that could not take all sockets, which is not what counts here.
+	shell("moxctl tech -o /tmp/dump >/dev/null 2>&1; test -s /tmp/dump");
 }
 
 void huge_option(User &user)
