@@ -5,8 +5,10 @@ namespace {
 
 const char *name_of(fake::LockKind kind)
 {
-	static const char *const names[] = { "none", "ns",  "ns-nested", "sock", "bind", "rule",
-					     "hook", "lib", "queue",     "rcvq", "mutex" };
+	static const char *const names[] = {
+		"none", "ns",   "ns-nested", "sock",  "change", "bind",
+		"rule", "hook", "lib",       "queue", "rcvq",   "mutex"
+	};
 	return names[static_cast<int>(kind)];
 }
 

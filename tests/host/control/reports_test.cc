@@ -266,11 +266,11 @@ TEST_F(Report, locks__one_at_a_time)
 	s.capture(PACKET_WLAN_LOC, PACKET_COPY);
 	LockTrace trace;
 	mox_packet_show_regular(7);
-	EXPECT_EQ(trace.steps, (Strings{ "+queue", "-queue", "+queue", "-queue", "+lib", "-lib",
-					 "+lib", "-lib" }));
+	EXPECT_EQ(trace.steps, (Strings{ "+queue", "-queue", "+queue", "-queue", "+change",
+					 "-change", "+change", "-change" }));
 	trace.steps.clear();
 	mox_packet_show_regular_spec(12, 8, nullptr, 4711);
-	EXPECT_EQ(trace.steps, (Strings{ "+lib", "-lib" }));
+	EXPECT_EQ(trace.steps, (Strings{ "+change", "-change" }));
 	trace.steps.clear();
 	mox_packet_dump_mem();
 	mox_packet_dump_thread();

@@ -32,6 +32,7 @@ enum class LockKind {
 	kNsMutex,
 	kNsMutexNested,
 	kSock,
+	kChange,
 	kBind,
 	kRule,
 	kHook,
@@ -46,6 +47,7 @@ struct Lock {
 	LockKind kind;
 	int readers;
 	int writers;
+	int lines; // logged while it is held
 };
 
 struct Line {
@@ -112,6 +114,8 @@ struct Kernel {
 	std::vector<std::string> warnings;
 	int wakeups = 0;
 	int schedules = 0;
+	bool need_resched = true;  // another task is due
+	bool fatal_signal = false; // the current task is being killed
 	int cond_rescheds = 0;
 	std::vector<long> sleeps;
 
@@ -143,6 +147,7 @@ struct Kernel {
 	void take(Lock *lock, LockKind as, bool write, const char *call);
 	void drop(Lock *lock, bool write, const char *call);
 	bool holds(LockKind kind) const;
+	void logging(); // a line is being logged
 	void may_sleep(const char *call);
 	static void init_lock(void *storage, LockKind kind);
 

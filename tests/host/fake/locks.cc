@@ -15,6 +15,7 @@ const char *name(LockKind kind)
 					     "namespace list mutex",
 					     "nested namespace list mutex",
 					     "socket lock",
+					     "change lock",
 					     "bind_lock",
 					     "rule_lock",
 					     "hook lock",
@@ -28,7 +29,7 @@ const char *name(LockKind kind)
 bool sleeping_kind(LockKind kind)
 {
 	return kind == LockKind::kNsMutex || kind == LockKind::kNsMutexNested ||
-	       kind == LockKind::kSock || kind == LockKind::kMutex;
+	       kind == LockKind::kSock || kind == LockKind::kChange || kind == LockKind::kMutex;
 }
 
 } // namespace
@@ -36,7 +37,7 @@ bool sleeping_kind(LockKind kind)
 void Kernel::init_lock(void *storage, LockKind kind)
 {
 	auto *lock = static_cast<Lock *>(storage);
-	*lock = Lock{ kMagic, kind, 0, 0 };
+	*lock = Lock{ kMagic, kind, 0, 0, 0 };
 }
 
 void Kernel::may_sleep(const char *call)
@@ -71,6 +72,7 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
 	if (lock->writers || (write && lock->readers))
 		breach(std::string(call) + ": the " + name(as) + " would never be free");
 	(write ? lock->writers : lock->readers)++;
+	lock->lines = 0;
 	held.push_back({ lock, as });
 	event(Point::kLock, lock);
 }
@@ -90,6 +92,15 @@ void Kernel::drop(Lock *lock, bool write, const char *call)
 		return;
 	}
 	breach(std::string(call) + " of a lock that is not held");
+}
+
+// A console is slow: what is logged under a lock that does not sleep holds the others up.
+void Kernel::logging()
+{
+	constexpr int kLinesOfHold = 8;
+	for (auto &[lock, kind] : held)
+		if (!sleeping_kind(kind) && ++lock->lines > kLinesOfHold)
+			breach("more than 8 lines under the " + std::string(name(kind)));
 }
 
 bool Kernel::holds(LockKind kind) const
@@ -142,6 +153,7 @@ void seam_po_locks_init(mox_packet_sock *po)
 void seam_lib_lock_init(packet_regular_lib *lib)
 {
 	Kernel::init_lock(&lib->lock, LockKind::kLib);
+	Kernel::init_lock(&lib->change_lock, LockKind::kChange);
 }
 void seam_queue_lock_init(efbuff_queue *queue)
 {
@@ -186,6 +198,17 @@ void seam_write_lock_bh(seam_rwlock *lock)
 void seam_write_unlock_bh(seam_rwlock *lock)
 {
 	fake::unlock_bh(lock, true, "write_unlock_bh");
+}
+
+void seam_mutex_lock(seam_mutex *lock)
+{
+	kernel().take(fake::as_lock(lock), LockKind::kNone, true, "mutex_lock");
+}
+
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	kernel().drop(fake::as_lock(lock), true, "mutex_unlock");
+	kernel().event(Point::kUnlock, lock);
 }
 
 void seam_lock_sock(sock *sk)

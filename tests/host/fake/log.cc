@@ -105,6 +105,7 @@ int mox_printk(const char *fmt, ...)
 		text.erase(0, 2);
 	}
 	line.text = text;
+	fake::kernel().logging();
 	fake::kernel().log.push_back(line);
 	return static_cast<int>(text.size());
 }

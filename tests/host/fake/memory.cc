@@ -132,6 +132,14 @@ void *seam_cache_alloc(kmem_cache *cache)
 	return p;
 }
 
+// The same each time: a test that fails does so again.
+u32 seam_random(void)
+{
+	static u32 state = 0;
+
+	return state = state * 1664525 + 1013904223;
+}
+
 void seam_cache_free(kmem_cache *cache, void *object)
 {
 	if (!cache->objects.erase(object))

@@ -61,6 +61,7 @@ namespace fake {
 	X(kPernetRegister, "register_pernet_subsys")         \
 	X(kSkAlloc, "sk_alloc")                              \
 	X(kSkbAlloc, "alloc_skb")                            \
+	X(kSkbClone, "skb_clone")                            \
 	X(kSkbTrim, "pskb_trim")                             \
 	X(kRecvDatagram, "skb_recv_datagram")                \
 	X(kCopyDatagram, "copy of a datagram to user space") \

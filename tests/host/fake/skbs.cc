@@ -53,6 +53,20 @@ sk_buff *seam_skb_alloc(u32 len)
 	return skb;
 }
 
+sk_buff *seam_skb_clone(sk_buff *skb)
+{
+	fake::check(skb, "skb_clone");
+	if (kernel().failing(Fail::kSkbClone))
+		return nullptr;
+	// The data is copied here, so that a write through one of the two goes unnoticed: nothing
+	// but seam_skb_put writes.
+	auto *clone = new sk_buff(*skb);
+	clone->users = 1;
+	clone->owner = nullptr;
+	kernel().skbs.insert(clone);
+	return clone;
+}
+
 void *seam_skb_put(sk_buff *skb, u32 len)
 {
 	fake::check(skb, "skb_put");

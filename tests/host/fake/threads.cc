@@ -69,6 +69,16 @@ void seam_schedule(void)
 	kernel().event(Point::kSchedule);
 }
 
+extern "C" int seam_fatal_signal_pending(void)
+{
+	return kernel().fatal_signal;
+}
+
+extern "C" int seam_need_resched(void)
+{
+	return kernel().need_resched;
+}
+
 extern "C" void seam_cond_resched(void)
 {
 	kernel().may_sleep("cond_resched");

@@ -122,6 +122,24 @@ void seam_po_locks_init(mox_packet_sock *po)
 void seam_lib_lock_init(packet_regular_lib *lib)
 {
 	pthread_rwlock_init(rwlock_of(&lib->lock), nullptr);
+	pthread_mutex_init(mutex_of(&lib->change_lock), nullptr);
+	pthread_mutex_init(mutex_of(&lib->change_lock) + 1, nullptr);
+}
+// The kernel hands a mutex to who waits longest for it. Here who waits at the second one is next.
+void seam_mutex_lock(seam_mutex *lock)
+{
+	static_assert(sizeof(seam_mutex) >= 2 * sizeof(pthread_mutex_t));
+	pthread_mutex_lock(mutex_of(lock) + 1);
+	pthread_mutex_lock(mutex_of(lock));
+	pthread_mutex_unlock(mutex_of(lock) + 1);
+}
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	pthread_mutex_unlock(mutex_of(lock));
+}
+u32 seam_random(void)
+{
+	return 0x9e3779b9;
 }
 void seam_queue_lock_init(efbuff_queue *q)
 {
@@ -295,6 +313,14 @@ void seam_sleep_jiffies(long)
 void seam_schedule(void)
 {
 	sched_yield();
+}
+extern "C" int seam_fatal_signal_pending(void)
+{
+	return 0;
+}
+extern "C" int seam_need_resched(void)
+{
+	return 1;
 }
 extern "C" void seam_cond_resched(void)
 {

@@ -189,6 +189,16 @@ sk_buff *seam_skb_alloc(u32 len)
 	live().skbs++;
 	return skb;
 }
+sk_buff *seam_skb_clone(sk_buff *skb)
+{
+	auto *clone = new sk_buff;
+	clone->room = skb->room;
+	clone->begin = skb->begin;
+	clone->len = skb->len;
+	memcpy(clone->cb, skb->cb, sizeof clone->cb);
+	live().skbs++;
+	return clone;
+}
 void *seam_skb_put(sk_buff *skb, u32 len)
 {
 	skb->len += len;

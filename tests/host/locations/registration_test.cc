@@ -126,24 +126,22 @@ TEST_F(Hooks, mclist__does_nothing)
 	EXPECT_TRUE(efmp().registrations.empty());
 }
 
-// Another CPU adds a rule after this one left the library empty and before it
-// deregisters: the location must end up registered.
-TEST_F(Hooks, follow_library__add_between_removal_and_deregistration_wins)
+// A rule that came after the last one has left and before the hooks are deregistered would be
+// without them: the change lock, held over both, keeps it out.
+TEST_F(Hooks, follow_library__no_rule_comes_between_removal_and_deregistration)
 {
-	Rule leaving(PACKET_LEV2_LOC, PACKET_COPY), coming(PACKET_LEV2_LOC, PACKET_COPY);
+	Rule leaving(PACKET_LEV2_LOC, PACKET_COPY);
 	leaving.add();
-	bool done = false;
-	kernel().at[Point::kUnlock] = [&](const void *lock) {
-		if (lock == &g_lev2_packet_regular_lib.lock && !done &&
-		    g_lev2_packet_regular_lib.regular_count == 0) {
-			done = true;
-			coming.add();
-		}
+	int deregistered = 0;
+	kernel().at[Point::kDeregModule] = [&](const void *) {
+		deregistered++;
+		EXPECT_TRUE(kernel().holds(fake::LockKind::kChange));
+		EXPECT_TRUE(kernel().holds(fake::LockKind::kHook));
+		EXPECT_FALSE(kernel().holds(fake::LockKind::kLib));
 	};
 	leaving.remove();
-	ASSERT_TRUE(done);
-	EXPECT_TRUE(efmp().registered["lev2"]);
-	EXPECT_EQ(g_lev2_packet_module.registered, 1);
+	EXPECT_EQ(deregistered, 1);
+	EXPECT_FALSE(efmp().registered["lev2"]);
 }
 
 } // namespace

@@ -298,11 +298,19 @@ TEST_F(OracleModel, deliver__trap_stops_unless_its_buffer_failed)
 	s.at(2).rcvbuf = 60; // full: 60 + 60 >= 60
 	EXPECT_EQ(s.deliver(2, packet(1), 60, 14), (Ids{ 3, 2 }));
 	EXPECT_EQ(s.at(2).counters.rcvbuf_full_drops, 1u);
+	// The second clone is the trap's.
 	int n = 0;
-	s.skb_allocation = [&] { return ++n != 2; };
+	s.skb_clone = [&] { return ++n != 2; };
 	EXPECT_EQ(s.deliver(2, packet(1), 60, 14), (Ids{ 3, 2, 1 }));
 	EXPECT_EQ(s.skb_failures, 1u);
 	EXPECT_EQ(s.at(1).counters.recv_packets, 1u);
+	// Without memory to share, each socket has an allocation of its own: the third is the trap's.
+	s.skb_clone = [] { return true; };
+	n = 0;
+	s.skb_allocation = [&] { return ++n != 1 && n != 3; };
+	EXPECT_EQ(s.deliver(2, packet(1), 60, 14), (Ids{ 3, 2, 1 }));
+	EXPECT_EQ(s.skb_failures, 2u);
+	EXPECT_EQ(s.at(1).counters.recv_packets, 2u);
 	EXPECT_EQ(s.deliver(2, packet(2), 60, 14), Ids{});
 }
 

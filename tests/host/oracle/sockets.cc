@@ -149,9 +149,9 @@ int Sockets::del_rule(int id, uint32_t type, uint32_t count, const std::vector<u
 }
 
 // False when no buffer could be allocated; every other outcome is the socket's own.
-bool Sockets::hand_over(Socket &s, uint32_t total, uint32_t l2, uint32_t ifindex)
+bool Sockets::hand_over(Socket &s, bool shared, uint32_t total, uint32_t l2, uint32_t ifindex)
 {
-	if (!skb_allocation()) {
+	if (shared ? !skb_clone() : !skb_allocation()) {
 		skb_failures++;
 		return false;
 	}
@@ -190,38 +190,43 @@ bool Sockets::hand_over(Socket &s, uint32_t total, uint32_t l2, uint32_t ifindex
 	return true;
 }
 
+// As soon as a further socket is known to match, the frame is allocated once, and each socket
+// from then on gets a clone; without memory for it each gets a buffer of its own.
+std::vector<int> Sockets::offer(const std::vector<const Regular *> &matching, bool traps,
+				uint32_t total, uint32_t l2, uint32_t ifindex)
+{
+	std::vector<int> offered;
+	bool shared = false;
+	for (size_t i = 0; i < matching.size(); i++) {
+		const Regular &r = *matching[i];
+		bool ends = traps && r.treatment == kTrap;
+		if (!ends && !shared && i + 1 < matching.size())
+			shared = skb_allocation();
+		offered.push_back(r.owner);
+		if (hand_over(at(r.owner), shared, total, l2, ifindex) && ends)
+			break;
+	}
+	return offered;
+}
+
 std::vector<int> Sockets::deliver(uint32_t location, const Packet &packet, uint32_t total,
 				  uint32_t l2)
 {
-	std::vector<int> matched;
-	for (const Regular *r : model.library(location)->regulars) {
-		if (r->treatment == 0)
-			continue;
-		if (!location_open(r->location, packet, world))
-			continue;
-		if (world.vsd(r->owner) != 0 || !rule_match(packet, *r))
-			continue;
-		matched.push_back(r->owner);
-		if (!hand_over(at(r->owner), total, l2, packet.ifindex))
-			continue;
-		if (r->treatment == kTrap)
-			break;
-	}
-	return matched;
+	std::vector<const Regular *> matching;
+	for (const Regular *r : model.library(location)->regulars)
+		if (r->treatment != 0 && location_open(r->location, packet, world) &&
+		    world.vsd(r->owner) == 0 && rule_match(packet, *r))
+			matching.push_back(r);
+	return offer(matching, true, total, l2, packet.ifindex);
 }
 
 std::vector<int> Sockets::deliver_wlan(const WlanPacket &packet, uint32_t total, uint32_t l2)
 {
-	std::vector<int> matched;
-	for (const Regular *r : model.library(8)->regulars) {
-		if (r->treatment == 0)
-			continue;
-		if (world.vsd(r->owner) != 0 || !wlan_rule_match(packet, *r))
-			continue;
-		matched.push_back(r->owner);
-		hand_over(at(r->owner), total, l2, packet.ifindex);
-	}
-	return matched;
+	std::vector<const Regular *> matching;
+	for (const Regular *r : model.library(8)->regulars)
+		if (r->treatment != 0 && world.vsd(r->owner) == 0 && wlan_rule_match(packet, *r))
+			matching.push_back(r);
+	return offer(matching, false, total, l2, packet.ifindex);
 }
 
 } // namespace oracle

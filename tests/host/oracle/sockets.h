@@ -45,8 +45,10 @@ public:
 	World world;
 	// True size the kernel gives a buffer made for that many bytes.
 	std::function<uint32_t(uint32_t)> truesize = [](uint32_t n) { return n; };
-	// Whether a socket buffer can be allocated. Asked once per matched socket.
+	// Whether a socket buffer can be allocated: for a socket, or for several of one frame.
 	std::function<bool()> skb_allocation = [] { return true; };
+	// Whether one can be cloned: for each of several sockets.
+	std::function<bool()> skb_clone = [] { return true; };
 	uint32_t skb_failures = 0;
 	uint32_t in_flight = 0; // buffers made and not dropped by delivery
 	uint32_t released = 0;  // buffers purged at release
@@ -76,7 +78,9 @@ private:
 	void start(Socket &s);
 	int edit(int id, bool add, uint32_t type, uint32_t count,
 		 const std::vector<uint8_t> &elements);
-	bool hand_over(Socket &s, uint32_t total, uint32_t l2, uint32_t ifindex);
+	bool hand_over(Socket &s, bool shared, uint32_t total, uint32_t l2, uint32_t ifindex);
+	std::vector<int> offer(const std::vector<const Regular *> &matching, bool traps,
+			       uint32_t total, uint32_t l2, uint32_t ifindex);
 
 	std::map<int, std::unique_ptr<Socket>> sockets_;
 };

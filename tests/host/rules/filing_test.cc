@@ -54,6 +54,7 @@ TEST_F(Filing, locking__changes_happen_under_the_write_lock_hooks_register_outsi
 	};
 	kernel().at[Point::kRegModule] = look;
 	kernel().at[Point::kDeregModule] = look;
+	// One value, one copy that hooks find: the library lock is held for each way of it.
 	int writes = 0;
 	kernel().at[Point::kLock] = [&](const void *lock) {
 		if (lock == &lib->lock && reinterpret_cast<const fake::Lock *>(lock)->writers)

@@ -397,15 +397,19 @@ TEST_F(Random, module_and_reference_agree_without_memory)
 	steps /= 2;
 	std::map<Fail, u32> taken, asked;
 	auto fails = [](std::map<Fail, u32> &count, Fail call) {
-		return ++count[call] % (call == Fail::kSkbAlloc ? 10 : 30) == 0;
+		bool buffer = call == Fail::kSkbAlloc || call == Fail::kSkbClone;
+		return ++count[call] % (buffer ? 10 : 30) == 0;
 	};
 	kernel().fault = [&](Fail call) {
-		return (call == Fail::kSkbAlloc || call <= Fail::kCopyAlloc) && fails(taken, call);
+		return (call == Fail::kSkbAlloc || call == Fail::kSkbClone ||
+			call <= Fail::kCopyAlloc) &&
+		       fails(taken, call);
 	};
 	reference.model.allocation = [&](oracle::Cache c) {
 		return !fails(asked, fake::alloc_of(c));
 	};
 	reference.skb_allocation = [&] { return !fails(asked, Fail::kSkbAlloc); };
+	reference.skb_clone = [&] { return !fails(asked, Fail::kSkbClone); };
 	run("module_and_reference_agree_without_memory");
 	EXPECT_GT(reference.model.counters.data_failures, 0u);
 	EXPECT_GT(reference.skb_failures, 0u);

@@ -183,7 +183,7 @@ TEST_F(RegularLib, insert__valued_item_without_data_makes_a_new_entry_each_time)
 	Rule a(kLoc, PACKET_COPY), b(kLoc, PACKET_COPY);
 	a.item(PACKET_ETH_PROT_EQUAL);
 	b.item(PACKET_ETH_PROT_EQUAL);
-	seam_write_lock_bh(&lib->lock);
+	seam_mutex_lock(&lib->change_lock);
 	filter_list_data *one = pkt_add_new_filter_data(PACKET_ETH_PROT_EQUAL, nullptr, lib);
 	EXPECT_EQ(pkt_search_data_from_filter_list(PACKET_ETH_PROT_EQUAL, nullptr, lib), nullptr);
 	filter_list_data *two = pkt_add_new_filter_data(PACKET_ETH_PROT_EQUAL, nullptr, lib);
@@ -193,7 +193,7 @@ TEST_F(RegularLib, insert__valued_item_without_data_makes_a_new_entry_each_time)
 		pkt_free_filter_list_data(e);
 		lib->filter_count--;
 	}
-	seam_write_unlock_bh(&lib->lock);
+	seam_mutex_unlock(&lib->change_lock);
 }
 
 TEST_F(RegularLib, insert__types_without_value_share_an_entry_whatever_the_value)
@@ -294,7 +294,7 @@ TEST_F(RegularLib, search__first_item_of_indexed_rules_only)
 								&probe.regular());
 	regular_item *mac = mox_packet_search_item_from_regular(PACKET_SRC_MAC_EQUAL,
 								&probe.regular());
-	seam_read_lock_bh(&lib->lock);
+	seam_mutex_lock(&lib->change_lock);
 	EXPECT_EQ(pkt_search_item_in_regular_lib(eth, lib),
 		  mox_packet_search_item_from_regular(PACKET_ETH_PROT_EQUAL, &copy.regular()));
 	EXPECT_EQ(pkt_search_item_in_regular_lib(mac, lib), nullptr);
@@ -304,7 +304,7 @@ TEST_F(RegularLib, search__first_item_of_indexed_rules_only)
 	wanted->value[0] = 2;
 	EXPECT_NE(pkt_search_data_in_regular_lib(wanted, lib), nullptr);
 	wanted->value[0] = 1;
-	seam_read_unlock_bh(&lib->lock);
+	seam_mutex_unlock(&lib->change_lock);
 }
 
 // --------------------------------------------------------------------------

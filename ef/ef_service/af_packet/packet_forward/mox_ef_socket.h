@@ -16,6 +16,31 @@ struct mox_packet_sock;
 /** Bytes of a rule value. */
 #define REGULAR_VALUE_SIZE 8
 
+struct filter_list_data;
+struct packet_regular;
+struct regular_data;
+
+/** A place in a list: a smaller one is nearer to the head. Compared by high, then by low. */
+struct rule_place {
+	u64 high;
+	u64 low;
+};
+
+/** A link of a rule or a match copy in a bucket of an index (rules/index.hpp). */
+struct rule_anchor {
+	struct rule_anchor *next; /* null at the end */
+	struct rule_anchor *prev; /* of the first: the last; null while in no bucket */
+	u32 hash;
+	u32 spot; /* number in rule_index::anchors */
+	struct packet_regular *rule;
+};
+
+/** Links in a tree of values (base/tree.hpp). */
+struct value_links {
+	struct regular_data *left;
+	struct regular_data *right;
+};
+
 /** A capture rule: a socket's own, or a match copy filed in a library. */
 struct packet_regular {
 	struct mox_packet_sock *owner;
@@ -23,13 +48,24 @@ struct packet_regular {
 	u32 location;              /* enum mox_packet_location, or any value a user set */
 	struct list_head items;    /* of regular_item */
 	struct list_head lib_node; /* own: in the library's regulars; copy: in a match list */
+	/* What follows belongs to the index and means nothing outside a library. */
+	struct filter_list_data *entry; /* copy: the key it is filed under */
+	union {
+		struct packet_regular *filed;     /* own: the copy for an item without data */
+		struct packet_regular **filed_at; /* copy: where its rule points at it */
+	};
+	struct regular_item *anchored; /* the item whose values are anchored; null: anchor is */
+	struct rule_anchor anchor;
+	struct rule_place place; /* in the list of lib_node */
 };
 
 /** All match values of one type inside a rule. */
 struct regular_item {
 	struct list_head node;
-	u32 type;               /* enum mox_packet_rule_type */
-	struct list_head datas; /* of regular_data */
+	u32 type;                  /* enum mox_packet_rule_type */
+	struct list_head datas;    /* of regular_data, in the order of their arrival */
+	struct regular_data *root; /* of the tree of the same data, by value */
+	struct list_head lib_node; /* in the library's items of this type */
 };
 
 /** One match value; the type decides how many of the bytes count. */
@@ -37,6 +73,14 @@ struct regular_data {
 	struct list_head node;
 	u32 type;
 	unsigned char value[REGULAR_VALUE_SIZE];
+	u32 priority;            /* in every tree that it is in */
+	struct value_links item; /* in its item's tree */
+	struct value_links lib;  /* in its library's tree, if it stands for its equals there */
+	struct list_head equals; /* ring of the equal data of the library */
+	struct filter_list_data
+		*entry;               /* of a datum that stands for its equals: the key, or null */
+	struct packet_regular *filed; /* the copy that is filed under this value, or null */
+	struct rule_anchor anchor;
 };
 
 /** One distinct key of a library, with the rules filed under it. */
@@ -46,15 +90,62 @@ struct filter_list_data {
 	struct list_head local_match_list; /* fetch-local, then copy-local */
 	u32 type;
 	unsigned char value[REGULAR_VALUE_SIZE];
+	struct packet_regular *last_trap; /* the last trap of match_list, or null */
+	u32 nameless;                     /* 1: the type has values, the key has none */
+	u64 place;                        /* among the entries of its type */
 };
 
-/** The rules of one location group. */
+/*
+ * The index of a library. A view is a location that the library serves: its own,
+ * and for the reserved multicast one also the two reserved interfaces. A slot is
+ * a rule type, or a class of frames for rules without a value to look up.
+ */
+#define RULE_VIEWS 3
+#define RULE_SLOTS 26
+#define RULE_FILTER_BUCKETS 1024
+#define RULE_DELIVERY_BUCKETS 512
+
+/** What a set of buckets holds. */
+struct rule_index {
+	u32 present[RULE_VIEWS]; /* a bit for each slot that has anchors */
+	u32 reserved_views;      /* present of the views but the first, or-ed */
+	u32 anchors[RULE_VIEWS * RULE_SLOTS];
+};
+
+/** Numbers in packet_regular_lib::reading. */
+enum lib_reading { LIB_READS_RULE, LIB_READS_KEY, LIB_READS_COPY, LIB_READINGS };
+
+/**
+ * The rules of one location group. change_lock is held while rules enter or leave
+ * and while frames are delivered; under it, lock is taken for the moments in which
+ * what hooks read changes.
+ */
 struct packet_regular_lib {
 	seam_rwlock lock;
-	u32 regular_count SEAM_GUARDED_BY(lock);
-	struct list_head regulars SEAM_GUARDED_BY(lock); /* the sockets' own, in treatment order */
-	u32 filter_count SEAM_GUARDED_BY(lock);
-	struct list_head filter_list SEAM_GUARDED_BY(lock); /* by type, new after equals */
+	u32 regular_count; /* read without a lock */
+	struct list_head regulars
+		SEAM_GUARDED_BY(change_lock); /* the sockets' own, in treatment order */
+	u32 filter_count SEAM_GUARDED_BY(change_lock);
+	struct list_head filter_list SEAM_GUARDED_BY(change_lock); /* by type, new after equals */
+
+	seam_mutex change_lock;
+	/* For hooks: match copies. present and the heads are also read without a lock. */
+	struct rule_index filter;
+	struct rule_anchor *filter_buckets[RULE_FILTER_BUCKETS];
+	/* For delivery: rules. */
+	struct rule_index delivery;
+	struct rule_anchor *delivery_buckets[RULE_DELIVERY_BUCKETS];
+	/* By type: the last entry, the values of indexed rules, their items. */
+	struct filter_list_data *last_entry[MOX_PACKET_RULE_TYPES] SEAM_GUARDED_BY(change_lock);
+	struct regular_data *values[MOX_PACKET_RULE_TYPES] SEAM_GUARDED_BY(change_lock);
+	struct list_head items[MOX_PACKET_RULE_TYPES] SEAM_GUARDED_BY(change_lock);
+	/* Entries of a type with values that have none: the search by value does not find them. */
+	u32 nameless SEAM_GUARDED_BY(change_lock);
+	/* Where a report goes on: the next rule, key and copy. What leaves takes them along. */
+	struct list_head *reading[LIB_READINGS] SEAM_GUARDED_BY(change_lock);
+	u32 reading_moved SEAM_GUARDED_BY(change_lock); /* a bit for each that was taken along */
+	u64 entries_made SEAM_GUARDED_BY(change_lock);
+	u64 rules_entered SEAM_GUARDED_BY(change_lock);
 };
 
 /** Bits of mox_packet_sock::flags. */

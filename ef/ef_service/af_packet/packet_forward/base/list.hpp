@@ -31,6 +31,15 @@ inline void list_unlink(list_head *link)
 	link->prev->next = link->next;
 }
 
+/** Insert behind another link or a head, without a barrier: the list has no reader. */
+inline void list_link(list_head *link, list_head *behind)
+{
+	link->next = behind->next;
+	link->prev = behind;
+	behind->next->prev = link;
+	behind->next = link;
+}
+
 /** Mark the link of a record that is about to be freed: a later use faults at a known address. */
 inline void list_poison(list_head *link)
 {

@@ -17,6 +17,18 @@ namespace {
 /* The task that writes the dump file, 0 outside a dump. Only that task touches the variables above. */
 constinit s32 g_tech_task = 0;
 
+/* Lines that wait for the end of a page, each with its NUL, and the task whose page it is. */
+constexpr u32 kPageSize = 8192;
+constexpr u32 kPageReserve = 32 * kLineSize;
+constinit char g_page[kPageSize]{};
+constinit u32 g_page_used = 0;
+constinit s32 g_page_task = 0;
+
+bool on_page()
+{
+	return load(g_page_task) != 0 && load(g_page_task) == seam_current_pid();
+}
+
 /* A quarter is kept free for the lines up to the next check of the fill. */
 constexpr u32 kNearlyFull = kStagingSize / 4 * 3;
 
@@ -62,6 +74,54 @@ void report_flush()
 		return;
 	seam_file_write(g_tech_filp, g_file_buff, g_file_bufflen);
 	g_file_bufflen = 0;
+}
+
+ReportPage::ReportPage()
+{
+	g_page_used = 0;
+	store(g_page_task, seam_current_pid());
+}
+
+ReportPage::~ReportPage()
+{
+	store(g_page_task, 0);
+	for (u32 at = 0; at < g_page_used;) {
+		const char *line = g_page + at;
+		u32 len = static_cast<u32>(__builtin_strlen(line));
+		if (report_staged()) {
+			__builtin_memcpy(g_wbuf, line, len);
+			report_append(static_cast<int>(len));
+		} else {
+			mox_printk("%s", line);
+		}
+		at += len + 1;
+	}
+	g_page_used = 0;
+}
+
+bool ReportPage::full()
+{
+	return on_page() && g_page_used > kPageSize - kPageReserve;
+}
+
+LineBuffer report_line_buffer()
+{
+	if (on_page()) {
+		/* One line more than fits is dropped: reports ask full() in time. */
+		u32 room = kPageSize - g_page_used;
+		return { g_page + g_page_used, room < kLineSize ? room : kLineSize };
+	}
+	if (report_staged())
+		return { g_wbuf, sizeof(g_wbuf) };
+	return { nullptr, 0 };
+}
+
+void report_keep_line(int len)
+{
+	if (!on_page())
+		report_append(len);
+	else if (g_page_used + static_cast<u32>(len) + 1 < kPageSize)
+		g_page_used += static_cast<u32>(len) + 1;
 }
 
 bool report_nearly_full()

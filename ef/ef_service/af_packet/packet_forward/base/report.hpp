@@ -42,6 +42,32 @@ void report_end_file();
 bool report_staged();
 /** Stage the first len bytes of g_wbuf, or drop them all when there is no room. Any. */
 void report_append(int len);
+
+/**
+ * A page of report lines: those of this task are collected while it lives, so that
+ * what they report may be read under a lock, and printed at the end, where none is
+ * held. One task at a time; the lines of others go where they go. Process.
+ */
+class ReportPage {
+public:
+	ReportPage();
+	/** Print what was collected: to the log, or to the staging buffer. */
+	~ReportPage();
+	ReportPage(const ReportPage &) = delete;
+	ReportPage &operator=(const ReportPage &) = delete;
+
+	/** Whether so much is collected that the report should end the page: room is left for 32 lines. */
+	static bool full();
+};
+
+/** Where a line of this task is formatted; null: it is printed at once. */
+struct LineBuffer {
+	char *at;
+	u32 size;
+};
+LineBuffer report_line_buffer();
+/** Keep a line of len characters that stands in the line buffer. */
+void report_keep_line(int len);
 /**
  * Write what is staged to the file, at its position. Does nothing when nothing
  * is. A write that fails loses what was staged. Process.
@@ -59,13 +85,14 @@ bool report_nearly_full();
 /**
  * A line of a report, with printk's formats. In the file a line is cut after
  * 127 characters, and dropped whole when it does not fit into the rest of the
- * staging buffer; a shorter one behind it may still fit. Any.
+ * staging buffer; a shorter one behind it may still fit. So it is on a page. Any.
  */
-#define REPORT_LINE(format, ...)                                                               \
-	do {                                                                                   \
-		if (mox::report_staged())                                                      \
-			mox::report_append(seam_scnprintf(g_wbuf, sizeof(g_wbuf),              \
-							  format __VA_OPT__(, ) __VA_ARGS__)); \
-		else                                                                           \
-			mox_printk(format __VA_OPT__(, ) __VA_ARGS__);                         \
+#define REPORT_LINE(format, ...)                                                                  \
+	do {                                                                                      \
+		const mox::LineBuffer line_ = mox::report_line_buffer();                          \
+		if (line_.at)                                                                     \
+			mox::report_keep_line(seam_scnprintf(line_.at, line_.size,                \
+							     format __VA_OPT__(, ) __VA_ARGS__)); \
+		else                                                                              \
+			mox_printk(format __VA_OPT__(, ) __VA_ARGS__);                            \
 	} while (0)

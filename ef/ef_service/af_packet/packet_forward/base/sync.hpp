@@ -73,6 +73,19 @@ private:
 	seam_rwlock *lock_;
 };
 
+/** A mutex: the holder may sleep. Process. */
+class SEAM_SCOPED_CAPABILITY MutexGuard : Pinned {
+public:
+	explicit MutexGuard(seam_mutex *lock) SEAM_ACQUIRE(lock) : lock_(lock)
+	{
+		seam_mutex_lock(lock);
+	}
+	~MutexGuard() SEAM_RELEASE() { seam_mutex_unlock(lock_); }
+
+private:
+	seam_mutex *lock_;
+};
+
 /** The socket lock. */
 class SockGuard : Pinned {
 public:

@@ -38,10 +38,9 @@ int deregister_hooks(const Location &hooks)
 	return result;
 }
 
-u32 regular_count(packet_regular_lib *lib)
+u32 regular_count(const packet_regular_lib *lib)
 {
-	ReadGuard guard(&lib->lock);
-	return lib->regular_count;
+	return load(lib->regular_count);
 }
 
 } // namespace

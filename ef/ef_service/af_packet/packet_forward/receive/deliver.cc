@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The socket-buffer work is done under the library's read lock, so it never
- * sleeps.
+ * The library's change lock, a mutex, is held while frames are delivered: rules
+ * neither enter nor leave meanwhile, and a socket that is being closed waits in its
+ * rule's withdrawal, so that no buffer is queued behind its purge.
  */
 #include "receive/deliver.hpp"
 
@@ -27,6 +28,11 @@ namespace ef = platform::ef;
 namespace {
 
 static_assert(sizeof(mox_packet_ctrl_info) == 48);
+
+/* Frames, and sockets that get one, for which the change lock is held once. */
+constexpr u32 kWorkOfHold = 2048;
+/* Sockets that get a frame between two chances for another task. */
+constexpr u32 kSocketsOfTurn = 64;
 
 const char *treatment_text(u32 treatment)
 {
@@ -119,25 +125,56 @@ void drop_skb(sk_buff *skb)
 
 using OwnedSkb = Owned<sk_buff, drop_skb>;
 
-/** A socket buffer with the whole frame and its control record, or null. */
-OwnedSkb build_skb(const void *efbuff, u16 eth_type, bool dgram)
+/** A socket buffer with the whole frame and its control record, or null. Not counted. */
+sk_buff *build_skb(const void *efbuff, u16 eth_type)
 {
 	u32 len = field<u32>(efbuff, ef::kTotalLen);
-	u16 l2_len = field<u16>(efbuff, ef::kL2Len);
 	sk_buff *skb = seam_skb_alloc(len);
-	if (!skb) {
-		bump(g_packet_thread_debug.alloc_skb_failed);
-		return OwnedSkb();
-	}
-	bump(g_alloc_skb_num);
+	if (!skb)
+		return nullptr;
 	__builtin_memcpy(seam_skb_put(skb, len), mac_header(efbuff), len);
-	seam_skb_set_meta(skb, l2_len, source_ifindex(efbuff),
+	seam_skb_set_meta(skb, field<u16>(efbuff, ef::kL2Len), source_ifindex(efbuff),
 			  static_cast<u16>(vlan_id_of(efbuff)));
-	if (dgram)
-		seam_skb_pull(skb, l2_len);
 	fill_ctrl(efbuff, eth_type, static_cast<mox_packet_ctrl_info *>(seam_skb_cb(skb)));
-	return OwnedSkb(skb);
+	return skb;
 }
+
+/**
+ * The buffers of one frame. When several sockets get it, they share its data:
+ * each has a clone of a master that no socket has.
+ */
+class FrameBuffers : Pinned {
+public:
+	FrameBuffers(const void *efbuff, u16 eth_type) : efbuff_(efbuff), eth_type_(eth_type) {}
+
+	/** The next buffer will not be the last. */
+	void expect_more()
+	{
+		if (!master_)
+			master_ = Owned<sk_buff, seam_consume_skb>(build_skb(efbuff_, eth_type_));
+	}
+
+	/** A buffer for one socket, or null, which is counted. */
+	OwnedSkb make(bool dgram)
+	{
+		/* Without memory for a master each socket's own attempt counts. */
+		sk_buff *skb = master_ ? seam_skb_clone(master_.get())
+				       : build_skb(efbuff_, eth_type_);
+		if (!skb) {
+			bump(g_packet_thread_debug.alloc_skb_failed);
+			return OwnedSkb();
+		}
+		bump(g_alloc_skb_num);
+		if (dgram)
+			seam_skb_pull(skb, field<u16>(efbuff_, ef::kL2Len));
+		return OwnedSkb(skb);
+	}
+
+private:
+	const void *efbuff_;
+	u16 eth_type_;
+	Owned<sk_buff, seam_consume_skb> master_;
+};
 
 /** What becomes of a socket's buffer. */
 enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull };
@@ -206,11 +243,10 @@ void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
  * One packet for one socket, on which the caller holds a reference. False when
  * there was no memory for the buffer, which does not count as an offer.
  */
-bool deliver(const void *efbuff, u16 eth_type, mox_packet_sock *po)
+bool deliver(FrameBuffers &buffers, bool trace, mox_packet_sock *po)
 {
-	const bool trace = traced(efbuff);
 	sock *sk = sk_of(po);
-	OwnedSkb skb = build_skb(efbuff, eth_type, seam_sk_type(sk) == sock_type::kDgram);
+	OwnedSkb skb = buffers.make(seam_sk_type(sk) == sock_type::kDgram);
 	if (!skb) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-FW: alloc skb failed.\n");
@@ -231,41 +267,37 @@ bool deliver(const void *efbuff, u16 eth_type, mox_packet_sock *po)
 
 /** The seven per-location queues. */
 struct LocationDelivery {
+	using Info = pkt_info;
+
 	u32 location;
+	const void *efbuff;
 	pkt_info info;
 
-	LocationDelivery(u32 queue_location, void *efbuff) : location(queue_location)
+	LocationDelivery(u32 queue_location, void *buffer)
+		: location(queue_location), efbuff(buffer)
 	{
-		pkt_info_build(efbuff, &info);
+		pkt_info_build(buffer, &info);
 	}
 
 	/** Here the filter is compared with every matched packet; hooks compare unmarked ones only. */
 	void trace(const packet_regular &rule)
 	{
 		const bool passes = pktd_filter_passes(info);
-		if (traced(info.efbuff))
+		if (traced(efbuff))
 			trace_delivery(info, rule);
 		else if (passes)
 			(void)path_switch_on(location);
 	}
 
-	/** Offer the packet to a rule's socket; true ends the walk. */
-	bool offer(const packet_regular &rule)
-	{
-		if (!location_sees(rule.location, info.efbuff))
-			return false;
-		SockRef ref(rule.owner);
-		if (rule.owner->vsd != 0 || !pkt_rule_match(&info, &rule))
-			return false;
-		trace(rule);
-		bool offered = deliver(info.efbuff, info.eth_type, rule.owner);
-		return offered && rule.treatment == PACKET_TRAP;
-	}
+	/** Whether a rule whose socket was offered the frame ends its delivery. */
+	static bool ends(const packet_regular &rule) { return rule.treatment == PACKET_TRAP; }
 };
 
-/** The WLAN queue: matched before the reference, and a trap ends nothing. */
+/** The WLAN queue: a trap ends nothing. */
 struct WlanDelivery {
-	void *efbuff;
+	using Info = pkt_wlan_info;
+
+	const void *efbuff;
 	pkt_wlan_info info;
 
 	WlanDelivery(u32, void *buffer) : efbuff(buffer) { pkt_wlan_info_build(buffer, &info); }
@@ -279,16 +311,41 @@ struct WlanDelivery {
 			(void)path_switch_on(PACKET_WLAN_LOC);
 	}
 
-	bool offer(const packet_regular &rule)
-	{
-		if (rule.owner->vsd != 0 || !pkt_wlan_rule_match(&info, &rule))
-			return false;
-		SockRef ref(rule.owner);
-		trace(rule);
-		deliver(efbuff, info.eth_type, rule.owner);
-		return false;
-	}
+	static bool ends(const packet_regular &) { return false; }
 };
+
+/** Offer a frame to the sockets of all rules that match it. Their number. */
+template <typename Delivery>
+u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
+	SEAM_REQUIRES(lib->change_lock)
+{
+	Delivery delivery(location, efbuff);
+	FrameBuffers buffers(efbuff, delivery.info.eth_type);
+	MatchingRules<typename Delivery::Info> matching(delivery.info, lib);
+	const bool trace = traced(efbuff);
+	u32 offered = 0;
+
+	packet_regular *rule = matching.next();
+	while (rule) {
+		packet_regular *next = nullptr;
+		const bool ends = Delivery::ends(*rule);
+		if (!ends) {
+			next = matching.next();
+			if (next)
+				buffers.expect_more();
+		}
+		{
+			SockRef ref(rule->owner);
+			delivery.trace(*rule);
+			if (deliver(buffers, trace, rule->owner) && ends)
+				break;
+		}
+		rule = ends ? matching.next() : next;
+		if (++offered % kSocketsOfTurn == 0)
+			seam_cond_resched();
+	}
+	return offered;
+}
 
 void spend(u32 *budget)
 {
@@ -298,22 +355,32 @@ void spend(u32 *budget)
 	seam_schedule();
 }
 
+/**
+ * Deliver a queue. Rule changes wait for the change lock while it is held here,
+ * and delivery waits for them: it lets go of the lock after a bounded amount of
+ * work and whenever another task is due.
+ */
 template <typename Delivery>
 void deliver_queue(u32 location, packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
 {
 	EfbuffChain chain = queue_detach(queue);
-	while (OwnedEfbuff efbuff{ chain.next() }) {
+	OwnedEfbuff efbuff(chain.next());
+
+	while (efbuff) {
 		spend(budget);
-		Delivery delivery(location, efbuff.get());
 		{
-			ReadGuard guard(&lib->lock);
-			for (const packet_regular *rule : regulars_of(&lib->regulars)) {
-				if (rule->treatment == PACKET_TREATMENT_NONE || !rule->owner)
-					continue;
-				if (delivery.offer(*rule))
+			MutexGuard guard(&lib->change_lock);
+			for (u32 work = 0;;) {
+				work += 1 + deliver_frame<Delivery>(location, lib, efbuff.get());
+				efbuff = OwnedEfbuff(chain.next());
+				/* The last frame of the budget yields: outside. */
+				if (!efbuff || work >= kWorkOfHold || *budget == 1 ||
+				    seam_need_resched())
 					break;
+				spend(budget);
 			}
 		}
+		seam_cond_resched();
 	}
 }
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Each hook classifies the platform's current packet under its library's read
- * lock and puts it, or a clone, on its own CPU's queue. The library lock and the
- * queue lock are never held together.
+ * Each hook classifies the platform's current packet and puts it, or a clone, on
+ * its own CPU's queue. The library lock, which it takes for reading if the packet
+ * may match a rule, and the queue lock are never held together.
  */
 #include "base/log.hpp"
 #include "packet/filter.hpp"
@@ -72,6 +72,18 @@ template <u32 location> bool hand_over_clone(void *efbuff)
 	return true;
 }
 
+/** The fast filter: the treatment of the first rule that matches, or 0. */
+template <typename Info> u32 filter(const Info &info, packet_regular_lib *lib)
+{
+	FilterCandidates candidates;
+
+	filter_look(info, lib, &candidates);
+	if (candidates.count == 0)
+		return PACKET_TREATMENT_NONE;
+	ReadGuard guard(&lib->lock);
+	return filter_decide(info, lib, candidates);
+}
+
 void trace_received(const pkt_info &info, u32 location)
 {
 	MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, loc %s, src_intf: %s, src_ifx: %u, in vsd: %u\n",
@@ -92,11 +104,7 @@ template <u32 location> u32 receive_full()
 	else if (pktd_filter_passes(info))
 		(void)path_switch_on(path_switch(location));
 
-	u32 treatment;
-	{
-		ReadGuard guard(&kRow.library->lock);
-		treatment = pkt_fast_filter(&info, kRow.library);
-	}
+	const u32 treatment = filter(info, kRow.library);
 	if (treatment == PACKET_TREATMENT_NONE) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, fast filter\n", efbuff);
@@ -141,11 +149,7 @@ u32 wlan_receive()
 	if (trace)
 		trace_wlan_received(efbuff, info);
 
-	u32 treatment;
-	{
-		ReadGuard guard(&g_wlan_packet_regular_lib.lock);
-		treatment = pkt_wlan_fast_filter(&info);
-	}
+	const u32 treatment = filter(info, &g_wlan_packet_regular_lib);
 	if (treatment == PACKET_TREATMENT_NONE) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, fast filter\n", efbuff);

@@ -4,40 +4,9 @@
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "rules/ranges.hpp"
+#include "rules/values.hpp"
 
 namespace mox {
-namespace {
-
-/** The rule's first item of a type, or null; const if the rule is. */
-template <typename Regular> auto first_item(u32 type, Regular *regular)
-{
-	for (auto *item : items_of(regular))
-		if (item->type == type)
-			return item;
-	return decltype(*items_of(regular).begin()){ nullptr };
-}
-
-/** The item's first datum that equals data, or null; const if the item is. */
-template <typename Item> auto first_data(const regular_data *data, Item *item)
-{
-	for (auto *held : datas_of(item))
-		if (held->type == data->type &&
-		    pkt_regular_data_match(held->type, held->value, data->value))
-			return held;
-	return decltype(*datas_of(item).begin()){ nullptr };
-}
-
-} // namespace
-
-const regular_item *find_item(u32 type, const packet_regular *regular)
-{
-	return first_item(type, regular);
-}
-
-const regular_data *find_data(const regular_data *data, const regular_item *item)
-{
-	return first_data(data, item);
-}
 
 int add_data(OwnedData data, packet_regular *regular)
 {
@@ -70,12 +39,18 @@ bool pkt_regular_data_match(u32 type, const void *one, const void *other)
 
 regular_item *mox_packet_search_item_from_regular(u32 type, packet_regular *regular)
 {
-	return first_item(type, regular);
+	/* At most one item a type: a short list. */
+	for (regular_item *item : items_of(regular))
+		if (item->type == type)
+			return item;
+	return nullptr;
 }
 
 regular_data *mox_packet_search_data_from_item(const regular_data *data, regular_item *item)
 {
-	return first_data(data, item);
+	if (data->type != item->type)
+		return nullptr;
+	return ItemTree::find(item->root, ValueKey(data->type, data->value));
 }
 
 void mox_packet_add_item_to_regular(regular_item *item, packet_regular *regular)
@@ -86,6 +61,7 @@ void mox_packet_add_item_to_regular(regular_item *item, packet_regular *regular)
 void mox_packet_add_data_to_item(regular_data *data, regular_item *item)
 {
 	mox_packet_list_add_tail_safe(&data->node, &item->datas);
+	(void)ItemTree::insert(&item->root, data, ValueKey(data->type, data->value));
 }
 
 int mox_packet_add_data_to_regular(regular_data *data, packet_regular *regular)
@@ -118,6 +94,7 @@ void mox_packet_del_data_from_regular(const regular_data *data, packet_regular *
 	regular_data *held = mox_packet_search_data_from_item(data, item);
 	if (!held)
 		return;
+	ItemTree::erase(&item->root, held, ValueKey(held->type, held->value));
 	mox_packet_del_data(held);
 	mox_packet_free_data(held);
 	if (mox_packet_item_empty(item)) {

@@ -36,8 +36,4 @@ namespace mox {
 /** mox_packet_add_data_to_regular, which takes the datum over. 0 or -ENOMEM. */
 int add_data(OwnedData data, packet_regular *regular);
 
-/* The searches for rules that stay as they are. */
-const regular_item *find_item(u32 type, const packet_regular *regular);
-const regular_data *find_data(const regular_data *data, const regular_item *item);
-
 } // namespace mox

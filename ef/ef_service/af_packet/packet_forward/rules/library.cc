@@ -9,12 +9,29 @@
 
 #include "base/log.hpp"
 #include "rules/edit.hpp"
+#include "rules/index.hpp"
+#include "rules/pauses.hpp"
 #include "rules/ranges.hpp"
+#include "rules/values.hpp"
 
 namespace mox {
 namespace {
 
-/** The link after which a new fetch rule goes: the last of the leading run of traps, or the head. */
+packet_regular *regular_of(list_head *lib_node)
+{
+	return record_of<packet_regular, offsetof(packet_regular, lib_node)>(lib_node);
+}
+
+filter_list_data *entry_of(list_head *node)
+{
+	return record_of<filter_list_data, offsetof(filter_list_data, node)>(node);
+}
+
+/**
+ * The link behind which a new fetch rule goes: the last of the leading run of
+ * traps, or the head. A fetch-local rule at the head ends the run, and leaves it
+ * as it was when it leaves: the run is looked at anew each time.
+ */
 list_head *behind_traps(list_head *head)
 {
 	list_head *at = head;
@@ -26,39 +43,96 @@ list_head *behind_traps(list_head *head)
 	return at;
 }
 
+/*
+ * Places. The list of rules grows at both ends and behind its leading traps: what
+ * goes to the head gets a smaller number than all before it, what goes to the tail
+ * a greater one, and a fetch rule behind a trap the trap's number, with a second
+ * one that is smaller than that of older fetch rules behind the same trap. 64 bits
+ * last for ever.
+ */
+constexpr u64 kMiddle = 1ull << 62;
+
+rule_place head_place(u64 number)
+{
+	return { kMiddle - number, 0 };
+}
+
+rule_place tail_place(u64 number)
+{
+	return { kMiddle + number, 0 };
+}
+
+rule_place behind_place(const packet_regular *trap, u64 number)
+{
+	return { trap->place.high, ~number };
+}
+
 /**
  * Put the rule at its treatment's place among the library's rules. A value
  * beyond the known treatments goes where a fetch rule would.
  */
-void place_in_regulars(packet_regular *regular, list_head *head)
+void place_in_regulars(packet_regular *regular, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
 {
+	list_head *head = &lib->regulars;
+	const u64 number = ++lib->rules_entered;
+	list_head *at;
+
 	switch (regular->treatment) {
 	case PACKET_FETCH_LOCAL:
 	case PACKET_TRAP:
+		regular->place = head_place(number);
 		mox_packet_list_ins_head_safe(&regular->lib_node, head);
 		break;
 	case PACKET_COPY:
 	case PACKET_COPY_LOCAL:
 	case PACKET_TREATMENT_NONE:
+		regular->place = tail_place(number);
 		mox_packet_list_add_tail_safe(&regular->lib_node, head);
 		break;
 	default:
-		mox_packet_list_ins_head_safe(&regular->lib_node, behind_traps(head));
+		at = behind_traps(head);
+		regular->place = at == head ? head_place(number)
+					    : behind_place(regular_of(at), number);
+		mox_packet_list_ins_head_safe(&regular->lib_node, at);
 		break;
 	}
 }
 
-void place_in_entry(packet_regular *copy, filter_list_data *entry)
+constexpr u64 kSpan = 1ull << 62;
+
+/** Places in an entry's lists: traps, then fetches, both newest first, then copies. */
+u64 place_among_copies(u32 treatment, u64 number)
 {
+	switch (treatment) {
+	case PACKET_TRAP:
+		return kSpan - number;
+	case PACKET_FETCH:
+		return 2 * kSpan - number;
+	default:
+		return 2 * kSpan + number;
+	}
+}
+
+/** Link the copy in its entry, at its treatment's place. Only indexed treatments are filed. */
+void place_in_entry(packet_regular *copy, u64 number)
+{
+	filter_list_data *entry = copy->entry;
+
+	copy->place = { place_among_copies(copy->treatment, number), 0 };
 	switch (copy->treatment) {
 	case PACKET_COPY:
 		mox_packet_list_add_tail_safe(&copy->lib_node, &entry->match_list);
 		break;
 	case PACKET_TRAP:
 		mox_packet_list_ins_head_safe(&copy->lib_node, &entry->match_list);
+		if (!entry->last_trap)
+			entry->last_trap = copy;
 		break;
 	case PACKET_FETCH:
-		mox_packet_list_ins_head_safe(&copy->lib_node, behind_traps(&entry->match_list));
+		mox_packet_list_ins_head_safe(&copy->lib_node, entry->last_trap
+								       ? &entry->last_trap->lib_node
+								       : &entry->match_list);
 		break;
 	case PACKET_COPY_LOCAL:
 		mox_packet_list_add_tail_safe(&copy->lib_node, &entry->local_match_list);
@@ -67,7 +141,6 @@ void place_in_entry(packet_regular *copy, filter_list_data *entry)
 		mox_packet_list_ins_head_safe(&copy->lib_node, &entry->local_match_list);
 		break;
 	default:
-		/* Only indexed treatments are filed. */
 		break;
 	}
 }
@@ -75,6 +148,7 @@ void place_in_entry(packet_regular *copy, filter_list_data *entry)
 /** Copy an item; data and items for which there is no memory are left out. */
 void copy_item(const regular_item *from, packet_regular *copy)
 {
+	Pauses pauses;
 	regular_item *item = mox_packet_alloc_init_item(from->type);
 	if (!item) {
 		MOX_DEBUG("PKT-ADD-REGULAR-TO-MATCH-LIST: alloc item failed\n");
@@ -87,18 +161,83 @@ void copy_item(const regular_item *from, packet_regular *copy)
 			continue;
 		}
 		mox_packet_add_data_to_item(data.release(), item);
+		pauses.step();
 	}
 	mox_packet_add_item_to_regular(item, copy);
 }
 
+/** A match copy of the rule, not linked anywhere; null without memory for it. */
+packet_regular *copy_rule(const packet_regular *regular)
+{
+	packet_regular *copy = pkt_alloc_regular_data();
+	if (!copy) {
+		MOX_DEBUG("PKT-ADD-REGULAR-TO-MATCH-LIST: alloc regular failed\n");
+		return nullptr;
+	}
+	copy->owner = regular->owner;
+	copy->treatment = regular->treatment;
+	copy->location = regular->location;
+	bool key_seen = false;
+	for (const regular_item *item : items_of(regular)) {
+		if (type_is_key(item->type) && !key_seen) {
+			key_seen = true; /* the entry's key replaces it */
+			continue;
+		}
+		copy_item(item, copy);
+	}
+	return copy;
+}
+
+/**
+ * File a copy of the rule under a key, where hooks find it. filed is where the
+ * rule keeps its copy, or null. Nothing without memory.
+ */
+void file_copy(const packet_regular *regular, filter_list_data *entry, packet_regular **filed,
+	       packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+{
+	packet_regular *copy = copy_rule(regular);
+	if (!copy)
+		return;
+	copy->entry = entry;
+	copy->filed_at = filed;
+	if (filed)
+		*filed = copy;
+	place_in_entry(copy, lib->rules_entered);
+	index_enter_copy(copy, lib);
+}
+
+/** Whether values of a type are compared; all values of the others are equal. */
+bool type_has_value(u32 type)
+{
+	const RuleType *row = rule_type(type);
+
+	return !row || row->has_value();
+}
+
+/**
+ * The entry for a value of which datum stands for all in the library; null for an
+ * item without data.
+ */
+filter_list_data *find_entry(u32 type, const void *value, const regular_data *datum,
+			     packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+{
+	/* All values of such a type are equal: it has one entry at most. */
+	if (!type_has_value(type))
+		return lib->last_entry[type];
+	if (lib->nameless != 0)
+		return pkt_search_data_from_filter_list(type, value, lib);
+	return datum ? datum->entry : nullptr;
+}
+
 /**
  * File a copy of the rule under a key, making the key's entry when there is
- * none. False without memory for the entry.
+ * none. datum stands for the key's value in the library, filed is where the rule
+ * keeps its copy. False without memory for the entry.
  */
-bool file_under(const packet_regular *regular, u32 type, const void *value, packet_regular_lib *lib)
-	SEAM_REQUIRES(lib->lock)
+bool file_under(const packet_regular *regular, u32 type, const void *value, regular_data *datum,
+		packet_regular **filed, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	filter_list_data *entry = pkt_search_data_from_filter_list(type, value, lib);
+	filter_list_data *entry = find_entry(type, value, datum, lib);
 	if (entry) {
 		MOX_DEBUG("PKT-ADD-REGULAR-TO-FILTER-LIST: same regular data\n");
 	} else {
@@ -107,44 +246,67 @@ bool file_under(const packet_regular *regular, u32 type, const void *value, pack
 			MOX_DEBUG("PKT-ADD-REGULAR-TO-FILTER-LIST: add fail, continue!\n");
 			return false;
 		}
+		if (datum)
+			datum->entry = entry;
 	}
-	pkt_add_regular_to_match_list(regular, entry);
+	file_copy(regular, entry, filed, lib);
 	return true;
 }
 
-/** Choose the rule's key item and file the rule under each of its values. */
-void index_regular(const packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIRES(lib->lock)
+/** Enter a rule's values and items among those that a withdrawal searches. */
+void enter_values(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	for (const regular_item *item : items_of(regular)) {
+	Pauses pauses;
+
+	for (regular_item *item : items_of(regular)) {
+		list_link(&item->lib_node, &lib->items[item->type]);
+		for (regular_data *datum : datas_of(item)) {
+			library_value_enter(datum, lib);
+			pauses.step();
+		}
+	}
+}
+
+/** Choose the rule's key item and file the rule under each of its values. */
+void index_regular(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+{
+	Pauses pauses;
+
+	for (regular_item *item : items_of(regular)) {
 		if (mox_packet_item_empty(item)) {
-			if (file_under(regular, item->type, nullptr, lib))
+			if (file_under(regular, item->type, nullptr, nullptr, &regular->filed, lib))
 				return;
 			continue;
 		}
 		if (!type_is_key(item->type))
 			continue;
-		for (const regular_data *datum : datas_of(item))
-			file_under(regular, datum->type, datum->value, lib);
+		for (regular_data *datum : datas_of(item)) {
+			file_under(regular, datum->type, datum->value,
+				   library_value(datum->type, datum->value, lib), &datum->filed,
+				   lib);
+			pauses.step();
+		}
 		return;
 	}
 }
 
 void add_to_library(packet_regular *regular, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
 {
-	WriteGuard guard(&lib->lock);
-
-	for (packet_regular *listed : regulars_of(&lib->regulars)) {
-		if (listed == regular) {
-			/* No line end: operators' filters know the line as it is. */
-			MOX_DEBUG("MOX-PACKET-INSERT-REGULAR: pid %d repeat set regular error",
-				  regular->owner ? regular->owner->pid : 0);
-			return;
-		}
+	if (!list_empty(&regular->lib_node)) {
+		/* No line end: operators' filters know the line as it is. */
+		MOX_DEBUG("MOX-PACKET-INSERT-REGULAR: pid %d repeat set regular error",
+			  regular->owner ? regular->owner->pid : 0);
+		return;
 	}
-	lib->regular_count++;
-	place_in_regulars(regular, &lib->regulars);
-	if (treatment_indexed(regular->treatment))
-		index_regular(regular, lib);
+	store(lib->regular_count, lib->regular_count + 1);
+	place_in_regulars(regular, lib);
+	/* Delivery before hooks: no frame may be taken that no socket is found for. */
+	index_enter_rule(regular, lib);
+	if (!treatment_indexed(regular->treatment))
+		return;
+	enter_values(regular, lib);
+	index_regular(regular, lib);
 }
 
 /* The texts of a withdrawal, which differ for keys with and without a value. */
@@ -174,66 +336,169 @@ list_head *copies_of(filter_list_data *entry, u32 treatment)
 	return treatment_local(treatment) ? &entry->local_match_list : &entry->match_list;
 }
 
-void free_copy(packet_regular *copy)
+/** Let a report that is at a link that leaves its list go on behind it. */
+void move_readings(const list_head *leaving, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
 {
+	for (u32 number = 0; number < LIB_READINGS; number++) {
+		if (lib->reading[number] != leaving)
+			continue;
+		lib->reading[number] = leaving->next;
+		lib->reading_moved |= 1u << number;
+	}
+}
+
+void free_copy(packet_regular *copy, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+{
+	filter_list_data *entry = copy->entry;
+
+	index_leave_copy(copy, lib);
+	if (copy->filed_at)
+		*copy->filed_at = nullptr;
+	if (entry->last_trap == copy) {
+		list_head *before = copy->lib_node.prev;
+		entry->last_trap = before == &entry->match_list ? nullptr : regular_of(before);
+	}
+	move_readings(&copy->lib_node, lib);
 	mox_packet_list_del_safe(&copy->lib_node);
 	pkt_free_regular_data(copy);
 }
 
-/** Take the rule's copies from under a key; the key goes with its last rule. */
-void withdraw_key(const packet_regular *regular, u32 type, const void *value, bool shared,
-		  const WithdrawalTexts &texts, packet_regular_lib *lib) SEAM_REQUIRES(lib->lock)
+/** Take an entry out of the list of keys; its copies are still linked in it. */
+void unlink_entry(filter_list_data *entry, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	if (shared)
-		MOX_DEBUG("%s", texts.shared);
-	filter_list_data *entry = pkt_search_data_from_filter_list(type, value, lib);
-	if (!entry)
-		return;
-	list_head *copies = copies_of(entry, regular->treatment);
-	if (shared) {
-		for (packet_regular *copy : regulars_of(copies)) {
-			if (copy->owner != regular->owner)
-				continue;
-			MOX_DEBUG("%s", texts.shared_copy);
-			free_copy(copy);
-		}
-		return;
+	filter_list_data *&last = lib->last_entry[entry->type];
+
+	if (last == entry) {
+		list_head *before = entry->node.prev;
+		last = nullptr;
+		if (before != &lib->filter_list && entry_of(before)->type == entry->type)
+			last = entry_of(before);
 	}
-	MOX_DEBUG("%s", texts.last);
+	if (entry->nameless)
+		lib->nameless--;
+	move_readings(&entry->node, lib);
 	pkt_del_filter_list_data(entry);
-	for (packet_regular *copy : regulars_of(copies)) {
-		MOX_DEBUG("%s", texts.last_copy);
-		free_copy(copy);
-	}
-	pkt_free_filter_list_data(entry);
 	lib->filter_count--;
 }
 
-void remove_from_library(packet_regular *regular, packet_regular_lib *lib)
+/**
+ * Free the copies of a rule in a list of an entry: filed, the one that the rule
+ * keeps for the value. Keys without a name may hold one for another value.
+ */
+void free_own_copies(const packet_regular *regular, filter_list_data *entry, packet_regular *filed,
+		     const char *text, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	WriteGuard guard(&lib->lock);
-
-	/* The caller's running flag guarantees that the rule is listed. */
-	lib->regular_count--;
-	mox_packet_list_del_safe(&regular->lib_node);
-	list_init(&regular->lib_node);
-	for (const regular_item *item : items_of(regular)) {
-		if (mox_packet_item_empty(item)) {
-			withdraw_key(regular, item->type, nullptr,
-				     pkt_search_item_in_regular_lib(item, lib) != nullptr,
-				     kItemTexts, lib);
+	if (lib->nameless == 0) {
+		if (!filed || filed->entry != entry)
+			return;
+		MOX_DEBUG("%s", text);
+		free_copy(filed, lib);
+		return;
+	}
+	for (packet_regular *copy : regulars_of(copies_of(entry, regular->treatment))) {
+		if (copy->owner != regular->owner)
 			continue;
-		}
-		if (!type_is_key(item->type))
-			continue;
-		for (const regular_data *datum : datas_of(item))
-			withdraw_key(regular, datum->type, datum->value,
-				     pkt_search_data_in_regular_lib(datum, lib) != nullptr,
-				     kDataTexts, lib);
+		MOX_DEBUG("%s", text);
+		free_copy(copy, lib);
 	}
 }
 
+/**
+ * Let nothing find the copies that an entry still holds when it goes. Only a rule
+ * whose item of a type without values has no datum leaves any, and no user can
+ * make one.
+ */
+void abandon_copies(list_head *copies, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+{
+	for (packet_regular *copy : regulars_of(copies)) {
+		index_leave_copy(copy, lib);
+		if (copy->filed_at)
+			*copy->filed_at = nullptr;
+	}
+}
+
+/**
+ * Take the rule's copies from under a key; the key goes with its last rule.
+ * filed is the rule's own copy there, or null.
+ */
+void withdraw_key(const packet_regular *regular, filter_list_data *entry, packet_regular *filed,
+		  bool shared, const WithdrawalTexts &texts, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
+{
+	if (shared)
+		MOX_DEBUG("%s", texts.shared);
+	if (!entry)
+		return;
+	if (shared) {
+		free_own_copies(regular, entry, filed, texts.shared_copy, lib);
+		return;
+	}
+	MOX_DEBUG("%s", texts.last);
+	unlink_entry(entry, lib);
+	for (packet_regular *copy : regulars_of(copies_of(entry, regular->treatment))) {
+		MOX_DEBUG("%s", texts.last_copy);
+		free_copy(copy, lib);
+	}
+	abandon_copies(&entry->match_list, lib);
+	abandon_copies(&entry->local_match_list, lib);
+	pkt_free_filter_list_data(entry);
+}
+
+/** Withdraw one item: of its values, each that is a key or a condition. */
+void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
+{
+	const bool indexed = treatment_indexed(regular->treatment);
+	Pauses pauses;
+
+	if (indexed)
+		list_unlink(&item->lib_node);
+	if (mox_packet_item_empty(item)) {
+		withdraw_key(regular, find_entry(item->type, nullptr, nullptr, lib), regular->filed,
+			     !list_empty(&lib->items[item->type]), kItemTexts, lib);
+		return;
+	}
+	for (regular_data *datum : datas_of(item)) {
+		pauses.step();
+		ValueLeft left{};
+		if (indexed)
+			left = library_value_leave(datum, lib);
+		else
+			left.other = library_value(datum->type, datum->value, lib);
+		if (!type_is_key(item->type))
+			continue;
+		filter_list_data *entry = left.other ? left.other->entry : left.entry;
+		if (lib->nameless != 0 || !type_has_value(item->type))
+			entry = find_entry(item->type, datum->value, nullptr, lib);
+		withdraw_key(regular, entry, datum->filed, left.other != nullptr, kDataTexts, lib);
+	}
+}
+
+void remove_from_library(packet_regular *regular, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
+{
+	/* The caller's running flag guarantees that the rule is listed. */
+	store(lib->regular_count, lib->regular_count - 1);
+	index_leave_rule(regular, lib);
+	move_readings(&regular->lib_node, lib);
+	mox_packet_list_del_safe(&regular->lib_node);
+	list_init(&regular->lib_node);
+	for (regular_item *item : items_of(regular))
+		withdraw_item(regular, item, lib);
+}
+
 } // namespace
+
+u64 rule_number(const packet_regular *rule)
+{
+	return rule->place.high > kMiddle ? rule->place.high - kMiddle : 0;
+}
+
+u64 copy_number(const packet_regular *copy)
+{
+	return copy->place.high > 2 * kSpan ? copy->place.high - 2 * kSpan : 0;
+}
 
 } // namespace mox
 
@@ -247,35 +512,25 @@ filter_list_data *pkt_add_new_filter_data(u32 type, const void *value, packet_re
 	if (!entry)
 		return nullptr;
 	list_head *after = &lib->filter_list;
-	for (filter_list_data *listed : entries_of(&lib->filter_list)) {
-		if (listed->type > type)
+	for (u32 lower = type + 1; lower-- > 0;) {
+		if (lib->last_entry[lower]) {
+			after = &lib->last_entry[lower]->node;
 			break;
-		after = &listed->node;
+		}
 	}
 	mox_packet_list_ins_head_safe(&entry->node, after);
+	entry->place = ++lib->entries_made;
+	entry->nameless = !value && type_has_value(type);
+	lib->nameless += entry->nameless;
+	lib->last_entry[type] = entry;
 	lib->filter_count++;
 	return entry;
 }
 
-void pkt_add_regular_to_match_list(const packet_regular *regular, filter_list_data *entry)
+void pkt_add_regular_to_match_list(const packet_regular *regular,
+				   filter_list_data *entry) SEAM_NO_THREAD_SAFETY_ANALYSIS
 {
-	packet_regular *copy = pkt_alloc_regular_data();
-	if (!copy) {
-		MOX_DEBUG("PKT-ADD-REGULAR-TO-MATCH-LIST: alloc regular failed\n");
-		return;
-	}
-	copy->owner = regular->owner;
-	copy->treatment = regular->treatment;
-	copy->location = regular->location;
-	bool key_seen = false;
-	for (const regular_item *item : items_of(regular)) {
-		if (type_is_key(item->type) && !key_seen) {
-			key_seen = true; /* the entry's key replaces it */
-			continue;
-		}
-		copy_item(item, copy);
-	}
-	place_in_entry(copy, entry);
+	file_copy(regular, entry, nullptr, location_library(regular->location));
 }
 
 filter_list_data *pkt_search_data_from_filter_list(u32 type, const void *value,
@@ -290,28 +545,17 @@ filter_list_data *pkt_search_data_from_filter_list(u32 type, const void *value,
 const regular_item *pkt_search_item_in_regular_lib(const regular_item *item,
 						   const packet_regular_lib *lib)
 {
-	for (const packet_regular *regular : regulars_of(&lib->regulars)) {
-		if (!treatment_indexed(regular->treatment))
-			continue;
-		if (const regular_item *held = find_item(item->type, regular))
-			return held;
-	}
-	return nullptr;
+	const list_head *items = &lib->items[item->type];
+
+	return list_empty(items) ? nullptr
+				 : record_of<const regular_item, offsetof(regular_item, lib_node)>(
+					   items->next);
 }
 
 const regular_data *pkt_search_data_in_regular_lib(const regular_data *data,
 						   const packet_regular_lib *lib)
 {
-	for (const packet_regular *regular : regulars_of(&lib->regulars)) {
-		if (!treatment_indexed(regular->treatment))
-			continue;
-		const regular_item *item = find_item(data->type, regular);
-		if (!item)
-			continue;
-		if (const regular_data *held = find_data(data, item))
-			return held;
-	}
-	return nullptr;
+	return library_value(data->type, data->value, lib);
 }
 
 void mox_packet_insert_regular(packet_regular *regular, packet_regular_lib *lib, u32 add)

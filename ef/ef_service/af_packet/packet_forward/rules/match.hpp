@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Matching packets against rules: the rule match, which asks one rule, and the
- * fast filters, which ask a library. Read-only, without locks or allocation of
- * their own.
+ * Matching packets against rules: the rule match, which asks one rule, the fast
+ * filters, which ask a library for hooks, and the rules that match, for delivery.
+ * Read-only, without locks or allocation of their own.
  */
 #pragma once
 
@@ -23,3 +23,46 @@ u32 pkt_fast_filter(const pkt_info *info, const packet_regular_lib *lib)
 u32 pkt_wlan_fast_filter(const pkt_wlan_info *info)
 	SEAM_REQUIRES_SHARED(g_wlan_packet_regular_lib.lock);
 }
+
+namespace mox {
+
+/** What a frame may match in a library: hashes of the buckets to look into. */
+struct FilterCandidates {
+	u32 count;
+	u32 hashes[RULE_VIEWS * RULE_SLOTS];
+};
+
+/**
+ * The fast filter in two steps. The first needs no lock: most frames that no rule
+ * matches have no candidate, and cost no more. What a rule change adds or removes
+ * meanwhile counts for the next frame.
+ */
+void filter_look(const pkt_info &info, const packet_regular_lib *lib, FilterCandidates *candidates);
+void filter_look(const pkt_wlan_info &info, const packet_regular_lib *lib,
+		 FilterCandidates *candidates);
+/** The treatment of the first rule that matches the packet, or 0. The read lock is held. */
+u32 filter_decide(const pkt_info &info, const packet_regular_lib *lib,
+		  const FilterCandidates &candidates) SEAM_REQUIRES_SHARED(lib->lock);
+u32 filter_decide(const pkt_wlan_info &info, const packet_regular_lib *lib,
+		  const FilterCandidates &candidates) SEAM_REQUIRES_SHARED(lib->lock);
+
+/**
+ * The rules of a library that match a packet and whose socket is of vsd 0, in the
+ * library's order. The library's change lock is held while the object lives; info
+ * outlives it.
+ */
+template <typename Info> class MatchingRules {
+public:
+	MatchingRules(const Info &info, const packet_regular_lib *lib);
+	/** The next one, or null. */
+	packet_regular *next();
+
+private:
+	void advance(u32 chain);
+
+	const Info &info_;
+	u32 count_;
+	const rule_anchor *heads_[RULE_VIEWS * RULE_SLOTS];
+};
+
+} // namespace mox

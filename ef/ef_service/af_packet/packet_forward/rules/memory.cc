@@ -3,6 +3,7 @@
 
 #include "base/log.hpp"
 #include "locations/registration.hpp"
+#include "rules/index.hpp"
 #include "rules/ranges.hpp"
 
 extern "C" {
@@ -37,6 +38,7 @@ constexpr CacheTraits kCacheTraits[kCaches] = {
 };
 
 constinit kmem_cache *g_caches[kCaches]{};
+constinit u32 g_priority = 0;
 
 void destroy_caches()
 {
@@ -66,6 +68,16 @@ template <typename Record> Record *take(Cache cache, u32 (&stats)[MOX_STAT_COUNT
 constexpr u32 stat_of(u32 type)
 {
 	return type < MOX_PACKET_RULE_TYPES ? type : u32{ MOX_STAT_FAILED };
+}
+
+/** The next of a sequence that users cannot predict: its beginning is random. Any context. */
+u32 next_priority()
+{
+	/* Two CPUs may draw the same number: equal priorities are no error. */
+	u32 next = load(g_priority) * 1664525 + 1013904223;
+
+	store(g_priority, next);
+	return next;
 }
 
 void free_datas(regular_item *item)
@@ -100,6 +112,23 @@ void mox_packet_init_regular_lib(packet_regular_lib *lib) SEAM_NO_THREAD_SAFETY_
 	list_init(&lib->regulars);
 	lib->filter_count = 0;
 	list_init(&lib->filter_list);
+	lib->filter = {};
+	lib->delivery = {};
+	for (rule_anchor *&bucket : lib->filter_buckets)
+		bucket = nullptr;
+	for (rule_anchor *&bucket : lib->delivery_buckets)
+		bucket = nullptr;
+	for (u32 type = 0; type < MOX_PACKET_RULE_TYPES; type++) {
+		lib->last_entry[type] = nullptr;
+		lib->values[type] = nullptr;
+		list_init(&lib->items[type]);
+	}
+	lib->nameless = 0;
+	for (list_head *&reading : lib->reading)
+		reading = nullptr;
+	lib->reading_moved = 0;
+	lib->entries_made = 0;
+	lib->rules_entered = 0;
 }
 
 int mox_packet_regular_init(void)
@@ -109,6 +138,8 @@ int mox_packet_regular_init(void)
 	for (u32 queue = 0; queue < CPU_QUEUES; queue++)
 		mox_packet_init_regular_lib(location_library(queue_location(queue)));
 	hook_lock_init();
+	index_choose_seeds();
+	g_priority = seam_random();
 	for (u32 cache = 0; cache < kCaches; cache++) {
 		g_caches[cache] = seam_cache_create(kCacheTraits[cache].name,
 						    kCacheTraits[cache].size);
@@ -140,6 +171,10 @@ regular_data *mox_packet_alloc_init_data(u32 type)
 	list_init(&data->node);
 	data->type = type;
 	__builtin_memset(data->value, 0, sizeof(data->value));
+	data->priority = next_priority();
+	data->entry = nullptr;
+	data->filed = nullptr;
+	data->anchor.prev = nullptr;
 	return data;
 }
 
@@ -164,6 +199,7 @@ regular_item *mox_packet_alloc_init_item(u32 type)
 	list_init(&item->node);
 	item->type = type;
 	list_init(&item->datas);
+	item->root = nullptr;
 	return item;
 }
 
@@ -194,6 +230,7 @@ filter_list_data *pkt_alloc_filter_list_data(u32 type, const void *value)
 	list_init(&entry->match_list);
 	list_init(&entry->local_match_list);
 	entry->type = type;
+	entry->last_trap = nullptr;
 	if (value)
 		__builtin_memcpy(entry->value, value, sizeof(entry->value));
 	else
@@ -224,6 +261,10 @@ packet_regular *pkt_alloc_regular_data(void)
 	copy->location = PACKET_NONE_LOC;
 	list_init(&copy->items);
 	list_init(&copy->lib_node);
+	copy->entry = nullptr;
+	copy->filed_at = nullptr;
+	copy->anchored = nullptr;
+	copy->anchor.prev = nullptr;
 	return copy;
 }
 

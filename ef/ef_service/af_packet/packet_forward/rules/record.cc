@@ -9,6 +9,9 @@
 namespace mox {
 namespace {
 
+/* Elements that are added or deleted while the socket's lock is held once. */
+constexpr u32 kElementsOfHold = 64;
+
 u32 stride_of(u16 type)
 {
 	const RuleType *row = rule_type(type);
@@ -104,7 +107,29 @@ int RuleRecord::apply_packet_all(mox_packet_sock *po, bool add) const
 	return 0;
 }
 
-int RuleRecord::apply(mox_packet_sock *po, bool add) const
+int RuleRecord::apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) const
+{
+	const u32 stride = stride_of(head_.type);
+	/* Elements without a value are all equal: one is enough. */
+	u32 left = stride == 0 && head_.count > 1 ? 1 : head_.count;
+	const u8 *element = elements();
+
+	while (left != 0) {
+		{
+			SpinGuard guard(lock);
+			for (u32 n = 0; n < kElementsOfHold && left != 0; n++, left--) {
+				int error = apply_datum(po, element, add);
+				if (error)
+					return error;
+				element += stride;
+			}
+		}
+		seam_cond_resched();
+	}
+	return 0;
+}
+
+int RuleRecord::apply(mox_packet_sock *po, seam_spinlock *lock, bool add) const
 {
 	if (head_.type >= MOX_PACKET_RULE_TYPES) {
 		MOX_DEBUG("ADD-REGUALR: type error\n");
@@ -115,20 +140,15 @@ int RuleRecord::apply(mox_packet_sock *po, bool add) const
 			  static_cast<int>(caller_vsd_));
 		return err::kInval;
 	}
+	int error;
 	if (head_.type == PACKET_ALL) {
-		int error = apply_packet_all(po, add);
-		if (error)
-			return error;
+		SpinGuard guard(lock);
+		error = apply_packet_all(po, add);
 	} else {
-		const u32 stride = stride_of(head_.type);
-		/* Elements without a value are all equal: one is enough. */
-		u32 left = stride == 0 && head_.count > 1 ? 1 : head_.count;
-		for (const u8 *element = elements(); left != 0; left--, element += stride) {
-			int error = apply_datum(po, element, add);
-			if (error)
-				return error;
-		}
+		error = apply_data(po, lock, add);
 	}
+	if (error)
+		return error;
 	log_success(head_.type);
 	return 0;
 }

@@ -22,12 +22,13 @@ public:
 	/**
 	 * Add every element to the socket's rule, or delete it: 0, -EINVAL or
 	 * -ENOMEM; what came before the error stays. The rule is out of its
-	 * library and the rule lock is held.
+	 * library; lock is taken for some elements at a time. Process.
 	 */
-	int apply(mox_packet_sock *po, bool add) const;
+	int apply(mox_packet_sock *po, seam_spinlock *lock, bool add) const;
 
 private:
 	const u8 *elements() const { return bytes_.get() + sizeof(mox_packet_rule); }
+	int apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) const;
 	int apply_datum(mox_packet_sock *po, const u8 *element, bool add) const;
 	int apply_packet_all(mox_packet_sock *po, bool add) const;
 

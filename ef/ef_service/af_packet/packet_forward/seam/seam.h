@@ -77,6 +77,9 @@ void seam_read_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock);
 void seam_read_unlock_bh(seam_rwlock *lock) SEAM_RELEASE_SHARED(lock);
 void seam_write_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE(lock);
 void seam_write_unlock_bh(seam_rwlock *lock) SEAM_RELEASE(lock);
+/** Process. */
+void seam_mutex_lock(seam_mutex *lock) SEAM_ACQUIRE(lock);
+void seam_mutex_unlock(seam_mutex *lock) SEAM_RELEASE(lock);
 /** The socket lock (lock_sock, release_sock). Process. */
 void seam_lock_sock(struct sock *sk);
 void seam_release_sock(struct sock *sk);
@@ -95,6 +98,8 @@ void seam_cache_destroy(struct kmem_cache *cache);
 /** An object, not zeroed, GFP_ATOMIC, or null. Any. */
 void *seam_cache_alloc(struct kmem_cache *cache);
 void seam_cache_free(struct kmem_cache *cache, void *object);
+/** A number that cannot be predicted from outside of the kernel. Any. */
+u32 seam_random(void);
 
 /* ---- user memory ---------------------------------------------------------- */
 
@@ -190,6 +195,8 @@ int seam_sock_get_timestampns(struct sock *sk, void *user_to);
 
 /** A buffer with room for len bytes, GFP_ATOMIC, or null. Any. */
 struct sk_buff *seam_skb_alloc(u32 len);
+/** Another buffer with the same data and control block, GFP_ATOMIC, or null. Any. */
+struct sk_buff *seam_skb_clone(struct sk_buff *skb);
 /** Extend the data by len bytes; returns where they begin. */
 void *seam_skb_put(struct sk_buff *skb, u32 len);
 /** Remove len bytes from the front; null, and nothing done, when there are fewer. */
@@ -262,6 +269,10 @@ void seam_wake_up(seam_waitqueue *queue);
 void seam_sleep_jiffies(long jiffies);
 /** Call the scheduler, whether or not another task is due. Process. */
 void seam_schedule(void);
+/** Whether the current task is being killed. Any. */
+int seam_fatal_signal_pending(void);
+/** Whether another task is due. Any. */
+int seam_need_resched(void);
 /** Let another task run, if one is due. Process. */
 void seam_cond_resched(void);
 /** A new thread, not yet running, or an error pointer. Process. */

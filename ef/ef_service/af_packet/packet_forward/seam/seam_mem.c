@@ -4,6 +4,7 @@
 #include <linux/fs_struct.h>
 #include <linux/kernel.h>
 #include <linux/path.h>
+#include <linux/random.h>
 #include <linux/sched.h>
 #include <linux/slab.h>
 #include <linux/string.h>
@@ -46,12 +47,17 @@ void seam_cache_destroy(struct kmem_cache *cache)
 
 void *seam_cache_alloc(struct kmem_cache *cache)
 {
-	return kmem_cache_alloc(cache, GFP_ATOMIC);
+	return kmem_cache_alloc(cache, GFP_ATOMIC | __GFP_ACCOUNT);
 }
 
 void seam_cache_free(struct kmem_cache *cache, void *object)
 {
 	kmem_cache_free(cache, object);
+}
+
+u32 seam_random(void)
+{
+	return get_random_u32();
 }
 
 int seam_copy_from_uptr(void *to, const struct seam_uptr *from, size_t len)

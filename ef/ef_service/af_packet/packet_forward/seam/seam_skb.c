@@ -11,6 +11,11 @@ struct sk_buff *seam_skb_alloc(u32 len)
 	return __alloc_skb(len, GFP_ATOMIC, 0, NUMA_NO_NODE);
 }
 
+struct sk_buff *seam_skb_clone(struct sk_buff *skb)
+{
+	return skb_clone(skb, GFP_ATOMIC);
+}
+
 void *seam_skb_put(struct sk_buff *skb, u32 len)
 {
 	return skb_put(skb, len);

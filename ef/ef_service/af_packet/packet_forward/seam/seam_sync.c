@@ -58,6 +58,7 @@ void seam_po_locks_init(struct mox_packet_sock *po)
 void seam_lib_lock_init(struct packet_regular_lib *lib)
 {
 	rwlock_init(&lib->lock);
+	mutex_init(&lib->change_lock);
 }
 
 void seam_queue_lock_init(struct efbuff_queue *queue)
@@ -108,6 +109,16 @@ void seam_write_lock_bh(seam_rwlock *lock)
 void seam_write_unlock_bh(seam_rwlock *lock)
 {
 	write_unlock_bh(lock);
+}
+
+void seam_mutex_lock(seam_mutex *lock)
+{
+	mutex_lock(lock);
+}
+
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	mutex_unlock(lock);
 }
 
 void seam_lock_sock(struct sock *sk)

@@ -3,6 +3,7 @@
 #include <linux/err.h>
 #include <linux/kthread.h>
 #include <linux/sched.h>
+#include <linux/sched/signal.h>
 #include <linux/wait.h>
 
 #include "seam.h"
@@ -31,6 +32,16 @@ void seam_sleep_jiffies(long jiffies)
 void seam_schedule(void)
 {
 	schedule();
+}
+
+int seam_fatal_signal_pending(void)
+{
+	return fatal_signal_pending(current);
+}
+
+int seam_need_resched(void)
+{
+	return need_resched();
 }
 
 void seam_cond_resched(void)

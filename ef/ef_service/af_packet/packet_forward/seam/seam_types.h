@@ -41,6 +41,7 @@ typedef wait_queue_head_t seam_waitqueue;
 using u8 = std::uint8_t;
 using u16 = std::uint16_t;
 using u32 = std::uint32_t;
+using u64 = std::uint64_t;
 using s32 = std::int32_t;
 
 /* clang checks these in the host build (-Wthread-safety); others skip them. */

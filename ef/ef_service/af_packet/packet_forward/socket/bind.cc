@@ -51,7 +51,8 @@ int do_bind(mox_packet_sock *po, u32 ifindex, u16 protocol)
 {
 	int error = 0;
 
-	change_rule<ChangeLock::kBind>(po, [&] {
+	change_rule<ChangeLock::kBind>(po, [&](seam_spinlock *lock) {
+		SpinGuard guard(lock);
 		po->ifindex = ifindex;
 		if (protocol != 0)
 			error = add_protocol(po, protocol);

@@ -6,12 +6,10 @@
 #include "rules/print.hpp"
 #include "socket/counters.hpp"
 
-using namespace mox;
+namespace mox {
 
-extern "C" void mox_packet_sock_dump(mox_packet_sock *po)
+void dump_socket_begin(mox_packet_sock *po)
 {
-	sock *sk = sk_of(po);
-
 	REPORT_LINE("\n------------ dump sock ------------\n");
 	REPORT_LINE("process:       %s\n", po->process);
 	REPORT_LINE("vsd:           %u\n", po->vsd);
@@ -20,11 +18,27 @@ extern "C" void mox_packet_sock_dump(mox_packet_sock *po)
 	REPORT_LINE("ctrldata:      %s\n", po_flag(po, PO_CTRL_INFO) ? "require" : "unrequire");
 	REPORT_LINE("ifindex:       %u\n", po->ifindex);
 	REPORT_LINE("regulars:\n");
-	mox_packet_dump_regular(&po->regular);
+}
+
+void dump_socket_end(mox_packet_sock *po, u32 references)
+{
+	sock *sk = sk_of(po);
+
 	for (u8 row : kCounterLines)
 		REPORT_LINE(MOX_COLUMN(MOX_PACKET_COUNTER_COLUMN) "%u\n", kCounters[row].label,
 			    load(po->counters.*kCounters[row].field));
 	REPORT_LINE("skbs to be recv:        %u\n", seam_rcvq_len(sk));
 	REPORT_LINE("skbs to be send:        %u\n", seam_writeq_len(sk));
-	REPORT_LINE("sk refcnt:              %u\n", seam_sk_refcnt(sk));
+	REPORT_LINE("sk refcnt:              %u\n", seam_sk_refcnt(sk) - references);
+}
+
+} // namespace mox
+
+using namespace mox;
+
+extern "C" void mox_packet_sock_dump(mox_packet_sock *po)
+{
+	dump_socket_begin(po);
+	mox_packet_dump_regular(&po->regular);
+	dump_socket_end(po, 0);
 }

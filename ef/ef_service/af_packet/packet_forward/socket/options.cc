@@ -47,7 +47,8 @@ int set_treatment(mox_packet_sock *po, const seam_uptr *value, unsigned int len)
 		MOX_DEBUG("SETSOCKOPT: PACKET_TREATMENT type illegal.\n");
 		return err::kInval;
 	}
-	change_option(po, [po, treatment] {
+	change_option(po, [po, treatment](seam_spinlock *lock) {
+		SpinGuard guard(lock);
 		po->regular.treatment = treatment;
 		/* Also at location 0: the socket counts as running from here on. */
 		return ReEnter::kAlways;
@@ -82,7 +83,8 @@ int set_location(mox_packet_sock *po, const seam_uptr *value, unsigned int len)
 			  static_cast<int>(location));
 		return err::kInval;
 	}
-	change_option(po, [po, location] {
+	change_option(po, [po, location](seam_spinlock *lock) {
+		SpinGuard guard(lock);
 		po->regular.location = location;
 		return ReEnter::kWithLocation;
 	});
@@ -97,8 +99,8 @@ int change_rule_data(mox_packet_sock *po, const seam_uptr *value, unsigned int l
 	if (error)
 		return error;
 	int result = 0;
-	change_option(po, [&] {
-		result = record.apply(po, add);
+	change_option(po, [&](seam_spinlock *lock) {
+		result = record.apply(po, lock, add);
 		/* Any other error leaves the socket out of the libraries until its next rule change. */
 		return result == 0 || result == err::kInval ? ReEnter::kWithLocation
 							    : ReEnter::kNever;

@@ -10,49 +10,51 @@ namespace mox {
 /** Whether a rule that was withdrawn is entered again. */
 enum class ReEnter { kAlways, kWithLocation, kNever };
 
-/** Which lock of the socket guards the change, and whether it is held while the rule is withdrawn. */
-enum class ChangeLock {
-	kRule, /* rule_lock, held throughout */
-	kBind, /* bind_lock, dropped for the withdrawal */
-};
+inline void start_running(mox_packet_sock *po, seam_spinlock *lock)
+{
+	SpinGuard guard(lock);
+	po_set_running(po);
+}
+
+inline void stop_running(mox_packet_sock *po, seam_spinlock *lock)
+{
+	SpinGuard guard(lock);
+	po_clear_running(po);
+}
+
+/** Which lock of the socket is held while the rule's fields and the running flag change. */
+enum class ChangeLock { kRule, kBind };
 
 /**
  * Withdraw the socket's rule if it is running, change it, and enter it again.
- * change() runs under the lock, never sleeps, and returns a ReEnter. The caller
- * holds the socket lock: it keeps a second caller, with the other lock, from
- * withdrawing the same rule twice.
+ * change(lock) takes the lock where it changes the rule, for some values at a
+ * time, and returns a ReEnter. The caller holds the socket lock: no other change of
+ * this rule comes in between. Process.
  */
 template <ChangeLock which, typename Change> void change_rule(mox_packet_sock *po, Change change)
 {
 	constexpr bool kBind = which == ChangeLock::kBind;
 	seam_spinlock *lock = kBind ? &po->bind_lock : &po->rule_lock;
+	RuleChange library;
 
-	if constexpr (kBind) {
-		bool running;
-		{
-			SpinGuard guard(lock);
-			running = po_flag(po, PO_RUNNING);
-			if (running)
-				po_clear_running(po);
-		}
-		if (running)
-			mox_packet_remove_regular(&po->regular);
+	if (po_flag(po, PO_RUNNING)) {
+		/* Bind stops before it withdraws; the options do so afterwards. */
+		if constexpr (kBind)
+			stop_running(po, lock);
+		library.remove(&po->regular);
+		if constexpr (!kBind)
+			stop_running(po, lock);
 	}
-	SpinGuard guard(lock);
-	if (!kBind && po_flag(po, PO_RUNNING)) {
-		mox_packet_remove_regular(&po->regular);
-		po_clear_running(po);
-	}
-	ReEnter re_enter = change();
+	ReEnter re_enter = change(lock);
 	if (re_enter == ReEnter::kNever)
 		return;
 	if (re_enter == ReEnter::kWithLocation && po->regular.location == PACKET_NONE_LOC)
 		return;
 	if constexpr (kBind)
-		po_set_running(po);
-	mox_packet_add_regular(&po->regular);
+		start_running(po, lock);
+	library.add(&po->regular);
 	if constexpr (!kBind)
-		po_set_running(po);
+		start_running(po, lock);
 }
 
 } // namespace mox

@@ -1,0 +1,460 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "rules/index.hpp"
+
+#include "rules/ranges.hpp"
+
+namespace mox {
+
+constinit IndexSeeds g_index_seeds{};
+
+namespace {
+
+/* Anchors that are linked or unlinked while the library lock is held once. */
+constexpr u32 kAnchorsOfHold = 64;
+/* A bucket with so many candidates of one value counts as crowded; more are not counted. */
+constexpr u32 kCrowded = 8;
+/* Links of a chain that a look at its crowd follows. */
+constexpr u32 kCrowdReach = 32;
+/* An item with more values is anchored only where it is the less crowded one. */
+constexpr u32 kFewValues = 4;
+
+/** Where an anchor stands. */
+struct Spot {
+	u32 slot;
+	Value value;
+};
+
+bool is_wlan(const packet_regular_lib *lib)
+{
+	return lib == location_library(PACKET_WLAN_LOC);
+}
+
+/** The values of a type, as frames of the WLAN location are asked for them. */
+Spot wlan_spot(u32 type, const Value &value)
+{
+	switch (type) {
+	case PACKET_ETH_PROT_EQUAL:
+		return { value == kAnyEthType ? u32{ kSlotAlways } : type, value };
+	case PACKET_EAPOL_TYPE_EQUAL:
+		return { type, value };
+	case PACKET_EAPOL_TYPE_WPS:
+		return { kSlotWps, {} };
+	case PACKET_WLAN_MGNT:
+		return { kSlotWlanMgmt, {} };
+	case PACKET_ALL:
+		return { kSlotAlways, {} };
+	default:
+		return { kSlotNever, {} };
+	}
+}
+
+Spot full_spot(u32 type, const Value &value)
+{
+	switch (type) {
+	case PACKET_ETH_PROT_EQUAL:
+		return { value == kAnyEthType ? u32{ kSlotAlways } : type, value };
+	case PACKET_SNAP_ETH_TYPE_EQUAL:
+		return { value == kAnyEthType ? u32{ kSlotSnap } : type, value };
+	case PACKET_IPv4_MCAST_TRAFFIC:
+		return { kSlotIpv4Mcast, {} };
+	case PACKET_IPv6_MCAST_TRAFFIC:
+		return { kSlotIpv6Mcast, {} };
+	case PACKET_ALL:
+		return { kSlotAlways, {} };
+	case PACKET_EAPOL_TYPE_WPS:
+	case PACKET_PID_T:
+	case PACKET_WLAN_MGNT:
+		return { kSlotNever, {} };
+	default:
+		return { type < MOX_PACKET_RULE_TYPES ? type : u32{ kSlotNever }, value };
+	}
+}
+
+/** The spot of a condition, by which all frames that satisfy it find the rule. */
+Spot item_spot(u32 type, const Value &value, bool wlan)
+{
+	Spot spot = wlan ? wlan_spot(type, value) : full_spot(type, value);
+
+	if (spot.slot >= MOX_PACKET_RULE_TYPES)
+		spot.value = {};
+	return spot;
+}
+
+/** The spot of a key. Some keys pass for other frames than the condition does: rules/match.cc. */
+Spot key_spot(const filter_list_data &key, bool wlan)
+{
+	if (key.type >= MOX_PACKET_RULE_TYPES)
+		return { wlan ? u32{ kSlotNever } : u32{ kSlotAlways }, {} };
+	Value value = rule_value(key.type, key.value);
+	if (!wlan) {
+		switch (key.type) {
+		case PACKET_PID_T:
+		case PACKET_WLAN_MGNT:
+			return { kSlotAlways, {} };
+		case PACKET_ICMPV6_TYPE_EQUAL:
+			if (value.low == 0)
+				return { kSlotAlways, {} };
+			break;
+		case PACKET_ARP_TYPE:
+			value.low = key.value[0];
+			break;
+		default:
+			break;
+		}
+	}
+	return item_spot(key.type, value, wlan);
+}
+
+/** How well a slot tells frames apart, for conditions that are equally crowded. */
+u32 rank_of(u32 slot)
+{
+	switch (slot) {
+	case PACKET_SRC_MAC_EQUAL:
+		return 9;
+	case PACKET_IPv4_SRC_PORT_EQUAL:
+	case PACKET_IPv4_DEST_PORT_EQUAL:
+	case PACKET_IPv6_DEST_PORT_EQUAL:
+		return 8;
+	case PACKET_DEST_MAC_EQUAL:
+		return 7;
+	case PACKET_SRC_INTF_EQUAL:
+		return 6;
+	case PACKET_PACKET_CODE_EQUAL:
+	case PACKET_ICMPV6_TYPE_EQUAL:
+	case PACKET_EAPOL_TYPE_EQUAL:
+	case PACKET_ARP_TYPE:
+		return 5;
+	case PACKET_ETH_PROT_EQUAL:
+	case PACKET_SNAP_ETH_TYPE_EQUAL:
+		return 4;
+	case PACKET_IPv4_PROT_EQUAL:
+	case PACKET_IPv6_PROT_EQUAL:
+		return 3;
+	case kSlotAlways:
+		return 0;
+	default:
+		return 1;
+	}
+}
+
+/**
+ * A set of buckets with what it holds. Before(rule, other) is the order of its
+ * chains.
+ */
+template <u32 bits, auto Before> class Buckets {
+public:
+	Buckets(rule_index *index, rule_anchor **heads) : index_(index), heads_(heads) {}
+
+	/** Candidates that the spot has already, up to kCrowded. */
+	u32 crowd(u32 hash) const
+	{
+		u32 found = 0;
+		u32 seen = 0;
+		for (const rule_anchor *at = heads_[bucket(hash)]; at; at = at->next) {
+			found += at->hash == hash;
+			if (found == kCrowded || ++seen == kCrowdReach)
+				break;
+		}
+		return found;
+	}
+
+	void link(rule_anchor *anchor, packet_regular *rule, u32 view, const Spot &spot)
+	{
+		anchor->hash = index_hash(view, spot.slot, spot.value);
+		anchor->rule = rule;
+		rule_anchor **head = &heads_[bucket(anchor->hash)];
+		rule_anchor *first = *head;
+		if (!first) {
+			anchor->next = nullptr;
+			anchor->prev = anchor;
+			store(*head, anchor);
+		} else {
+			insert_sorted(head, first, anchor);
+		}
+		anchor->spot = view * kSlots + spot.slot;
+		if (index_->anchors[anchor->spot]++ == 0)
+			set_present(view, index_->present[view] | 1u << spot.slot);
+	}
+
+	void unlink(rule_anchor *anchor)
+	{
+		rule_anchor **head = &heads_[bucket(anchor->hash)];
+		if (*head == anchor)
+			store(*head, anchor->next);
+		else
+			anchor->prev->next = anchor->next;
+		if (anchor->next)
+			anchor->next->prev = anchor->prev;
+		else if (*head)
+			(*head)->prev = anchor->prev;
+		anchor->prev = nullptr;
+		if (--index_->anchors[anchor->spot] != 0)
+			return;
+		u32 view = anchor->spot / kSlots;
+		set_present(view, index_->present[view] & ~(1u << anchor->spot % kSlots));
+	}
+
+private:
+	static u32 bucket(u32 hash) { return hash >> (32 - bits); }
+
+	/* From both ends: what is new goes near one of them. */
+	static void insert_sorted(rule_anchor **head, rule_anchor *first, rule_anchor *anchor)
+	{
+		rule_anchor *front = first;
+		rule_anchor *back = first->prev;
+		while (!Before(anchor->rule, front->rule)) {
+			if (!Before(anchor->rule, back->rule)) {
+				front = back->next;
+				break;
+			}
+			front = front->next;
+			back = back->prev;
+		}
+		/* front is the first that comes behind the new one, or null. */
+		rule_anchor *before = front ? front->prev : first->prev;
+		anchor->next = front;
+		anchor->prev = before;
+		if (front)
+			front->prev = anchor;
+		else
+			first->prev = anchor;
+		if (front == first)
+			store(*head, anchor);
+		else
+			before->next = anchor;
+	}
+
+	/* Hooks read the words without a lock: each is stored whole. */
+	void set_present(u32 view, u32 slots)
+	{
+		u32 reserved = 0;
+
+		store(index_->present[view], slots);
+		for (u32 other = 1; other < RULE_VIEWS; other++)
+			reserved |= index_->present[other];
+		store(index_->reserved_views, reserved);
+	}
+
+	rule_index *index_;
+	rule_anchor **heads_;
+};
+
+using FilterBuckets = Buckets<kFilterBits, copy_before>;
+using DeliveryBuckets = Buckets<kDeliveryBits, rule_before>;
+
+/** A way to anchor a rule. */
+struct Choice {
+	regular_item *item; /* anchor its values; null: the rule's own anchor */
+	Spot spot;          /* of the rule's own anchor */
+	u32 crowd;
+	u32 rank;
+	bool few;
+};
+
+bool better(const Choice &choice, const Choice &than)
+{
+	if (choice.crowd != than.crowd)
+		return choice.crowd < than.crowd;
+	if (choice.few != than.few)
+		return choice.few;
+	return choice.rank > than.rank;
+}
+
+template <typename Set> Choice choice_of_spot(const Set &set, u32 view, const Spot &spot)
+{
+	/* Every frame is more than any crowd. */
+	u32 crowd = spot.slot == kSlotAlways ? kCrowded + 1
+					     : set.crowd(index_hash(view, spot.slot, spot.value));
+
+	return { nullptr, spot, crowd, rank_of(spot.slot), true };
+}
+
+/**
+ * What an item offers as an anchor. False when no frame satisfies it, hence the
+ * rule neither.
+ */
+template <typename Set>
+bool offer_item(const Set &set, u32 view, bool wlan, regular_item *item, Choice *best)
+{
+	if (item->type == PACKET_PID_T)
+		return !list_empty(&item->datas); /* excludes frames: nothing to look up */
+	Spot without = item_spot(item->type, {}, wlan);
+	if (without.slot >= MOX_PACKET_RULE_TYPES) {
+		if (without.slot == kSlotNever)
+			return false;
+		Choice choice = choice_of_spot(set, view, without);
+		if (better(choice, *best))
+			*best = choice;
+		return true;
+	}
+	if (list_empty(&item->datas))
+		return false;
+	Choice choice{ item, {}, 0, rank_of(item->type), true };
+	u32 seen = 0;
+	for (const regular_data *datum : datas_of(item)) {
+		if (seen++ == kFewValues) {
+			choice.few = false;
+			break;
+		}
+		Spot spot = item_spot(item->type, rule_value(item->type, datum->value), wlan);
+		u32 crowd = choice_of_spot(set, view, spot).crowd;
+		if (crowd > choice.crowd)
+			choice.crowd = crowd;
+	}
+	if (better(choice, *best))
+		*best = choice;
+	return true;
+}
+
+/** The rule's best anchor, beginning with best. False for a rule that no frame satisfies. */
+template <typename Set>
+bool choose(const Set &set, packet_regular *rule, u32 view, bool wlan, Choice *best)
+{
+	for (regular_item *item : items_of(rule))
+		if (!offer_item(set, view, wlan, item, best))
+			return false;
+	return true;
+}
+
+/** No lock: what only the holder of the change lock reads. */
+struct NoGuard {
+	explicit NoGuard(packet_regular_lib *) {}
+	/* A destructor of its own, as a lock guard has. */
+	~NoGuard() {}
+};
+
+struct HookGuard {
+	explicit HookGuard(packet_regular_lib *lib) SEAM_NO_THREAD_SAFETY_ANALYSIS
+		: guard(&lib->lock)
+	{
+	}
+	~HookGuard() SEAM_NO_THREAD_SAFETY_ANALYSIS {}
+	WriteGuard guard;
+};
+
+/** Calls act(datum) for all data of an item, some of them while the lock is held once. */
+template <typename Guard, typename Act>
+void for_all_values(packet_regular_lib *lib, regular_item *item, Act act)
+{
+	list_head *at = item->datas.next;
+
+	while (at != &item->datas) {
+		{
+			Guard guard(lib);
+			for (u32 n = 0; n < kAnchorsOfHold && at != &item->datas; n++) {
+				act(record_of<regular_data, offsetof(regular_data, node)>(at));
+				at = at->next;
+			}
+		}
+		if (at != &item->datas)
+			seam_cond_resched();
+	}
+}
+
+template <typename Guard, typename Set>
+void enter(Set set, packet_regular *rule, packet_regular_lib *lib, const Choice &choice)
+{
+	const u32 view = view_of(rule->location);
+	const bool wlan = is_wlan(lib);
+
+	rule->anchored = choice.item;
+	if (!choice.item) {
+		Guard guard(lib);
+		set.link(&rule->anchor, rule, view, choice.spot);
+		return;
+	}
+	const u32 type = choice.item->type;
+	for_all_values<Guard>(lib, choice.item, [&](regular_data *datum) {
+		set.link(&datum->anchor, rule, view,
+			 item_spot(type, rule_value(type, datum->value), wlan));
+	});
+}
+
+template <typename Guard, typename Set>
+void leave(Set set, packet_regular *rule, packet_regular_lib *lib)
+{
+	if (regular_item *item = rule->anchored) {
+		for_all_values<Guard>(lib, item,
+				      [&](regular_data *datum) { set.unlink(&datum->anchor); });
+		rule->anchored = nullptr;
+	} else if (rule->anchor.prev) {
+		Guard guard(lib);
+		set.unlink(&rule->anchor);
+	}
+}
+
+} // namespace
+
+void index_choose_seeds()
+{
+	g_index_seeds.low = seam_random() | 1;
+	g_index_seeds.high = seam_random() | 1;
+	for (auto &view : g_index_seeds.slot)
+		for (u32 &slot : view)
+			slot = seam_random();
+}
+
+bool rule_before(const packet_regular *rule, const packet_regular *other)
+{
+	if (rule->place.high != other->place.high)
+		return rule->place.high < other->place.high;
+	return rule->place.low < other->place.low;
+}
+
+bool key_before(const filter_list_data *key, const filter_list_data *other)
+{
+	return key->type != other->type ? key->type < other->type : key->place < other->place;
+}
+
+bool copy_before(const packet_regular *copy, const packet_regular *other)
+{
+	return copy->entry == other->entry ? copy->place.high < other->place.high
+					   : key_before(copy->entry, other->entry);
+}
+
+void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
+{
+	FilterBuckets set(&lib->filter, lib->filter_buckets);
+	const bool wlan = is_wlan(lib);
+	const u32 view = view_of(copy->location);
+
+	copy->anchored = nullptr;
+	copy->anchor.prev = nullptr;
+	/* Local treatments never answer a hook. */
+	if (treatment_local(copy->treatment))
+		return;
+	Spot key = key_spot(*copy->entry, wlan);
+	if (key.slot == kSlotNever)
+		return;
+	Choice best = choice_of_spot(set, view, key);
+	if (choose(set, copy, view, wlan, &best))
+		enter<HookGuard>(set, copy, lib, best);
+}
+
+void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)
+{
+	leave<HookGuard>(FilterBuckets(&lib->filter, lib->filter_buckets), copy, lib);
+}
+
+void index_enter_rule(packet_regular *rule, packet_regular_lib *lib)
+{
+	DeliveryBuckets set(&lib->delivery, lib->delivery_buckets);
+	const bool wlan = is_wlan(lib);
+	const u32 view = view_of(rule->location);
+
+	rule->anchored = nullptr;
+	rule->anchor.prev = nullptr;
+	/* A rule without a treatment or without conditions gets no frame. */
+	if (rule->treatment == PACKET_TREATMENT_NONE || !rule->owner || list_empty(&rule->items))
+		return;
+	Choice best = choice_of_spot(set, view, { kSlotAlways, {} });
+	if (choose(set, rule, view, wlan, &best))
+		enter<NoGuard>(set, rule, lib, best);
+}
+
+void index_leave_rule(packet_regular *rule, packet_regular_lib *lib)
+{
+	leave<NoGuard>(DeliveryBuckets(&lib->delivery, lib->delivery_buckets), rule, lib);
+}
+
+} // namespace mox

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The index of a library: hash buckets that say which rules a frame may match,
+ * so that a frame costs the same with one rule as with thousands. The lists stay
+ * the truth; the index allocates nothing, its links lie in the records.
+ *
+ * A match copy (for hooks) and a rule (for delivery) is anchored under the values
+ * of one of its conditions, the one that it shares with the fewest others. What a
+ * bucket yields is a candidate and is compared whole. A rule without a value to
+ * look up is anchored under a class of frames. The chain of a bucket is in the
+ * order of the list, so that the first candidate that matches is the first rule.
+ */
+#pragma once
+
+#include "base/sync.hpp"
+#include "locations/table.hpp"
+#include "rules/value.hpp"
+
+namespace mox {
+
+/** Slots behind those of the rule types: classes of frames. */
+enum IndexSlot : u32 {
+	kSlotAlways = MOX_PACKET_RULE_TYPES, /* every frame */
+	kSlotSnap,                           /* an LLC/SNAP frame */
+	kSlotIpv4Mcast,
+	kSlotIpv6Mcast,
+	kSlotWps,
+	kSlotWlanMgmt,
+	kSlots,
+	kSlotNever = kSlots, /* no frame: not anchored */
+};
+static_assert(kSlots == RULE_SLOTS);
+
+/** Bits of a hash that number a bucket. */
+inline constexpr u32 kFilterBits = 10;
+inline constexpr u32 kDeliveryBits = 9;
+static_assert(RULE_FILTER_BUCKETS == 1u << kFilterBits);
+static_assert(RULE_DELIVERY_BUCKETS == 1u << kDeliveryBits);
+
+/*
+ * Random numbers of this load: users choose the values of rules, and must not be
+ * able to choose the buckets.
+ */
+struct IndexSeeds {
+	u32 low;  /* odd */
+	u32 high; /* odd */
+	u32 slot[RULE_VIEWS][kSlots];
+};
+extern IndexSeeds g_index_seeds;
+
+/** Choose the seeds. Before the first rule; process. */
+void index_choose_seeds();
+
+/** The view of a library that a location of it is. */
+constexpr u32 view_of(u32 location)
+{
+	return location <= kLastLocation ? 0 : location - kLastLocation;
+}
+static_assert(view_of(PACKET_LEV3_RESV_LOC) == RULE_VIEWS - 1);
+
+/** The hash of a value in a slot. Its upper bits number the bucket, all of it tells candidates apart. */
+inline u32 index_hash(u32 view, u32 slot, const Value &value)
+{
+	return value.low * g_index_seeds.low + value.high * g_index_seeds.high +
+	       g_index_seeds.slot[view][slot];
+}
+
+/** Whether a key, a match copy, or a rule, comes before another one in the order of its library. */
+bool key_before(const filter_list_data *key, const filter_list_data *other);
+bool copy_before(const packet_regular *copy, const packet_regular *other);
+bool rule_before(const packet_regular *rule, const packet_regular *other);
+
+/**
+ * Anchor a match copy, whose entry and place are set, or undo that. The change
+ * lock is held; the library lock is taken for some values at a time. May sleep.
+ */
+void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+
+/** The same for a rule that is linked among the library's rules. May sleep. */
+void index_enter_rule(packet_regular *rule, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+void index_leave_rule(packet_regular *rule, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+
+} // namespace mox

@@ -1,0 +1,142 @@
+// SPDX-License-Identifier: GPL-2.0
+// Searches by value: in items and in libraries, against a map.
+#include <map>
+#include <random>
+
+#include "rules/values.hpp"
+#include "rules_fixture.h"
+
+namespace {
+
+class Values : public RulesTest {
+protected:
+	packet_regular_lib *lib = &g_ipv6_packet_regular_lib;
+
+	struct Hold {
+		explicit Hold(packet_regular_lib *lib) : lock(&lib->change_lock)
+		{
+			seam_mutex_lock(lock);
+		}
+		~Hold() { seam_mutex_unlock(lock); }
+		seam_mutex *lock;
+	};
+
+	// Depth of a tree, for a bound on the cost of a search.
+	static u32 depth(regular_data *root)
+	{
+		if (!root)
+			return 0;
+		return 1 + std::max(depth(root->lib.left), depth(root->lib.right));
+	}
+	static u32 size(regular_data *root)
+	{
+		return root ? 1 + size(root->lib.left) + size(root->lib.right) : 0;
+	}
+};
+
+TEST_F(Values, compared__only_the_bytes_of_the_type)
+{
+	struct {
+		u32 type;
+		std::vector<u8> one, other;
+		bool equal;
+	} const rows[] = {
+		{ PACKET_PACKET_CODE_EQUAL, { 1, 2, 3 }, { 1, 2, 4 }, true },
+		{ PACKET_PACKET_CODE_EQUAL, { 1, 2 }, { 1, 3 }, false },
+		{ PACKET_DEST_MAC_EQUAL, { 1, 2, 3, 4, 5, 6, 7 }, { 1, 2, 3, 4, 5, 6, 8 }, true },
+		{ PACKET_DEST_MAC_EQUAL, { 1, 2, 3, 4, 5, 6 }, { 1, 2, 3, 4, 5, 7 }, false },
+		{ PACKET_IPv4_PROT_EQUAL, { 6, 1 }, { 6, 2 }, true },
+		{ PACKET_SRC_INTF_EQUAL, { 1, 0, 0, 0, 9 }, { 1, 0, 0, 0, 8 }, true },
+		{ PACKET_SRC_INTF_EQUAL, { 1, 0, 0, 1 }, { 1, 0, 0, 2 }, false },
+		{ PACKET_ALL, { 1 }, { 2 }, true },
+	};
+	for (auto &row : rows) {
+		u8 one[8]{}, other[8]{};
+		memcpy(one, row.one.data(), row.one.size());
+		memcpy(other, row.other.data(), row.other.size());
+		EXPECT_EQ(rule_value(row.type, one) == rule_value(row.type, other), row.equal)
+			<< "type " << row.type;
+	}
+}
+
+TEST_F(Values, library__one_datum_stands_for_its_equals)
+{
+	const u32 type = PACKET_ETH_PROT_EQUAL;
+	std::map<u32, std::vector<regular_data *>> want;
+	std::map<u32, filter_list_data *> entries;
+	filter_list_data marks[40];
+	std::mt19937 rng(5);
+	u32 shared = 0, last = 0;
+	Hold hold(lib);
+	for (int step = 0; step < 20000; step++) {
+		u32 value = rng() % 40;
+		std::vector<regular_data *> &held = want[value];
+		if (rng() % 2) {
+			regular_data *d = datum(type, { u8(value) });
+			regular_data *stands = library_value_enter(d, lib);
+			if (held.empty()) {
+				EXPECT_EQ(stands, d);
+				EXPECT_EQ(d->entry, nullptr);
+				d->entry = entries[value] = &marks[value];
+			}
+			EXPECT_EQ(stands->entry, entries[value]);
+			held.push_back(d);
+		} else if (!held.empty()) {
+			size_t which = rng() % held.size();
+			regular_data *d = held[which];
+			held.erase(held.begin() + which);
+			ValueLeft left = library_value_leave(d, lib);
+			EXPECT_EQ(left.other != nullptr, !held.empty());
+			EXPECT_EQ(left.entry, entries[value]);
+			(held.empty() ? last : shared)++;
+			mox_packet_free_data(d);
+		}
+		u8 bytes[8] = { u8(value) };
+		regular_data *found = library_value(type, bytes, lib);
+		EXPECT_EQ(std::count(held.begin(), held.end(), found), held.empty() ? 0 : 1);
+		ASSERT_FALSE(HasFailure()) << "step " << step;
+	}
+	EXPECT_GT(shared, 100u);
+	EXPECT_GT(last, 100u);
+	for (auto &[value, held] : want)
+		for (regular_data *d : held) {
+			library_value_leave(d, lib);
+			mox_packet_free_data(d);
+		}
+	EXPECT_EQ(lib->values[type], nullptr);
+}
+
+// Sorted values would make a plain search tree as deep as they are many.
+TEST_F(Values, library__sorted_values_make_no_deep_tree)
+{
+	constexpr u32 kMany = 30000;
+	std::vector<regular_data *> all;
+	Hold hold(lib);
+	for (u32 n = 0; n < kMany; n++) {
+		all.push_back(datum(PACKET_SRC_INTF_EQUAL, { u8(n), u8(n >> 8), u8(n >> 16), 0 }));
+		library_value_enter(all.back(), lib);
+	}
+	EXPECT_EQ(size(lib->values[PACKET_SRC_INTF_EQUAL]), kMany);
+	EXPECT_LT(depth(lib->values[PACKET_SRC_INTF_EQUAL]), 60u);
+	for (regular_data *d : all) {
+		EXPECT_EQ(library_value_leave(d, lib).other, nullptr);
+		mox_packet_free_data(d);
+	}
+	EXPECT_EQ(lib->values[PACKET_SRC_INTF_EQUAL], nullptr);
+}
+
+TEST_F(Values, item__finds_what_was_added_and_not_what_was_deleted)
+{
+	Rule rule(PACKET_NONE_LOC, PACKET_COPY);
+	for (u32 n = 0; n < 500; n++)
+		rule.data(PACKET_IPv4_DEST_PORT_EQUAL, { u8(n * 7), u8(n * 7 >> 8) });
+	for (u32 n = 0; n < 500; n += 2)
+		rule.del(PACKET_IPv4_DEST_PORT_EQUAL, { u8(n * 7), u8(n * 7 >> 8) });
+	const regular_item *item = mox_packet_search_item_from_regular(PACKET_IPv4_DEST_PORT_EQUAL,
+								       &rule.regular());
+	for (u32 n = 0; n < 500; n++)
+		EXPECT_EQ(item_value(item, { n * 7, 0 }) != nullptr, n % 2 == 1) << n;
+	EXPECT_EQ(item_value(item, { 3500, 0 }), nullptr);
+}
+
+} // namespace
