@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
-#include <stdexcept>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -116,20 +115,6 @@ void many_values(unsigned count)
 	};
 	for (const auto &row : rows)
 		report({ "changes", row.what, "source MAC", count, double(row.took) / count });
-}
-
-/// Bytes of the kernel's slab pages that do not come back by themselves.
-double slab_bytes()
-{
-	// The counters of the CPUs are folded into the sum first.
-	std::ofstream("/proc/sys/vm/stat_refresh") << "1\n";
-	std::ifstream file("/proc/vmstat");
-	std::string name;
-	double pages = 0;
-	while (file >> name >> pages)
-		if (name == "nr_slab_unreclaimable")
-			return pages * double(::sysconf(_SC_PAGESIZE));
-	throw std::runtime_error("no nr_slab_unreclaimable in /proc/vmstat");
 }
 
 /// The sockets are there before: what grows is what their rules take, their pages' unused rest included.

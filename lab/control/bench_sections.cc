@@ -162,6 +162,7 @@ void run(const Scenario &scenario)
 	};
 	if (!ready.take())
 		throw failed();
+	const double memory = slab_bytes();
 	write_to(kLineTime, scenario.line_us);
 	write_to(kLockTimes, "0");
 	moxlab_latency latency{};
@@ -181,6 +182,9 @@ void run(const Scenario &scenario)
 	show(scenario, "bottom halves off", double(latency.longest_ns));
 	std::printf("  %14s  (last seen in %s)\n", "", plain_name(latency.symbol).c_str());
 	show(scenario, "all of it, with the timer's interrupts", double(took));
+	const double grown = slab_bytes() - memory;
+	std::printf("  %14.0f  bytes of kernel memory more than before\n", grown);
+	record({ "sections", "memory taken", scenario.name, 0, grown, "bytes" });
 	print_locks(scenario);
 	go.give();
 	int status = 0;

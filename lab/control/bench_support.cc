@@ -177,6 +177,19 @@ uint64_t clock_cost()
 	return least;
 }
 
+double slab_bytes()
+{
+	// The counters of the CPUs are folded into the sum first.
+	std::ofstream("/proc/sys/vm/stat_refresh") << "1\n";
+	std::ifstream file("/proc/vmstat");
+	std::string name;
+	double pages = 0;
+	while (file >> name >> pages)
+		if (name == "nr_slab_unreclaimable")
+			return pages * double(::sysconf(_SC_PAGESIZE));
+	throw std::runtime_error("no nr_slab_unreclaimable in /proc/vmstat");
+}
+
 double median(std::vector<double> values)
 {
 	std::sort(values.begin(), values.end());

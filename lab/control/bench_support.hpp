@@ -93,6 +93,9 @@ uint64_t now_ns();
 /// What two readings of it in a row differ by.
 uint64_t clock_cost();
 
+/// Bytes of the kernel's slab pages that do not come back by themselves.
+double slab_bytes();
+
 double median(std::vector<double> values);
 
 /// A frame of 64 bytes or more of this EtherType.
