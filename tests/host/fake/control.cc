@@ -91,7 +91,7 @@ void *seam_genl_put(sk_buff *skb, u32 client)
 {
 	if (kernel().failing(Fail::kGenlPut))
 		return nullptr;
-	auto *head = static_cast<uint8_t *>(seam_skb_put(skb, kHeaders));
+	auto *head = static_cast<uint8_t *>(fake::skb_put(skb, kHeaders));
 	const uint32_t begun = 0, seq = 0;
 	const uint16_t flags = 0;
 	const uint8_t generic[4] = { MOX_PACKET_GENL_CMD, MOX_PACKET_GENL_VERSION, 0, 0 };
@@ -109,7 +109,7 @@ int seam_genl_put_empty(sk_buff *skb, int type)
 	if (kernel().failing(Fail::kNlaPut))
 		return -EMSGSIZE;
 	const uint16_t attr[2] = { 4, static_cast<uint16_t>(type) };
-	std::memcpy(seam_skb_put(skb, 4), attr, 4);
+	std::memcpy(fake::skb_put(skb, 4), attr, 4);
 	return 0;
 }
 

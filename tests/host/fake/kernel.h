@@ -177,6 +177,10 @@ Kernel &kernel();
 // A breach of the kernel's or the platform's rules: fails the running test.
 void breach(const std::string &what);
 
+// Socket buffers of the fakes themselves: null without memory; where the added bytes begin.
+struct ::sk_buff *skb_alloc(uint32_t len);
+void *skb_put(struct ::sk_buff *skb, uint32_t len);
+
 // printf as the kernel has it.
 std::string render(const char *format, va_list args);
 

@@ -39,7 +39,7 @@ void put(sk_buff *skb, const char *call)
 } // namespace
 } // namespace fake
 
-sk_buff *seam_skb_alloc(u32 len)
+sk_buff *fake::skb_alloc(u32 len)
 {
 	if (kernel().failing(Fail::kSkbAlloc))
 		return nullptr;
@@ -58,8 +58,8 @@ sk_buff *seam_skb_clone(sk_buff *skb)
 	fake::check(skb, "skb_clone");
 	if (kernel().failing(Fail::kSkbClone))
 		return nullptr;
-	// The data is copied here, so that a write through one of the two goes unnoticed: nothing
-	// but seam_skb_put writes.
+	// The data is copied here, so that a write through one of the two goes unnoticed: the module
+	// writes to neither.
 	auto *clone = new sk_buff(*skb);
 	clone->users = 1;
 	clone->owner = nullptr;
@@ -67,7 +67,7 @@ sk_buff *seam_skb_clone(sk_buff *skb)
 	return clone;
 }
 
-void *seam_skb_put(sk_buff *skb, u32 len)
+void *fake::skb_put(sk_buff *skb, u32 len)
 {
 	fake::check(skb, "skb_put");
 	if (skb->begin + skb->len + len > skb->room.size()) {
@@ -88,13 +88,18 @@ void *seam_skb_pull(sk_buff *skb, u32 len)
 	return skb->room.data() + skb->begin;
 }
 
-void seam_skb_set_meta(sk_buff *skb, u32 net_offset, u32 ifindex, u16 vlan_id)
+sk_buff *seam_skb_of_frame(const seam_frame *frame)
 {
+	sk_buff *skb = fake::skb_alloc(frame->len);
+	if (!skb)
+		return nullptr;
+	std::memcpy(fake::skb_put(skb, frame->len), frame->data, frame->len);
 	skb->mac = skb->begin;
-	skb->network = skb->begin + net_offset;
-	skb->iif = ifindex;
-	skb->vlan = vlan_id;
+	skb->network = skb->begin + frame->net_offset;
+	skb->iif = frame->ifindex;
+	skb->vlan = frame->vlan_id;
 	skb->has_dev = false;
+	return skb;
 }
 
 void *seam_skb_cb(sk_buff *skb)
@@ -146,19 +151,6 @@ void seam_consume_skb(sk_buff *skb)
 	fake::put(skb, "consume_skb");
 }
 
-void seam_skb_set_owner_r(sk_buff *skb, sock *sk)
-{
-	if (skb->owner)
-		breach("buffer charged twice");
-	skb->owner = sk;
-	sk->rmem += static_cast<int>(skb->truesize);
-}
-
-void seam_skb_dst_drop(sk_buff *skb)
-{
-	skb->dst_dropped = true;
-}
-
 u32 seam_rcvq_len(const sock *sk)
 {
 	return sk->queue->size();
@@ -175,15 +167,20 @@ sk_buff *seam_rcvq_peek(sock *sk)
 	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
 
-void seam_rcvq_append(sock *sk, sk_buff *skb)
+void seam_rcvq_deliver(sock *sk, sk_buff *skb)
 {
-	if (skb->owner != sk)
-		breach("buffer queued without being charged");
+	if (skb->owner)
+		breach("buffer charged twice");
 	if (skb->has_dev)
 		breach("buffer queued with its device");
+	skb->owner = sk;
+	sk->rmem += static_cast<int>(skb->truesize);
+	skb->dst_dropped = true;
 	seam_rcvq_lock(sk);
 	sk->queue->push_back(skb);
 	seam_rcvq_unlock(sk);
+	sk->data_ready++;
+	kernel().event(Point::kDataReady, sk);
 }
 
 void seam_rcvq_purge(sock *sk)

@@ -261,20 +261,15 @@ int seam_sk_wmem(const sock *sk)
 	return static_cast<int>(seam_sk_wmem_charged(sk)) - 1;
 }
 
-int seam_sk_rcvbuf(const sock *sk)
+void seam_sk_receiver(const sock *sk, seam_receiver *receiver)
 {
-	return sk->rcvbuf;
+	*receiver = { sk->type, sk->has_filter, static_cast<u32>(sk->rmem),
+		      static_cast<u32>(sk->rcvbuf) };
 }
+
 void seam_warn(const char *what)
 {
 	kernel().warnings.push_back(what);
-}
-
-void seam_sk_data_ready(sock *sk)
-{
-	fake::check(sk, "data_ready");
-	sk->data_ready++;
-	kernel().event(Point::kDataReady, sk);
 }
 
 int seam_sock_get_timestamp(sock *, void *user_to)
@@ -287,11 +282,6 @@ int seam_sock_get_timestampns(sock *, void *user_to)
 {
 	int32_t stamp[2] = { 17, 9 };
 	return seam_copy_to_user(user_to, stamp, sizeof stamp);
-}
-
-int seam_sk_has_filter(sock *sk)
-{
-	return sk->has_filter;
 }
 
 int seam_sk_filter_trim_cap(sock *sk, sk_buff *, u32 cap)

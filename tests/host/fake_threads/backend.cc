@@ -385,15 +385,15 @@ u32 seam_genl_client(const genl_info *)
 }
 sk_buff *seam_genl_alloc(void)
 {
-	return seam_skb_alloc(36);
+	return threads::skb_alloc(36);
 }
 void *seam_genl_put(sk_buff *skb, u32)
 {
-	return seam_skb_put(skb, 20);
+	return threads::skb_put(skb, 20);
 }
 int seam_genl_put_empty(sk_buff *skb, int)
 {
-	return seam_skb_put(skb, 4), 0;
+	return threads::skb_put(skb, 4), 0;
 }
 void seam_genl_end(sk_buff *, void *) {}
 int seam_genl_unicast(sk_buff *skb, u32)

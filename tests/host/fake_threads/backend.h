@@ -103,4 +103,7 @@ extern void (*output_looks)(const uint8_t *efbuff);
 using change_handler_func = void (*)(uint32_t event, void *service_record);
 change_handler_func &change_handler();
 
+sk_buff *skb_alloc(uint32_t len);
+void *skb_put(sk_buff *skb, uint32_t len);
+
 } // namespace threads

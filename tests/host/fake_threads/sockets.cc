@@ -153,25 +153,20 @@ u32 seam_sk_wmem_charged(const sock *)
 {
 	return 0;
 }
-int seam_sk_rcvbuf(const sock *sk)
+void seam_sk_receiver(const sock *sk, seam_receiver *receiver)
 {
-	return sk->rcvbuf;
+	*receiver = { sk->type, 0, static_cast<u32>(sk->rmem), static_cast<u32>(sk->rcvbuf) };
 }
 void seam_warn(const char *what)
 {
 	std::fprintf(stderr, "kernel warning: %s\n", what);
 	std::abort();
 }
-void seam_sk_data_ready(sock *) {}
 int seam_sock_get_timestamp(sock *, void *)
 {
 	return 0;
 }
 int seam_sock_get_timestampns(sock *, void *)
-{
-	return 0;
-}
-int seam_sk_has_filter(sock *)
 {
 	return 0;
 }
@@ -182,7 +177,7 @@ int seam_sk_filter_trim_cap(sock *, sk_buff *, u32)
 
 // ---- socket buffers ---------------------------------------------------------------------------
 
-sk_buff *seam_skb_alloc(u32 len)
+sk_buff *threads::skb_alloc(u32 len)
 {
 	auto *skb = new sk_buff;
 	skb->room.resize(len);
@@ -199,7 +194,7 @@ sk_buff *seam_skb_clone(sk_buff *skb)
 	live().skbs++;
 	return clone;
 }
-void *seam_skb_put(sk_buff *skb, u32 len)
+void *threads::skb_put(sk_buff *skb, u32 len)
 {
 	skb->len += len;
 	return skb->room.data() + skb->len - len;
@@ -212,7 +207,12 @@ void *seam_skb_pull(sk_buff *skb, u32 len)
 	skb->len -= len;
 	return skb->room.data() + skb->begin;
 }
-void seam_skb_set_meta(sk_buff *, u32, u32, u16) {}
+sk_buff *seam_skb_of_frame(const seam_frame *frame)
+{
+	sk_buff *skb = threads::skb_alloc(frame->len);
+	memcpy(threads::skb_put(skb, frame->len), frame->data, frame->len);
+	return skb;
+}
 void *seam_skb_cb(sk_buff *skb)
 {
 	return skb->cb;
@@ -249,12 +249,6 @@ void seam_consume_skb(sk_buff *skb)
 {
 	free_skb(skb);
 }
-void seam_skb_set_owner_r(sk_buff *skb, sock *sk)
-{
-	skb->owner = sk;
-	sk->rmem += static_cast<int>(skb->room.size() + 576);
-}
-void seam_skb_dst_drop(sk_buff *) {}
 u32 seam_rcvq_len(const sock *sk)
 {
 	// Read without the lock in the kernel, too; one untorn word there.
@@ -272,8 +266,10 @@ sk_buff *seam_rcvq_peek(sock *sk)
 {
 	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
-void seam_rcvq_append(sock *sk, sk_buff *skb)
+void seam_rcvq_deliver(sock *sk, sk_buff *skb)
 {
+	skb->owner = sk;
+	sk->rmem += static_cast<int>(skb->room.size() + 576);
 	pthread_mutex_lock(&sk->queue_lock);
 	sk->queue->push_back(skb);
 	pthread_mutex_unlock(&sk->queue_lock);

@@ -97,8 +97,25 @@ TEST_F(Thread, active__pending_byte_of_each_location)
 			EXPECT_EQ(top.pending[i], i == byte_of[location])
 				<< location << " byte " << i;
 		EXPECT_EQ(top.wake, 1u);
+		top.wake = 0; // as the thread leaves it
 	}
 	EXPECT_EQ(kernel().wakeups, 8);
+	memset(top.pending, 0, sizeof top.pending);
+}
+
+// Until the thread has run it needs no second wake-up: it looks at the bytes behind that.
+TEST_F(Thread, active__a_thread_that_is_woken_already_is_not_woken_again)
+{
+	mox_packet_thread_active(PACKET_LEV2_LOC);
+	mox_packet_thread_active(PACKET_WLAN_LOC);
+	EXPECT_EQ(kernel().wakeups, 1);
+	EXPECT_EQ(top.wake, 1u);
+	EXPECT_EQ(top.pending[0], 1);
+	EXPECT_EQ(top.pending[7], 1);
+	memset(top.pending, 0, sizeof top.pending);
+	top.wake = 0;
+	mox_packet_thread_active(PACKET_LEV2_LOC);
+	EXPECT_EQ(kernel().wakeups, 2);
 	memset(top.pending, 0, sizeof top.pending);
 }
 
@@ -108,6 +125,8 @@ TEST_F(Thread, active__illegal_location_sets_nothing_and_still_wakes)
 		mox_packet_thread_active(location);
 		for (u8 byte : top.pending)
 			EXPECT_EQ(byte, 0);
+		EXPECT_EQ(top.wake, 1u);
+		top.wake = 0; // as the thread leaves it
 	}
 	EXPECT_EQ(kernel().wakeups, 5);
 	EXPECT_TRUE(kernel().log.empty());

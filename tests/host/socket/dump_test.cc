@@ -96,10 +96,10 @@ TEST_F(Dump, socket__every_field_and_every_rule_type)
 	wanted.to_receive = 3;
 	wanted.to_send = 2;
 	for (int i = 0; i < 3; i++) {
-		sk_buff *skb = seam_skb_alloc(60);
-		seam_skb_set_meta(skb, 0, 7, 0);
-		seam_skb_set_owner_r(skb, s.sk);
-		seam_rcvq_append(s.sk, skb);
+		sk_buff *skb = fake::skb_alloc(60);
+		skb->iif = 7;
+		skb->has_dev = false;
+		seam_rcvq_deliver(s.sk, skb);
 	}
 	sk_buff in_flight;
 	s.sk->write_queue->assign(2, &in_flight);

@@ -345,11 +345,11 @@ TEST_F(Family, release__of_one_of_three_keeps_the_others_listed)
 
 sk_buff *queue_buffer(Sock &s, u32 len)
 {
-	sk_buff *skb = seam_skb_alloc(len);
-	memset(seam_skb_put(skb, len), 0x11, len);
-	seam_skb_set_meta(skb, 0, 7, 0);
-	seam_skb_set_owner_r(skb, s.sk);
-	seam_rcvq_append(s.sk, skb);
+	sk_buff *skb = fake::skb_alloc(len);
+	memset(fake::skb_put(skb, len), 0x11, len);
+	skb->iif = 7;
+	skb->has_dev = false;
+	seam_rcvq_deliver(s.sk, skb);
 	return skb;
 }
 

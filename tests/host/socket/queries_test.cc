@@ -36,11 +36,11 @@ protected:
 	}
 	sk_buff *queue(u32 size)
 	{
-		sk_buff *skb = seam_skb_alloc(size);
-		memset(seam_skb_put(skb, size), 0x11, size);
-		seam_skb_set_meta(skb, 0, 7, 0);
-		seam_skb_set_owner_r(skb, s.sk);
-		seam_rcvq_append(s.sk, skb);
+		sk_buff *skb = fake::skb_alloc(size);
+		memset(fake::skb_put(skb, size), 0x11, size);
+		skb->iif = 7;
+		skb->has_dev = false;
+		seam_rcvq_deliver(s.sk, skb);
 		return skb;
 	}
 

@@ -29,15 +29,15 @@ protected:
 	// A packet as delivery leaves it, its control record numbered byte by byte.
 	sk_buff *queue(u32 size, u16 protocol = 0x0608)
 	{
-		sk_buff *skb = seam_skb_alloc(size);
+		sk_buff *skb = fake::skb_alloc(size);
 		Bytes bytes = content(size);
-		std::copy(bytes.begin(), bytes.end(), static_cast<u8 *>(seam_skb_put(skb, size)));
-		seam_skb_set_meta(skb, 0, 7, 0);
+		std::copy(bytes.begin(), bytes.end(), static_cast<u8 *>(fake::skb_put(skb, size)));
+		skb->iif = 7;
+		skb->has_dev = false;
 		skb->protocol = protocol;
 		for (u8 i = 0; i < 48; i++)
 			skb->cb[i] = 0x40 + i;
-		seam_skb_set_owner_r(skb, s.sk);
-		seam_rcvq_append(s.sk, skb);
+		seam_rcvq_deliver(s.sk, skb);
 		return skb;
 	}
 	int receive(msghdr &msg, size_t len, int flags = kDontWait)

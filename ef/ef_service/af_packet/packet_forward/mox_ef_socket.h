@@ -30,8 +30,10 @@ struct rule_place {
 struct rule_anchor {
 	struct rule_anchor *next; /* null at the end */
 	struct rule_anchor *prev; /* of the first: the last; null while in no bucket */
-	u32 hash;
-	u32 spot; /* number in rule_index::anchors */
+	u32 hash;                 /* of what follows */
+	u32 spot;                 /* view and slot: number in rule_index::anchors */
+	u32 low;                  /* the value that it is anchored under */
+	u32 high;
 	struct packet_regular *rule;
 };
 

@@ -48,6 +48,9 @@ const char *treatment_text(u32 treatment)
 
 void trace_delivery(const pkt_info &info, const packet_regular &rule)
 {
+	/* Operators know the number with a reference of the delivery in it. */
+	SockRef ref(rule.owner);
+
 	MOX_TRACE("MOX-PACKET-FW: rcv pkt: %p, loc %s, %s by process %s in vsd %u sk_refcnt %u.\n",
 		  info.efbuff, location_name(rule.location), treatment_text(rule.treatment),
 		  rule.owner->process, 0u, seam_sk_refcnt(sk_of(rule.owner)));
@@ -128,14 +131,13 @@ using OwnedSkb = Owned<sk_buff, drop_skb>;
 /** A socket buffer with the whole frame and its control record, or null. Not counted. */
 sk_buff *build_skb(const void *efbuff, u16 eth_type)
 {
-	u32 len = field<u32>(efbuff, ef::kTotalLen);
-	sk_buff *skb = seam_skb_alloc(len);
-	if (!skb)
-		return nullptr;
-	__builtin_memcpy(seam_skb_put(skb, len), mac_header(efbuff), len);
-	seam_skb_set_meta(skb, field<u16>(efbuff, ef::kL2Len), source_ifindex(efbuff),
-			  static_cast<u16>(vlan_id_of(efbuff)));
-	fill_ctrl(efbuff, eth_type, static_cast<mox_packet_ctrl_info *>(seam_skb_cb(skb)));
+	const seam_frame frame = { mac_header(efbuff), field<u32>(efbuff, ef::kTotalLen),
+				   field<u16>(efbuff, ef::kL2Len), source_ifindex(efbuff),
+				   static_cast<u16>(vlan_id_of(efbuff)) };
+	sk_buff *skb = seam_skb_of_frame(&frame);
+
+	if (skb)
+		fill_ctrl(efbuff, eth_type, static_cast<mox_packet_ctrl_info *>(seam_skb_cb(skb)));
 	return skb;
 }
 
@@ -186,10 +188,8 @@ enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull };
  */
 Verdict apply_filter(sock *sk, sk_buff *skb)
 {
-	u32 snap_len = seam_skb_len(skb);
+	const u32 snap_len = static_cast<u32>(seam_sk_filter_trim_cap(sk, skb, 1));
 
-	if (seam_sk_has_filter(sk))
-		snap_len = static_cast<u32>(seam_sk_filter_trim_cap(sk, skb, 1));
 	if (snap_len == 0)
 		return Verdict::kFiltered;
 	if (snap_len >= seam_skb_len(skb))
@@ -201,15 +201,19 @@ Verdict apply_filter(sock *sk, sk_buff *skb)
 	return Verdict::kKeep;
 }
 
-Verdict judge(sock *sk, sk_buff *skb)
+Verdict judge(sock *sk, const seam_receiver &receiver, sk_buff *skb)
 {
-	Verdict verdict = apply_filter(sk, skb);
+	/* Without a filter the snap length is the buffer's: an empty one is dropped as well. */
+	Verdict verdict = Verdict::kKeep;
 
+	if (receiver.filtered)
+		verdict = apply_filter(sk, skb);
+	else if (seam_skb_len(skb) == 0)
+		verdict = Verdict::kFiltered;
 	if (verdict != Verdict::kKeep)
 		return verdict;
 	/* Unsigned sum: neither part is negative, and a full queue must not look empty. */
-	if (static_cast<u32>(seam_sk_rmem(sk)) + seam_skb_truesize(skb) >=
-	    static_cast<u32>(seam_sk_rcvbuf(sk)))
+	if (receiver.charged + seam_skb_truesize(skb) >= receiver.limit)
 		return Verdict::kQueueFull;
 	return Verdict::kKeep;
 }
@@ -240,27 +244,26 @@ void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
 }
 
 /**
- * One packet for one socket, on which the caller holds a reference. False when
- * there was no memory for the buffer, which does not count as an offer.
+ * One packet for one socket, whose rule is in a library. False when there was no
+ * memory for the buffer, which does not count as an offer.
  */
 bool deliver(FrameBuffers &buffers, bool trace, mox_packet_sock *po)
 {
 	sock *sk = sk_of(po);
-	OwnedSkb skb = buffers.make(seam_sk_type(sk) == sock_type::kDgram);
+	seam_receiver receiver;
+	seam_sk_receiver(sk, &receiver);
+	OwnedSkb skb = buffers.make(receiver.type == sock_type::kDgram);
 	if (!skb) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-FW: alloc skb failed.\n");
 		return false;
 	}
-	Verdict verdict = judge(sk, skb.get());
+	Verdict verdict = judge(sk, receiver, skb.get());
 	if (verdict != Verdict::kKeep) {
 		count_drop(po, verdict, trace);
 		return true;
 	}
-	seam_skb_set_owner_r(skb.get(), sk);
-	seam_skb_dst_drop(skb.get());
-	seam_rcvq_append(sk, skb.release());
-	seam_sk_data_ready(sk);
+	seam_rcvq_deliver(sk, skb.release());
 	bump(po->recv_packets);
 	return true;
 }
@@ -334,12 +337,10 @@ u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
 			if (next)
 				buffers.expect_more();
 		}
-		{
-			SockRef ref(rule->owner);
-			delivery.trace(*rule);
-			if (deliver(buffers, trace, rule->owner) && ends)
-				break;
-		}
+		delivery.trace(*rule);
+		/* The rule cannot leave meanwhile: its running mark holds the socket. */
+		if (deliver(buffers, trace, rule->owner) && ends)
+			break;
 		rule = ends ? matching.next() : next;
 		if (++offered % kSocketsOfTurn == 0)
 			seam_cond_resched();

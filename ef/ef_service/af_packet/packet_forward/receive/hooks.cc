@@ -72,18 +72,6 @@ template <u32 location> bool hand_over_clone(void *efbuff)
 	return true;
 }
 
-/** The fast filter: the treatment of the first rule that matches, or 0. */
-template <typename Info> u32 filter(const Info &info, packet_regular_lib *lib)
-{
-	FilterCandidates candidates;
-
-	filter_look(info, lib, &candidates);
-	if (candidates.count == 0)
-		return PACKET_TREATMENT_NONE;
-	ReadGuard guard(&lib->lock);
-	return filter_decide(info, lib, candidates);
-}
-
 void trace_received(const pkt_info &info, u32 location)
 {
 	MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, loc %s, src_intf: %s, src_ifx: %u, in vsd: %u\n",
@@ -104,7 +92,7 @@ template <u32 location> u32 receive_full()
 	else if (pktd_filter_passes(info))
 		(void)path_switch_on(path_switch(location));
 
-	const u32 treatment = filter(info, kRow.library);
+	const u32 treatment = filter_frame(info, kRow.library);
 	if (treatment == PACKET_TREATMENT_NONE) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, fast filter\n", efbuff);
@@ -149,7 +137,7 @@ u32 wlan_receive()
 	if (trace)
 		trace_wlan_received(efbuff, info);
 
-	const u32 treatment = filter(info, &g_wlan_packet_regular_lib);
+	const u32 treatment = filter_frame(info, &g_wlan_packet_regular_lib);
 	if (treatment == PACKET_TREATMENT_NONE) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-RCV: rcv pkt %p, fast filter\n", efbuff);

@@ -83,6 +83,8 @@ void handle_wake_up()
 
 	bump(g_packet_thread_debug.scheduled);
 	store(top.wake, 0u);
+	/* A hook that saw wake set has set its byte before: it is seen below. */
+	seam_smp_mb();
 	do {
 		store(top.running, u8{ 1 });
 		drain(&budget);
@@ -113,6 +115,9 @@ void mox_packet_thread_active(u32 location)
 			MOX_TRACE("THREAD-ACTION: copy-task is running\n");
 		return;
 	}
+	/* Another hook has woken the thread, which will look at the byte: see handle_wake_up. */
+	if (load(top.wake))
+		return;
 	store(top.wake, 1u);
 	seam_smp_wmb();
 	seam_wake_up(&top.wait_queue);

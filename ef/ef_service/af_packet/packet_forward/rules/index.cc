@@ -70,8 +70,7 @@ Spot full_spot(u32 type, const Value &value)
 	}
 }
 
-/** The spot of a condition, by which all frames that satisfy it find the rule. */
-Spot item_spot(u32 type, const Value &value, bool wlan)
+Spot spot_of(u32 type, const Value &value, bool wlan)
 {
 	Spot spot = wlan ? wlan_spot(type, value) : full_spot(type, value);
 
@@ -80,7 +79,19 @@ Spot item_spot(u32 type, const Value &value, bool wlan)
 	return spot;
 }
 
-/** The spot of a key. Some keys pass for other frames than the condition does: rules/match.cc. */
+/**
+ * The spot of a value of a condition: frames that look there satisfy it, and those
+ * that satisfy it look there.
+ */
+Spot item_spot(u32 type, const Value &value, bool wlan)
+{
+	/* Frames without ICMPv6 look for 0, for keys. As a condition 0 is satisfied by none. */
+	if (type == PACKET_ICMPV6_TYPE_EQUAL && value.low == 0)
+		return { kSlotNever, {} };
+	return spot_of(type, value, wlan);
+}
+
+/** The same for a key. Some keys pass for other frames than the condition does: rules/match.cc. */
 Spot key_spot(const filter_list_data &key, bool wlan)
 {
 	if (key.type >= MOX_PACKET_RULE_TYPES)
@@ -91,10 +102,6 @@ Spot key_spot(const filter_list_data &key, bool wlan)
 		case PACKET_PID_T:
 		case PACKET_WLAN_MGNT:
 			return { kSlotAlways, {} };
-		case PACKET_ICMPV6_TYPE_EQUAL:
-			if (value.low == 0)
-				return { kSlotAlways, {} };
-			break;
 		case PACKET_ARP_TYPE:
 			value.low = key.value[0];
 			break;
@@ -102,7 +109,7 @@ Spot key_spot(const filter_list_data &key, bool wlan)
 			break;
 		}
 	}
-	return item_spot(key.type, value, wlan);
+	return spot_of(key.type, value, wlan);
 }
 
 /** How well a slot tells frames apart, for conditions that are equally crowded. */
@@ -161,6 +168,9 @@ public:
 	void link(rule_anchor *anchor, packet_regular *rule, u32 view, const Spot &spot)
 	{
 		anchor->hash = index_hash(view, spot.slot, spot.value);
+		anchor->spot = view * kSlots + spot.slot;
+		anchor->low = spot.value.low;
+		anchor->high = spot.value.high;
 		anchor->rule = rule;
 		rule_anchor **head = &heads_[bucket(anchor->hash)];
 		rule_anchor *first = *head;
@@ -171,7 +181,6 @@ public:
 		} else {
 			insert_sorted(head, first, anchor);
 		}
-		anchor->spot = view * kSlots + spot.slot;
 		if (index_->anchors[anchor->spot]++ == 0)
 			set_present(view, index_->present[view] | 1u << spot.slot);
 	}
@@ -278,7 +287,7 @@ bool offer_item(const Set &set, u32 view, bool wlan, regular_item *item, Choice 
 {
 	if (item->type == PACKET_PID_T)
 		return !list_empty(&item->datas); /* excludes frames: nothing to look up */
-	Spot without = item_spot(item->type, {}, wlan);
+	Spot without = spot_of(item->type, {}, wlan);
 	if (without.slot >= MOX_PACKET_RULE_TYPES) {
 		if (without.slot == kSlotNever)
 			return false;
@@ -297,6 +306,8 @@ bool offer_item(const Set &set, u32 view, bool wlan, regular_item *item, Choice 
 			break;
 		}
 		Spot spot = item_spot(item->type, rule_value(item->type, datum->value), wlan);
+		if (spot.slot == kSlotNever)
+			continue;
 		u32 crowd = choice_of_spot(set, view, spot).crowd;
 		if (crowd > choice.crowd)
 			choice.crowd = crowd;
@@ -365,8 +376,9 @@ void enter(Set set, packet_regular *rule, packet_regular_lib *lib, const Choice 
 	}
 	const u32 type = choice.item->type;
 	for_all_values<Guard>(lib, choice.item, [&](regular_data *datum) {
-		set.link(&datum->anchor, rule, view,
-			 item_spot(type, rule_value(type, datum->value), wlan));
+		Spot spot = item_spot(type, rule_value(type, datum->value), wlan);
+		if (spot.slot != kSlotNever)
+			set.link(&datum->anchor, rule, view, spot);
 	});
 }
 
@@ -374,8 +386,10 @@ template <typename Guard, typename Set>
 void leave(Set set, packet_regular *rule, packet_regular_lib *lib)
 {
 	if (regular_item *item = rule->anchored) {
-		for_all_values<Guard>(lib, item,
-				      [&](regular_data *datum) { set.unlink(&datum->anchor); });
+		for_all_values<Guard>(lib, item, [&](regular_data *datum) {
+			if (datum->anchor.prev)
+				set.unlink(&datum->anchor);
+		});
 		rule->anchored = nullptr;
 	} else if (rule->anchor.prev) {
 		Guard guard(lib);

@@ -104,15 +104,20 @@ bool item_passes(const pkt_wlan_info &info, const regular_item &item)
 	}
 }
 
+/** Whether all items but one pass; which one is known to pass, or null. */
+template <typename Info>
+bool items_pass(const Info &info, const packet_regular &regular, const regular_item *known)
+{
+	for (const regular_item *item : items_of(&regular))
+		if (item != known && !item_passes(info, *item))
+			return false;
+	return true;
+}
+
 /** All items must pass; a rule without items matches nothing. */
 template <typename Info> int rule_match(const Info &info, const packet_regular &regular)
 {
-	if (list_empty(&regular.items))
-		return 0;
-	for (const regular_item *item : items_of(&regular))
-		if (!item_passes(info, *item))
-			return 0;
-	return 1;
+	return !list_empty(&regular.items) && items_pass(info, regular, nullptr);
 }
 
 /** Whether the frame has a key's value. */
@@ -169,17 +174,21 @@ bool key_passes(const pkt_wlan_info &info, const filter_list_data &key)
 	}
 }
 
-/** Whether the key and the copy that is filed under it pass. */
-template <typename Info> bool copy_passes(const Info &info, const packet_regular &copy)
-{
-	if (copy.owner->vsd != 0 || !key_passes(info, *copy.entry))
-		return false;
-	/* A copy without items had no condition but its key. */
-	return list_empty(&copy.items) || rule_match(info, copy);
-}
+/** Where a frame looks in an index: a value in a slot of a view. */
+struct Probe {
+	u32 hash;
+	u32 spot;
+	Value value;
 
-/** Whether a frame is of a slot that is a class of frames. */
-bool in_class(const pkt_info &info, u32 slot)
+	bool found(const rule_anchor *at) const
+	{
+		return at->hash == hash && at->low == value.low && at->high == value.high &&
+		       at->spot == spot;
+	}
+};
+
+/** Whether a frame looks into a slot, and for which value. */
+[[gnu::always_inline]] inline bool probes_slot(const pkt_info &info, u32 slot, Value *value)
 {
 	switch (slot) {
 	case kSlotAlways:
@@ -190,12 +199,16 @@ bool in_class(const pkt_info &info, u32 slot)
 		return ipv4_mcast_traffic(info);
 	case kSlotIpv6Mcast:
 		return ipv6_mcast_traffic(info);
+	case PACKET_ICMPV6_TYPE_EQUAL:
+		/* Also without ICMPv6: a key of 0 passes for such frames. */
+		value->low = info.icmpv6_type;
+		return true;
 	default:
-		return false;
+		return frame_value(info, slot, value);
 	}
 }
 
-bool in_class(const pkt_wlan_info &info, u32 slot)
+[[gnu::always_inline]] inline bool probes_slot(const pkt_wlan_info &info, u32 slot, Value *value)
 {
 	switch (slot) {
 	case kSlotAlways:
@@ -205,7 +218,7 @@ bool in_class(const pkt_wlan_info &info, u32 slot)
 	case kSlotWlanMgmt:
 		return wlan_mgmt(info);
 	default:
-		return false;
+		return frame_value(info, slot, value);
 	}
 }
 
@@ -222,133 +235,188 @@ bool sees_view(const pkt_wlan_info &, u32)
 }
 
 /**
- * Calls found(hash, head) for each bucket of a set that may hold a rule for the
- * frame, and has an anchor. May run without the lock under which chains change,
- * if found does not follow the chain.
+ * Calls look(probe) for each bucket of a set that may hold a rule for the frame, and
+ * has an anchor. Runs without the lock under which chains change, if look takes that
+ * before it follows a chain, whose head it reads anew. In line: this is what a frame
+ * costs that no rule matches.
  */
-template <u32 bits, typename Info, typename Found>
-void for_buckets_of_view(const Info &info, const rule_index &index, rule_anchor *const *heads,
-			 u32 view, Found found)
+template <u32 bits, typename Info, typename Look>
+[[gnu::always_inline]] inline void for_probes_of_view(const Info &info, u32 present,
+						      rule_anchor *const *heads, u32 view,
+						      Look &&look)
 {
-	for (u32 left = load(index.present[view]); left != 0; left &= left - 1) {
-		u32 slot = static_cast<u32>(__builtin_ctz(left));
+	for (u32 left = present; left != 0; left &= left - 1) {
+		const u32 slot = static_cast<u32>(__builtin_ctz(left));
 		Value value{};
-		if (slot < MOX_PACKET_RULE_TYPES ? !frame_value(info, slot, &value)
-						 : !in_class(info, slot))
+		if (!probes_slot(info, slot, &value))
 			continue;
-		u32 hash = index_hash(view, slot, value);
-		if (rule_anchor *head = load(heads[hash >> (32 - bits)]))
-			found(hash, head);
+		const u32 hash = index_hash(view, slot, value);
+		if (load(heads[hash >> (32 - bits)]))
+			look(Probe{ hash, view * kSlots + slot, value });
 	}
 }
 
-template <u32 bits, typename Info, typename Found>
-void for_buckets(const Info &info, const rule_index &index, rule_anchor *const *heads, Found found)
+/** Whether a copy passes of which the anchored condition, the key or an item, is known to. */
+template <typename Info> inline bool copy_passes(const Info &info, const packet_regular &copy)
 {
-	for_buckets_of_view<bits>(info, index, heads, 0, found);
-	if (load(index.reserved_views) == 0)
-		return;
-	for (u32 view = 1; view < RULE_VIEWS; view++)
-		if (load(index.present[view]) != 0 && sees_view(info, view))
-			for_buckets_of_view<bits>(info, index, heads, view, found);
+	if (copy.owner->vsd != 0)
+		return false;
+	if (copy.anchored && !key_passes(info, *copy.entry))
+		return false;
+	/* A copy without items had no condition but its key. */
+	return items_pass(info, copy, copy.anchored);
 }
 
-template <typename Info>
-void look(const Info &info, const packet_regular_lib *lib, FilterCandidates *candidates)
-{
-	u32 count = 0;
+/** The read lock of a library, taken when it is first needed. */
+class LazyReadGuard : Pinned {
+public:
+	explicit LazyReadGuard(packet_regular_lib *lib) : lib_(lib) {}
+	~LazyReadGuard() SEAM_NO_THREAD_SAFETY_ANALYSIS
+	{
+		if (taken_)
+			seam_read_unlock_bh(&lib_->lock);
+	}
+	void take() SEAM_NO_THREAD_SAFETY_ANALYSIS
+	{
+		if (taken_)
+			return;
+		seam_read_lock_bh(&lib_->lock);
+		taken_ = true;
+	}
 
-	for_buckets<kFilterBits>(info, lib->filter, lib->filter_buckets,
-				 [&](u32 hash, const rule_anchor *) {
-					 candidates->hashes[count++] = hash;
-				 });
-	candidates->count = count;
-}
+private:
+	packet_regular_lib *lib_;
+	bool taken_ = false;
+};
 
-/** The first copy that passes, in the order of keys and copies; behind a key, if it is not null. */
-template <typename Info>
-const packet_regular *first_copy(const Info &info, const packet_regular_lib *lib,
-				 const FilterCandidates &candidates, const filter_list_data *behind)
-{
-	const packet_regular *first = nullptr;
+/** The caller holds the lock. */
+class HeldGuard : Pinned {
+public:
+	explicit HeldGuard(const packet_regular_lib *) {}
+	void take() {}
+};
 
-	for (u32 n = 0; n < candidates.count; n++) {
-		const u32 hash = candidates.hashes[n];
-		const rule_anchor *at = lib->filter_buckets[hash >> (32 - kFilterBits)];
+/** The search of a fast filter for the first copy that passes, in the order of keys and copies. */
+template <typename Info, typename Guard> class FirstCopy {
+public:
+	/** behind: of keys behind that one only; null for all. */
+	FirstCopy(const Info &info, const packet_regular_lib *lib, Guard &guard,
+		  const filter_list_data *behind)
+		: info_(info), lib_(lib), guard_(guard), behind_(behind)
+	{
+	}
+
+	[[gnu::always_inline]] const packet_regular *find()
+	{
+		for_probes_of_view<kFilterBits>(info_, load(lib_->filter.present[0]),
+						lib_->filter_buckets, 0,
+						[this](const Probe &probe) { look(probe); });
+		if (__builtin_expect(load(lib_->filter.reserved_views) != 0, false))
+			find_reserved();
+		return first_;
+	}
+
+private:
+	[[gnu::noinline]] void find_reserved()
+	{
+		for (u32 view = 1; view < RULE_VIEWS; view++) {
+			u32 present = load(lib_->filter.present[view]);
+			if (present != 0 && sees_view(info_, view))
+				for_probes_of_view<kFilterBits>(
+					info_, present, lib_->filter_buckets, view,
+					[this](const Probe &probe) { look(probe); });
+		}
+	}
+
+	[[gnu::always_inline]] void look(const Probe &probe)
+	{
+		guard_.take();
+		const rule_anchor *at = lib_->filter_buckets[probe.hash >> (32 - kFilterBits)];
 		for (; at; at = at->next) {
+			if (!probe.found(at))
+				continue;
 			const packet_regular *copy = at->rule;
-			if (at->hash != hash)
+			if (first_ && !copy_before(copy, first_))
+				return;
+			if (behind_ && !key_before(behind_, copy->entry))
 				continue;
-			if (first && !copy_before(copy, first))
-				break;
-			if (behind && !key_before(behind, copy->entry))
-				continue;
-			if (copy_passes(info, *copy)) {
-				first = copy;
-				break;
+			if (copy_passes(info_, *copy)) {
+				first_ = copy;
+				return;
 			}
 		}
 	}
-	return first;
+
+	const Info &info_;
+	const packet_regular_lib *const lib_;
+	Guard &guard_;
+	const filter_list_data *const behind_;
+	const packet_regular *first_ = nullptr;
+};
+
+template <typename Info, typename Guard>
+[[gnu::noinline]] const packet_regular *first_copy_behind(const Info &info,
+							  const packet_regular_lib *lib,
+							  Guard &guard,
+							  const filter_list_data *behind)
+{
+	return FirstCopy<Info, Guard>(info, lib, guard, behind).find();
 }
 
-template <typename Info>
-u32 decide(const Info &info, const packet_regular_lib *lib, const FilterCandidates &candidates)
+template <typename Guard, typename Info, typename Library>
+inline u32 decide(const Info &info, Library *lib)
 {
-	const packet_regular *first = first_copy(info, lib, candidates, nullptr);
+	Guard guard(lib);
+	const packet_regular *first = FirstCopy<Info, Guard>(info, lib, guard, nullptr).find();
 
+	if (!first)
+		return PACKET_TREATMENT_NONE;
 	/* A copy without a treatment would leave the decision to the next key. */
-	while (first && first->treatment == PACKET_TREATMENT_NONE)
-		first = first_copy(info, lib, candidates, first->entry);
+	while (__builtin_expect(first && first->treatment == PACKET_TREATMENT_NONE, false))
+		first = first_copy_behind(info, lib, guard, first->entry);
 	return first ? first->treatment : u32{ PACKET_TREATMENT_NONE };
 }
 
 } // namespace
 
-void filter_look(const pkt_info &info, const packet_regular_lib *lib, FilterCandidates *candidates)
+u32 filter_frame(const pkt_info &info, packet_regular_lib *lib)
 {
-	look(info, lib, candidates);
+	return decide<LazyReadGuard>(info, lib);
 }
 
-void filter_look(const pkt_wlan_info &info, const packet_regular_lib *lib,
-		 FilterCandidates *candidates)
+u32 filter_frame(const pkt_wlan_info &info, packet_regular_lib *lib)
 {
-	look(info, lib, candidates);
-}
-
-u32 filter_decide(const pkt_info &info, const packet_regular_lib *lib,
-		  const FilterCandidates &candidates)
-{
-	return decide(info, lib, candidates);
-}
-
-u32 filter_decide(const pkt_wlan_info &info, const packet_regular_lib *lib,
-		  const FilterCandidates &candidates)
-{
-	return decide(info, lib, candidates);
+	return decide<LazyReadGuard>(info, lib);
 }
 
 template <typename Info>
 MatchingRules<Info>::MatchingRules(const Info &info, const packet_regular_lib *lib)
 	: info_(info), count_(0)
 {
-	for_buckets<kDeliveryBits>(info, lib->delivery, lib->delivery_buckets,
-				   [&](u32 hash, const rule_anchor *at) {
-					   while (at && at->hash != hash)
-						   at = at->next;
-					   if (at)
-						   heads_[count_++] = at;
-				   });
+	for (u32 view = 0; view < RULE_VIEWS; view++) {
+		u32 present = lib->delivery.present[view];
+		if (present == 0 || (view != 0 && !sees_view(info, view)))
+			continue;
+		for_probes_of_view<kDeliveryBits>(
+			info, present, lib->delivery_buckets, view, [&](const Probe &probe) {
+				const rule_anchor *at =
+					lib->delivery_buckets[probe.hash >> (32 - kDeliveryBits)];
+				while (at && !probe.found(at))
+					at = at->next;
+				if (at)
+					heads_[count_++] = at;
+			});
+	}
 }
 
 template <typename Info> void MatchingRules<Info>::advance(u32 chain)
 {
 	const rule_anchor *at = heads_[chain];
-	const u32 hash = at->hash;
+	const Probe probe{ at->hash, at->spot, { at->low, at->high } };
 
 	do
 		at = at->next;
-	while (at && at->hash != hash);
+	while (at && !probe.found(at));
 	if (at)
 		heads_[chain] = at;
 	else
@@ -366,7 +434,7 @@ template <typename Info> packet_regular *MatchingRules<Info>::next()
 		for (u32 chain = count_; chain-- > 0;)
 			if (heads_[chain]->rule == first)
 				advance(chain);
-		if (first->owner->vsd == 0 && rule_match(info_, *first))
+		if (first->owner->vsd == 0 && items_pass(info_, *first, first->anchored))
 			return first;
 	}
 	return nullptr;
@@ -393,15 +461,11 @@ int pkt_wlan_rule_match(const pkt_wlan_info *info, const packet_regular *regular
 
 u32 pkt_fast_filter(const pkt_info *info, const packet_regular_lib *lib)
 {
-	FilterCandidates candidates;
-	look(*info, lib, &candidates);
-	return decide(*info, lib, candidates);
+	return decide<HeldGuard>(*info, lib);
 }
 
 u32 pkt_wlan_fast_filter(const pkt_wlan_info *info)
 {
-	FilterCandidates candidates;
-	look(*info, &g_wlan_packet_regular_lib, &candidates);
-	return decide(*info, &g_wlan_packet_regular_lib, candidates);
+	return decide<HeldGuard>(*info, &g_wlan_packet_regular_lib);
 }
 } // extern "C"

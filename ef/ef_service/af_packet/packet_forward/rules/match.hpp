@@ -26,25 +26,14 @@ u32 pkt_wlan_fast_filter(const pkt_wlan_info *info)
 
 namespace mox {
 
-/** What a frame may match in a library: hashes of the buckets to look into. */
-struct FilterCandidates {
-	u32 count;
-	u32 hashes[RULE_VIEWS * RULE_SLOTS];
-};
-
 /**
- * The fast filter in two steps. The first needs no lock: most frames that no rule
- * matches have no candidate, and cost no more. What a rule change adds or removes
- * meanwhile counts for the next frame.
+ * The fast filter of a hook: the treatment of the first rule that matches, or 0. The
+ * read lock is taken inside, if the frame has a candidate: most frames that no rule
+ * matches have none. What a rule change adds or removes meanwhile counts for the next
+ * frame. Any context.
  */
-void filter_look(const pkt_info &info, const packet_regular_lib *lib, FilterCandidates *candidates);
-void filter_look(const pkt_wlan_info &info, const packet_regular_lib *lib,
-		 FilterCandidates *candidates);
-/** The treatment of the first rule that matches the packet, or 0. The read lock is held. */
-u32 filter_decide(const pkt_info &info, const packet_regular_lib *lib,
-		  const FilterCandidates &candidates) SEAM_REQUIRES_SHARED(lib->lock);
-u32 filter_decide(const pkt_wlan_info &info, const packet_regular_lib *lib,
-		  const FilterCandidates &candidates) SEAM_REQUIRES_SHARED(lib->lock);
+u32 filter_frame(const pkt_info &info, packet_regular_lib *lib);
+u32 filter_frame(const pkt_wlan_info &info, packet_regular_lib *lib);
 
 /**
  * The rules of a library that match a packet and whose socket is of vsd 0, in the

@@ -65,7 +65,7 @@ constexpr bool type_has_wildcard(u32 type)
  * must equal, false when no value of the type can match the frame, and for the
  * types without a value to compare.
  */
-inline bool frame_value(const pkt_info &info, u32 type, Value *value)
+[[gnu::always_inline]] inline bool frame_value(const pkt_info &info, u32 type, Value *value)
 {
 	value->high = 0;
 	switch (type) {

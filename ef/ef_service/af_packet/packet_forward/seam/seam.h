@@ -164,10 +164,9 @@ u32 seam_sk_refcnt(const struct sock *sk);
 void seam_sock_orphan(struct sock *sk);
 /** Whether sk is marked dead. */
 int seam_sk_dead(const struct sock *sk);
-/** Receive memory charged; send memory in use (less the socket's own 1); receive buffer limit. */
+/** Receive memory charged; send memory in use (less the socket's own 1). */
 int seam_sk_rmem(const struct sock *sk);
 int seam_sk_wmem(const struct sock *sk);
-int seam_sk_rcvbuf(const struct sock *sk);
 /** Send memory as charged, the socket's own 1 included while the socket lives. */
 u32 seam_sk_wmem_charged(const struct sock *sk);
 /** A kernel warning with a backtrace. Any. */
@@ -182,10 +181,20 @@ u32 seam_writeq_len(const struct sock *sk);
 struct sk_buff *seam_rcvq_peek(struct sock *sk);
 /** Free all queued buffers. Any. */
 void seam_rcvq_purge(struct sock *sk);
-/** Append; takes the queue's lock. Any. */
-void seam_rcvq_append(struct sock *sk, struct sk_buff *skb);
-/** The socket's data-ready callback. Any. */
-void seam_sk_data_ready(struct sock *sk);
+/**
+ * Charge the buffer to the socket's receive memory (sock_rfree returns the charge),
+ * drop its route, append it, and call the socket's data-ready callback. Any.
+ */
+void seam_rcvq_deliver(struct sock *sk, struct sk_buff *skb);
+
+/** What delivery asks of a socket. */
+struct seam_receiver {
+	int type;     /* SOCK_RAW, SOCK_DGRAM */
+	int filtered; /* a socket filter is attached */
+	u32 charged;  /* receive memory */
+	u32 limit;    /* receive buffer */
+};
+void seam_sk_receiver(const struct sock *sk, struct seam_receiver *receiver);
 
 /** SIOCGSTAMP and SIOCGSTAMPNS: 0 or a negative errno. Process. */
 int seam_sock_get_timestamp(struct sock *sk, void *user_to);
@@ -193,19 +202,20 @@ int seam_sock_get_timestampns(struct sock *sk, void *user_to);
 
 /* ---- socket buffers ------------------------------------------------------------ */
 
-/** A buffer with room for len bytes, GFP_ATOMIC, or null. Any. */
-struct sk_buff *seam_skb_alloc(u32 len);
+/** A frame that a buffer is made of. */
+struct seam_frame {
+	const void *data; /* from the MAC header */
+	u32 len;
+	u32 net_offset; /* of the network header */
+	u32 ifindex;    /* it came in on */
+	u16 vlan_id;
+};
+/** A buffer with a copy of a frame and no device, GFP_ATOMIC, or null. Any. */
+struct sk_buff *seam_skb_of_frame(const struct seam_frame *frame);
 /** Another buffer with the same data and control block, GFP_ATOMIC, or null. Any. */
 struct sk_buff *seam_skb_clone(struct sk_buff *skb);
-/** Extend the data by len bytes; returns where they begin. */
-void *seam_skb_put(struct sk_buff *skb, u32 len);
 /** Remove len bytes from the front; null, and nothing done, when there are fewer. */
 void *seam_skb_pull(struct sk_buff *skb, u32 len);
-/**
- * MAC header at the data's start, network header net_offset bytes behind it,
- * input interface, VLAN id, and no device.
- */
-void seam_skb_set_meta(struct sk_buff *skb, u32 net_offset, u32 ifindex, u16 vlan_id);
 /** The 48 bytes of the buffer's control block. */
 void *seam_skb_cb(struct sk_buff *skb);
 u32 seam_skb_len(const struct sk_buff *skb);
@@ -219,11 +229,6 @@ void seam_skb_cut(struct sk_buff *skb, u32 len);
 /** Number of references. */
 u32 seam_skb_users(const struct sk_buff *skb);
 void seam_consume_skb(struct sk_buff *skb);
-/** Charge the buffer to the socket's receive memory; sock_rfree returns the charge. */
-void seam_skb_set_owner_r(struct sk_buff *skb, struct sock *sk);
-void seam_skb_dst_drop(struct sk_buff *skb);
-/** Whether a socket filter is attached; read with bottom halves off. */
-int seam_sk_has_filter(struct sock *sk);
 /** sk_filter_trim_cap: 0 when the filter accepts, negative when it rejects. Any. */
 int seam_sk_filter_trim_cap(struct sock *sk, struct sk_buff *skb, u32 cap);
 

@@ -1,14 +1,23 @@
 // SPDX-License-Identifier: GPL-2.0
 /* Socket buffers. */
 #include <linux/skbuff.h>
-#include <net/dst.h>
 #include <net/sock.h>
 
 #include "seam.h"
 
-struct sk_buff *seam_skb_alloc(u32 len)
+struct sk_buff *seam_skb_of_frame(const struct seam_frame *frame)
 {
-	return __alloc_skb(len, GFP_ATOMIC, 0, NUMA_NO_NODE);
+	struct sk_buff *skb = __alloc_skb(frame->len, GFP_ATOMIC, 0, NUMA_NO_NODE);
+
+	if (!skb)
+		return NULL;
+	skb_put_data(skb, frame->data, frame->len);
+	skb_reset_mac_header(skb);
+	skb_set_network_header(skb, frame->net_offset);
+	skb->skb_iif = frame->ifindex;
+	skb->vlan_tci = frame->vlan_id;
+	skb->dev = NULL;
+	return skb;
 }
 
 struct sk_buff *seam_skb_clone(struct sk_buff *skb)
@@ -16,23 +25,9 @@ struct sk_buff *seam_skb_clone(struct sk_buff *skb)
 	return skb_clone(skb, GFP_ATOMIC);
 }
 
-void *seam_skb_put(struct sk_buff *skb, u32 len)
-{
-	return skb_put(skb, len);
-}
-
 void *seam_skb_pull(struct sk_buff *skb, u32 len)
 {
 	return skb_pull(skb, len);
-}
-
-void seam_skb_set_meta(struct sk_buff *skb, u32 net_offset, u32 ifindex, u16 vlan_id)
-{
-	skb_reset_mac_header(skb);
-	skb_set_network_header(skb, net_offset);
-	skb->skb_iif = ifindex;
-	skb->vlan_tci = vlan_id;
-	skb->dev = NULL;
 }
 
 void *seam_skb_cb(struct sk_buff *skb)
@@ -80,14 +75,4 @@ u32 seam_skb_users(const struct sk_buff *skb)
 void seam_consume_skb(struct sk_buff *skb)
 {
 	consume_skb(skb);
-}
-
-void seam_skb_set_owner_r(struct sk_buff *skb, struct sock *sk)
-{
-	skb_set_owner_r(skb, sk);
-}
-
-void seam_skb_dst_drop(struct sk_buff *skb)
-{
-	skb_dst_drop(skb);
 }

@@ -6,6 +6,7 @@
 #include <linux/socket.h>
 #include <linux/uaccess.h>
 #include <linux/uio.h>
+#include <net/dst.h>
 #include <net/sock.h>
 
 #include "seam.h"
@@ -71,11 +72,6 @@ u32 seam_sk_wmem_charged(const struct sock *sk)
 	return refcount_read(&sk->sk_wmem_alloc);
 }
 
-int seam_sk_rcvbuf(const struct sock *sk)
-{
-	return READ_ONCE(sk->sk_rcvbuf);
-}
-
 void seam_warn(const char *what)
 {
 	WARN(1, "mox_ef_socket: %s\n", what);
@@ -111,14 +107,21 @@ void seam_rcvq_purge(struct sock *sk)
 	skb_queue_purge(&sk->sk_receive_queue);
 }
 
-void seam_rcvq_append(struct sock *sk, struct sk_buff *skb)
+void seam_rcvq_deliver(struct sock *sk, struct sk_buff *skb)
 {
+	skb_set_owner_r(skb, sk);
+	skb_dst_drop(skb);
 	skb_queue_tail(&sk->sk_receive_queue, skb);
+	sk->sk_data_ready(sk);
 }
 
-void seam_sk_data_ready(struct sock *sk)
+void seam_sk_receiver(const struct sock *sk, struct seam_receiver *receiver)
 {
-	sk->sk_data_ready(sk);
+	receiver->type = sk->sk_type;
+	/* Only whether there is one: sk_filter_trim_cap() reads it anew, under RCU. */
+	receiver->filtered = rcu_access_pointer(sk->sk_filter) != NULL;
+	receiver->charged = atomic_read(&sk->sk_rmem_alloc);
+	receiver->limit = READ_ONCE(sk->sk_rcvbuf);
 }
 
 int seam_sock_get_timestamp(struct sock *sk, void *user_to)
@@ -129,16 +132,6 @@ int seam_sock_get_timestamp(struct sock *sk, void *user_to)
 int seam_sock_get_timestampns(struct sock *sk, void *user_to)
 {
 	return seam_compat_get_timestampns(sk, (void __user *)user_to);
-}
-
-int seam_sk_has_filter(struct sock *sk)
-{
-	int attached;
-
-	rcu_read_lock_bh();
-	attached = rcu_access_pointer(sk->sk_filter) != NULL;
-	rcu_read_unlock_bh();
-	return attached;
 }
 
 int seam_sk_filter_trim_cap(struct sock *sk, struct sk_buff *skb, u32 cap)
