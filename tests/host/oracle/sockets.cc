@@ -199,7 +199,7 @@ std::vector<int> Sockets::deliver(uint32_t location, const Packet &packet, uint3
 			continue;
 		if (!location_open(r->location, packet, world))
 			continue;
-		if (world.vsd(r->owner) != 0 || !rule_match(packet, *r))
+		if (!rule_match(packet, *r) || world.vsd(r->owner) != 0)
 			continue;
 		matched.push_back(r->owner);
 		if (!hand_over(at(r->owner), total, l2, packet.ifindex))
@@ -216,7 +216,7 @@ std::vector<int> Sockets::deliver_wlan(const WlanPacket &packet, uint32_t total,
 	for (const Regular *r : model.library(8)->regulars) {
 		if (r->treatment == 0)
 			continue;
-		if (world.vsd(r->owner) != 0 || !wlan_rule_match(packet, *r))
+		if (!wlan_rule_match(packet, *r) || world.vsd(r->owner) != 0)
 			continue;
 		matched.push_back(r->owner);
 		hand_over(at(r->owner), total, l2, packet.ifindex);
