@@ -113,7 +113,7 @@ Bytes DenseTest::element(u32 type)
 	case PACKET_ETH_PROT_EQUAL: {
 		// The wildcard, and its bytes the other way round, which are none.
 		if (home == PACKET_WLAN_LOC && shape.spread == 1 && below(3) == 0)
-			return raw16(contract::kAnyEth); // bears every other condition
+			return raw16(contract::kAnyEth); // goes with every other condition
 		const Bytes tiny[] = { raw16(contract::kAnyEth),
 				       be16(contract::kAnyEth),
 				       be16(0x0800),
@@ -191,7 +191,7 @@ u32 DenseTest::rule_type(int id)
 {
 	if (below(60) == 0)
 		return contract::kTypes; // refused
-	// Nothing but these bears this one.
+	// A management frame satisfies hardly any other condition beside these.
 	const oracle::Regular &rule = rule_of(id);
 	if (rule.location == PACKET_WLAN_LOC && rule.items.size() == 1 && below(3) == 0 &&
 	    (rule.items[0].type == PACKET_ALL || rule.items[0].type == PACKET_PID_T))

@@ -191,7 +191,7 @@ void satisfy(AimedFrame &f, const Item &item, std::mt19937_64 &rng)
 
 void spoil(AimedFrame &f, const Item &item, std::mt19937_64 &rng)
 {
-	// A neighbour's value half of the time, one of nobody's otherwise.
+	// Half of the time a value that other rules have, otherwise one that no rule has.
 	const uint8_t flip = rng() % 2 ? 3 : 0x80;
 	const bool other_way = rng() % 2;
 	const Value v = item.datas.empty() ? Value{} : item.datas.front();
