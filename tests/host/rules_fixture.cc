@@ -107,14 +107,28 @@ static void verify_copies(const std::vector<RuleView> &copies, bool local)
 	}
 }
 
+void verify_index(const packet_regular_lib *lib)
+{
+	auto count = [](const list_head &head) {
+		u32 n = 0;
+		for (const list_head *at = head.next; at != &head; at = at->next)
+			n++;
+		return n;
+	};
+	EXPECT_EQ(lib->regular_count, count(lib->regulars));
+	EXPECT_EQ(lib->filter_count, count(lib->filter_list));
+}
+
 void verify(const packet_regular_lib *lib)
 {
+	verify_index(lib);
 	std::vector<RuleView> regulars = rules_in(&lib->regulars);
 	std::vector<EntryView> entries = entries_in(lib);
-	EXPECT_EQ(lib->regular_count, regulars.size());
-	EXPECT_EQ(lib->filter_count, entries.size());
-	for (const RuleView &r : regulars)
+	std::set<std::tuple<const void *, u32, u32>> listed;
+	for (const RuleView &r : regulars) {
 		verify_rule(r);
+		listed.insert({ r.owner, r.treatment, r.location });
+	}
 	for (size_t i = 0; i < entries.size(); i++) {
 		verify_copies(entries[i].match, false);
 		verify_copies(entries[i].local, true);
@@ -127,14 +141,10 @@ void verify(const packet_regular_lib *lib)
 					<< "a key twice, type " << entries[i].type;
 		// Every copy belongs to a rule that is in the library.
 		for (auto *list : { &entries[i].match, &entries[i].local })
-			for (const RuleView &copy : *list) {
-				bool found = false;
-				for (const RuleView &r : regulars)
-					found = found || (r.owner == copy.owner &&
-							  r.treatment == copy.treatment &&
-							  r.location == copy.location);
-				EXPECT_TRUE(found) << "copy of a rule that has left";
-			}
+			for (const RuleView &copy : *list)
+				EXPECT_TRUE(
+					listed.count({ copy.owner, copy.treatment, copy.location }))
+					<< "copy of a rule that has left";
 	}
 }
 

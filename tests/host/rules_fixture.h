@@ -56,6 +56,10 @@ RuleView view(const packet_regular &regular);
 std::vector<RuleView> rules_in(const list_head *head);
 std::vector<EntryView> entries_in(const packet_regular_lib *lib);
 
+// Recounts what stands beside a library's lists, and its counts, against the lists. Quick: random
+// tests call it behind every step.
+void verify_index(const packet_regular_lib *lib);
+
 // Recounts every list of a library and checks order and invariants.
 void verify(const packet_regular_lib *lib);
 void verify_all();

@@ -215,7 +215,7 @@ bool location_open(uint32_t location, const Packet &packet, const World &world)
 	return true;
 }
 
-uint32_t fast_filter(const Packet &packet, const Library &library, const World &world)
+Answer fast_answer(const Packet &packet, const Library &library, const World &world)
 {
 	for (const Entry &entry : library.filter_list) {
 		if (!key_match(entry, packet))
@@ -228,14 +228,14 @@ uint32_t fast_filter(const Packet &packet, const Library &library, const World &
 			if (!copy.items.empty() && !rule_match(packet, copy))
 				continue;
 			if (copy.treatment != 0)
-				return copy.treatment;
+				return { copy.treatment, &entry, &copy };
 			break;
 		}
 	}
-	return 0;
+	return {};
 }
 
-uint32_t wlan_fast_filter(const WlanPacket &packet, const Library &library, const World &world)
+Answer wlan_fast_answer(const WlanPacket &packet, const Library &library, const World &world)
 {
 	for (const Entry &entry : library.filter_list) {
 		if (!wlan_key_match(entry, packet))
@@ -246,10 +246,20 @@ uint32_t wlan_fast_filter(const WlanPacket &packet, const Library &library, cons
 			if (!copy.items.empty() && !wlan_rule_match(packet, copy))
 				continue;
 			if (copy.treatment != 0)
-				return copy.treatment;
+				return { copy.treatment, &entry, &copy };
 		}
 	}
-	return 0;
+	return {};
+}
+
+uint32_t fast_filter(const Packet &packet, const Library &library, const World &world)
+{
+	return fast_answer(packet, library, world).treatment;
+}
+
+uint32_t wlan_fast_filter(const WlanPacket &packet, const Library &library, const World &world)
+{
+	return wlan_fast_answer(packet, library, world).treatment;
 }
 
 } // namespace oracle

@@ -20,7 +20,16 @@ struct World {
 bool rule_match(const Packet &packet, const Regular &regular);
 bool wlan_rule_match(const WlanPacket &packet, const Regular &regular);
 
-// The treatment of the first passing copy of the first passing key, or 0.
+// The first passing copy of the first passing key: its treatment, and where it stands.
+struct Answer {
+	uint32_t treatment = 0;
+	const Entry *entry = nullptr;
+	const Regular *copy = nullptr;
+};
+Answer fast_answer(const Packet &packet, const Library &library, const World &world);
+Answer wlan_fast_answer(const WlanPacket &packet, const Library &library, const World &world);
+
+// Its treatment alone, or 0.
 uint32_t fast_filter(const Packet &packet, const Library &library, const World &world);
 uint32_t wlan_fast_filter(const WlanPacket &packet, const Library &library, const World &world);
 

@@ -159,9 +159,14 @@ void Model::insert(const Regular &regular, Library &lib)
 
 Entry *Model::find_entry(Library &lib, uint32_t type, const Value *value)
 {
-	for (Entry &e : lib.filter_list)
-		if (e.type == type && value_equal(type, e.value ? &*e.value : nullptr, value))
+	// A key without a value holds zeros, which a value of zeros equals.
+	for (Entry &e : lib.filter_list) {
+		if (e.type != type)
+			continue;
+		const Value stored = e.value.value_or(Value{});
+		if (value_equal(type, &stored, value))
 			return &e;
+	}
 	return nullptr;
 }
 
@@ -304,15 +309,16 @@ void Model::del_data(Regular &regular, uint32_t type, const Value &value)
 		Item &item = regular.items[i];
 		if (item.type != type)
 			continue;
+		// An item that never had a datum stays: only its last datum takes it along.
 		for (size_t j = 0; j < item.datas.size(); j++) {
 			if (!value_equal(type, &item.datas[j], &value))
 				continue;
 			item.datas.erase(item.datas.begin() + j);
 			drop_data(type);
-			break;
+			if (item.datas.empty())
+				del_item(regular, type);
+			return;
 		}
-		if (item.datas.empty())
-			del_item(regular, type);
 		return;
 	}
 }

@@ -185,6 +185,30 @@ TEST_F(OracleModel, rule_edits)
 	EXPECT_EQ(s.model.counters, Counters{});
 }
 
+TEST_F(OracleModel, key_without_a_value__is_found_by_a_value_of_zeros)
+{
+	ASSERT_EQ(s.create(1, 3, 0), 0);
+	ASSERT_TRUE(s.model.add_empty_item(s.at(1).regular, kEth));
+	s.set_treatment(1, kCopy);
+	s.set_location(1, 2);
+	socket(2, 2, kCopy, { 0 });
+	ASSERT_EQ(entries(2).size(), 1u);
+	EXPECT_EQ(owners(entries(2)[0].match_list), (Ids{ 1, 2 }));
+}
+
+TEST_F(OracleModel, del_data__leaves_an_item_that_never_had_any)
+{
+	Regular &regular = (s.create(1, 3, 0), s.at(1).regular);
+	ASSERT_TRUE(s.model.add_empty_item(regular, kEth));
+	s.model.del_data(regular, kEth, Value{});
+	EXPECT_EQ(regular.items.size(), 1u);
+	ASSERT_TRUE(s.model.take_data(kEth));
+	ASSERT_EQ(s.model.add_data(regular, kEth, Value{}), 0);
+	s.model.del_data(regular, kEth, Value{});
+	EXPECT_TRUE(regular.items.empty());
+	EXPECT_EQ(s.model.counters, Counters{});
+}
+
 TEST_F(OracleModel, running__as_the_options_leave_it)
 {
 	s.create(1, 3, 0);

@@ -215,7 +215,7 @@ std::vector<int> Sockets::deliver(uint32_t location, const Packet &packet, uint3
 	std::vector<const Regular *> matching;
 	for (const Regular *r : model.library(location)->regulars)
 		if (r->treatment != 0 && location_open(r->location, packet, world) &&
-		    world.vsd(r->owner) == 0 && rule_match(packet, *r))
+		    rule_match(packet, *r) && world.vsd(r->owner) == 0)
 			matching.push_back(r);
 	return offer(matching, true, total, l2, packet.ifindex);
 }
@@ -224,7 +224,7 @@ std::vector<int> Sockets::deliver_wlan(const WlanPacket &packet, uint32_t total,
 {
 	std::vector<const Regular *> matching;
 	for (const Regular *r : model.library(8)->regulars)
-		if (r->treatment != 0 && world.vsd(r->owner) == 0 && wlan_rule_match(packet, *r))
+		if (r->treatment != 0 && wlan_rule_match(packet, *r) && world.vsd(r->owner) == 0)
 			matching.push_back(r);
 	return offer(matching, false, total, l2, packet.ifindex);
 }

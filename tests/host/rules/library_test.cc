@@ -196,6 +196,19 @@ TEST_F(RegularLib, insert__valued_item_without_data_makes_a_new_entry_each_time)
 	seam_mutex_unlock(&lib->change_lock);
 }
 
+TEST_F(RegularLib, insert__value_of_zeros_finds_the_key_without_a_value)
+{
+	Rule a(kLoc, PACKET_COPY, 1), b(kLoc, PACKET_COPY, 2);
+	a.item(PACKET_ETH_PROT_EQUAL).add();
+	b.data(PACKET_ETH_PROT_EQUAL, { 0, 0 }).add();
+	ASSERT_EQ(lib->filter_count, 1u);
+	EXPECT_EQ(pids(entries()[0].match), (Pids{ 1, 2 }));
+	// The last that carries the value takes all copies along; the other finds no key.
+	b.remove();
+	EXPECT_EQ(lib->filter_count, 0u);
+	a.remove();
+}
+
 TEST_F(RegularLib, insert__types_without_value_share_an_entry_whatever_the_value)
 {
 	Rule a(kLoc, PACKET_COPY, 1), b(kLoc, PACKET_COPY, 2);
