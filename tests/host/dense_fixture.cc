@@ -69,7 +69,7 @@ void DenseTest::SetUp()
 	reference.world.lev3_block = fake::word(efmp().interfaces[4095]);
 	kernel().at.watch(Point::kDataReady, [this](const void *sk) { ready.push_back(sk); });
 	kernel().fault = [this](Fail call) {
-		if (call > Fail::kCopyAlloc && call != Fail::kSkbAlloc)
+		if (call > Fail::kCopyAlloc && call != Fail::kSkbAlloc && call != Fail::kSkbClone)
 			return false;
 		taken.push_back(call);
 		return shape.failing && ++taken_count[call] % 30 == 0;
@@ -82,6 +82,10 @@ void DenseTest::SetUp()
 	reference.skb_allocation = [this] {
 		asked.push_back(Fail::kSkbAlloc);
 		return !shape.failing || ++asked_count[Fail::kSkbAlloc] % 30 != 0;
+	};
+	reference.skb_clone = [this] {
+		asked.push_back(Fail::kSkbClone);
+		return !shape.failing || ++asked_count[Fail::kSkbClone] % 30 != 0;
 	};
 }
 

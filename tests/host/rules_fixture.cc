@@ -107,18 +107,6 @@ static void verify_copies(const std::vector<RuleView> &copies, bool local)
 	}
 }
 
-void verify_index(const packet_regular_lib *lib)
-{
-	auto count = [](const list_head &head) {
-		u32 n = 0;
-		for (const list_head *at = head.next; at != &head; at = at->next)
-			n++;
-		return n;
-	};
-	EXPECT_EQ(lib->regular_count, count(lib->regulars));
-	EXPECT_EQ(lib->filter_count, count(lib->filter_list));
-}
-
 void verify(const packet_regular_lib *lib)
 {
 	verify_index(lib);

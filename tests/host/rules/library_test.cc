@@ -192,7 +192,9 @@ TEST_F(RegularLib, insert__valued_item_without_data_makes_a_new_entry_each_time)
 		pkt_del_filter_list_data(e);
 		pkt_free_filter_list_data(e);
 		lib->filter_count--;
+		lib->nameless--;
 	}
+	lib->last_entry[PACKET_ETH_PROT_EQUAL] = nullptr;
 	seam_mutex_unlock(&lib->change_lock);
 }
 

@@ -56,7 +56,8 @@ struct packet_regular {
 		struct packet_regular *filed;     /* own: the copy for an item without data */
 		struct packet_regular **filed_at; /* copy: where its rule points at it */
 	};
-	struct regular_item *anchored; /* the item whose values are anchored; null: anchor is */
+	/* The condition that is anchored: by its values, or as a class of frames by anchor. */
+	struct regular_item *anchored; /* null: a copy's key, or none */
 	struct rule_anchor anchor;
 	struct rule_place place; /* in the list of lib_node */
 };

@@ -253,8 +253,9 @@ using DeliveryBuckets = Buckets<kDeliveryBits, rule_before>;
 
 /** A way to anchor a rule. */
 struct Choice {
-	regular_item *item; /* anchor its values; null: the rule's own anchor */
-	Spot spot;          /* of the rule's own anchor */
+	regular_item *item; /* the condition; null: a copy's key, or none */
+	bool by_value;      /* anchor the item's values; else the rule's own anchor, at spot */
+	Spot spot;
 	u32 crowd;
 	u32 rank;
 	bool few;
@@ -269,13 +270,14 @@ bool better(const Choice &choice, const Choice &than)
 	return choice.rank > than.rank;
 }
 
-template <typename Set> Choice choice_of_spot(const Set &set, u32 view, const Spot &spot)
+template <typename Set>
+Choice choice_of_spot(const Set &set, u32 view, const Spot &spot, regular_item *item)
 {
 	/* Every frame is more than any crowd. */
 	u32 crowd = spot.slot == kSlotAlways ? kCrowded + 1
 					     : set.crowd(index_hash(view, spot.slot, spot.value));
 
-	return { nullptr, spot, crowd, rank_of(spot.slot), true };
+	return { item, false, spot, crowd, rank_of(spot.slot), true };
 }
 
 /**
@@ -291,14 +293,14 @@ bool offer_item(const Set &set, u32 view, bool wlan, regular_item *item, Choice 
 	if (without.slot >= MOX_PACKET_RULE_TYPES) {
 		if (without.slot == kSlotNever)
 			return false;
-		Choice choice = choice_of_spot(set, view, without);
+		Choice choice = choice_of_spot(set, view, without, item);
 		if (better(choice, *best))
 			*best = choice;
 		return true;
 	}
 	if (list_empty(&item->datas))
 		return false;
-	Choice choice{ item, {}, 0, rank_of(item->type), true };
+	Choice choice{ item, true, {}, 0, rank_of(item->type), true };
 	u32 seen = 0;
 	for (const regular_data *datum : datas_of(item)) {
 		if (seen++ == kFewValues) {
@@ -308,7 +310,7 @@ bool offer_item(const Set &set, u32 view, bool wlan, regular_item *item, Choice 
 		Spot spot = item_spot(item->type, rule_value(item->type, datum->value), wlan);
 		if (spot.slot == kSlotNever)
 			continue;
-		u32 crowd = choice_of_spot(set, view, spot).crowd;
+		u32 crowd = choice_of_spot(set, view, spot, item).crowd;
 		if (crowd > choice.crowd)
 			choice.crowd = crowd;
 	}
@@ -369,7 +371,7 @@ void enter(Set set, packet_regular *rule, packet_regular_lib *lib, const Choice 
 	const bool wlan = is_wlan(lib);
 
 	rule->anchored = choice.item;
-	if (!choice.item) {
+	if (!choice.by_value) {
 		Guard guard(lib);
 		set.link(&rule->anchor, rule, view, choice.spot);
 		return;
@@ -385,16 +387,16 @@ void enter(Set set, packet_regular *rule, packet_regular_lib *lib, const Choice 
 template <typename Guard, typename Set>
 void leave(Set set, packet_regular *rule, packet_regular_lib *lib)
 {
-	if (regular_item *item = rule->anchored) {
+	if (rule->anchor.prev) {
+		Guard guard(lib);
+		set.unlink(&rule->anchor);
+	} else if (regular_item *item = rule->anchored) {
 		for_all_values<Guard>(lib, item, [&](regular_data *datum) {
 			if (datum->anchor.prev)
 				set.unlink(&datum->anchor);
 		});
-		rule->anchored = nullptr;
-	} else if (rule->anchor.prev) {
-		Guard guard(lib);
-		set.unlink(&rule->anchor);
 	}
+	rule->anchored = nullptr;
 }
 
 } // namespace
@@ -440,7 +442,7 @@ void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
 	Spot key = key_spot(*copy->entry, wlan);
 	if (key.slot == kSlotNever)
 		return;
-	Choice best = choice_of_spot(set, view, key);
+	Choice best = choice_of_spot(set, view, key, nullptr);
 	if (choose(set, copy, view, wlan, &best))
 		enter<HookGuard>(set, copy, lib, best);
 }
@@ -461,7 +463,7 @@ void index_enter_rule(packet_regular *rule, packet_regular_lib *lib)
 	/* A rule without a treatment or without conditions gets no frame. */
 	if (rule->treatment == PACKET_TREATMENT_NONE || !rule->owner || list_empty(&rule->items))
 		return;
-	Choice best = choice_of_spot(set, view, { kSlotAlways, {} });
+	Choice best = choice_of_spot(set, view, { kSlotAlways, {} }, nullptr);
 	if (choose(set, rule, view, wlan, &best))
 		enter<NoGuard>(set, rule, lib, best);
 }
