@@ -127,7 +127,12 @@ struct Kernel {
 	};
 	std::vector<Answer> answers;             // sent over netlink
 	std::map<std::string, std::string> disk; // what files hold, by path
-	std::vector<size_t> writes;              // bytes of each write
+	struct Place {
+		bool regular = true;
+		uint32_t links = 1;
+	};
+	std::map<std::string, Place> places; // what there is at a path, other than a plain file
+	std::vector<size_t> writes;          // bytes of each write
 	std::set<struct ::file *> open_files;
 
 	// ---- threads: the body runs when a test calls run_thread()

@@ -71,6 +71,7 @@ namespace fake {
 	X(kNlaPut, "nla_put")                                \
 	X(kGenlUnicast, "genlmsg_unicast")                   \
 	X(kFileOpen, "filp_open")                            \
+	X(kFileTruncate, "vfs_truncate")                     \
 	X(kFileWrite, "kernel_write")                        \
 	X(kRegServ, "efmp_reg_serv_change_handler")          \
 	X(kClone, "efmp_buff_clone_with_owner")              \
