@@ -89,6 +89,7 @@ struct Kernel {
 	bool cwd_renders = true;
 	bool in_hook = false;
 	bool nonlinear_skbs = false;             // new buffers are fragmented
+	bool killed = false;                     // a fatal signal is pending
 	std::map<int, unsigned long> cpu_efbuff; // efmp_cpu_buffer_cache
 
 	// ---- faults (points.h)
@@ -113,6 +114,8 @@ struct Kernel {
 	int wakeups = 0;
 	int schedules = 0;
 	int cond_rescheds = 0;
+	std::vector<std::pair<size_t, size_t>> user_reads; // of setsockopt arguments: from, bytes
+	std::vector<size_t> vzallocs;                      // bytes of each vzalloc
 	std::vector<long> sleeps;
 
 	// ---- sockets

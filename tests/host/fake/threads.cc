@@ -69,6 +69,11 @@ void seam_schedule(void)
 	kernel().event(Point::kSchedule);
 }
 
+int seam_fatal_signal_pending(void)
+{
+	return kernel().killed;
+}
+
 extern "C" void seam_cond_resched(void)
 {
 	kernel().may_sleep("cond_resched");

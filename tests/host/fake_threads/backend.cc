@@ -236,7 +236,11 @@ void seam_cache_free(kmem_cache *, void *p)
 }
 int seam_copy_from_uptr(void *to, const seam_uptr *from, size_t len)
 {
-	std::memcpy(to, from->from, len);
+	return seam_copy_from_uptr_at(to, from, 0, len);
+}
+int seam_copy_from_uptr_at(void *to, const seam_uptr *from, size_t at, size_t len)
+{
+	std::memcpy(to, static_cast<const char *>(from->from) + at, len);
 	return 0;
 }
 int seam_copy_to_user(void *to, const void *from, size_t len)
@@ -295,6 +299,10 @@ void seam_sleep_jiffies(long)
 void seam_schedule(void)
 {
 	sched_yield();
+}
+int seam_fatal_signal_pending(void)
+{
+	return 0;
 }
 extern "C" void seam_cond_resched(void)
 {

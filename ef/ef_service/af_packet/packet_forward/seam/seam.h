@@ -100,6 +100,8 @@ void seam_cache_free(struct kmem_cache *cache, void *object);
 
 /** Copy len bytes from a setsockopt argument; 0 or -EFAULT. What could not be read is zero. Process. */
 int seam_copy_from_uptr(void *to, const struct seam_uptr *from, size_t len);
+/** The same from byte number at of the argument on. Process. */
+int seam_copy_from_uptr_at(void *to, const struct seam_uptr *from, size_t at, size_t len);
 /** Copy len bytes to user space; 0 or -EFAULT. Process. */
 int seam_copy_to_user(void *user_to, const void *from, size_t len);
 /** Read or write one int of user space; 0 or -EFAULT. Process. */
@@ -264,6 +266,8 @@ void seam_sleep_jiffies(long jiffies);
 void seam_schedule(void);
 /** Let another task run, if one is due. Process. */
 void seam_cond_resched(void);
+/** Whether the current task is being killed. Any. */
+int seam_fatal_signal_pending(void);
 /** A new thread, not yet running, or an error pointer. Process. */
 struct task_struct *seam_thread_create(int (*body)(void *), void *argument, const char *name);
 /** Whether a task pointer is null or an error. */

@@ -13,10 +13,10 @@
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 9, 0)
 #include <linux/sockptr.h>
 #define SEAM_OPTVAL sockptr_t
-#define seam_optval_copy(to, from, len) copy_from_sockptr(to, from, len)
+#define seam_optval_copy_at(to, from, at, len) copy_from_sockptr_offset(to, from, at, len)
 #else
 #define SEAM_OPTVAL char __user *
-#define seam_optval_copy(to, from, len) copy_from_user(to, from, len)
+#define seam_optval_copy_at(to, from, at, len) copy_from_user(to, (from) + (at), len)
 #endif
 
 /* The socket layer reads timestamps itself, through gettstamp, since 5.2. */

@@ -3,6 +3,7 @@
 #include <linux/err.h>
 #include <linux/kthread.h>
 #include <linux/sched.h>
+#include <linux/sched/signal.h>
 #include <linux/wait.h>
 
 #include "seam.h"
@@ -26,6 +27,11 @@ void seam_wake_up(seam_waitqueue *queue)
 void seam_sleep_jiffies(long jiffies)
 {
 	schedule_timeout_interruptible(jiffies);
+}
+
+int seam_fatal_signal_pending(void)
+{
+	return fatal_signal_pending(current);
 }
 
 void seam_schedule(void)
