@@ -3,7 +3,9 @@
  * mox_dprintk - the platform's logging function, for the lab: every line goes to
  * the kernel log and is kept, as formatted, in a ring that tests read.
  */
+#include <linux/delay.h>
 #include <linux/module.h>
+#include <linux/moduleparam.h>
 #include <linux/printk.h>
 #include "../common/ring.h"
 #include "mox_dprintk.h"
@@ -12,6 +14,11 @@
 
 static struct ring lines = RING_INIT(lines);
 static bool echo = true;
+
+/* As slow as a serial console: microseconds that each line takes its caller. */
+static unsigned int line_us;
+module_param(line_us, uint, 0644);
+MODULE_PARM_DESC(line_us, "microseconds that a line takes, as on a slow console");
 
 /*
  * The text is formatted straight into its slot: callers may stand deep on a
@@ -54,6 +61,8 @@ int mox_printk(const char *fmt, ...)
 		length = vprintk(fmt, args);
 		va_end(args);
 	}
+	if (READ_ONCE(line_us))
+		udelay(min(READ_ONCE(line_us), 1000u));
 	return length;
 }
 EXPORT_SYMBOL(mox_printk);

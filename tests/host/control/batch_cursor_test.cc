@@ -40,6 +40,15 @@ TEST_F(Cursor, log__a_batch_ends_at_the_limit)
 	EXPECT_FALSE(cursor.end_batch());
 }
 
+TEST_F(Cursor, killed__no_batch_follows)
+{
+	BatchCursor cursor(3, BatchCursor::InFile::kNever);
+	EXPECT_EQ(batch(cursor, 7), (Places{ 0, 1, 2 }));
+	kernel().killed = true;
+	EXPECT_FALSE(cursor.end_batch());
+	kernel().killed = false;
+}
+
 TEST_F(Cursor, log__exactly_the_limit_is_one_batch)
 {
 	BatchCursor cursor(3, BatchCursor::InFile::kNever);

@@ -31,6 +31,8 @@ enum class LockKind {
 	kNone,
 	kNsMutex,
 	kNsMutexNested,
+	kRequest,
+	kDump,
 	kSock,
 	kBind,
 	kRule,

@@ -14,6 +14,8 @@ const char *name(LockKind kind)
 	static const char *const names[] = { "none",
 					     "namespace list mutex",
 					     "nested namespace list mutex",
+					     "request mutex",
+					     "dump mutex",
 					     "socket lock",
 					     "bind_lock",
 					     "rule_lock",
@@ -28,7 +30,8 @@ const char *name(LockKind kind)
 bool sleeping_kind(LockKind kind)
 {
 	return kind == LockKind::kNsMutex || kind == LockKind::kNsMutexNested ||
-	       kind == LockKind::kSock || kind == LockKind::kMutex;
+	       kind == LockKind::kRequest || kind == LockKind::kDump || kind == LockKind::kSock ||
+	       kind == LockKind::kMutex;
 }
 
 } // namespace
@@ -64,6 +67,7 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
 			breach(std::string(call) + ": the " + name(as) + " is held already");
 		else if (kind >= as || (kind == LockKind::kBind && as == LockKind::kRule) ||
 			 (kind == LockKind::kLib && as == LockKind::kQueue) ||
+			 (kind == LockKind::kRequest && as == LockKind::kDump) ||
 			 (kind == LockKind::kHook && as == LockKind::kLib && write))
 			breach(std::string(call) + ": the " + name(as) + " after the " +
 			       name(kind));
@@ -150,6 +154,30 @@ void seam_queue_lock_init(efbuff_queue *queue)
 void seam_hook_lock_init(seam_spinlock *lock)
 {
 	Kernel::init_lock(lock, LockKind::kHook);
+}
+
+void seam_request_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kRequest);
+}
+void seam_dump_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kDump);
+}
+
+int seam_mutex_lock_killable(seam_mutex *lock)
+{
+	kernel().may_sleep("mutex_lock_killable");
+	if (kernel().failing(fake::Fail::kLockKillable))
+		return -EINTR;
+	kernel().take(fake::as_lock(lock), LockKind::kNone, true, "mutex_lock_killable");
+	return 0;
+}
+
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	kernel().drop(fake::as_lock(lock), true, "mutex_unlock");
+	kernel().event(Point::kUnlock, lock);
 }
 
 void seam_spin_lock(seam_spinlock *lock)

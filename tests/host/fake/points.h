@@ -65,6 +65,7 @@ namespace fake {
 	X(kRecvDatagram, "skb_recv_datagram")                \
 	X(kCopyDatagram, "copy of a datagram to user space") \
 	X(kThreadCreate, "kthread_create")                   \
+	X(kLockKillable, "mutex_lock_killable")              \
 	X(kGenlRegister, "genl_register_family")             \
 	X(kGenlAlloc, "nlmsg_new")                           \
 	X(kGenlPut, "genlmsg_put")                           \

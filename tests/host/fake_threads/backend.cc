@@ -131,6 +131,22 @@ void seam_hook_lock_init(seam_spinlock *lock)
 {
 	pthread_mutex_init(mutex_of(lock), nullptr);
 }
+void seam_request_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_dump_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+int seam_mutex_lock_killable(seam_mutex *lock)
+{
+	return pthread_mutex_lock(mutex_of(lock)), 0;
+}
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	pthread_mutex_unlock(mutex_of(lock));
+}
 void seam_spin_lock(seam_spinlock *lock)
 {
 	pthread_mutex_lock(mutex_of(lock));

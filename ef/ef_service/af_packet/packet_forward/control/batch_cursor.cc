@@ -32,7 +32,7 @@ bool BatchCursor::end_batch()
 	if (in_file_ == InFile::kWhenStaged)
 		report_flush();
 	seam_cond_resched();
-	return true;
+	return !seam_fatal_signal_pending();
 }
 
 bool BatchCursor::batch_full() const

@@ -42,7 +42,7 @@ public:
 	bool enter_place();
 	/** Count the place that was entered last as printed. */
 	void count_printed() { printed_++; }
-	/** End a batch, after the lock was dropped: whether there is another one. May sleep. Process. */
+	/** End a batch, after the lock was dropped: whether there is another one. None is for a caller that is killed. May sleep. Process. */
 	bool end_batch();
 
 private:

@@ -17,6 +17,8 @@ void write_reports()
 {
 	REPORT_LINE("**************** AF-PACKET DUMP REGULAR START ****************\n");
 	for (u32 index = 0; index < kLastLocation; index++) {
+		if (seam_fatal_signal_pending())
+			return;
 		mox_packet_show_regular(index);
 		REPORT_LINE("\n");
 	}

@@ -68,6 +68,8 @@ void seam_po_locks_init(struct mox_packet_sock *po);
 void seam_lib_lock_init(struct packet_regular_lib *lib);
 void seam_queue_lock_init(struct efbuff_queue *queue);
 void seam_hook_lock_init(seam_spinlock *lock);
+void seam_request_mutex_init(seam_mutex *request_mutex);
+void seam_dump_mutex_init(seam_mutex *dump_mutex);
 
 void seam_spin_lock(seam_spinlock *lock) SEAM_ACQUIRE(lock);
 void seam_spin_unlock(seam_spinlock *lock) SEAM_RELEASE(lock);
@@ -77,6 +79,9 @@ void seam_read_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock);
 void seam_read_unlock_bh(seam_rwlock *lock) SEAM_RELEASE_SHARED(lock);
 void seam_write_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE(lock);
 void seam_write_unlock_bh(seam_rwlock *lock) SEAM_RELEASE(lock);
+/** 0, or -EINTR, and not taken, when the caller is killed before. Process. */
+int seam_mutex_lock_killable(seam_mutex *lock);
+void seam_mutex_unlock(seam_mutex *lock) SEAM_RELEASE(lock);
 /** The socket lock (lock_sock, release_sock). Process. */
 void seam_lock_sock(struct sock *sk);
 void seam_release_sock(struct sock *sk);

@@ -70,6 +70,17 @@ void seam_hook_lock_init(seam_spinlock *lock)
 	spin_lock_init(lock);
 }
 
+/* The parameters' names are those of the lock classes. */
+void seam_request_mutex_init(seam_mutex *request_mutex)
+{
+	mutex_init(request_mutex);
+}
+
+void seam_dump_mutex_init(seam_mutex *dump_mutex)
+{
+	mutex_init(dump_mutex);
+}
+
 void seam_spin_lock(seam_spinlock *lock)
 {
 	spin_lock(lock);
@@ -108,6 +119,16 @@ void seam_write_lock_bh(seam_rwlock *lock)
 void seam_write_unlock_bh(seam_rwlock *lock)
 {
 	write_unlock_bh(lock);
+}
+
+int seam_mutex_lock_killable(seam_mutex *lock)
+{
+	return mutex_lock_killable(lock);
+}
+
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	mutex_unlock(lock);
 }
 
 void seam_lock_sock(struct sock *sk)
