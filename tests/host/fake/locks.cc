@@ -2,9 +2,13 @@
 // Locks that record who holds them, and barriers.
 #include <cstring>
 
+#include "backlog.h"
 #include "kernel.h"
 
 namespace fake {
+
+int max_backlog = kBacklogDefault;
+
 namespace {
 
 constexpr uint64_t kMagic = 0x6c6f636b6f6b2121;
@@ -135,6 +139,8 @@ using fake::Point;
 
 static_assert(sizeof(fake::Lock) <= SEAM_SPINLOCK_SIZE && sizeof(fake::Lock) <= SEAM_RWLOCK_SIZE &&
 	      sizeof(fake::Lock) <= SEAM_MUTEX_SIZE);
+
+const int *const seam_max_backlog = &fake::max_backlog;
 
 void seam_po_locks_init(mox_packet_sock *po)
 {

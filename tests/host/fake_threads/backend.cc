@@ -72,6 +72,9 @@ using namespace threads;
 
 // ---- processor, task, barriers ---------------------------------------------------
 
+static const int kBacklog = 300;
+const int *const seam_max_backlog = &kBacklog;
+
 int seam_cpu(void)
 {
 	return t_cpu;

@@ -52,6 +52,12 @@ char *seam_cwd_path(char *buf, size_t size);
 /** The decimal number at the start of text, 0 when there is none, wrapping. Any. */
 unsigned long seam_strtoul10(const char *text);
 
+/**
+ * net.core.netdev_max_backlog: how many packets the kernel queues on a CPU. Any
+ * value, negative ones included; an administrator may change it at any time.
+ */
+extern const int *const seam_max_backlog;
+
 /* ---- barriers ------------------------------------------------------------- */
 
 /** Full memory barrier between CPUs. Any. */

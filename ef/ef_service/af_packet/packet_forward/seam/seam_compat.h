@@ -55,6 +55,15 @@
 /* recvmsg's helpers were gathered into sock_recv_cmsgs in 5.19; timestamps alone keep their name. */
 #define seam_compat_recv_timestamp(msg, sk, skb) sock_recv_timestamp(msg, sk, skb)
 
+/* The limit of the kernel's own packet queues moved into net_hotdata in 6.9. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 9, 0)
+#include <net/hotdata.h>
+#define SEAM_MAX_BACKLOG net_hotdata.max_backlog
+#else
+#include <linux/netdevice.h>
+#define SEAM_MAX_BACKLOG netdev_max_backlog
+#endif
+
 /* 4.20 made synchronize_rcu wait for disabled bottom halves too. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(4, 20, 0)
 #define seam_compat_wait_for_hooks() synchronize_rcu()

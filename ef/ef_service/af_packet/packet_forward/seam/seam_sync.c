@@ -12,6 +12,8 @@
 #error "The platform's records exist on 32-bit little-endian kernels only: build for ARMv7"
 #endif
 
+const int *const seam_max_backlog = &SEAM_MAX_BACKLOG;
+
 int seam_cpu(void)
 {
 	return raw_smp_processor_id();
