@@ -93,7 +93,7 @@ u32 DenseTest::filter_and_deliver(const HookTraits &h, void *efbuff)
 		treatment = pkt_fast_filter(&info, h.lib);
 	}
 	seam_read_unlock_bh(&h.lib->lock);
-	queue_append(queue, efbuff);
+	packets::enqueue(queue, efbuff);
 	if (h.location == PACKET_WLAN_LOC)
 		mox_packet_deal_regular_lib_wlan_pkt(h.lib, queue, &budget);
 	else

@@ -90,7 +90,8 @@ TEST_F(Load, unload__queues_are_emptied_behind_the_grace_period_and_before_the_t
 	ASSERT_EQ(mox_packet_init(), 0);
 	bool queued = false, freed_at_stop = false;
 	kernel().at[Point::kGrace] = [&](const void *) {
-		queue_append(&g_cpu_pkt_que[1][3], efmp().efbuff(Bytes(256), fake::Owner::kModule));
+		packets::enqueue(&g_cpu_pkt_que[1][3],
+				 efmp().efbuff(Bytes(256), fake::Owner::kModule));
 		queued = true;
 	};
 	kernel().at[Point::kStop] = [&](const void *) { freed_at_stop = efmp().freed == 1; };

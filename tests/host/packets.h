@@ -7,6 +7,7 @@
 #include "oracle/packet.h"
 #include "locations/table.hpp"
 #include "packet/info.hpp"
+#include "receive/queue.hpp"
 #include "rules/match.hpp"
 
 using namespace mox;
@@ -31,6 +32,16 @@ using namespace oracle;
 inline void *make(const Meta &meta, const Bytes &frame)
 {
 	return fake::efmp().efbuff(efbuff(meta, frame));
+}
+
+// Queues an efbuff of the module's as a hook does with a taken one, whatever the limits are.
+inline void enqueue(efbuff_queue *queue, void *e, Held held = Held::kTaken)
+{
+	const size_t place = queue - &g_cpu_pkt_que[0][0];
+	CpuHeld &cpu = g_cpu_held[place / CPU_QUEUES];
+	cpu.queues[place % CPU_QUEUES].queued += static_cast<u32>(held);
+	cpu.all.queued += static_cast<u32>(held);
+	queue_append(queue, e, held);
 }
 
 // The reference's reading of an efbuff that stands in the fake platform. Copies

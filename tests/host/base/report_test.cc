@@ -12,6 +12,7 @@ protected:
 	{
 		buffer = static_cast<char *>(seam_vzalloc(kStagingSize));
 		filp = seam_file_open("/dump");
+		seam_file_truncate(filp);
 		report_begin_file(filp, buffer);
 		memset(buffer, 'x', staged);
 		g_file_bufflen = staged;

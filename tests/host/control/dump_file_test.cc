@@ -158,6 +158,60 @@ TEST_F(TechDump, open__failing_is_printed_while_debugging)
 	EXPECT_EQ(kernel().calls(Fail::kVzalloc), 0u);
 }
 
+// What lies at the path may be another user's: only a plain file with one name is written, and
+// nothing else loses its content.
+TEST_F(TechDump, open__what_takes_a_dump)
+{
+	const std::string path = "/tmp/vsd/0//ef/af_packet/afpacketdump";
+	const std::string line = "Failed to open file: " + path + ".\n";
+	const struct {
+		const char *what;
+		bool opens, regular;
+		u32 links;
+		std::string content;
+		bool truncates, dumped;
+	} rows[] = {
+		{ "no file yet", true, true, 1, "", true, true },
+		{ "an empty one that cannot be truncated", true, true, 1, "", false, true },
+		{ "a short file", true, true, 1, "old", true, true },
+		{ "a file longer than the dump", true, true, 1, std::string(1 << 20, 'o'), true,
+		  true },
+		{ "a symbolic link", false, true, 1, "old", true, false },
+		{ "a directory", false, false, 2, "", true, false },
+		{ "a FIFO", true, false, 1, "", true, false },
+		{ "a device", true, false, 1, "old", true, false },
+		{ "a hard link", true, true, 2, "old", true, false },
+		{ "a file with many names", true, true, ~0u, "old", true, false },
+		{ "a file whose name is gone", true, true, 0, "old", true, false },
+		{ "a file that cannot be truncated", true, true, 1, "old", false, false },
+	};
+	const std::string dumped = text();
+	for (auto &row : rows) {
+		for (bool on : { false, true }) {
+			SCOPED_TRACE(row.what);
+			debug(on);
+			kernel().disk[path] = row.content;
+			kernel().places[path] = { row.regular, row.links };
+			kernel().writes.clear();
+			kernel().log.clear();
+			if (!row.opens)
+				kernel().fail(Fail::kFileOpen);
+			const bool truncated = row.opens && row.regular && row.links == 1 &&
+					       !row.content.empty();
+			if (!row.truncates && truncated)
+				kernel().fail(Fail::kFileTruncate);
+			const uint64_t cuts = kernel().calls(Fail::kFileTruncate);
+			pkt_tech_msg_deal();
+			EXPECT_EQ(kernel().disk[path], row.dumped ? dumped : row.content);
+			EXPECT_EQ(kernel().writes.empty(), !row.dumped);
+			EXPECT_EQ(said(), on && !row.dumped ? tagged(line) : "");
+			EXPECT_EQ(kernel().calls(Fail::kFileTruncate) - cuts, truncated ? 1u : 0u)
+				<< "truncated only when nothing speaks against it";
+			EXPECT_TRUE(kernel().open_files.empty());
+		}
+	}
+}
+
 TEST_F(TechDump, buffer__failing_is_printed_and_the_file_closed)
 {
 	for (bool on : { false, true }) {

@@ -238,20 +238,18 @@ TEST_F(LongReport, fatal_signal__ends_it)
 {
 	open_sockets(100);
 	int pages = 0, last = 3;
-	kernel().at[Point::kCondResched] = [&](const void *) {
-		kernel().fatal_signal = ++pages == last;
-	};
+	kernel().at[Point::kCondResched] = [&](const void *) { kernel().killed = ++pages == last; };
 	mox_packet_show_regular_spec(12, 2, nullptr, 4711);
 	size_t sockets = processes().size();
 	EXPECT_GT(sockets, 2u);
 	EXPECT_LT(sockets, 100u);
 	pages = 0;
 	last = 1;
-	kernel().fatal_signal = false;
+	kernel().killed = false;
 	std::string text = printed([] { pkt_show_filter_list(&g_lev2_packet_regular_lib); });
 	EXPECT_EQ(text.find("p99\n"), std::string::npos);
 	kernel().at.clear();
-	kernel().fatal_signal = false;
+	kernel().killed = false;
 	// The next report finds nothing left of these.
 	mox_packet_show_regular_spec(12, 2, nullptr, 4711);
 	EXPECT_EQ(processes(), numbered(0, 100));

@@ -156,8 +156,8 @@ TEST_F(Report, cpu_queue__every_present_cpu_ascending_and_no_other)
 	kernel().present_cpus = { 0, 2, 3 };
 	auto fill = [](int cpu, CpuQueue queue, int count) {
 		while (count--)
-			queue_append(&g_cpu_pkt_que[cpu][queue],
-				     efmp().efbuff(Bytes(512), fake::Owner::kModule));
+			packets::enqueue(&g_cpu_pkt_que[cpu][queue],
+					 efmp().efbuff(Bytes(512), fake::Owner::kModule));
 	};
 	fill(0, kQueueWlan, 3);
 	fill(1, kQueueWlan, 5); // not present
@@ -181,8 +181,8 @@ TEST_F(Report, cpu_queue__every_present_cpu_ascending_and_no_other)
 TEST_F(Report, cpu_queue__of_each_location)
 {
 	for (const HookTraits &h : kHooks) {
-		queue_append(&g_cpu_pkt_que[1][h.queue],
-			     efmp().efbuff(Bytes(512), fake::Owner::kModule));
+		packets::enqueue(&g_cpu_pkt_que[1][h.queue],
+				 efmp().efbuff(Bytes(512), fake::Owner::kModule));
 		for (u32 location = 1; location <= 8; location++) {
 			std::string text = printed([&] { mox_packet_show_cpu_queue(location); });
 			EXPECT_EQ(text.find("cpu 1 efbuff cnt:      1\n") != std::string::npos,

@@ -34,10 +34,16 @@ protected:
 						    "/data/var/run/vsd/999" };
 		kernel().cwd = cwds[below(3)];
 		kernel().cwd_renders = below(10);
-		kernel().fault = [this](Fail) { return below(50) == 0; };
+		killed_waiting = false;
+		kernel().fault = [this](Fail call) {
+			const bool fails = below(50) == 0;
+			killed_waiting = killed_waiting || (fails && call == Fail::kLockKillable);
+			return fails;
+		};
 	}
 
 	std::mt19937 rng;
+	bool killed_waiting = false;
 };
 
 TEST_F(MsgRandom, a_hundred_thousand_requests)
@@ -57,10 +63,13 @@ TEST_F(MsgRandom, a_hundred_thousand_requests)
 		u32 len;
 		memcpy(&len, request.data(), 4);
 		any_circumstances();
-		ASSERT_EQ(receive(request), len < 24 ? -1 : 0)
+		const int result = receive(request);
+		ASSERT_EQ(result, len < 24         ? -1
+				  : killed_waiting ? -4
+						   : 0)
 			<< "SEED=" << seed << ", step " << step;
 		kernel().fault = nullptr;
-		accepted += len >= 24;
+		accepted += len >= 24 && !killed_waiting;
 		ASSERT_EQ(mox_packet_debug[9], 0);
 		ASSERT_EQ(mox_packet_debug[18], 0);
 		ASSERT_EQ(g_tech_dump, 0);

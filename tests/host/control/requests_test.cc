@@ -387,4 +387,87 @@ TEST_F(Msg, ask__is_sent_without_a_file)
 	EXPECT_EQ(kernel().answers.size(), 2u);
 }
 
+// ---- taking turns --------------------------------------------------------------------
+
+// Each request holds one mutex for as long as it lasts: dumps one, all others another. A
+// requester that is killed before its turn leaves no trace.
+TEST_F(Msg, turn__a_killed_requester_changes_nothing)
+{
+	debug(true);
+	for (u16 type = 0; type <= 18; type++) {
+		SCOPED_TRACE(type);
+		const auto before = switches();
+		const auto filter = filter_bytes();
+		const u32 taken = g_packet_msg_recv;
+		kernel().log.clear();
+		kernel().fail(Fail::kLockKillable);
+		EXPECT_EQ(receive(message(record(type, Bytes(72, 1)))), -4);
+		EXPECT_EQ(said(), "");
+		EXPECT_EQ(g_packet_msg_recv, taken);
+		EXPECT_EQ(switches(), before);
+		EXPECT_EQ(filter_bytes(), filter);
+		EXPECT_TRUE(kernel().answers.empty());
+		EXPECT_TRUE(kernel().disk.empty());
+		mox_packet_request raw{};
+		raw.msg_type = type;
+		kernel().fail(Fail::kLockKillable);
+		EXPECT_EQ(mox_packet_msg_deal(&raw, kClient), -4);
+		EXPECT_EQ(said(), "");
+	}
+}
+
+TEST_F(Msg, turn__the_mutex_is_held_from_the_first_line_to_the_last)
+{
+	debug(true);
+	for (u16 type = 0; type <= 18; type++) {
+		SCOPED_TRACE(type);
+		using fake::LockKind;
+		const LockKind mine = type == 16 ? LockKind::kDump : LockKind::kRequest;
+		const LockKind other = type == 16 ? LockKind::kRequest : LockKind::kDump;
+		size_t taken = 0, silent = 0;
+		debug(true);
+		kernel().log.clear();
+		kernel().at[Point::kLock] = [&](const void *) {
+			taken += kernel().held.size() == 1 && kernel().holds(mine);
+			silent += taken == 1 && kernel().log.empty();
+			EXPECT_FALSE(kernel().holds(other));
+			EXPECT_TRUE(kernel().holds(mine));
+		};
+		kernel().at[Point::kUnlocking] = [&](const void *) {
+			EXPECT_TRUE(kernel().holds(mine));
+		};
+		ask(type, Bytes(8));
+		kernel().at.clear();
+		EXPECT_EQ(taken, 1u);
+		EXPECT_GT(silent, 0u);
+		EXPECT_NE(said(), "");
+		EXPECT_FALSE(kernel().holds(mine));
+	}
+	memset(mox_packet_debug, 0, sizeof(mox_packet_debug));
+}
+
+// A requester that is killed during a report does not print the rest of it.
+TEST_F(Msg, killed__the_rest_of_a_report_is_not_printed)
+{
+	for (u16 type : { 8, 16 }) {
+		SCOPED_TRACE(type);
+		ask(type, u32_bytes(4711));
+		const size_t whole = said().size() + kernel().writes.size();
+		kernel().writes.clear();
+		int locks = 0;
+		kernel().at[Point::kUnlock] = [&](const void *) {
+			if (++locks == 6)
+				kernel().killed = true;
+		};
+		ask(type, u32_bytes(4711));
+		kernel().at.clear();
+		kernel().killed = false;
+		EXPECT_GE(locks, 6);
+		const size_t part = said().size() + kernel().writes.size();
+		kernel().writes.clear();
+		EXPECT_LT(part, whole);
+		EXPECT_GT(part, 0u);
+	}
+}
+
 } // namespace

@@ -15,9 +15,9 @@ namespace {
 constexpr uint16_t kFamilyId = 0x1f;
 constexpr size_t kHeaders = 20; // netlink and generic netlink header
 
-bool is_open(file *f, const char *call)
+bool is_open(const file *f, const char *call)
 {
-	if (kernel().open_files.count(f))
+	if (kernel().open_files.count(const_cast<file *>(f)))
 		return true;
 	breach(std::string(call) + " of a closed file");
 	return false;
@@ -143,10 +143,40 @@ file *seam_file_open(const char *path)
 	kernel().event(Point::kOpen);
 	if (kernel().failing(Fail::kFileOpen))
 		return nullptr;
-	kernel().disk[path].clear();
+	kernel().disk[path];
 	auto *f = new file{ path };
 	kernel().open_files.insert(f);
 	return f;
+}
+
+int seam_file_is_regular(const file *f)
+{
+	is_open(f, "stat");
+	return kernel().places[f->path].regular;
+}
+
+u32 seam_file_links(const file *f)
+{
+	kernel().may_sleep("the lock of a directory");
+	is_open(f, "stat");
+	return kernel().places[f->path].links;
+}
+
+int seam_file_empty(const file *f)
+{
+	is_open(f, "stat");
+	return kernel().disk[f->path].empty();
+}
+
+int seam_file_truncate(file *f)
+{
+	kernel().may_sleep("vfs_truncate");
+	if (!is_open(f, "vfs_truncate"))
+		return -EBADF;
+	if (kernel().failing(Fail::kFileTruncate))
+		return -EACCES;
+	kernel().disk[f->path].clear();
+	return 0;
 }
 
 long seam_file_write(file *f, const void *from, size_t len)
@@ -156,7 +186,10 @@ long seam_file_write(file *f, const void *from, size_t len)
 		return -EBADF;
 	if (kernel().failing(Fail::kFileWrite))
 		return -ENOSPC;
-	kernel().disk[f->path].append(static_cast<const char *>(from), len);
+	std::string &content = kernel().disk[f->path];
+	if (content.size() < f->at + len)
+		content.resize(f->at + len);
+	content.replace(f->at, len, static_cast<const char *>(from), len);
 	f->at += len;
 	kernel().writes.push_back(len);
 	kernel().event(Point::kWrite, f);

@@ -31,6 +31,8 @@ enum class LockKind {
 	kNone,
 	kNsMutex,
 	kNsMutexNested,
+	kRequest,
+	kDump,
 	kSock,
 	kChange,
 	kBind,
@@ -91,6 +93,7 @@ struct Kernel {
 	bool cwd_renders = true;
 	bool in_hook = false;
 	bool nonlinear_skbs = false;             // new buffers are fragmented
+	bool killed = false;                     // a fatal signal is pending
 	std::map<int, unsigned long> cpu_efbuff; // efmp_cpu_buffer_cache
 
 	// ---- faults (points.h)
@@ -114,9 +117,10 @@ struct Kernel {
 	std::vector<std::string> warnings;
 	int wakeups = 0;
 	int schedules = 0;
-	bool need_resched = true;  // another task is due
-	bool fatal_signal = false; // the current task is being killed
+	bool need_resched = true; // another task is due
 	int cond_rescheds = 0;
+	std::vector<std::pair<size_t, size_t>> user_reads; // of setsockopt arguments: from, bytes
+	std::vector<size_t> vzallocs;                      // bytes of each vzalloc
 	std::vector<long> sleeps;
 
 	// ---- sockets
@@ -131,7 +135,12 @@ struct Kernel {
 	};
 	std::vector<Answer> answers;             // sent over netlink
 	std::map<std::string, std::string> disk; // what files hold, by path
-	std::vector<size_t> writes;              // bytes of each write
+	struct Place {
+		bool regular = true;
+		uint32_t links = 1;
+	};
+	std::map<std::string, Place> places; // what there is at a path, other than a plain file
+	std::vector<size_t> writes;          // bytes of each write
 	std::set<struct ::file *> open_files;
 
 	// ---- threads: the body runs when a test calls run_thread()

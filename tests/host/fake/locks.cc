@@ -2,9 +2,13 @@
 // Locks that record who holds them, and barriers.
 #include <cstring>
 
+#include "backlog.h"
 #include "kernel.h"
 
 namespace fake {
+
+int max_backlog = kBacklogDefault;
+
 namespace {
 
 constexpr uint64_t kMagic = 0x6c6f636b6f6b2121;
@@ -14,6 +18,8 @@ const char *name(LockKind kind)
 	static const char *const names[] = { "none",
 					     "namespace list mutex",
 					     "nested namespace list mutex",
+					     "request mutex",
+					     "dump mutex",
 					     "socket lock",
 					     "change lock",
 					     "bind_lock",
@@ -29,7 +35,8 @@ const char *name(LockKind kind)
 bool sleeping_kind(LockKind kind)
 {
 	return kind == LockKind::kNsMutex || kind == LockKind::kNsMutexNested ||
-	       kind == LockKind::kSock || kind == LockKind::kChange || kind == LockKind::kMutex;
+	       kind == LockKind::kRequest || kind == LockKind::kDump || kind == LockKind::kSock ||
+	       kind == LockKind::kChange || kind == LockKind::kMutex;
 }
 
 } // namespace
@@ -65,6 +72,7 @@ void Kernel::take(Lock *lock, LockKind as, bool write, const char *call)
 			breach(std::string(call) + ": the " + name(as) + " is held already");
 		else if (kind >= as || (kind == LockKind::kBind && as == LockKind::kRule) ||
 			 (kind == LockKind::kLib && as == LockKind::kQueue) ||
+			 (kind == LockKind::kRequest && as == LockKind::kDump) ||
 			 (kind == LockKind::kHook && as == LockKind::kLib && write))
 			breach(std::string(call) + ": the " + name(as) + " after the " +
 			       name(kind));
@@ -143,6 +151,8 @@ using fake::Point;
 static_assert(sizeof(fake::Lock) <= SEAM_SPINLOCK_SIZE && sizeof(fake::Lock) <= SEAM_RWLOCK_SIZE &&
 	      sizeof(fake::Lock) <= SEAM_MUTEX_SIZE);
 
+const int *const seam_max_backlog = &fake::max_backlog;
+
 void seam_po_locks_init(mox_packet_sock *po)
 {
 	Kernel::init_lock(&po->bind_lock, LockKind::kBind);
@@ -162,6 +172,30 @@ void seam_queue_lock_init(efbuff_queue *queue)
 void seam_hook_lock_init(seam_spinlock *lock)
 {
 	Kernel::init_lock(lock, LockKind::kHook);
+}
+
+void seam_request_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kRequest);
+}
+void seam_dump_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kDump);
+}
+
+int seam_mutex_lock_killable(seam_mutex *lock)
+{
+	kernel().may_sleep("mutex_lock_killable");
+	if (kernel().failing(fake::Fail::kLockKillable))
+		return -EINTR;
+	kernel().take(fake::as_lock(lock), LockKind::kNone, true, "mutex_lock_killable");
+	return 0;
+}
+
+void seam_mutex_unlock(seam_mutex *lock)
+{
+	kernel().drop(fake::as_lock(lock), true, "mutex_unlock");
+	kernel().event(Point::kUnlock, lock);
 }
 
 void seam_spin_lock(seam_spinlock *lock)
@@ -203,12 +237,6 @@ void seam_write_unlock_bh(seam_rwlock *lock)
 void seam_mutex_lock(seam_mutex *lock)
 {
 	kernel().take(fake::as_lock(lock), LockKind::kNone, true, "mutex_lock");
-}
-
-void seam_mutex_unlock(seam_mutex *lock)
-{
-	kernel().drop(fake::as_lock(lock), true, "mutex_unlock");
-	kernel().event(Point::kUnlock, lock);
 }
 
 void seam_lock_sock(sock *sk)

@@ -88,6 +88,7 @@ void seam_kfree(void *p)
 }
 void *seam_vzalloc(size_t size)
 {
+	kernel().vzallocs.push_back(size);
 	return fake::block(size, "vzalloc", Fail::kVzalloc);
 }
 
@@ -149,14 +150,21 @@ void seam_cache_free(kmem_cache *cache, void *object)
 
 int seam_copy_from_uptr(void *to, const seam_uptr *from, size_t len)
 {
+	return seam_copy_from_uptr_at(to, from, 0, len);
+}
+
+int seam_copy_from_uptr_at(void *to, const seam_uptr *from, size_t at, size_t len)
+{
 	kernel().may_sleep("copy_from_user");
+	kernel().user_reads.push_back({ at, len });
+	at += from->offset;
 	size_t reachable = 0;
-	if (!kernel().user_touch(from->buf->data() + from->offset, len, &reachable))
+	if (!kernel().user_touch(from->buf->data() + at, len, &reachable))
 		breach("copy from outside user memory");
 	if (kernel().failing(Fail::kCopyFromUser))
 		reachable = len / 2;
 	if (reachable)
-		std::memcpy(to, from->buf->data() + from->offset, reachable);
+		std::memcpy(to, from->buf->data() + at, reachable);
 	std::memset(static_cast<uint8_t *>(to) + reachable, 0, len - reachable);
 	return reachable == len ? 0 : -EFAULT;
 }

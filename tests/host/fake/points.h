@@ -66,12 +66,14 @@ namespace fake {
 	X(kRecvDatagram, "skb_recv_datagram")                \
 	X(kCopyDatagram, "copy of a datagram to user space") \
 	X(kThreadCreate, "kthread_create")                   \
+	X(kLockKillable, "mutex_lock_killable")              \
 	X(kGenlRegister, "genl_register_family")             \
 	X(kGenlAlloc, "nlmsg_new")                           \
 	X(kGenlPut, "genlmsg_put")                           \
 	X(kNlaPut, "nla_put")                                \
 	X(kGenlUnicast, "genlmsg_unicast")                   \
 	X(kFileOpen, "filp_open")                            \
+	X(kFileTruncate, "vfs_truncate")                     \
 	X(kFileWrite, "kernel_write")                        \
 	X(kRegServ, "efmp_reg_serv_change_handler")          \
 	X(kClone, "efmp_buff_clone_with_owner")              \

@@ -20,6 +20,7 @@
 #define SEAM_LIST_POISON1 0x100
 #define SEAM_LIST_POISON2 0x122
 
+#define SEAM_EINTR 4
 #define SEAM_ENXIO 6
 #define SEAM_ENOMEM 12
 #define SEAM_EFAULT 14

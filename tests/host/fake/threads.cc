@@ -71,7 +71,7 @@ void seam_schedule(void)
 
 extern "C" int seam_fatal_signal_pending(void)
 {
-	return kernel().fatal_signal;
+	return kernel().killed;
 }
 
 extern "C" int seam_need_resched(void)

@@ -72,6 +72,9 @@ using namespace threads;
 
 // ---- processor, task, barriers ---------------------------------------------------
 
+static const int kBacklog = 300;
+const int *const seam_max_backlog = &kBacklog;
+
 int seam_cpu(void)
 {
 	return t_cpu;
@@ -148,6 +151,18 @@ void seam_queue_lock_init(efbuff_queue *q)
 void seam_hook_lock_init(seam_spinlock *lock)
 {
 	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_request_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_dump_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+int seam_mutex_lock_killable(seam_mutex *lock)
+{
+	return pthread_mutex_lock(mutex_of(lock)), 0;
 }
 void seam_spin_lock(seam_spinlock *lock)
 {
@@ -254,7 +269,11 @@ void seam_cache_free(kmem_cache *, void *p)
 }
 int seam_copy_from_uptr(void *to, const seam_uptr *from, size_t len)
 {
-	std::memcpy(to, from->from, len);
+	return seam_copy_from_uptr_at(to, from, 0, len);
+}
+int seam_copy_from_uptr_at(void *to, const seam_uptr *from, size_t at, size_t len)
+{
+	std::memcpy(to, static_cast<const char *>(from->from) + at, len);
 	return 0;
 }
 int seam_copy_to_user(void *to, const void *from, size_t len)
@@ -408,6 +427,22 @@ file *seam_file_open(const char *)
 {
 	live().files++;
 	return new file;
+}
+int seam_file_is_regular(const file *)
+{
+	return 1;
+}
+u32 seam_file_links(const file *)
+{
+	return 1;
+}
+int seam_file_empty(const file *f)
+{
+	return f->content.empty();
+}
+int seam_file_truncate(file *f)
+{
+	return f->content.clear(), 0;
 }
 long seam_file_write(file *f, const void *from, size_t len)
 {

@@ -110,10 +110,11 @@ struct Meta {
 	uint32_t source = 0, dest = 0; // addresses of control blocks
 	int64_t total = -1;            // -1: the frame's length
 	uint16_t mac_offset = 256 + 16;
-	int net_offset = -1; // -1: behind the layer-2 header
+	int net_offset = -1;   // -1: behind the layer-2 header
+	uint8_t behind = 0xee; // what lies behind the frame
 };
 
-// Past the frame stand at least 64 bytes from its start, filled with 0xee: they
+// Past the frame stand at least 64 bytes from its start, filled with old memory: they
 // may be read and mean nothing.
 inline Bytes efbuff(const Meta &m, const Bytes &frame)
 {
@@ -138,7 +139,7 @@ inline Bytes efbuff(const Meta &m, const Bytes &frame)
 	b[185] = m.sub_code;
 	b = b + frame;
 	if (frame.size() < 80)
-		b.resize(b.size() + 80 - frame.size(), 0xee);
+		b.resize(b.size() + 80 - frame.size(), m.behind);
 	return b;
 }
 

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "packet.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace oracle {
 namespace {
@@ -24,6 +26,19 @@ uint32_t u32(const uint8_t *p)
 uint16_t be16(const uint8_t *p)
 {
 	return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+// What a reader of a frame sees of it from an offset in the efbuff on: 64 bytes or, of a longer
+// frame, everything. Behind the end of a frame of fewer than 64 bytes there are zeroes.
+std::vector<uint8_t> view(const uint8_t *efbuff, uint32_t from)
+{
+	const uint32_t mac = u16(efbuff + 22), total = u32(efbuff + 164);
+	if (total >= 64)
+		return { efbuff + from, efbuff + std::max(from + 24, mac + total) };
+	std::vector<uint8_t> bytes(128);
+	for (uint32_t i = 0; i < bytes.size() && from + i < mac + total; i++)
+		bytes[i] = efbuff[from + i];
+	return bytes;
 }
 
 void parse_v4(Packet &out, const uint8_t *ip, int64_t total, int64_t l2)
@@ -97,8 +112,9 @@ Packet parse(const uint8_t *efbuff, uint32_t ifindex)
 	uint8_t kind = efbuff[40];
 	int64_t l2 = u16(efbuff + 20);
 	int64_t total = u32(efbuff + 164);
-	const uint8_t *mac = efbuff + u16(efbuff + 22);
-	const uint8_t *net = efbuff + u16(efbuff + 24);
+	const std::vector<uint8_t> head = view(efbuff, u16(efbuff + 22));
+	const std::vector<uint8_t> network = view(efbuff, u16(efbuff + 24));
+	const uint8_t *mac = head.data(), *net = network.data();
 
 	if ((kind == 1 || kind == 27) && l2 == 0) {
 		out.no_l2 = true;
@@ -135,7 +151,8 @@ WlanPacket parse_wlan(const uint8_t *efbuff, uint32_t ifindex)
 	WlanPacket out;
 	uint32_t wlan = u32(efbuff + 56);
 	uint8_t kind = efbuff[40];
-	const uint8_t *mac = efbuff + u16(efbuff + 22);
+	const std::vector<uint8_t> head = view(efbuff, u16(efbuff + 22));
+	const uint8_t *mac = head.data();
 
 	out.ifindex = ifindex;
 	out.attr = u32(efbuff + 96);

@@ -159,6 +159,23 @@ TEST(OraclePacket, parse__layer3_without_layer2)
 	EXPECT_EQ(p.dst_port_net, net16(67));
 }
 
+TEST(OraclePacket, parse__behind_a_short_frame_are_zeroes)
+{
+	Packet one = read({ .total = 1 }, eth(0x88cc, 0x0e, 0x0f));
+	EXPECT_EQ(one.dst_mac, (std::array<uint8_t, 6>{ 2 }));
+	EXPECT_EQ(one.src_mac, (std::array<uint8_t, 6>{}));
+	EXPECT_EQ(one.eth_net, 0);
+	EXPECT_EQ(read({ .total = 13 }, eth(0x88cc)).eth_net, net16(0x8800));
+	EXPECT_EQ(read({ .total = 14 }, eth(0x888e) + Bytes{ 1, 3 }).eapol_type, 0);
+	EXPECT_TRUE(read({ .total = 14 }, eth(0x888e) + Bytes{ 1, 3 }).eapol);
+	Packet ip = read({ .kind = 1, .total = 14 + 17 },
+			 eth(0x0800) + ipv4(17, { 10, 1, 2, 3 }, {}));
+	EXPECT_EQ(ip.ip_proto, 17);
+	EXPECT_EQ(ip.v4_dst, (std::array<uint8_t, 4>{ 10 }));
+	EXPECT_EQ(parse_wlan(efbuff({ .total = 13 }, eth(0x888e)).data(), 3).eth_net,
+		  net16(0x8800));
+}
+
 TEST(OraclePacket, parse_wlan__kinds_of_frames)
 {
 	auto flags = [](const Meta &m, const Bytes &f) {

@@ -102,6 +102,29 @@ TEST_F(DebugFilter, match__every_combination_of_bits_and_every_byte)
 	}
 }
 
+// The source addresses are read from the frame: behind its end they are zero.
+TEST_F(DebugFilter, match__addresses_behind_the_frames_end_are_zero)
+{
+	for (int64_t total = 0; total <= 64; total++) {
+		SCOPED_TRACE(total);
+		Meta m{ .kind = 1, .total = total, .behind = 0xa5 };
+		::Bytes frame = eth(0x0800) + ipv4(17, { 10, 1, 2, 3 }, ::Bytes(30, 1));
+		::Bytes filter(72);
+		for (int64_t i = 0; i < 4 && 26 + i < total; i++)
+			filter[32 + i] = frame[26 + i];
+		frame.resize(total);
+		void *e = make(m, frame);
+		pkt_info info;
+		pkt_info_build(e, &info);
+		store(filter, MOX_FILTER_SRC_IPV4);
+		EXPECT_EQ(pktd_match_filter_debug(e, &info), 1);
+		filter[35] ^= 0xa5;
+		store(filter, MOX_FILTER_SRC_IPV4);
+		EXPECT_EQ(pktd_match_filter_debug(e, &info), 0);
+		efmp().drop(e);
+	}
+}
+
 // The same from the packet's side: one byte of it changed.
 TEST_F(DebugFilter, match__packets_that_differ_in_one_byte)
 {

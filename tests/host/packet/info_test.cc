@@ -51,12 +51,12 @@ protected:
 		pkt_wlan_info info;
 		memset(&info, 0xff, sizeof info);
 		pkt_wlan_info_build(e, &info);
-		compare(info, e);
+		compare(info, read_wlan(e));
 		return info.flags;
 	}
-	static void compare(const pkt_info &got, const void *e)
+	static void compare(const pkt_info &got, const void *e) { compare(got, e, read(e)); }
+	static void compare(const pkt_info &got, const void *e, const Packet &want)
 	{
-		Packet want = read(e);
 		EXPECT_EQ(got.flags, want.flag_byte());
 		EXPECT_EQ(memcmp(got.src_mac, want.src_mac.data(), 6), 0);
 		EXPECT_EQ(memcmp(got.dst_mac, want.dst_mac.data(), 6), 0);
@@ -79,9 +79,8 @@ protected:
 			EXPECT_EQ(memcmp(got.ipv6_dst, want.v6_dst.data(), 16), 0);
 		EXPECT_EQ(got.efbuff, e);
 	}
-	static void compare(const pkt_wlan_info &got, const void *e)
+	static void compare(const pkt_wlan_info &got, const WlanPacket &want)
 	{
-		WlanPacket want = read_wlan(e);
 		EXPECT_EQ(got.flags, want.flag_word());
 		EXPECT_EQ(got.eapol_type, want.eapol_type);
 		EXPECT_EQ(got.eth_type, want.eth_net);
@@ -248,6 +247,127 @@ TEST_F(PktInfo, build__layer3_only_packets_are_parsed_at_the_network_offset)
 	EXPECT_EQ(info.icmpv6_type, 135);
 }
 
+// ---- frames that end before what is read of them -----------------------------------------
+
+struct Shape {
+	const char *what;
+	Meta meta;
+	Bytes frame;
+};
+
+const std::vector<Shape> kShapes = [] {
+	Bytes wsc = eth(0x888e) + Bytes(8, 1);
+	wsc[22 - 1] = 0;
+	wsc = wsc + Bytes{ 0xfe };
+	for (char c : std::string("WFA-SimpleConfig-Enrollee-1-0"))
+		wsc.push_back(c);
+	Bytes expanded = eth(0x888e) + Bytes(20, 1);
+	expanded[22] = 0xfe;
+	expanded[29] = 1;
+	const Bytes snap{ 0xaa, 0xaa, 3, 0, 0, 0, 0x20, 4 };
+	const Bytes arp{ 0, 1, 8, 0, 6, 4, 0, 2 };
+	const Bytes udp4 = ipv4(17, kHost4, ports(68, 67, 40));
+	const Bytes tcp4 = ipv4(6, kHost4, ports(68, 67, 40), 7);
+	const Bytes udp6 = ipv6(17, kHost6, ports(546, 547, 20));
+	Bytes claims_nothing = ipv6(0, kHost6, options(58) + Bytes{ 135, 0, 0, 0 });
+	claims_nothing[4] = claims_nothing[5] = 0;
+	return std::vector<Shape>{
+		{ "LLDP", {}, eth(0x88cc) + Bytes(60, 0x33) },
+		{ "EAPOL", {}, eth(0x888e) + Bytes{ 1, 3 } + Bytes(60, 0x33) },
+		{ "SNAP in EAPOL", {}, eth(0x888e) + snap },
+		{ "SNAP", {}, eth(38) + snap + Bytes(40, 0x33) },
+		{ "ARP", {}, eth(0x0806) + arp + Bytes(40, 0x33) },
+		{ "Wi-Fi Simple Config by name", {}, wsc },
+		{ "Wi-Fi Simple Config by type", {}, expanded },
+		{ "802.11", { .wlan_flags = 0x48000 }, eth(0x888e) },
+		{ "IPv4, UDP", { .kind = 1 }, eth(0x0800) + udp4 },
+		{ "IPv4, TCP, options", { .kind = 1 }, eth(0x0800) + tcp4 },
+		{ "IPv4 alone", { .kind = 1, .l2_len = 0 }, udp4 },
+		{ "IPv4 behind a long layer-2 header",
+		  { .kind = 1, .l2_len = 30 },
+		  eth(0x0800) + Bytes(16, 7) + udp4 },
+		{ "IPv4 header farther back than the length says",
+		  { .kind = 1, .net_offset = 256 + 16 + 40 },
+		  eth(0x0800) + Bytes(26, 7) + udp4 },
+		{ "IPv6, UDP", { .kind = 27 }, eth(0x86dd) + udp6 },
+		{ "IPv6, claims no payload", { .kind = 27 }, eth(0x86dd) + claims_nothing },
+		{ "IPv6 alone", { .kind = 27, .l2_len = 0 }, udp6 },
+		{ "IPv6 alone, claims no payload", { .kind = 27, .l2_len = 0 }, claims_nothing },
+		{ "IPv6 header farther back than the length says",
+		  { .kind = 27, .l2_len = 0, .net_offset = 256 + 16 + 14 },
+		  eth(0x86dd) + claims_nothing },
+	};
+}();
+
+// Each kind of frame at each length: what lies behind the end does not show, be it the rest of
+// the frame, old memory, or zeroes.
+TEST_F(PktInfo, short__bytes_behind_the_end_read_as_zero)
+{
+	for (const Shape &shape : kShapes)
+		for (size_t total = 0; total <= 66; total++) {
+			SCOPED_TRACE(std::string(shape.what) + ", " + std::to_string(total) +
+				     " bytes");
+			Bytes whole = shape.frame;
+			if (whole.size() < total)
+				whole.resize(total, 0x44);
+			Meta m = shape.meta;
+			m.total = int64_t(total);
+			m.source = port;
+			// The reference's summary of the frame with zeroes behind it.
+			m.behind = 0;
+			const Bytes cut(whole.begin(), whole.begin() + int64_t(total));
+			Packet want;
+			WlanPacket wlan_want;
+			{
+				std::vector<uint8_t> zeroed = efbuff(m, cut);
+				zeroed.resize(512);
+				want = parse(zeroed.data(), 7);
+				wlan_want = parse_wlan(zeroed.data(), 7);
+			}
+			for (const auto &[behind, frame] : { std::pair<uint8_t, Bytes>{ 0xa5, cut },
+							     { 0x00, cut },
+							     { 0xaa, cut },
+							     { 0xa5, whole } }) {
+				m.behind = behind;
+				void *e = make(m, frame);
+				alignas(64) pkt_info info;
+				memset(static_cast<void *>(&info), 0xff, sizeof info);
+				pkt_info_build(e, &info);
+				compare(info, e, want);
+				pkt_wlan_info wlan_info;
+				memset(&wlan_info, 0xff, sizeof wlan_info);
+				pkt_wlan_info_build(e, &wlan_info);
+				compare(wlan_info, wlan_want);
+				efmp().drop(e);
+			}
+		}
+}
+
+// By hand, for what a rule or the control record shows of the shortest frames.
+TEST_F(PktInfo, short__the_fields_of_cut_frames)
+{
+	const Bytes frame = eth(0x888e, 0x0e, 0x0f) + Bytes{ 1, 3 };
+	for (size_t total = 0; total <= frame.size(); total++) {
+		SCOPED_TRACE(total);
+		Meta m{ .source = port, .total = int64_t(total), .behind = 0xa5 };
+		void *e = make(m, Bytes(frame.begin(), frame.begin() + int64_t(total)));
+		pkt_info info;
+		pkt_info_build(e, &info);
+		for (size_t i = 0; i < 6; i++) {
+			EXPECT_EQ(info.dst_mac[i], i < total ? frame[i] : 0) << i;
+			EXPECT_EQ(info.src_mac[i], 6 + i < total ? frame[6 + i] : 0) << i;
+		}
+		EXPECT_EQ(info.eth_type, total >= 14   ? net16(0x888e)
+					 : total == 13 ? net16(0x8800)
+						       : 0);
+		EXPECT_EQ(info.flags, total >= 14 ? 0x02 : 0);
+		EXPECT_EQ(info.eapol_type, total >= 16 ? 3 : 0);
+		// Whole addresses are the frame's own.
+		EXPECT_EQ(info.dst_mac == static_cast<u8 *>(e) + 272, total >= 12);
+		efmp().drop(e);
+	}
+}
+
 TEST_F(PktInfo, wlan__flags)
 {
 	EXPECT_EQ(wlan({ .wlan_flags = 0x40000 }, eth(0x888e)), 0x40u);
@@ -312,6 +432,9 @@ TEST_F(PktInfo, build__random_frames_as_the_reference_reads_them)
 		m.inner_tci = rng();
 		if (rng() % 4 == 0)
 			m.total = rng() % (frame.size() + 1);
+		m.behind = pick({ 0, 1, 17, 0xa5, 0xaa });
+		if (m.total >= 0 && rng() % 2)
+			frame.resize(m.total);
 		build(m, frame);
 		efmp().drop(last);
 		wlan(m, frame);

@@ -4,6 +4,7 @@
 #include "read_trap.h"
 #include "services/services.hpp"
 #include "base/sync.hpp"
+#include "fake/backlog.h"
 
 using namespace mox;
 
@@ -14,8 +15,15 @@ namespace ef = platform::ef;
 
 class Rcv : public ModuleTest {
 protected:
+	void SetUp() override
+	{
+		ModuleTest::SetUp();
+		memset(g_queue_copies_refused, 0, sizeof(g_queue_copies_refused));
+		memset(g_queue_frames_dropped, 0, sizeof(g_queue_frames_dropped));
+	}
 	void TearDown() override
 	{
+		fake::max_backlog = fake::kBacklogDefault;
 		pkt_rnfp = pkt_rnfp_wlan = nullptr;
 		rules.clear();
 		socks.clear();
@@ -374,6 +382,109 @@ TEST_F(Rcv, race__rule_withdrawn_between_filter_and_queue)
 	EXPECT_TRUE(played);
 	drain();
 	EXPECT_EQ(efmp().freed, 1u);
+}
+
+// ---- full queues ---------------------------------------------------------------------------
+
+// A frame that a rule takes and the queue does not is dropped, never forwarded; a copy is not
+// made, as when there is no memory for it.
+TEST_F(Rcv, full__per_location_and_treatment)
+{
+	pkt_rnfp = rnfp;
+	pkt_rnfp_wlan = rnfp_wlan;
+	fake::max_backlog = 4;
+	for (const HookTraits &h : kHooks)
+		for (u32 treatment : { PACKET_COPY, PACKET_FETCH, PACKET_TRAP }) {
+			SCOPED_TRACE(std::string(h.name) + " treatment " +
+				     std::to_string(treatment));
+			const bool resv = h.location == 7, wlan = h.location == 8;
+			const bool takes = treatment == PACKET_FETCH ||
+					   (treatment == PACKET_TRAP && !wlan);
+			g_drop = g_drop_wlan = 0;
+			listen(h.location, treatment);
+			const efbuff_queue &q = g_cpu_pkt_que[0][h.queue];
+			const u32 room = takes ? 4 : 2;
+			for (u32 i = 0; i < room; i++)
+				EXPECT_EQ(hook(h.func, packet()), takes ? h.taken : h.go_on);
+			EXPECT_EQ(q.count, room);
+			const u32 refused = g_queue_copies_refused[h.location];
+			const u32 dropped = g_queue_frames_dropped[h.location];
+			const uint64_t clones = efmp().clones, freed = efmp().freed;
+			const int wakeups = kernel().wakeups;
+			for (bool trace : { false, true }) {
+				g_asked = g_asked_wlan = 0;
+				kernel().log.clear();
+				void *e = packet(
+					{ .kind = 1, .flags = trace ? ef::kFlagTrace : 0 });
+				static_cast<u8 *>(e)[43] = 0x55;
+				const uint64_t tried = kernel().calls(Fail::kClone);
+				EXPECT_EQ(hook(h.func, e), !takes ? h.go_on
+							   : resv ? h.taken
+								  : platform::kDrop);
+				EXPECT_EQ(kernel().calls(Fail::kClone), tried) << "not even tried";
+				EXPECT_EQ(
+					kernel().count_said("MOX-PACKET-RCV: alloc buff error!\n"),
+					trace && !takes ? 1u : 0u);
+				EXPECT_EQ(g_asked, takes && !resv) << "the services come first";
+				EXPECT_EQ(g_asked_wlan, takes && !resv);
+				if (!(takes && resv))
+					EXPECT_EQ(reason(e), takes ? 7 : 0x55);
+			}
+			EXPECT_EQ(q.count, room);
+			EXPECT_EQ(efmp().clones, clones);
+			EXPECT_EQ(efmp().freed - freed, takes && resv ? 2u : 0u);
+			EXPECT_EQ(kernel().wakeups, wakeups);
+			EXPECT_EQ(g_queue_copies_refused[h.location] - refused, takes ? 0u : 2u);
+			EXPECT_EQ(g_queue_frames_dropped[h.location] - dropped, takes ? 2u : 0u);
+			// What a service drops is no drop of the queue's.
+			if (takes && !resv) {
+				g_drop = 1;
+				EXPECT_EQ(hook(h.func, packet()), platform::kDrop);
+				EXPECT_EQ(g_queue_frames_dropped[h.location] - dropped, 2u);
+				g_drop = 0;
+			}
+			// Room again, once they are freed.
+			mox_packet_efbuff_queue_deinit(&g_cpu_pkt_que[0][h.queue]);
+			EXPECT_EQ(hook(h.func, packet()), takes ? h.taken : h.go_on);
+			EXPECT_EQ(q.count, 1u);
+			silence();
+		}
+}
+
+TEST_F(Rcv, full__copies_of_a_location_do_not_crowd_out_traps)
+{
+	fake::max_backlog = 100;
+	listen(PACKET_LEV2_LOC, PACKET_COPY);
+	listen(PACKET_IPv4_LOC, PACKET_COPY);
+	listen(PACKET_IPv6_LOC, PACKET_COPY);
+	listen(PACKET_LOCAL_LOC, PACKET_TRAP);
+	for (int i = 0; i < 300; i++)
+		for (auto func : { mox_packet_lev2_rcv, mox_packet_ipv4_rcv, mox_packet_ipv6_rcv })
+			EXPECT_EQ(hook(func, packet()), 0u);
+	EXPECT_EQ(g_cpu_pkt_que[0][kQueueLev2].count + g_cpu_pkt_que[0][kQueueIpv4].count +
+			  g_cpu_pkt_que[0][kQueueIpv6].count,
+		  100u)
+		<< "half of what a CPU may hold";
+	u32 taken = 0;
+	for (int i = 0; i < 300; i++)
+		taken += hook(mox_packet_local_rcv, packet()) == 3;
+	EXPECT_EQ(taken, 100u);
+}
+
+// A clone that cannot be had leaves no trace in the counts.
+TEST_F(Rcv, full__a_failed_clone_is_not_held)
+{
+	fake::max_backlog = 4;
+	listen(PACKET_LEV2_LOC, PACKET_COPY);
+	for (int i = 0; i < 10; i++) {
+		kernel().fail(Fail::kClone);
+		EXPECT_EQ(hook(mox_packet_lev2_rcv, packet()), 0u);
+	}
+	EXPECT_EQ(g_queue_copies_refused[PACKET_LEV2_LOC], 0u);
+	for (int i = 0; i < 3; i++)
+		hook(mox_packet_lev2_rcv, packet());
+	EXPECT_EQ(g_cpu_pkt_que[0][kQueueLev2].count, 2u);
+	EXPECT_EQ(g_queue_copies_refused[PACKET_LEV2_LOC], 1u);
 }
 
 } // namespace

@@ -196,8 +196,8 @@ TEST_F(Thread, task__drains_in_queue_order_and_cpus_ascending)
 
 TEST_F(Thread, task__only_pending_locations_are_visited)
 {
-	queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
-	queue_append(&g_cpu_pkt_que[0][kQueueIpv4], owned());
+	enqueue(&g_cpu_pkt_que[0][kQueueLev2], owned());
+	enqueue(&g_cpu_pkt_que[0][kQueueIpv4], owned());
 	mox_packet_thread_active(PACKET_IPv4_LOC);
 	kernel().run_thread();
 	EXPECT_EQ(g_cpu_pkt_que[0][kQueueIpv4].count, 0u);
@@ -207,7 +207,7 @@ TEST_F(Thread, task__only_pending_locations_are_visited)
 TEST_F(Thread, task__absent_cpus_are_never_visited)
 {
 	kernel().present_cpus = { 0 };
-	queue_append(&g_cpu_pkt_que[1][kQueueLev2], owned());
+	enqueue(&g_cpu_pkt_que[1][kQueueLev2], owned());
 	mox_packet_thread_active(PACKET_LEV2_LOC);
 	kernel().run_thread();
 	EXPECT_EQ(g_cpu_pkt_que[1][kQueueLev2].count, 1u);
@@ -217,7 +217,7 @@ TEST_F(Thread, task__present_cpus_beyond_the_possible_ids_are_not_visited)
 {
 	kernel().present_cpus = { 0, 9 };
 	kernel().cpu_ids = 4;
-	queue_append(&g_cpu_pkt_que[9][kQueueLev2], owned());
+	enqueue(&g_cpu_pkt_que[9][kQueueLev2], owned());
 	mox_packet_thread_active(PACKET_LEV2_LOC);
 	kernel().run_thread();
 	EXPECT_EQ(g_cpu_pkt_que[9][kQueueLev2].count, 1u);
@@ -230,7 +230,7 @@ TEST_F(Thread, task__location_marked_during_a_drain)
 	int marks = 0;
 	kernel().at[Point::kUnlock] = [&](const void *lock) {
 		if (lock == &g_cpu_pkt_que[0][kQueueWlan].lock && marks++ == 0) {
-			queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
+			enqueue(&g_cpu_pkt_que[0][kQueueLev2], owned());
 			mox_packet_thread_active(PACKET_LEV2_LOC);
 		}
 	};
@@ -251,7 +251,7 @@ TEST_F(Thread, task__byte_is_cleared_before_its_queues_are_drained)
 		if (lock != &g_cpu_pkt_que[1][kQueueLev2].lock || played)
 			return;
 		played = true;
-		queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
+		enqueue(&g_cpu_pkt_que[0][kQueueLev2], owned());
 		mox_packet_thread_active(PACKET_LEV2_LOC);
 	};
 	mox_packet_thread_active(PACKET_LEV2_LOC);
@@ -272,7 +272,7 @@ TEST_F(Thread, task__mark_in_every_barrier_window_is_drained)
 		kernel().at[Point::kBarrier] = [&](const void *) {
 			if (barriers++ == window && !marked) {
 				marked = true;
-				queue_append(&g_cpu_pkt_que[0][kQueueIpv6], owned());
+				enqueue(&g_cpu_pkt_que[0][kQueueIpv6], owned());
 				mox_packet_thread_active(PACKET_IPv6_LOC);
 			}
 		};
@@ -302,7 +302,7 @@ TEST_F(Thread, task__lost_wakeup_at_the_clearing_of_running)
 				return;
 			marked = true;
 			top.pending[kQueueTrill] = 1; // as a hook that saw running set
-			queue_append(&g_cpu_pkt_que[0][kQueueTrill], owned());
+			enqueue(&g_cpu_pkt_que[0][kQueueTrill], owned());
 		};
 	};
 	mox_packet_thread_active(PACKET_LEV2_LOC);
@@ -350,7 +350,7 @@ TEST_F(Thread, task__asked_to_stop_returns_0)
 TEST_F(Thread, budget__yields_once_every_thousand_packets)
 {
 	for (int i = 0; i < 2500; i++)
-		queue_append(&g_cpu_pkt_que[i % 2][i % 3 ? kQueueLev2 : kQueueWlan], owned());
+		enqueue(&g_cpu_pkt_que[i % 2][i % 3 ? kQueueLev2 : kQueueWlan], owned());
 	mox_packet_thread_active(PACKET_LEV2_LOC);
 	mox_packet_thread_active(PACKET_WLAN_LOC);
 	kernel().run_thread();
@@ -358,11 +358,11 @@ TEST_F(Thread, budget__yields_once_every_thousand_packets)
 	EXPECT_EQ(efmp().freed, 2500u);
 	// A new drain starts with a budget of its own.
 	for (int i = 0; i < 999; i++)
-		queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
+		enqueue(&g_cpu_pkt_que[0][kQueueLev2], owned());
 	mox_packet_thread_active(PACKET_LEV2_LOC);
 	kernel().run_thread();
 	EXPECT_EQ(kernel().schedules, 2);
-	queue_append(&g_cpu_pkt_que[0][kQueueLev2], owned());
+	enqueue(&g_cpu_pkt_que[0][kQueueLev2], owned());
 }
 
 TEST_F(Thread, dump__prints_the_counters)

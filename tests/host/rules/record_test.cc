@@ -331,6 +331,105 @@ TEST_F(RuleRecordTest, buffer__fault_while_copying)
 	}
 }
 
+// 6 bytes of head and the most elements of the widest type: more is read, but not kept.
+constexpr size_t kLongest = 6 + 65535 * 6;
+
+TEST_F(RuleRecordTest, buffer__takes_no_more_than_the_longest_record)
+{
+	for (size_t len :
+	     { size_t(6), size_t(7), size_t(4096), kLongest - 1, kLongest, kLongest + 1,
+	       kLongest + 4095, kLongest + 4096, kLongest + 4097, 3 * kLongest }) {
+		SCOPED_TRACE(len);
+		Bytes record{ 5, 0, 1, 0, 1, 0, 6 };
+		record.resize(len, 0x77);
+		record[4] = len > 6;
+		kernel().vzallocs.clear();
+		kernel().user_reads.clear();
+		const int yields = kernel().cond_rescheds;
+		EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
+		EXPECT_EQ(kernel().vzallocs, std::vector<size_t>{ std::min(len, kLongest) });
+		// What is kept is read in one go, the rest in pieces, and none of it twice.
+		const size_t rest = len > kLongest ? len - kLongest : 0;
+		const size_t pieces = (rest + 4095) / 4096;
+		ASSERT_EQ(kernel().user_reads.size(), pieces + 1);
+		EXPECT_EQ(kernel().user_reads.back(), (std::pair<size_t, size_t>{ 0, len - rest }));
+		size_t at = kLongest;
+		for (size_t i = 0; i < pieces; i++) {
+			EXPECT_EQ(kernel().user_reads[i].first, at);
+			EXPECT_LE(kernel().user_reads[i].second, 4096u);
+			at += kernel().user_reads[i].second;
+		}
+		EXPECT_EQ(at, kLongest + rest);
+		EXPECT_EQ(static_cast<size_t>(kernel().cond_rescheds - yields), pieces);
+		if (len > 6)
+			EXPECT_EQ(items(s), (Items{ { 5, { value_of({ 6 }) } } }));
+	}
+	EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
+}
+
+TEST_F(RuleRecordTest, buffer__holds_every_element_of_the_longest_record)
+{
+	Bytes record{ PACKET_SRC_MAC_EQUAL, 0, 6, 0, 0xff, 0xff };
+	for (u32 i = 0; i < 65535; i++)
+		for (int byte : { 2, 0, 0, 0, i == 65534 ? 1 : 0, 7 })
+			record.push_back(byte);
+	ASSERT_EQ(record.size(), kLongest);
+	record.resize(kLongest + 5000, 0xEE);
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
+	EXPECT_EQ(items(s), (Items{ { 2,
+				      { value_of({ 2, 0, 0, 0, 0, 7 }),
+					value_of({ 2, 0, 0, 0, 1, 7 }) } } }));
+}
+
+TEST_F(RuleRecordTest, buffer__fault_behind_what_is_kept)
+{
+	run();
+	const size_t len = kLongest + 3 * 4096 + 7;
+	Bytes record{ 5, 0, 1, 0, 1, 0, 6 };
+	record.resize(len, 0x77);
+	// The elements that are missing are noticed later: the fault comes first.
+	for (u8 count : { 1, 0xff })
+		for (size_t fault_at : { size_t(0), size_t(6), kLongest - 1, kLongest, kLongest + 1,
+					 kLongest + 4095, kLongest + 4096, len - 1 }) {
+			SCOPED_TRACE(fault_at);
+			record[2] = record[3] = record[4] = record[5] = count;
+			EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record, len, fault_at), -14);
+			EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: copy from user failed\n" });
+			EXPECT_TRUE(s.running());
+			EXPECT_EQ(items(s).size(), 1u);
+		}
+	EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
+}
+
+TEST_F(RuleRecordTest, length__the_stated_one_counts_and_not_what_is_kept)
+{
+	// 65535 elements of 7 bytes, as the record says, are more than is kept.
+	Bytes record{ 5, 0, 7, 0, 0xff, 0xff, 6 };
+	record.resize(6 + 65535 * 7, 6);
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), 0);
+	EXPECT_EQ(items(s), (Items{ { 5, { value_of({ 6 }) } } }));
+	lines();
+	record.pop_back();
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), -22);
+	EXPECT_EQ(lines(), Strings{ "PACKET-SETSOCKOPT: optlen illegal, optlen: " +
+				    std::to_string(record.size()) + "\n" });
+}
+
+TEST_F(RuleRecordTest, length__a_huge_one_ends_when_the_caller_is_killed)
+{
+	run();
+	Bytes record(kLongest + 100 * 4096);
+	int yields = 0;
+	kernel().at[Point::kCondResched] = [&](const void *) { kernel().killed = ++yields == 3; };
+	EXPECT_EQ(raw(MOX_PACKET_ADD_RULE, record), -4);
+	kernel().killed = false;
+	EXPECT_EQ(yields, 3);
+	EXPECT_EQ(lines(), Strings{});
+	EXPECT_TRUE(s.running());
+	EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
+	kernel().at.erase(Point::kCondResched);
+}
+
 // ---- bad types ----------------------------------------------------------------------
 
 TEST_F(RuleRecordTest, bad_type__is_refused_and_the_rule_goes_back)

@@ -3,17 +3,23 @@
 #include "control.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <thread>
 
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "scene.h"
@@ -214,10 +220,123 @@ TEST_F(Tech, a_place_that_takes_no_file)
 	EXPECT_NE(dump().find("Failed to open file: /tmp/vsd/0//ef/af_packet/afpacketdump.\n"),
 		  std::string::npos)
 		<< "a directory of that name";
-	std::filesystem::remove("/tmp/vsd/0/ef/af_packet/afpacketdump");
-	ASSERT_EQ(::symlink("/dev/full", "/tmp/vsd/0/ef/af_packet/afpacketdump"), 0);
-	EXPECT_NE(dump().find("Ask msg success.\n"), std::string::npos)
-		<< "a full disk is not reported";
+}
+
+TEST_F(Tech, a_full_file_system_is_not_reported)
+{
+	std::string file = file_of(0);
+	const char *directory = "/tmp/vsd/0/ef/af_packet";
+	ASSERT_EQ(::mount("none", directory, "tmpfs", 0, "size=4k"), 0) << std::strerror(errno);
+	LayerTwoScene scene;
+	EveryLocationScene every;
+	debug(true);
+	std::string text = dump();
+	std::string got = content(file);
+	EXPECT_EQ(::umount(directory), 0) << std::strerror(errno);
+	EXPECT_NE(text.find("Ask msg success.\n"), std::string::npos);
+	EXPECT_EQ(text.find("Failed"), std::string::npos);
+	EXPECT_GT(got.size(), 0u);
+	EXPECT_LE(got.size(), 4096u) << "more does not fit";
+	debug(false);
+	EXPECT_GT(by_the_log().size(), 4096u);
+}
+
+/// What any user may put where the dump file belongs, when the directory is his: nothing of it is waited for,
+/// followed or written.
+class Trap : public Tech {
+protected:
+	static constexpr const char *kOther = "/tmp/dump-other";
+
+	void SetUp() override
+	{
+		Tech::SetUp();
+		file_ = file_of(0);
+		std::ofstream(kOther) << "another's";
+		debug(true);
+	}
+	void TearDown() override
+	{
+		std::filesystem::remove(kOther);
+		Tech::TearDown();
+	}
+	/// The dump is refused as if the file could not be opened, soon, and the answer comes.
+	void expect_refused()
+	{
+		auto before = std::chrono::steady_clock::now();
+		EXPECT_EQ(dump(), tagged("Deal message, length:4.\n") +
+					  tagged("MSG TYPE 16, client " +
+						 std::to_string(client_.port()) + "\n") +
+					  tagged("Failed to open file: "
+						 "/tmp/vsd/0//ef/af_packet/afpacketdump.\n") +
+					  tagged("Ask msg success.\n"));
+		EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(10));
+		EXPECT_EQ(content(kOther), "another's");
+	}
+	std::string file_;
+};
+
+TEST_F(Trap, a_full_fifo)
+{
+	ASSERT_EQ(::mkfifo(file_.c_str(), 0666), 0);
+	int fifo = ::open(file_.c_str(), O_RDWR | O_NONBLOCK);
+	ASSERT_GE(fifo, 0);
+	const char page[4096] = {};
+	size_t full = 0;
+	for (ssize_t some; (some = ::write(fifo, page, sizeof page)) > 0;)
+		full += size_t(some);
+	ASSERT_EQ(errno, EAGAIN);
+	ASSERT_GE(full, sizeof page);
+	// Should the request hang after all, an end of the room that it waits for comes by itself.
+	std::atomic<bool> done = false;
+	std::thread rescue([&] {
+		for (int i = 0; i < 200 && !done; ++i)
+			std::this_thread::sleep_for(std::chrono::milliseconds(100));
+		char room[4096];
+		while (!done && ::read(fifo, room, sizeof room) >= 0)
+			;
+	});
+	expect_refused();
+	done = true;
+	rescue.join();
+	int held = 0;
+	EXPECT_EQ(::ioctl(fifo, FIONREAD, &held), 0);
+	EXPECT_EQ(size_t(held), full) << "nothing was written";
+	::close(fifo);
+}
+
+TEST_F(Trap, a_fifo_without_a_reader)
+{
+	ASSERT_EQ(::mkfifo(file_.c_str(), 0666), 0);
+	expect_refused();
+}
+
+TEST_F(Trap, a_symbolic_link)
+{
+	ASSERT_EQ(::symlink(kOther, file_.c_str()), 0);
+	expect_refused();
+	std::filesystem::remove(file_);
+	ASSERT_EQ(::symlink("/tmp/dump-none", file_.c_str()), 0);
+	expect_refused();
+	EXPECT_FALSE(std::filesystem::exists("/tmp/dump-none")) << "nor created through a link";
+}
+
+TEST_F(Trap, a_hard_link)
+{
+	ASSERT_EQ(::link(kOther, file_.c_str()), 0);
+	expect_refused();
+	// The link alone is an ordinary file.
+	ASSERT_EQ(::rename(kOther, "/tmp/dump-away"), 0);
+	std::filesystem::remove("/tmp/dump-away");
+	std::ofstream(kOther) << "another's";
+	dump();
+	debug(false);
+	EXPECT_EQ(content(file_), by_the_log());
+}
+
+TEST_F(Trap, a_device)
+{
+	ASSERT_EQ(::mknod(file_.c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+	expect_refused();
 }
 
 TEST_F(Tech, a_client_that_does_not_read_is_reported_while_debugging)

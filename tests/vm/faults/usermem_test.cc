@@ -1,11 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0
 // User memory that ends half way, cannot be written, or changes while the kernel looks.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <string>
 #include <thread>
 
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/fixture.h"
@@ -66,6 +73,110 @@ TEST_F(UserMemory, a_record_that_claims_more_than_the_option_length)
 				  valueless ? 0 : EINVAL)
 				<< type << " " << count;
 		}
+}
+
+/// The longest record that a rule can use, and memory of the same zero page for as much more as a length may state.
+constexpr size_t kLongest = 6 + 65535 * 6, kHuge = 200 << 20;
+
+class HugeRecord : public VmTest {
+protected:
+	void SetUp() override
+	{
+		VmTest::SetUp();
+		area_ = static_cast<uint8_t *>(::mmap(nullptr, kHuge, PROT_READ | PROT_WRITE,
+						      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+						      -1, 0));
+		ASSERT_NE(area_, MAP_FAILED);
+		Bytes record = ethertype(0x0806).record();
+		std::memcpy(area_, record.data(), record.size());
+	}
+	void TearDown() override
+	{
+		::munmap(area_, kHuge);
+		VmTest::TearDown();
+	}
+	int add(const Socket &socket, size_t length) const
+	{
+		return ::setsockopt(socket.fd(), MOX_SOL_PACKET, MOX_PACKET_ADD_RULE, area_,
+				    socklen_t(length)) == 0
+			       ? 0
+			       : errno;
+	}
+	/// A figure of /proc/meminfo, in KiB.
+	static long meminfo(const std::string &name)
+	{
+		std::ifstream file("/proc/meminfo");
+		std::string word;
+		long figure;
+		while (file >> word)
+			if (word == name + ":" && file >> figure)
+				return figure;
+		ADD_FAILURE() << "no " << name;
+		return -1;
+	}
+	uint8_t *area_ = nullptr;
+};
+
+TEST_F(HugeRecord, takes_no_more_memory_than_the_longest_that_is_used)
+{
+	Socket socket;
+	ASSERT_EQ(add(socket, 1 << 20), 0) << "what the first call needs is there";
+	std::atomic<bool> done{ false };
+	const long before = meminfo("MemFree");
+	long least = before;
+	std::thread watch([&] {
+		while (!done) {
+			least = std::min(least, meminfo("MemFree"));
+			::usleep(2000);
+		}
+	});
+	EXPECT_EQ(add(socket, kHuge), 0);
+	done = true;
+	watch.join();
+	std::printf("%ld KiB free before, %ld at least meanwhile\n", before, least);
+	EXPECT_LT(before - least, 20 << 10) << "KiB; 200 MiB are stated";
+}
+
+TEST_F(HugeRecord, an_unreadable_tail_is_refused_as_in_a_short_one)
+{
+	Socket socket;
+	const size_t page = size_t(::sysconf(_SC_PAGESIZE)), length = 4 << 20;
+	for (size_t gap : { size_t(0), size_t(kLongest / page * page + page), length - page }) {
+		ASSERT_EQ(::mprotect(area_ + gap, page, PROT_NONE), 0);
+		DebugOn debug;
+		EXPECT_EQ(add(socket, length), EFAULT) << gap;
+		EXPECT_TRUE(LinesAre(lab::printk_lines(),
+				     { "PACKET-SETSOCKOPT: copy from user failed" }));
+		lab::clear_printk();
+		ASSERT_EQ(::mprotect(area_ + gap, page, PROT_READ | PROT_WRITE), 0);
+	}
+	EXPECT_EQ(RuleRecords::read().data[3], records_.data[3]) << "nothing was added";
+	EXPECT_EQ(add(socket, length), 0);
+}
+
+TEST_F(HugeRecord, a_killed_caller_does_not_read_on)
+{
+	Socket socket;
+	int report[2];
+	ASSERT_EQ(::pipe(report), 0);
+	pid_t child = ::fork();
+	if (child == 0) {
+		// Again and again, so that the signal comes while a record is read.
+		for (;;)
+			if (::write(report[1], "", 1) != 1 || add(socket, kHuge) != 0)
+				::_exit(1);
+	}
+	char byte;
+	ASSERT_EQ(::read(report[0], &byte, 1), 1);
+	::usleep(50000);
+	auto start = std::chrono::steady_clock::now();
+	ASSERT_EQ(::kill(child, SIGKILL), 0);
+	int status = 0;
+	ASSERT_EQ(::waitpid(child, &status, 0), child);
+	EXPECT_TRUE(WIFSIGNALED(status));
+	EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+	::close(report[0]);
+	::close(report[1]);
 }
 
 TEST_F(UserMemory, words_that_end_half_way)

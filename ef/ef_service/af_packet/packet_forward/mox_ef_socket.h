@@ -115,8 +115,16 @@ struct rule_index {
 	u32 anchors[RULE_VIEWS * RULE_SLOTS];
 };
 
-/** Numbers in packet_regular_lib::reading. */
+/** Where a report on a library goes on: the links of the next rule, key and copy. */
 enum lib_reading { LIB_READS_RULE, LIB_READS_KEY, LIB_READS_COPY, LIB_READINGS };
+
+struct lib_report {
+	struct list_head *next[LIB_READINGS];
+	u32 moved; /* a bit for each whose record has left its list */
+};
+
+/** Reports at the same time: to the log, and to the dump file. */
+#define LIB_REPORTS 2
 
 /**
  * The rules of one location group. change_lock is held while rules enter or leave
@@ -144,9 +152,8 @@ struct packet_regular_lib {
 	struct list_head items[MOX_PACKET_RULE_TYPES] SEAM_GUARDED_BY(change_lock);
 	/* Entries of a type with values that have none: the search by value does not find them. */
 	u32 nameless SEAM_GUARDED_BY(change_lock);
-	/* Where a report goes on: the next rule, key and copy. What leaves takes them along. */
-	struct list_head *reading[LIB_READINGS] SEAM_GUARDED_BY(change_lock);
-	u32 reading_moved SEAM_GUARDED_BY(change_lock); /* a bit for each that was taken along */
+	/* What leaves a list moves the reports that are at it. */
+	struct lib_report reports[LIB_REPORTS] SEAM_GUARDED_BY(change_lock);
 	u64 entries_made SEAM_GUARDED_BY(change_lock);
 	u64 rules_entered SEAM_GUARDED_BY(change_lock);
 };

@@ -10,6 +10,7 @@
 namespace mox {
 
 namespace err {
+inline constexpr int kIntr = -SEAM_EINTR;
 inline constexpr int kNxIo = -SEAM_ENXIO;
 inline constexpr int kNoMem = -SEAM_ENOMEM;
 inline constexpr int kFault = -SEAM_EFAULT;

@@ -17,16 +17,30 @@ namespace {
 /* The task that writes the dump file, 0 outside a dump. Only that task touches the variables above. */
 constinit s32 g_tech_task = 0;
 
-/* Lines that wait for the end of a page, each with its NUL, and the task whose page it is. */
 constexpr u32 kPageSize = 8192;
 constexpr u32 kPageReserve = 32 * kLineSize;
-constinit char g_page[kPageSize]{};
-constinit u32 g_page_used = 0;
-constinit s32 g_page_task = 0;
 
-bool on_page()
+/** Lines that wait for the end of a page, each with its NUL, and the task whose page it is. */
+struct Page {
+	s32 task;
+	u32 used;
+	char lines[kPageSize];
+};
+
+/* Of the report to the log, and of the one to the dump file: each has one task at a time. */
+constinit Page g_pages[2]{};
+
+Page *page_of_report()
 {
-	return load(g_page_task) != 0 && load(g_page_task) == seam_current_pid();
+	return &g_pages[report_staged() ? 1 : 0];
+}
+
+/** The page that lines of this task go to, or null. */
+Page *open_page()
+{
+	Page *page = page_of_report();
+
+	return load(page->task) != 0 && load(page->task) == seam_current_pid() ? page : nullptr;
 }
 
 /* A quarter is kept free for the lines up to the next check of the fill. */
@@ -78,15 +92,19 @@ void report_flush()
 
 ReportPage::ReportPage()
 {
-	g_page_used = 0;
-	store(g_page_task, seam_current_pid());
+	Page *page = page_of_report();
+
+	page->used = 0;
+	store(page->task, seam_current_pid());
 }
 
 ReportPage::~ReportPage()
 {
-	store(g_page_task, 0);
-	for (u32 at = 0; at < g_page_used;) {
-		const char *line = g_page + at;
+	Page *page = page_of_report();
+
+	store(page->task, 0);
+	for (u32 at = 0; at < page->used;) {
+		const char *line = page->lines + at;
 		u32 len = static_cast<u32>(__builtin_strlen(line));
 		if (report_staged()) {
 			__builtin_memcpy(g_wbuf, line, len);
@@ -96,20 +114,22 @@ ReportPage::~ReportPage()
 		}
 		at += len + 1;
 	}
-	g_page_used = 0;
+	page->used = 0;
 }
 
 bool ReportPage::full()
 {
-	return on_page() && g_page_used > kPageSize - kPageReserve;
+	const Page *page = open_page();
+
+	return page && page->used > kPageSize - kPageReserve;
 }
 
 LineBuffer report_line_buffer()
 {
-	if (on_page()) {
-		/* One line more than fits is dropped: reports ask full() in time. */
-		u32 room = kPageSize - g_page_used;
-		return { g_page + g_page_used, room < kLineSize ? room : kLineSize };
+	if (Page *page = open_page()) {
+		/* A line that does not fit is cut, or dropped: reports ask full() in time. */
+		u32 room = kPageSize - page->used;
+		return { page->lines + page->used, room < kLineSize ? room : kLineSize };
 	}
 	if (report_staged())
 		return { g_wbuf, sizeof(g_wbuf) };
@@ -118,10 +138,12 @@ LineBuffer report_line_buffer()
 
 void report_keep_line(int len)
 {
-	if (!on_page())
+	Page *page = open_page();
+
+	if (!page)
 		report_append(len);
-	else if (g_page_used + static_cast<u32>(len) + 1 < kPageSize)
-		g_page_used += static_cast<u32>(len) + 1;
+	else if (page->used + static_cast<u32>(len) + 1 < kPageSize)
+		page->used += static_cast<u32>(len) + 1;
 }
 
 bool report_nearly_full()

@@ -86,6 +86,28 @@ private:
 	seam_mutex *lock_;
 };
 
+/**
+ * A mutex that may be waited for long: a caller that is killed meanwhile does
+ * not get it, so the result must be tested. Process.
+ */
+class KillableGuard : Pinned {
+public:
+	explicit KillableGuard(seam_mutex *lock) SEAM_NO_THREAD_SAFETY_ANALYSIS
+		: lock_(seam_mutex_lock_killable(lock) == 0 ? lock : nullptr)
+	{
+	}
+	~KillableGuard() SEAM_NO_THREAD_SAFETY_ANALYSIS
+	{
+		if (lock_)
+			seam_mutex_unlock(lock_);
+	}
+	/** Whether the mutex is held. */
+	explicit operator bool() const { return lock_ != nullptr; }
+
+private:
+	seam_mutex *lock_;
+};
+
 /** The socket lock. */
 class SockGuard : Pinned {
 public:

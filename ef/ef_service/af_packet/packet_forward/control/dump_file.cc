@@ -17,6 +17,8 @@ void write_reports()
 {
 	REPORT_LINE("**************** AF-PACKET DUMP REGULAR START ****************\n");
 	for (u32 index = 0; index < kLastLocation; index++) {
+		if (seam_fatal_signal_pending())
+			return;
 		mox_packet_show_regular(index);
 		REPORT_LINE("\n");
 	}
@@ -26,6 +28,19 @@ void write_reports()
 	mox_packet_dump_mem();
 	REPORT_LINE("**************** AF-PACKET DUMP MEM END ****************\n");
 	REPORT_LINE("\n");
+}
+
+/**
+ * Whether the dump may be written into an opened file, which is empty then. A
+ * FIFO or a device is refused, and so is a file with a second name: it may be
+ * one of another directory. Nothing is truncated before that is known.
+ */
+bool prepare_file(file *filp)
+{
+	if (!seam_file_is_regular(filp) || seam_file_links(filp) != 1)
+		return false;
+	/* A new file, of mode 0, is empty, and its owner has no right to truncate it by name. */
+	return seam_file_empty(filp) || seam_file_truncate(filp) == 0;
 }
 
 void write_file(file *filp)
@@ -51,7 +66,7 @@ extern "C" void pkt_tech_msg_deal(void)
 	seam_scnprintf(path, sizeof(path), MOX_PACKET_DUMP_FILE, static_cast<int>(current_vsd()));
 	/* Opened with the caller's credentials. The directory is not created here. */
 	Owned<file, seam_file_close> filp(seam_file_open(path));
-	if (!filp) {
+	if (!filp || !prepare_file(filp.get())) {
 		MOX_DEBUG("Failed to open file: %s.\n", path);
 		return;
 	}

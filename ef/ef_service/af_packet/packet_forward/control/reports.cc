@@ -30,35 +30,30 @@ constexpr u32 kRulesOfHold = 256;
  */
 class Readings : Pinned {
 public:
-	explicit Readings(packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock) : lib_(lib) {}
-
-	list_head *at(lib_reading which) const SEAM_NO_THREAD_SAFETY_ANALYSIS
+	explicit Readings(packet_regular_lib *lib) SEAM_NO_THREAD_SAFETY_ANALYSIS
+		: report_(&lib->reports[report_staged() ? 1 : 0])
 	{
-		return lib_->reading[which];
 	}
-	void set(lib_reading which, list_head *link) SEAM_NO_THREAD_SAFETY_ANALYSIS
+
+	list_head *at(lib_reading which) const { return report_->next[which]; }
+	void set(lib_reading which, list_head *link)
 	{
-		lib_->reading[which] = link;
-		lib_->reading_moved &= ~(1u << which);
+		report_->next[which] = link;
+		report_->moved &= ~(1u << which);
 	}
 	/** Whether the record at a place has left since it was set; once. */
-	bool moved(lib_reading which) SEAM_NO_THREAD_SAFETY_ANALYSIS
+	bool moved(lib_reading which)
 	{
 		const u32 bit = 1u << which;
-		const bool moved = lib_->reading_moved & bit;
+		const bool moved = report_->moved & bit;
 
-		lib_->reading_moved &= ~bit;
+		report_->moved &= ~bit;
 		return moved;
 	}
-	void clear() SEAM_NO_THREAD_SAFETY_ANALYSIS
-	{
-		for (list_head *&reading : lib_->reading)
-			reading = nullptr;
-		lib_->reading_moved = 0;
-	}
+	void clear() { *report_ = {}; }
 
 private:
-	packet_regular_lib *lib_;
+	lib_report *report_;
 };
 
 /**

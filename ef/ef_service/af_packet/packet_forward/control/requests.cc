@@ -20,6 +20,18 @@ constinit u32 g_packet_msg_recv = 0;
 namespace mox {
 namespace {
 
+/*
+ * Requests are handled one at a time, but for dumps, which have a mutex of their
+ * own: they wait for a file system, and it may be a user's.
+ */
+constinit seam_mutex g_request_mutex{};
+constinit seam_mutex g_dump_mutex{};
+
+seam_mutex *mutex_of(u32 type)
+{
+	return type == MOX_MSG_TECH ? &g_dump_mutex : &g_request_mutex;
+}
+
 /* A message: netlink header, generic netlink header, attribute header, record. */
 constexpr u32 kMessageLen = 0; /* u32, in the netlink header */
 constexpr u32 kAttrLen = 20;   /* u16, header included */
@@ -32,8 +44,11 @@ static_assert(kBody == 4);
 
 void show_process(u32 kind, const char *name, s32 pid)
 {
-	for (u32 location = kFirstLocation; location <= kLastLocation; location++)
+	for (u32 location = kFirstLocation; location <= kLastLocation; location++) {
+		if (seam_fatal_signal_pending())
+			return;
 		mox_packet_show_regular_spec(kind, location, name, pid);
+	}
 }
 
 /** The name of a request: up to its NUL, or to the end of the message without one. */
@@ -71,6 +86,8 @@ void show_process_by_pid(const mox_packet_request &record)
 void show_all()
 {
 	for (u32 index = 0; index <= MOX_MSG_SHOW_LAST; index++) {
+		if (seam_fatal_signal_pending())
+			return;
 		mox_packet_show_regular(index);
 		mox_printk("\n");
 	}
@@ -182,6 +199,8 @@ int mox_packet_msg_init(void)
 {
 	if (mox_packet_msg_inited)
 		return 0;
+	seam_request_mutex_init(&g_request_mutex);
+	seam_dump_mutex_init(&g_dump_mutex);
 	int error = seam_genl_register();
 	if (error) {
 		mox_printk("Failed to register generic netlink family, errno %d\n", error);
@@ -208,9 +227,6 @@ int mox_packet_msg_recv(sk_buff *, genl_info *info)
 		MOX_DEBUG("Netlink message length error.\n");
 		return -1;
 	}
-	MOX_DEBUG("Deal message, length:%d.\n",
-		  static_cast<int>(field<u16>(message, kAttrLen)) - static_cast<int>(kAttrHeader));
-	bump(g_packet_msg_recv);
 	/*
 	 * The record counts as far as the message reaches, whatever the
 	 * attribute says of its length. Behind that lies foreign memory: a type
@@ -222,12 +238,22 @@ int mox_packet_msg_recv(sk_buff *, genl_info *info)
 	__builtin_memcpy(&record, payload, reach < sizeof(record) ? reach : sizeof(record));
 	RequestedName name = reach > kBody ? requested_name(payload + kBody, reach - kBody)
 					   : RequestedName{ "", 0 };
+	KillableGuard guard(mutex_of(record.msg_type));
+	if (!guard)
+		return err::kIntr;
+	MOX_DEBUG("Deal message, length:%d.\n",
+		  static_cast<int>(field<u16>(message, kAttrLen)) - static_cast<int>(kAttrHeader));
+	/* Under two mutexes, and yet exact: operators compare it with what they sent. */
+	__atomic_fetch_add(&g_packet_msg_recv, 1, __ATOMIC_RELAXED);
 	deal(&record, name, seam_genl_client(info));
 	return 0;
 }
 
 int mox_packet_msg_deal(mox_packet_request *record, u32 client)
 {
+	KillableGuard guard(mutex_of(record->msg_type));
+	if (!guard)
+		return err::kIntr;
 	deal(record, requested_name(record->body.name, sizeof(record->body)), client);
 	return 0;
 }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * The control unit: requests of operators over the generic netlink family, one
- * at a time, in the requester's context.
+ * The control unit: requests of operators over the generic netlink family, in the
+ * requester's context. One at a time, and beside them one dump. A requester that
+ * is killed while it waits for its turn gets -EINTR, and nothing was done; one
+ * that is killed during a report ends it.
  */
 #pragma once
 
@@ -20,7 +22,7 @@ void mox_packet_msg_deinit(void);
 /**
  * Act on a request. The record may be written: MOX_DEBUG_HOOK_ALL leaves the
  * last hook's type in it. client is the port that the answer to MOX_MSG_TECH
- * goes to. 0, always. Process.
+ * goes to. 0, or -EINTR. Process.
  */
 int mox_packet_msg_deal(mox_packet_request *record, u32 client);
 /** Send a client the answer that its dump is complete. 0, -ENOMEM or -1. Process. */

@@ -67,6 +67,16 @@ bool dst_intf_of(const void *efbuff, u32 *number)
 constexpr u32 kIpv4Source = 12;
 constexpr u32 kIpv6Source = 8;
 
+/** Bytes of the network header, with 0 for those behind the frame's end. */
+template <u32 len> struct NetBytes {
+	u8 bytes[len];
+
+	NetBytes(const void *efbuff, u32 at)
+	{
+		copy_padded(efbuff, net_header(efbuff) + at, bytes, len);
+	}
+};
+
 } // namespace
 
 void pktd_filter_store(const mox_packet_filter &filter)
@@ -107,7 +117,7 @@ int pktd_match_filter_debug(const void *efbuff, const pkt_info *info)
 	    !(info->flags & pkt_flag::kIpv4))
 		return 0;
 	if ((flags & MOX_FILTER_SRC_IPV4) &&
-	    word_at(filter.src_ipv4) != field<u32>(net_header(efbuff), kIpv4Source))
+	    word_at(filter.src_ipv4) != field<u32>(NetBytes<4>(efbuff, kIpv4Source).bytes, 0))
 		return 0;
 	if ((flags & MOX_FILTER_DST_IPV4) && word_at(filter.dst_ipv4) != info->ipv4_dst)
 		return 0;
@@ -115,7 +125,7 @@ int pktd_match_filter_debug(const void *efbuff, const pkt_info *info)
 	    !(info->flags & pkt_flag::kIpv6))
 		return 0;
 	if ((flags & MOX_FILTER_SRC_IPV6) &&
-	    !same_ipv6(filter.src_ipv6, net_header(efbuff) + kIpv6Source))
+	    !same_ipv6(filter.src_ipv6, NetBytes<16>(efbuff, kIpv6Source).bytes))
 		return 0;
 	if ((flags & MOX_FILTER_DST_IPV6) && !same_ipv6(filter.dst_ipv6, info->ipv6_dst))
 		return 0;

@@ -2,9 +2,11 @@
 /*
  * A parse stops at the first bound that fails; the fields behind it stay 0.
  *
- * Reading is safe without bounds within 64 bytes of the MAC header and 24 of
- * the network header, which the platform keeps readable whatever the length;
- * everything beyond is checked against the total length.
+ * Within 64 bytes of the MAC header and 24 of the network header a parse reads
+ * without a bound; everything beyond is checked against the total length. A
+ * frame with fewer than 64 bytes is parsed in a copy that is padded with zeroes:
+ * what lies behind its end is old memory. Longer frames, nearly all, pay one
+ * comparison for that.
  */
 #include "packet/info.hpp"
 
@@ -17,6 +19,11 @@ namespace mox {
 namespace ef = platform::ef;
 
 namespace {
+
+/*
+ * The parses below are inlined twice, for whole frames and for padded copies: a
+ * call costs every packet.
+ */
 
 namespace next_header {
 constexpr u8 kHopByHop = 0;
@@ -32,6 +39,10 @@ constexpr u8 kPim = 103;
 } // namespace next_header
 
 constexpr u32 kIpv6HeaderLen = 40;
+constexpr u32 kIpv6Destination = 24;
+
+/* Bytes from the MAC header that are read without a bound. */
+constexpr u32 kHeadLen = 64;
 
 /** A layer-3 packet that the platform handed over without a layer-2 header. */
 bool without_l2(const void *efbuff)
@@ -49,13 +60,20 @@ u32 l3_length(const void *efbuff)
 	return total > l2 ? total - l2 : 0;
 }
 
+/** Bytes from an address to the end of the frame. */
+u32 left_from(const void *efbuff, const u8 *at)
+{
+	const u8 *end = mac_header(efbuff) + field<u32>(efbuff, ef::kTotalLen);
+	return end > at ? static_cast<u32>(end - at) : 0;
+}
+
 void set_ports(pkt_info *info, const u8 *l4)
 {
 	info->src_port = field<u16>(l4, 0);
 	info->dst_port = field<u16>(l4, 2);
 }
 
-void parse_l2(const u8 *mac, pkt_info *info)
+[[gnu::always_inline]] inline void parse_l2(const u8 *mac, pkt_info *info)
 {
 	info->dst_mac = mac;
 	info->src_mac = mac + 6;
@@ -73,9 +91,8 @@ void parse_l2(const u8 *mac, pkt_info *info)
 		info->arp_op = field<u16>(mac, 20);
 }
 
-void parse_ipv4(const void *efbuff, pkt_info *info)
+[[gnu::always_inline]] inline void parse_ipv4(const void *efbuff, const u8 *ip, pkt_info *info)
 {
-	const u8 *ip = net_header(efbuff);
 	info->flags |= pkt_flag::kIpv4;
 	info->ip_proto = ip[9];
 	info->ipv4_dst = field<u32>(ip, 16);
@@ -130,9 +147,8 @@ struct Ipv6Walk {
 	}
 };
 
-void parse_ipv6(const void *efbuff, pkt_info *info)
+[[gnu::always_inline]] inline void parse_ipv6(const void *efbuff, const u8 *ip, pkt_info *info)
 {
-	const u8 *ip = net_header(efbuff);
 	u32 len = l3_length(efbuff);
 	if (len < kIpv6HeaderLen)
 		return;
@@ -140,7 +156,7 @@ void parse_ipv6(const void *efbuff, pkt_info *info)
 	if (len < kIpv6HeaderLen + payload)
 		return;
 	info->flags |= pkt_flag::kIpv6;
-	info->ipv6_dst = ip + 24;
+	info->ipv6_dst = ip + kIpv6Destination;
 	if (len == kIpv6HeaderLen || ip[6] == next_header::kNone)
 		return;
 
@@ -169,7 +185,7 @@ constexpr char kWpsEnrollee[] = "WFA-SimpleConfig-Enrollee-1-0";
 constexpr u32 kWpsEnrolleeLen = sizeof(kWpsEnrollee) - 1;
 static_assert(kWpsEnrolleeLen == 29);
 
-void parse_wlan_data(const u8 *mac, pkt_wlan_info *info)
+[[gnu::always_inline]] inline void parse_wlan_data(const u8 *mac, pkt_wlan_info *info)
 {
 	info->eth_type = field<u16>(mac, 12);
 	if (info->eth_type != eth_type::kEapol)
@@ -183,17 +199,28 @@ void parse_wlan_data(const u8 *mac, pkt_wlan_info *info)
 		info->flags |= pkt_flag::kWps;
 }
 
-} // namespace
-
-void pkt_info_build(void *efbuff, pkt_info *info)
+/** Fill the summary of a packet from its headers, which are where Headers says. */
+template <typename Headers>
+[[gnu::always_inline]] inline void parse(void *efbuff, const Headers &headers, pkt_info *info)
 {
-	*info = pkt_info{};
+	/* What not every packet has. Field by field: as a block, it would be a call. */
+	info->eth_type = 0;
+	info->snap_type = 0;
+	info->flags = 0;
+	info->eapol_type = 0;
+	info->ip_proto = 0;
+	info->icmpv6_type = 0;
+	info->dst_port = 0;
+	info->src_port = 0;
+	info->arp_op = 0;
+	info->ipv4_dst = 0;
+	info->ipv6_dst = nullptr;
 	if (without_l2(efbuff)) {
 		info->flags = pkt_flag::kNoL2;
 		info->src_mac = pkt_null_mac;
 		info->dst_mac = pkt_null_mac;
 	} else {
-		parse_l2(mac_header(efbuff), info);
+		parse_l2(headers.mac(), info);
 	}
 	info->vlan = field<u32>(efbuff, ef::kVlan) & ef::kVlanIdMask;
 	info->ifindex = source_ifindex(efbuff);
@@ -203,14 +230,94 @@ void pkt_info_build(void *efbuff, pkt_info *info)
 	info->efbuff = efbuff;
 	switch (field<u8>(efbuff, ef::kKind)) {
 	case ef::kKindIpv4:
-		parse_ipv4(efbuff, info);
+		parse_ipv4(efbuff, headers.ip(), info);
 		break;
 	case ef::kKindIpv6:
-		parse_ipv6(efbuff, info);
+		parse_ipv6(efbuff, headers.ip(), info);
 		break;
 	default:
 		break;
 	}
+}
+
+/** Whether a frame has no more bytes than are read without a bound. */
+bool short_frame(const void *efbuff)
+{
+	return field<u32>(efbuff, ef::kTotalLen) < kHeadLen;
+}
+
+/** The headers of a whole frame. */
+struct PlainHeaders {
+	const void *efbuff;
+
+	const u8 *mac() const { return mac_header(efbuff); }
+	const u8 *ip() const { return net_header(efbuff); }
+};
+
+/** The headers of a short frame, padded with zeroes. */
+struct PaddedHeaders {
+	u8 mac_bytes[kHeadLen];
+	u8 ip_bytes[kHeadLen]; /* a parse reads no further: the packet is shorter */
+
+	explicit PaddedHeaders(const void *efbuff)
+	{
+		copy_padded(efbuff, mac_header(efbuff), mac_bytes, sizeof(mac_bytes));
+		copy_padded(efbuff, net_header(efbuff), ip_bytes, sizeof(ip_bytes));
+	}
+	const u8 *mac() const { return mac_bytes; }
+	const u8 *ip() const { return ip_bytes; }
+};
+
+/** Addresses in a frame, or copies of the bytes there when the frame ends before them. */
+const u8 *lasting(pkt_info *info, const u8 *in_frame, u32 len)
+{
+	if (left_from(info->efbuff, in_frame) >= len)
+		return in_frame;
+	copy_padded(info->efbuff, in_frame, info->padded, len);
+	return info->padded;
+}
+
+/** Apart from the normal path, which its stack and registers would slow down. */
+[[gnu::noinline]] void build_short(void *efbuff, pkt_info *info)
+{
+	const PaddedHeaders headers(efbuff);
+
+	parse(efbuff, headers, info);
+	/* The summary outlives the copy. Only one of the two can be cut: a packet has an IPv6
+	 * destination only if 40 bytes follow its layer-2 header. */
+	if (info->dst_mac == headers.mac()) {
+		info->dst_mac = lasting(info, mac_header(efbuff), 12);
+		info->src_mac = info->dst_mac + 6;
+	}
+	if (info->ipv6_dst)
+		info->ipv6_dst = lasting(info, net_header(efbuff) + kIpv6Destination, 16);
+}
+
+[[gnu::noinline]] void parse_short_wlan_data(const void *efbuff, pkt_wlan_info *info)
+{
+	const PaddedHeaders headers(efbuff);
+
+	parse_wlan_data(headers.mac(), info);
+}
+
+} // namespace
+
+void copy_padded(const void *efbuff, const u8 *from, u8 *to, u32 len)
+{
+	u32 there = left_from(efbuff, from);
+
+	if (there > len)
+		there = len;
+	__builtin_memcpy(to, from, there);
+	__builtin_memset(to + there, 0, len - there);
+}
+
+void pkt_info_build(void *efbuff, pkt_info *info)
+{
+	if (short_frame(efbuff)) [[unlikely]]
+		build_short(efbuff, info);
+	else
+		parse(efbuff, PlainHeaders{ efbuff }, info);
 }
 
 void pkt_wlan_info_build(void *efbuff, pkt_wlan_info *info)
@@ -223,6 +330,8 @@ void pkt_wlan_info_build(void *efbuff, pkt_wlan_info *info)
 			info->flags |= pkt_flag::kWlanMgmt;
 	} else if (without_l2(efbuff)) {
 		info->flags = pkt_flag::kNoL2;
+	} else if (short_frame(efbuff)) [[unlikely]] {
+		parse_short_wlan_data(efbuff, info);
 	} else {
 		parse_wlan_data(mac_header(efbuff), info);
 	}

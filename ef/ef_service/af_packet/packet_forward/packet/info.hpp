@@ -7,7 +7,10 @@
 
 #include "packet/efbuff.hpp"
 
-/** What the fast filters and the rule match read of a packet. */
+/**
+ * What the fast filters and the rule match read of a packet. Stays where it was
+ * built: its addresses may lead into itself.
+ */
 struct alignas(64) pkt_info {
 	const u8 *src_mac;
 	const u8 *dst_mac;
@@ -21,14 +24,17 @@ struct alignas(64) pkt_info {
 	u16 src_port; /* network order */
 	u8 code;
 	u8 sub_code;
-	u32 vlan; /* the VLAN id's bits of the efbuff's VLAN word */
+	u16 arp_op; /* network order */
+	u32 vlan;   /* the VLAN id's bits of the efbuff's VLAN word */
 	u32 ifindex;
 	u32 attr;
-	u16 arp_op;   /* network order */
 	u32 ipv4_dst; /* network order */
 	const u8 *ipv6_dst;
 	void *efbuff;
+	/* Only where a frame ends within them: its MAC addresses, or its IPv6 destination. */
+	u8 padded[16];
 };
+static_assert(sizeof(void *) != 4 || sizeof(pkt_info) == 64, "one cache line on the device");
 
 /** The smaller summary of the WLAN location. */
 struct pkt_wlan_info {
@@ -59,9 +65,18 @@ inline constexpr u16 kArp = 0x0608;
 inline constexpr u16 kEapol = 0x8E88;
 } // namespace eth_type
 
-/** Fill a summary from an efbuff. Any context; reads only what the platform promises is there. */
+/**
+ * Fill a summary from an efbuff; bytes behind the frame's end count as 0. Any
+ * context; reads only what the platform promises is there.
+ */
 void pkt_info_build(void *efbuff, pkt_info *info);
 void pkt_wlan_info_build(void *efbuff, pkt_wlan_info *info);
+
+/**
+ * Copy len bytes of the efbuff's frame, from an address in it on, with 0 for
+ * those behind the frame's end. Any context.
+ */
+void copy_padded(const void *efbuff, const u8 *from, u8 *to, u32 len);
 
 } // namespace mox
 

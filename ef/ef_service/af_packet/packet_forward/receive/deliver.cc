@@ -373,6 +373,8 @@ void deliver_queue(u32 location, packet_regular_lib *lib, efbuff_queue *queue, u
 			MutexGuard guard(&lib->change_lock);
 			for (u32 work = 0;;) {
 				work += 1 + deliver_frame<Delivery>(location, lib, efbuff.get());
+				/* Freed before the next: the chain counts what is held. */
+				efbuff = OwnedEfbuff();
 				efbuff = OwnedEfbuff(chain.next());
 				/* The last frame of the budget yields: outside. */
 				if (!efbuff || work >= kWorkOfHold || *budget == 1 ||

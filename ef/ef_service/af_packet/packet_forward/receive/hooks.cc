@@ -55,20 +55,63 @@ bool service_drops(const pkt_rnfp_func &service, void *efbuff)
 	return drops && drops(efbuff) != 0;
 }
 
-/** Queue an efbuff, which the queue then owns, for the copy thread. */
-template <u32 location> void hand_over(void *efbuff)
+/** This CPU's queue of a location, and whether it takes one more efbuff. */
+template <u32 location> struct Place {
+	static constexpr u32 kNumber = location_row(location).queue;
+
+	u32 cpu = static_cast<u32>(seam_cpu());
+
+	bool admits(Held held) const { return queue_admit(cpu, kNumber, held); }
+	/** Queue an admitted efbuff, which the queue then owns, for the copy thread. */
+	void hand_over(void *efbuff, Held held) const
+	{
+		queue_append(&g_cpu_pkt_que[cpu][kNumber], efbuff, held);
+		mox_packet_thread_active(location);
+	}
+};
+
+/**
+ * The answer for a packet that a rule takes and the queue does not: it is dropped,
+ * as no one but the rule's socket may have it.
+ */
+template <u32 location> u32 drop_taken(void *efbuff)
 {
-	queue_append(&g_cpu_pkt_que[seam_cpu()][location_row(location).queue], efbuff);
-	mox_packet_thread_active(location);
+	constexpr Answers kAnswers = location_row(location).answers;
+
+	bump(g_queue_frames_dropped[location]);
+	if constexpr (kAnswers.taken == platform::kTaken)
+		return platform::kDrop;
+	/* A receive function has no such answer: it takes the packet, and frees it. */
+	free_efbuff(efbuff);
+	return kAnswers.taken;
 }
 
-/** Queue a clone; the packet stays with the platform. False without memory. */
+/** Queue a packet that a rule takes. The hook's answer. */
+template <u32 location> u32 take(void *efbuff)
+{
+	const Place<location> place;
+
+	if (!place.admits(Held::kTaken)) [[unlikely]]
+		return drop_taken<location>(efbuff);
+	place.hand_over(efbuff, Held::kTaken);
+	return location_row(location).answers.taken;
+}
+
+/** Queue a clone; the packet stays with the platform. False without memory, or room for it. */
 template <u32 location> bool hand_over_clone(void *efbuff)
 {
-	void *clone = efmp_buff_clone_with_owner(efbuff, platform::kOwner);
-	if (!clone)
+	const Place<location> place;
+
+	if (!place.admits(Held::kCopy)) [[unlikely]] {
+		bump(g_queue_copies_refused[location]);
 		return false;
-	hand_over<location>(clone);
+	}
+	void *clone = efmp_buff_clone_with_owner(efbuff, platform::kOwner);
+	if (!clone) {
+		queue_count_back(place.cpu, place.kNumber, Held::kCopy);
+		return false;
+	}
+	place.hand_over(clone, Held::kCopy);
 	return true;
 }
 
@@ -113,8 +156,7 @@ template <u32 location> u32 receive_full()
 				return platform::kDrop;
 			}
 		}
-		hand_over<location>(efbuff);
-		return kRow.answers.taken;
+		return take<location>(efbuff);
 	}
 	if (!hand_over_clone<location>(efbuff) && trace)
 		MOX_TRACE("MOX-PACKET-RCV: alloc buff error!\n");
@@ -148,8 +190,7 @@ u32 wlan_receive()
 		write_forward_reason(efbuff);
 		if (service_drops(pkt_rnfp, efbuff) || service_drops(pkt_rnfp_wlan, efbuff))
 			return platform::kDrop;
-		hand_over<PACKET_WLAN_LOC>(efbuff);
-		return location_row(PACKET_WLAN_LOC).answers.taken;
+		return take<PACKET_WLAN_LOC>(efbuff);
 	}
 	if (!hand_over_clone<PACKET_WLAN_LOC>(efbuff) && trace)
 		MOX_TRACE("MOX-PACKET-RCV: alloc buff error!\n");

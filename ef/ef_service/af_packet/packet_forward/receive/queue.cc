@@ -6,9 +6,14 @@
 extern "C" {
 constinit efbuff_queue g_cpu_pkt_que[CPU_QUEUE_SLOTS][CPU_QUEUES]{};
 constinit u8 mox_packet_sock_inited = 0;
+constinit u32 g_queue_copies_refused[PACKET_WLAN_LOC + 1]{};
+constinit u32 g_queue_frames_dropped[PACKET_WLAN_LOC + 1]{};
 }
 
 namespace mox {
+
+constinit CpuHeld g_cpu_held[CPU_QUEUE_SLOTS]{};
+
 namespace {
 
 /** The link word of an efbuff. */
@@ -21,25 +26,57 @@ u32 *link_of(void *efbuff)
 /** A link word that ends the chain: the tag without an address. */
 constexpr u32 kChainEnd = platform::kTag;
 
+/** Bit of an efbuff's own link word: it is a copy. Efbuffs are aligned to 4 bytes. */
+constexpr u32 kCopyMark = 2;
+
+constexpr u32 kLinkBits = platform::kTag | kCopyMark;
+
+/* Efbuffs of a chain that are counted back at once. */
+constexpr u32 kFreedOfCount = 16;
+
 } // namespace
+
+void queue_count_back(u32 cpu, u32 number, Held less)
+{
+	CpuHeld &held = g_cpu_held[cpu];
+
+	HeldCount &queue = held.queues[number];
+
+	store(queue.queued, load(queue.queued) - static_cast<u32>(less));
+	store(held.all.queued, load(held.all.queued) - static_cast<u32>(less));
+}
+
+void EfbuffChain::count_freed()
+{
+	if (given_ == 0)
+		return;
+	__atomic_fetch_add(&queue_->freed, given_, __ATOMIC_RELAXED);
+	__atomic_fetch_add(&cpu_->freed, given_, __ATOMIC_RELAXED);
+	given_ = 0;
+}
 
 void *EfbuffChain::next()
 {
+	/* Atomic, so not for each: meanwhile a few count as held that are not. */
+	if (left_ == 0 || !head_ || left_ % kFreedOfCount == 0)
+		count_freed();
 	if (left_ == 0 || !head_)
 		return nullptr;
 	left_--;
 	void *efbuff = head_;
-	head_ = address_of(*link_of(efbuff) & ~platform::kTag);
+	const u32 link = *link_of(efbuff);
+	head_ = address_of(link & ~kLinkBits);
+	given_ += static_cast<u32>(link & kCopyMark ? Held::kCopy : Held::kTaken);
 	return efbuff;
 }
 
-void queue_append(efbuff_queue *queue, void *efbuff)
+void queue_append(efbuff_queue *queue, void *efbuff, Held held)
 {
 	SpinBhGuard guard(&queue->lock);
 
-	*link_of(efbuff) = kChainEnd;
+	*link_of(efbuff) = kChainEnd | (held == Held::kCopy ? kCopyMark : 0);
 	if (queue->tail)
-		*queue->tail = word_of(efbuff) | platform::kTag;
+		*queue->tail |= word_of(efbuff);
 	else
 		queue->head = efbuff;
 	queue->tail = link_of(efbuff);
@@ -48,13 +85,17 @@ void queue_append(efbuff_queue *queue, void *efbuff)
 
 EfbuffChain queue_detach(efbuff_queue *queue)
 {
+	const u32 place = static_cast<u32>(queue - &g_cpu_pkt_que[0][0]);
+	CpuHeld &cpu = g_cpu_held[place / CPU_QUEUES];
+	HeldCount *of_queue = &cpu.queues[place % CPU_QUEUES];
+	HeldCount *of_cpu = &cpu.all;
 	SpinBhGuard guard(&queue->lock);
 
 	if (queue->count == 0)
-		return EfbuffChain(nullptr, 0);
-	EfbuffChain chain(queue->head, queue->count);
+		return EfbuffChain(nullptr, 0, of_queue, of_cpu);
+	EfbuffChain chain(queue->head, queue->count, of_queue, of_cpu);
 	if (queue->tail)
-		*queue->tail = kChainEnd;
+		*queue->tail &= kLinkBits;
 	queue->head = nullptr;
 	queue->tail = nullptr;
 	queue->count = 0;
@@ -79,6 +120,8 @@ int mox_packet_sock_init(void) SEAM_NO_THREAD_SAFETY_ANALYSIS
 			seam_queue_lock_init(&queue);
 		}
 	}
+	for (CpuHeld &held : g_cpu_held)
+		held = CpuHeld{};
 	mox_packet_sock_inited = 1;
 	return 0;
 }

@@ -2,6 +2,9 @@
 /*
  * The per-CPU queues between hooks and the copy thread. Many producers: the
  * hooks, each on its own CPU's queues. One consumer: the copy thread.
+ *
+ * A hook asks for room before it queues. What a queue holds counts until it is
+ * freed, also while the copy thread delivers it.
  */
 #pragma once
 
@@ -10,6 +13,9 @@
 extern "C" {
 extern efbuff_queue g_cpu_pkt_que[CPU_QUEUE_SLOTS][CPU_QUEUES];
 extern u8 mox_packet_sock_inited;
+/* By location: copies that were not made, and taken frames that were dropped, for want of room. */
+extern u32 g_queue_copies_refused[PACKET_WLAN_LOC + 1];
+extern u32 g_queue_frames_dropped[PACKET_WLAN_LOC + 1];
 
 /** Empty every queue, once. 0. Process. */
 int mox_packet_sock_init(void);
@@ -21,23 +27,100 @@ void mox_packet_efbuff_queue_deinit(efbuff_queue *queue);
 
 namespace mox {
 
-/** A chain of efbuffs taken off a queue; the holder owns every efbuff of it. */
+/** The most efbuffs that one queue holds, whatever the kernel's own limit is. */
+inline constexpr s32 kQueueLimit = 2048;
+/** The queues of a CPU hold so many times the limit of one of them. */
+inline constexpr s32 kCpuQueues = 2;
+
+/** What an efbuff adds to the number of those held, and to the number of copies among them. */
+enum class Held : u32 { kTaken = 1, kCopy = 1 | 1 << 16 };
+
+/**
+ * How much is held: all efbuffs in the low half of a word, the copies among them
+ * in the upper. Both words only grow, and wrap: the difference is what is held.
+ * Two words, as each has a writer of its own.
+ */
+struct HeldCount {
+	u32 queued; /* by hooks, with bottom halves off on the queue's CPU */
+	u32 freed;  /* by whoever frees; atomically, as an unload and the copy thread may at once */
+};
+static_assert(kCpuQueues * kQueueLimit < 1 << 15, "a half of the word holds every count");
+
+/** What one CPU's queues hold, each of them and together. */
+struct alignas(128) CpuHeld {
+	HeldCount queues[CPU_QUEUES];
+	HeldCount all;
+};
+
+extern CpuHeld g_cpu_held[CPU_QUEUE_SLOTS];
+
+/** Whether one more is within a limit, of which copies may have half. */
+inline bool held_below(u32 held, Held more, s32 limit)
+{
+	const s32 copies = static_cast<s32>(held >> 16);
+
+	return static_cast<s32>(held & 0xFFFF) < limit &&
+	       (more == Held::kTaken || copies < limit / 2);
+}
+
+/**
+ * Count one more efbuff for a queue, if there is room: the queue has at most as
+ * many as the kernel queues packets on a CPU, and no more than kQueueLimit; all
+ * queues of a CPU twice that; copies half of each. False, and not counted,
+ * otherwise. What is counted is appended, or counted back. On the queue's CPU,
+ * bottom halves off.
+ */
+inline bool queue_admit(u32 cpu, u32 number, Held more)
+{
+	HeldCount &queue = g_cpu_held[cpu].queues[number];
+	HeldCount &all = g_cpu_held[cpu].all;
+	const u32 in_queue = load(queue.queued);
+	const u32 in_all = load(all.queued);
+	s32 limit = load(*seam_max_backlog);
+
+	if (limit > kQueueLimit)
+		limit = kQueueLimit;
+	if (!held_below(in_queue - load(queue.freed), more, limit) ||
+	    !held_below(in_all - load(all.freed), more, kCpuQueues * limit))
+		return false;
+	store(queue.queued, in_queue + static_cast<u32>(more));
+	store(all.queued, in_all + static_cast<u32>(more));
+	return true;
+}
+
+/** Count back what was admitted and is not appended. On the queue's CPU, bottom halves off. */
+void queue_count_back(u32 cpu, u32 number, Held less);
+
+/**
+ * A chain of efbuffs taken off a queue; the holder owns every efbuff of it. What
+ * next() returned counts as held until a later call, so each chain is followed
+ * to its end.
+ */
 class EfbuffChain {
 public:
-	EfbuffChain(void *head, u32 count) : head_(head), left_(count) {}
+	EfbuffChain(void *head, u32 count, HeldCount *queue, HeldCount *cpu)
+		: head_(head), left_(count), queue_(queue), cpu_(cpu)
+	{
+	}
 	/**
 	 * The next efbuff, or null: after count of them or at the chain's end,
-	 * whichever comes first. The efbuff returned may be freed at once.
+	 * whichever comes first. The one before must be freed by now; this one may
+	 * be freed at once.
 	 */
 	void *next();
 
 private:
+	void count_freed();
+
 	void *head_;
 	u32 left_;
+	u32 given_ = 0; /* Held of those that next() returned and that still count */
+	HeldCount *queue_;
+	HeldCount *cpu_;
 };
 
-/** Append an efbuff, which the queue then owns. Any context. */
-void queue_append(efbuff_queue *queue, void *efbuff);
+/** Append an efbuff that was admitted; the queue then owns it. Any context. */
+void queue_append(efbuff_queue *queue, void *efbuff, Held held);
 /** Take everything off a queue. Any context. */
 EfbuffChain queue_detach(efbuff_queue *queue);
 

@@ -336,15 +336,16 @@ list_head *copies_of(filter_list_data *entry, u32 treatment)
 	return treatment_local(treatment) ? &entry->local_match_list : &entry->match_list;
 }
 
-/** Let a report that is at a link that leaves its list go on behind it. */
-void move_readings(const list_head *leaving, packet_regular_lib *lib)
-	SEAM_REQUIRES(lib->change_lock)
+/** Let reports that are at a link that leaves its list go on behind it. */
+void move_reports(const list_head *leaving, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	for (u32 number = 0; number < LIB_READINGS; number++) {
-		if (lib->reading[number] != leaving)
-			continue;
-		lib->reading[number] = leaving->next;
-		lib->reading_moved |= 1u << number;
+	for (lib_report &report : lib->reports) {
+		for (u32 number = 0; number < LIB_READINGS; number++) {
+			if (report.next[number] != leaving)
+				continue;
+			report.next[number] = leaving->next;
+			report.moved |= 1u << number;
+		}
 	}
 }
 
@@ -359,7 +360,7 @@ void free_copy(packet_regular *copy, packet_regular_lib *lib) SEAM_REQUIRES(lib-
 		list_head *before = copy->lib_node.prev;
 		entry->last_trap = before == &entry->match_list ? nullptr : regular_of(before);
 	}
-	move_readings(&copy->lib_node, lib);
+	move_reports(&copy->lib_node, lib);
 	mox_packet_list_del_safe(&copy->lib_node);
 	pkt_free_regular_data(copy);
 }
@@ -377,7 +378,7 @@ void unlink_entry(filter_list_data *entry, packet_regular_lib *lib) SEAM_REQUIRE
 	}
 	if (entry->nameless)
 		lib->nameless--;
-	move_readings(&entry->node, lib);
+	move_reports(&entry->node, lib);
 	pkt_del_filter_list_data(entry);
 	lib->filter_count--;
 }
@@ -481,7 +482,7 @@ void remove_from_library(packet_regular *regular, packet_regular_lib *lib)
 	/* The caller's running flag guarantees that the rule is listed. */
 	store(lib->regular_count, lib->regular_count - 1);
 	index_leave_rule(regular, lib);
-	move_readings(&regular->lib_node, lib);
+	move_reports(&regular->lib_node, lib);
 	mox_packet_list_del_safe(&regular->lib_node);
 	list_init(&regular->lib_node);
 	for (regular_item *item : items_of(regular))

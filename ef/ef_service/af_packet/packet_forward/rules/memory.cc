@@ -124,9 +124,8 @@ void mox_packet_init_regular_lib(packet_regular_lib *lib) SEAM_NO_THREAD_SAFETY_
 		list_init(&lib->items[type]);
 	}
 	lib->nameless = 0;
-	for (list_head *&reading : lib->reading)
-		reading = nullptr;
-	lib->reading_moved = 0;
+	for (lib_report &report : lib->reports)
+		report = {};
 	lib->entries_made = 0;
 	lib->rules_entered = 0;
 }

@@ -4,6 +4,7 @@
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "rules/edit.hpp"
+#include "rules/types.hpp"
 #include "services/vsd.hpp"
 
 namespace mox {
@@ -11,6 +12,15 @@ namespace {
 
 /* Elements that are added or deleted while the socket's lock is held once. */
 constexpr u32 kElementsOfHold = 64;
+
+/* The longest record that is used whole: the head, and the most elements of the widest type. */
+constexpr u32 kElementsMax = 0xFFFF * widest_element();
+constexpr u32 kRecordMax = sizeof(mox_packet_rule) + kElementsMax;
+static_assert(kRecordMax == 6 + 65535 * 6);
+
+/* Bytes of a longer one that are read in one piece. */
+constexpr u32 kPiece = 4096;
+static_assert(kPiece <= kRecordMax, "the buffer of a longer record takes a piece");
 
 u32 stride_of(u16 type)
 {
@@ -43,17 +53,39 @@ void free_record_buffer(u8 *bytes)
 	bump(g_packet_regular_data_free);
 }
 
+/**
+ * Read the bytes that no record uses, as memory that is not there must still be
+ * refused. Each piece overwrites the one before it: the length costs no memory.
+ */
+int RuleRecord::read_unused(const seam_uptr *value, u32 from, u32 to)
+{
+	while (from < to) {
+		u32 piece = to - from < kPiece ? to - from : kPiece;
+		if (seam_copy_from_uptr_at(bytes_.get(), value, from, piece))
+			return err::kFault;
+		from += piece;
+		seam_cond_resched();
+		if (seam_fatal_signal_pending())
+			return err::kIntr;
+	}
+	return 0;
+}
+
 int RuleRecord::read(const seam_uptr *value, unsigned int len)
 {
 	if (len < sizeof(head_))
 		return optlen_illegal(len);
-	bytes_ = Owned<u8, free_record_buffer>(static_cast<u8 *>(seam_vzalloc(len)));
+	const u32 used = len < kRecordMax ? len : kRecordMax;
+	bytes_ = Owned<u8, free_record_buffer>(static_cast<u8 *>(seam_vzalloc(used)));
 	if (!bytes_) {
 		MOX_DEBUG("PACKET-SETSOCKOPT: ENOMEM\n");
 		return err::kNoMem;
 	}
 	bump(g_packet_regular_data_alloc);
-	if (seam_copy_from_uptr(bytes_.get(), value, len)) {
+	int error = read_unused(value, used, len);
+	if (error == err::kIntr)
+		return error;
+	if (error || seam_copy_from_uptr(bytes_.get(), value, used)) {
 		MOX_DEBUG("PACKET-SETSOCKOPT: copy from user failed\n");
 		return err::kFault;
 	}
@@ -124,7 +156,8 @@ int RuleRecord::apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) c
 				element += stride;
 			}
 		}
-		seam_cond_resched();
+		if (left != 0)
+			seam_cond_resched();
 	}
 	return 0;
 }

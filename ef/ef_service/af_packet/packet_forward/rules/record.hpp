@@ -16,7 +16,8 @@ public:
 
 	/**
 	 * Copy the record from user space and check its lengths: 0, -EINVAL,
-	 * -ENOMEM or -EFAULT. May sleep.
+	 * -ENOMEM or -EFAULT. What no record can use of a longer length is only
+	 * read, not kept; -EINTR if the caller is killed meanwhile. May sleep.
 	 */
 	int read(const seam_uptr *value, unsigned int len);
 	/**
@@ -27,6 +28,7 @@ public:
 	int apply(mox_packet_sock *po, seam_spinlock *lock, bool add) const;
 
 private:
+	int read_unused(const seam_uptr *value, u32 from, u32 to);
 	const u8 *elements() const { return bytes_.get() + sizeof(mox_packet_rule); }
 	int apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) const;
 	int apply_datum(mox_packet_sock *po, const u8 *element, bool add) const;

@@ -38,6 +38,15 @@ constexpr bool rule_types_in_order()
 }
 static_assert(rule_types_in_order(), "the row of a type stands at its number");
 
+/** Bytes of the widest element that a rule record can have. */
+constexpr u32 widest_element()
+{
+	u32 widest = 0;
+	for (const RuleType &row : kRuleTypes)
+		widest = row.width > widest ? row.width : widest;
+	return widest;
+}
+
 /** The row of a type, or null beyond the last. */
 constexpr const RuleType *rule_type(u32 type)
 {

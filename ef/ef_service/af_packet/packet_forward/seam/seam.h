@@ -52,6 +52,12 @@ char *seam_cwd_path(char *buf, size_t size);
 /** The decimal number at the start of text, 0 when there is none, wrapping. Any. */
 unsigned long seam_strtoul10(const char *text);
 
+/**
+ * net.core.netdev_max_backlog: how many packets the kernel queues on a CPU. Any
+ * value, negative ones included; an administrator may change it at any time.
+ */
+extern const int *const seam_max_backlog;
+
 /* ---- barriers ------------------------------------------------------------- */
 
 /** Full memory barrier between CPUs. Any. */
@@ -68,6 +74,8 @@ void seam_po_locks_init(struct mox_packet_sock *po);
 void seam_lib_lock_init(struct packet_regular_lib *lib);
 void seam_queue_lock_init(struct efbuff_queue *queue);
 void seam_hook_lock_init(seam_spinlock *lock);
+void seam_request_mutex_init(seam_mutex *request_mutex);
+void seam_dump_mutex_init(seam_mutex *dump_mutex);
 
 void seam_spin_lock(seam_spinlock *lock) SEAM_ACQUIRE(lock);
 void seam_spin_unlock(seam_spinlock *lock) SEAM_RELEASE(lock);
@@ -79,6 +87,8 @@ void seam_write_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE(lock);
 void seam_write_unlock_bh(seam_rwlock *lock) SEAM_RELEASE(lock);
 /** Process. */
 void seam_mutex_lock(seam_mutex *lock) SEAM_ACQUIRE(lock);
+/** 0, or -EINTR, and not taken, when the caller is killed before. Process. */
+int seam_mutex_lock_killable(seam_mutex *lock);
 void seam_mutex_unlock(seam_mutex *lock) SEAM_RELEASE(lock);
 /** The socket lock (lock_sock, release_sock). Process. */
 void seam_lock_sock(struct sock *sk);
@@ -105,6 +115,8 @@ u32 seam_random(void);
 
 /** Copy len bytes from a setsockopt argument; 0 or -EFAULT. What could not be read is zero. Process. */
 int seam_copy_from_uptr(void *to, const struct seam_uptr *from, size_t len);
+/** The same from byte number at of the argument on. Process. */
+int seam_copy_from_uptr_at(void *to, const struct seam_uptr *from, size_t at, size_t len);
 /** Copy len bytes to user space; 0 or -EFAULT. Process. */
 int seam_copy_to_user(void *user_to, const void *from, size_t len);
 /** Read or write one int of user space; 0 or -EFAULT. Process. */

@@ -13,10 +13,10 @@
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 9, 0)
 #include <linux/sockptr.h>
 #define SEAM_OPTVAL sockptr_t
-#define seam_optval_copy(to, from, len) copy_from_sockptr(to, from, len)
+#define seam_optval_copy_at(to, from, at, len) copy_from_sockptr_offset(to, from, at, len)
 #else
 #define SEAM_OPTVAL char __user *
-#define seam_optval_copy(to, from, len) copy_from_user(to, from, len)
+#define seam_optval_copy_at(to, from, at, len) copy_from_user(to, (from) + (at), len)
 #endif
 
 /* The socket layer reads timestamps itself, through gettstamp, since 5.2. */
@@ -54,6 +54,15 @@
 
 /* recvmsg's helpers were gathered into sock_recv_cmsgs in 5.19; timestamps alone keep their name. */
 #define seam_compat_recv_timestamp(msg, sk, skb) sock_recv_timestamp(msg, sk, skb)
+
+/* The limit of the kernel's own packet queues moved into net_hotdata in 6.9. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 9, 0)
+#include <net/hotdata.h>
+#define SEAM_MAX_BACKLOG net_hotdata.max_backlog
+#else
+#include <linux/netdevice.h>
+#define SEAM_MAX_BACKLOG netdev_max_backlog
+#endif
 
 /* 4.20 made synchronize_rcu wait for disabled bottom halves too. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(4, 20, 0)

@@ -46,8 +46,19 @@ void seam_genl_free(struct sk_buff *skb);
 
 /* ---- files ------------------------------------------------------------------- */
 
-/** Open for reading and writing, created (mode 0) or emptied; null when refused. Process. */
+/**
+ * Open for reading and writing, as it is, or created (mode 0). Never waits for
+ * a FIFO's reader or for the holder of a lease, and follows no symbolic link at
+ * the path's end. Null when refused. Process.
+ */
 struct file *seam_file_open(const char *path);
+int seam_file_is_regular(const struct file *file);
+/** Names that the file has; 0 once the name that it was opened by is gone. Process. */
+u32 seam_file_links(const struct file *file);
+/** Whether the file has no content. */
+int seam_file_empty(const struct file *file);
+/** Remove the content: 0 or a negative errno. Process. */
+int seam_file_truncate(struct file *file);
 /** Write at the file's position and advance it; bytes written or a negative errno. Process. */
 long seam_file_write(struct file *file, const void *from, size_t len);
 void seam_file_close(struct file *file);

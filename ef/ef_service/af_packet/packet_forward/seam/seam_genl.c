@@ -40,7 +40,8 @@ static struct genl_family mox_packet_genl_family = {
 	.version = MOX_PACKET_GENL_VERSION,
 	.maxattr = MOX_PACKET_GENL_ATTR,
 	.netnsok = false,
-	.parallel_ops = false,
+	/* The kernel's one mutex for all families would let a slow report hold up the others. */
+	.parallel_ops = true,
 	.ops = mox_packet_genl_ops,
 	.n_ops = ARRAY_SIZE(mox_packet_genl_ops),
 	SEAM_GENL_RESV_START.module = THIS_MODULE,

@@ -62,7 +62,12 @@ u32 seam_random(void)
 
 int seam_copy_from_uptr(void *to, const struct seam_uptr *from, size_t len)
 {
-	return seam_optval_copy(to, from->value, len) ? -EFAULT : 0;
+	return seam_copy_from_uptr_at(to, from, 0, len);
+}
+
+int seam_copy_from_uptr_at(void *to, const struct seam_uptr *from, size_t at, size_t len)
+{
+	return seam_optval_copy_at(to, from->value, at, len) ? -EFAULT : 0;
 }
 
 int seam_copy_to_user(void *user_to, const void *from, size_t len)

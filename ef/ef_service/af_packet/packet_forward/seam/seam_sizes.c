@@ -40,6 +40,7 @@ int main(void)
 	DEFINE(SEAM_LIST_POISON2, (unsigned long)LIST_POISON2);
 
 	/* Numbers of the kernel that the C++ units answer with, test or send. */
+	DEFINE(SEAM_EINTR, EINTR);
 	DEFINE(SEAM_ENXIO, ENXIO);
 	DEFINE(SEAM_ENOMEM, ENOMEM);
 	DEFINE(SEAM_EFAULT, EFAULT);

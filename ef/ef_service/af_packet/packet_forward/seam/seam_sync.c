@@ -12,6 +12,8 @@
 #error "The platform's records exist on 32-bit little-endian kernels only: build for ARMv7"
 #endif
 
+const int *const seam_max_backlog = &SEAM_MAX_BACKLOG;
+
 int seam_cpu(void)
 {
 	return raw_smp_processor_id();
@@ -71,6 +73,17 @@ void seam_hook_lock_init(seam_spinlock *lock)
 	spin_lock_init(lock);
 }
 
+/* The parameters' names are those of the lock classes. */
+void seam_request_mutex_init(seam_mutex *request_mutex)
+{
+	mutex_init(request_mutex);
+}
+
+void seam_dump_mutex_init(seam_mutex *dump_mutex)
+{
+	mutex_init(dump_mutex);
+}
+
 void seam_spin_lock(seam_spinlock *lock)
 {
 	spin_lock(lock);
@@ -114,6 +127,11 @@ void seam_write_unlock_bh(seam_rwlock *lock)
 void seam_mutex_lock(seam_mutex *lock)
 {
 	mutex_lock(lock);
+}
+
+int seam_mutex_lock_killable(seam_mutex *lock)
+{
+	return mutex_lock_killable(lock);
 }
 
 void seam_mutex_unlock(seam_mutex *lock)
