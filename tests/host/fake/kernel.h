@@ -117,6 +117,9 @@ struct Kernel {
 	std::vector<std::string> warnings;
 	int wakeups = 0;
 	int schedules = 0;
+	static constexpr uint64_t kTotalMemory = 1ull << 32;
+	uint64_t total_memory = kTotalMemory;
+	bool net_admin = true;    // the current task holds CAP_NET_ADMIN
 	bool need_resched = true; // another task is due
 	int cond_rescheds = 0;
 	std::vector<std::pair<size_t, size_t>> user_reads; // of setsockopt arguments: from, bytes

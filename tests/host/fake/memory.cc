@@ -133,6 +133,17 @@ void *seam_cache_alloc(kmem_cache *cache)
 	return p;
 }
 
+unsigned long long seam_total_memory(void)
+{
+	return kernel().total_memory;
+}
+
+int seam_capable_net_admin(void)
+{
+	kernel().may_sleep("capable");
+	return kernel().net_admin;
+}
+
 // The same each time: a test that fails does so again.
 u32 seam_random(void)
 {

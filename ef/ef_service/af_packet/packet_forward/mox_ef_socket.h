@@ -66,6 +66,7 @@ struct packet_regular {
 struct regular_item {
 	struct list_head node;
 	u32 type;                  /* enum mox_packet_rule_type */
+	u32 count;                 /* of its data */
 	struct list_head datas;    /* of regular_data, in the order of their arrival */
 	struct regular_data *root; /* of the tree of the same data, by value */
 	struct list_head lib_node; /* in the library's items of this type */
@@ -197,6 +198,7 @@ struct mox_packet_sock {
 	u16 protocol; /* network order */
 	u32 reserved;
 	seam_spinlock rule_lock;
+	u32 rule_bytes; /* charged for the rule: rules/budget.hpp; under the socket lock */
 };
 
 /** A CPU's queue of efbuffs for one location. */

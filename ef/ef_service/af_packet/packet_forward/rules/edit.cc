@@ -62,6 +62,7 @@ void mox_packet_add_data_to_item(regular_data *data, regular_item *item)
 {
 	mox_packet_list_add_tail_safe(&data->node, &item->datas);
 	(void)ItemTree::insert(&item->root, data, ValueKey(data->type, data->value));
+	item->count++;
 }
 
 int mox_packet_add_data_to_regular(regular_data *data, packet_regular *regular)
@@ -96,6 +97,7 @@ void mox_packet_del_data_from_regular(const regular_data *data, packet_regular *
 		return;
 	ItemTree::erase(&item->root, held, ValueKey(held->type, held->value));
 	mox_packet_del_data(held);
+	item->count--;
 	mox_packet_free_data(held);
 	if (mox_packet_item_empty(item)) {
 		mox_packet_del_item(item);

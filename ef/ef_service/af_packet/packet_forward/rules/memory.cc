@@ -3,6 +3,7 @@
 
 #include "base/log.hpp"
 #include "locations/registration.hpp"
+#include "rules/budget.hpp"
 #include "rules/index.hpp"
 #include "rules/ranges.hpp"
 
@@ -138,6 +139,7 @@ int mox_packet_regular_init(void)
 		mox_packet_init_regular_lib(location_library(queue_location(queue)));
 	hook_lock_init();
 	index_choose_seeds();
+	budget_init();
 	g_priority = seam_random();
 	for (u32 cache = 0; cache < kCaches; cache++) {
 		g_caches[cache] = seam_cache_create(kCacheTraits[cache].name,
@@ -199,6 +201,7 @@ regular_item *mox_packet_alloc_init_item(u32 type)
 	item->type = type;
 	list_init(&item->datas);
 	item->root = nullptr;
+	item->count = 0;
 	return item;
 }
 

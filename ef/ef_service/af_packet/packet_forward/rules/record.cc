@@ -3,8 +3,11 @@
 
 #include "base/errors.hpp"
 #include "base/log.hpp"
+#include "rules/budget.hpp"
 #include "rules/edit.hpp"
+#include "rules/pauses.hpp"
 #include "rules/types.hpp"
+#include "rules/values.hpp"
 #include "services/vsd.hpp"
 
 namespace mox {
@@ -137,6 +140,51 @@ int RuleRecord::apply_packet_all(mox_packet_sock *po, bool add) const
 		mox_packet_free_item(item);
 	}
 	return 0;
+}
+
+/**
+ * Elements that the rule does not hold yet. An element that is there more than once
+ * counts each time, but for equal neighbours.
+ */
+u32 RuleRecord::new_elements(mox_packet_sock *po) const
+{
+	const u32 stride = stride_of(head_.type);
+	const regular_item *item = mox_packet_search_item_from_regular(head_.type, &po->regular);
+	const u8 *element = elements();
+	Pauses pauses;
+	Value last{};
+	u32 count = 0;
+
+	for (u32 n = 0; n < head_.count; n++, element += stride) {
+		u8 bytes[REGULAR_VALUE_SIZE]{};
+		__builtin_memcpy(bytes, element, stride);
+		Value value = rule_value(head_.type, bytes);
+		pauses.step();
+		if ((n != 0 && value == last) || (item && item_value(item, value)))
+			continue;
+		last = value;
+		count++;
+	}
+	return count;
+}
+
+int RuleRecord::charge(mox_packet_sock *po) const
+{
+	/* What apply() refuses takes nothing. */
+	if (head_.type >= MOX_PACKET_RULE_TYPES || caller_vsd_ != 0)
+		return 0;
+	const u32 stride = stride_of(head_.type);
+	if (head_.type == PACKET_ALL)
+		return budget_charge(po, head_.type, 0);
+	if (head_.count == 0)
+		return 0;
+	if (stride == 0)
+		return budget_charge(po, head_.type, 1);
+	/* Usually all of them fit, and need not be looked at. */
+	if (budget_fits(po, head_.type, head_.count))
+		return budget_charge(po, head_.type, head_.count);
+	const u32 count = new_elements(po);
+	return count ? budget_charge(po, head_.type, count) : 0;
 }
 
 int RuleRecord::apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) const

@@ -21,6 +21,11 @@ public:
 	 */
 	int read(const seam_uptr *value, unsigned int len);
 	/**
+	 * Charge the socket for what the record adds to its rule: 0 or -ENOMEM, with
+	 * nothing changed. The socket lock is held; process.
+	 */
+	int charge(mox_packet_sock *po) const;
+	/**
 	 * Add every element to the socket's rule, or delete it: 0, -EINVAL or
 	 * -ENOMEM; what came before the error stays. The rule is out of its
 	 * library; lock is taken for some elements at a time. Process.
@@ -30,6 +35,7 @@ public:
 private:
 	int read_unused(const seam_uptr *value, u32 from, u32 to);
 	const u8 *elements() const { return bytes_.get() + sizeof(mox_packet_rule); }
+	u32 new_elements(mox_packet_sock *po) const;
 	int apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) const;
 	int apply_datum(mox_packet_sock *po, const u8 *element, bool add) const;
 	int apply_packet_all(mox_packet_sock *po, bool add) const;

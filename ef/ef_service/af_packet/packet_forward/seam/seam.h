@@ -108,6 +108,10 @@ void seam_cache_destroy(struct kmem_cache *cache);
 /** An object, not zeroed, GFP_ATOMIC, or null. Any. */
 void *seam_cache_alloc(struct kmem_cache *cache);
 void seam_cache_free(struct kmem_cache *cache, void *object);
+/** Bytes of memory that the machine has. Process. */
+unsigned long long seam_total_memory(void);
+/** Whether the current task holds CAP_NET_ADMIN. Process. */
+int seam_capable_net_admin(void);
 /** A number that cannot be predicted from outside of the kernel. Any. */
 u32 seam_random(void);
 

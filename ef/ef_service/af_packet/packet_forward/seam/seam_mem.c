@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 /* Memory, user memory and the current task. */
+#include <linux/capability.h>
 #include <linux/dcache.h>
 #include <linux/fs_struct.h>
 #include <linux/kernel.h>
+#include <linux/mm.h>
 #include <linux/path.h>
 #include <linux/random.h>
 #include <linux/sched.h>
@@ -53,6 +55,19 @@ void *seam_cache_alloc(struct kmem_cache *cache)
 void seam_cache_free(struct kmem_cache *cache, void *object)
 {
 	kmem_cache_free(cache, object);
+}
+
+unsigned long long seam_total_memory(void)
+{
+	struct sysinfo info;
+
+	si_meminfo(&info);
+	return (unsigned long long)info.totalram * info.mem_unit;
+}
+
+int seam_capable_net_admin(void)
+{
+	return capable(CAP_NET_ADMIN);
 }
 
 u32 seam_random(void)

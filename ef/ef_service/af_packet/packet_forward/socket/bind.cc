@@ -3,7 +3,9 @@
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "packet/efbuff.hpp"
+#include "rules/budget.hpp"
 #include "rules/edit.hpp"
+#include "rules/values.hpp"
 #include "services/vsd.hpp"
 #include "socket/address.hpp"
 #include "socket/rule_change.hpp"
@@ -46,11 +48,26 @@ int add_protocol(mox_packet_sock *po, u16 protocol)
 	return add_data(move(data), &po->regular);
 }
 
+/** Charge the socket for the protocol's value, if its rule lacks it. 0 or -ENOMEM. */
+int charge_protocol(mox_packet_sock *po, u16 protocol)
+{
+	const u8 value[REGULAR_VALUE_SIZE] = { static_cast<u8>(protocol),
+					       static_cast<u8>(protocol >> 8) };
+	const regular_item *item = mox_packet_search_item_from_regular(PACKET_ETH_PROT_EQUAL,
+								       &po->regular);
+
+	if (item && item_value(item, rule_value(PACKET_ETH_PROT_EQUAL, value)))
+		return 0;
+	return budget_charge(po, PACKET_ETH_PROT_EQUAL, 1);
+}
+
 /** The bind itself; the socket lock is held. 0 or a negative errno. */
 int do_bind(mox_packet_sock *po, u32 ifindex, u16 protocol)
 {
-	int error = 0;
+	int error = protocol != 0 ? charge_protocol(po, protocol) : 0;
 
+	if (error)
+		return error;
 	change_rule<ChangeLock::kBind>(po, [&](seam_spinlock *lock) {
 		SpinGuard guard(lock);
 		po->ifindex = ifindex;
@@ -59,6 +76,8 @@ int do_bind(mox_packet_sock *po, u32 ifindex, u16 protocol)
 		/* Without memory the socket stays out of the libraries until its next change. */
 		return error ? ReEnter::kNever : ReEnter::kWithLocation;
 	});
+	if (error)
+		budget_settle(po);
 	return error;
 }
 

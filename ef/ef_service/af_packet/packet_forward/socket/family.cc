@@ -5,6 +5,7 @@
 #include "base/log.hpp"
 #include "base/module_state.hpp"
 #include "base/socket_record.hpp"
+#include "rules/budget.hpp"
 #include "rules/edit.hpp"
 #include "rules/filing.hpp"
 #include "services/vsd.hpp"
@@ -25,12 +26,15 @@ constinit bool g_pernet_registered = false;
  */
 int start_with_protocol(mox_packet_sock *po)
 {
-	OwnedData data = make_data(PACKET_ETH_PROT_EQUAL, &po->protocol, sizeof(po->protocol));
-	if (!data)
-		return err::kNoMem;
-	int error = add_data(move(data), &po->regular);
+	int error = budget_charge(po, PACKET_ETH_PROT_EQUAL, 1);
 	if (error)
 		return error;
+	OwnedData data = make_data(PACKET_ETH_PROT_EQUAL, &po->protocol, sizeof(po->protocol));
+	error = data ? add_data(move(data), &po->regular) : err::kNoMem;
+	if (error) {
+		budget_release(po);
+		return error;
+	}
 	/* Running although no library has the rule: the location comes later. */
 	po_set_running(po);
 	return 0;
@@ -197,6 +201,7 @@ int mox_packet_release(struct socket *socket)
 		po_clear_running(po);
 	}
 	mox_packet_empty_regular(&po->regular);
+	budget_release(po);
 	seam_sock_orphan(sk);
 	seam_socket_clear_sk(socket);
 	bump(g_free_skb_num, static_cast<s32>(seam_rcvq_len(sk)));

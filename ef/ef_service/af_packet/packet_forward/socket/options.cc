@@ -3,6 +3,7 @@
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "locations/table.hpp"
+#include "rules/budget.hpp"
 #include "rules/record.hpp"
 #include "rules/types.hpp"
 #include "services/services.hpp"
@@ -98,13 +99,22 @@ int change_rule_data(mox_packet_sock *po, const seam_uptr *value, unsigned int l
 	int error = record.read(value, len);
 	if (error)
 		return error;
+	SockGuard guard(sk_of(po));
+	if (add) {
+		/* Before the rule is withdrawn: a refusal leaves it where it is. */
+		error = record.charge(po);
+		if (error)
+			return error;
+	}
 	int result = 0;
-	change_option(po, [&](seam_spinlock *lock) {
+	change_rule<ChangeLock::kRule>(po, [&](seam_spinlock *lock) {
 		result = record.apply(po, lock, add);
 		/* Any other error leaves the socket out of the libraries until its next rule change. */
 		return result == 0 || result == err::kInval ? ReEnter::kWithLocation
 							    : ReEnter::kNever;
 	});
+	/* Less than charged was added when values were there already, or memory was not. */
+	budget_settle(po);
 	return result;
 }
 
