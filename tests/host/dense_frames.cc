@@ -82,7 +82,8 @@ u32 DenseTest::filter_and_deliver(const HookTraits &h, void *efbuff)
 {
 	u32 treatment, budget = kDrainBudget;
 	efbuff_queue *queue = &g_cpu_pkt_que[0][h.queue];
-	seam_read_lock_bh(&h.lib->lock);
+	kernel().bh_disabled++; // as a hook
+	seam_read_lock(&h.lib->lock);
 	if (h.location == PACKET_WLAN_LOC) {
 		pkt_wlan_info info;
 		pkt_wlan_info_build(efbuff, &info);
@@ -92,7 +93,8 @@ u32 DenseTest::filter_and_deliver(const HookTraits &h, void *efbuff)
 		pkt_info_build(efbuff, &info);
 		treatment = pkt_fast_filter(&info, h.lib);
 	}
-	seam_read_unlock_bh(&h.lib->lock);
+	seam_read_unlock(&h.lib->lock);
+	kernel().bh_disabled--;
 	packets::enqueue(queue, efbuff);
 	if (h.location == PACKET_WLAN_LOC)
 		mox_packet_deal_regular_lib_wlan_pkt(h.lib, queue, &budget);

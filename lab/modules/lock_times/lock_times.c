@@ -115,7 +115,7 @@ static void end(const void *lock, const char *kind)
 
 LOCK_PAIR(spin_lock, spin_unlock, seam_spinlock, "spin")
 LOCK_PAIR(spin_lock_bh, spin_unlock_bh, seam_spinlock, "spin_bh")
-LOCK_PAIR(read_lock_bh, read_unlock_bh, seam_rwlock, "read_bh")
+LOCK_PAIR(read_lock, read_unlock, seam_rwlock, "read")
 LOCK_PAIR(write_lock_bh, write_unlock_bh, seam_rwlock, "write_bh")
 
 /* "name [module]" and "name.suffix" become "name". */

@@ -76,7 +76,7 @@ void seam_hook_lock_init(seam_spinlock *lock)
 	make_word(lock);
 }
 
-void seam_read_lock_bh(seam_rwlock *lock)
+void seam_read_lock(seam_rwlock *lock)
 {
 	Word &word = word_of_lock(lock);
 
@@ -87,7 +87,7 @@ void seam_read_lock_bh(seam_rwlock *lock)
 	}
 }
 
-void seam_read_unlock_bh(seam_rwlock *lock)
+void seam_read_unlock(seam_rwlock *lock)
 {
 	word_of_lock(lock).fetch_sub(kReader, std::memory_order_release);
 }
@@ -161,6 +161,14 @@ void seam_cache_free(kmem_cache *, void *object)
 }
 
 // The same seeds in each run: which values share a bucket must not change between two figures.
+unsigned long long seam_total_memory(void)
+{
+	return 1ull << 32;
+}
+int seam_capable_net_admin(void)
+{
+	return 1;
+}
 u32 seam_random(void)
 {
 	static u32 state = 1;

@@ -108,7 +108,7 @@ TEST_F(TechDump, path__without_a_working_directory_is_vsd_0s)
 	kernel().cwd_renders = false;
 	EXPECT_EQ(dump().begin()->first, "/tmp/vsd/0//ef/af_packet/afpacketdump");
 	kernel().cwd_renders = true;
-	kernel().fail(Fail::kKzalloc);
+	kernel().fail(Fail::kKmalloc);
 	EXPECT_EQ(dump().begin()->first, "/tmp/vsd/0//ef/af_packet/afpacketdump");
 	EXPECT_EQ(said(), "Failed to kmalloc buf.\n");
 }

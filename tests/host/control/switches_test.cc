@@ -285,7 +285,7 @@ TEST_F(Msg, filter__vlan_word_carries_the_senders_vsd)
 TEST_F(Msg, filter__without_memory_for_the_path_is_set_for_vsd_0)
 {
 	kernel().cwd = "/data/var/run/vsd/3";
-	kernel().fail(Fail::kKzalloc);
+	kernel().fail(Fail::kKmalloc);
 	kernel().log.clear();
 	ask(15, filter_record(1, 2, 5));
 	ASSERT_EQ(kernel().log.size(), 2u);

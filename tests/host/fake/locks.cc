@@ -217,13 +217,16 @@ void seam_spin_unlock_bh(seam_spinlock *lock)
 {
 	fake::unlock_bh(lock, true, "spin_unlock_bh");
 }
-void seam_read_lock_bh(seam_rwlock *lock)
+void seam_read_lock(seam_rwlock *lock)
 {
-	fake::lock_bh(lock, false, "read_lock_bh");
+	if (!kernel().bh_disabled && !kernel().in_hook)
+		fake::breach("read_lock with bottom halves on");
+	kernel().take(fake::as_lock(lock), LockKind::kNone, false, "read_lock");
 }
-void seam_read_unlock_bh(seam_rwlock *lock)
+void seam_read_unlock(seam_rwlock *lock)
 {
-	fake::unlock_bh(lock, false, "read_unlock_bh");
+	kernel().drop(fake::as_lock(lock), false, "read_unlock");
+	kernel().event(Point::kUnlock, lock);
 }
 void seam_write_lock_bh(seam_rwlock *lock)
 {

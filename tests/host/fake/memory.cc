@@ -78,13 +78,15 @@ void unblock(void *p, const char *call, const char *made_by)
 } // namespace
 } // namespace fake
 
-void *seam_kzalloc(size_t size)
+void *seam_kmalloc(size_t size)
 {
-	return fake::block(size, "kzalloc", Fail::kKzalloc);
+	void *block = fake::block(size, "kmalloc", Fail::kKmalloc);
+	// Old memory: nothing may be read that was not written.
+	return block ? std::memset(block, 0xa5, size) : nullptr;
 }
 void seam_kfree(void *p)
 {
-	fake::unblock(p, "kfree", "kzalloc");
+	fake::unblock(p, "kfree", "kmalloc");
 }
 void *seam_vzalloc(size_t size)
 {

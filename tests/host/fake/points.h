@@ -50,7 +50,7 @@ namespace fake {
 	X(kEntryAlloc, "allocation of a filter list entry")  \
 	X(kCopyAlloc, "allocation of a match copy")          \
 	X(kCacheCreate, "kmem_cache_create")                 \
-	X(kKzalloc, "kzalloc")                               \
+	X(kKmalloc, "kmalloc")                               \
 	X(kVzalloc, "vzalloc")                               \
 	X(kCopyFromUser, "copy_from_user")                   \
 	X(kCopyToUser, "copy_to_user")                       \

@@ -66,13 +66,13 @@ TEST(Points, watch__may_never_be_reached)
 TEST(Points, failures__the_nth_call_from_now)
 {
 	fake::Failures failures;
-	EXPECT_FALSE(failures.due(Fail::kKzalloc));
-	failures.arm(Fail::kKzalloc, 2);
-	EXPECT_FALSE(failures.due(Fail::kKzalloc));
+	EXPECT_FALSE(failures.due(Fail::kKmalloc));
+	failures.arm(Fail::kKmalloc, 2);
+	EXPECT_FALSE(failures.due(Fail::kKmalloc));
 	EXPECT_FALSE(failures.due(Fail::kVzalloc));
-	EXPECT_TRUE(failures.due(Fail::kKzalloc));
-	EXPECT_FALSE(failures.due(Fail::kKzalloc));
-	EXPECT_EQ(failures.calls(Fail::kKzalloc), 4u);
+	EXPECT_TRUE(failures.due(Fail::kKmalloc));
+	EXPECT_FALSE(failures.due(Fail::kKmalloc));
+	EXPECT_EQ(failures.calls(Fail::kKmalloc), 4u);
 	failures.audit();
 }
 

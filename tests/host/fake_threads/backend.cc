@@ -188,11 +188,11 @@ void seam_spin_unlock_bh(seam_spinlock *lock)
 {
 	pthread_mutex_unlock(mutex_of(lock));
 }
-void seam_read_lock_bh(seam_rwlock *lock)
+void seam_read_lock(seam_rwlock *lock)
 {
 	pthread_rwlock_rdlock(rwlock_of(lock));
 }
-void seam_read_unlock_bh(seam_rwlock *lock)
+void seam_read_unlock(seam_rwlock *lock)
 {
 	pthread_rwlock_unlock(rwlock_of(lock));
 }
@@ -239,7 +239,7 @@ struct kmem_cache {
 	size_t size;
 };
 
-void *seam_kzalloc(size_t size)
+void *seam_kmalloc(size_t size)
 {
 	return take_block(size, live().blocks);
 }

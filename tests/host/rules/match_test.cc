@@ -78,18 +78,22 @@ protected:
 	{
 		pkt_info info;
 		pkt_info_build(e, &info);
-		seam_read_lock_bh(&lib->lock);
+		kernel().bh_disabled++; // as a hook
+		seam_read_lock(&lib->lock);
 		u32 treatment = pkt_fast_filter(&info, lib);
-		seam_read_unlock_bh(&lib->lock);
+		seam_read_unlock(&lib->lock);
+		kernel().bh_disabled--;
 		return treatment;
 	}
 	static u32 wlan_filter(void *e)
 	{
 		pkt_wlan_info info;
 		pkt_wlan_info_build(e, &info);
-		seam_read_lock_bh(&g_wlan_packet_regular_lib.lock);
+		kernel().bh_disabled++; // as a hook
+		seam_read_lock(&g_wlan_packet_regular_lib.lock);
 		u32 treatment = pkt_wlan_fast_filter(&info);
-		seam_read_unlock_bh(&g_wlan_packet_regular_lib.lock);
+		seam_read_unlock(&g_wlan_packet_regular_lib.lock);
+		kernel().bh_disabled--;
 		return treatment;
 	}
 	// The key of a rule.

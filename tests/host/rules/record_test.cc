@@ -505,13 +505,13 @@ TEST_F(RuleRecordTest, interface_in_a_vsd__other_types_do_not_ask)
 			continue;
 		EXPECT_EQ(s.add(t.type, 1, elements(1, t.stride)), 0) << t.line;
 	}
-	EXPECT_EQ(kernel().calls(Fail::kKzalloc), 1u) << "the one of create";
+	EXPECT_EQ(kernel().calls(Fail::kKmalloc), 1u) << "the one of create";
 }
 
 TEST_F(RuleRecordTest, interface_in_a_vsd__without_memory_for_the_path_is_vsd_0)
 {
 	kernel().cwd = "/data/var/run/vsd/3";
-	kernel().fail(Fail::kKzalloc);
+	kernel().fail(Fail::kKmalloc);
 	EXPECT_EQ(s.add(PACKET_SRC_INTF_EQUAL, 1, { 7, 0, 0, 0 }), 0);
 	EXPECT_EQ(lines(), (Strings{ "<0>Failed to kmalloc buf.\n",
 				     "ADD-REGUALR: type PACKET_SRC_INTF_EQUAL success\n" }));

@@ -74,7 +74,7 @@ TEST_F(Vsd, current__path_that_cannot_be_had_is_none)
 TEST_F(Vsd, current__without_memory_for_the_path)
 {
 	kernel().cwd = "/data/var/run/vsd/3";
-	kernel().fail(Fail::kKzalloc);
+	kernel().fail(Fail::kKmalloc);
 	EXPECT_EQ(current_vsd(), 0u);
 	ASSERT_EQ(kernel().log.size(), 1u);
 	EXPECT_EQ(kernel().log[0].level, 0);

@@ -118,9 +118,9 @@ TEST_F(Bind, interface__index_0_skips_both_checks)
 	ASSERT_EQ(s.bind(7), 0);
 	lines();
 	kernel().cwd = "/data/var/run/vsd/3";
-	const uint64_t before = kernel().calls(Fail::kKzalloc);
+	const uint64_t before = kernel().calls(Fail::kKmalloc);
 	EXPECT_EQ(s.bind(0), 0);
-	EXPECT_EQ(kernel().calls(Fail::kKzalloc), before) << "no path was asked for";
+	EXPECT_EQ(kernel().calls(Fail::kKmalloc), before) << "no path was asked for";
 	EXPECT_EQ(s.po().ifindex, 0u);
 	EXPECT_EQ(lines(), Strings{ "MOX-PACKET-BIND\n" });
 }
@@ -169,7 +169,7 @@ TEST_F(Bind, vsd__without_memory_for_the_path_the_check_is_skipped)
 	Sock s;
 	create(s);
 	kernel().cwd = "/data/var/run/vsd/3";
-	kernel().fail(Fail::kKzalloc);
+	kernel().fail(Fail::kKmalloc);
 	EXPECT_EQ(s.bind(7), 0);
 	EXPECT_EQ(s.po().ifindex, 7u);
 	EXPECT_EQ(lines(), (Strings{ "MOX-PACKET-BIND\n", "<0>Failed to kmalloc buf.\n" }));

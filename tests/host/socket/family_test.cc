@@ -196,7 +196,7 @@ TEST_F(Family, create__each_later_failure_drops_the_record_with_the_destructors_
 TEST_F(Family, create__without_memory_for_the_path_takes_vsd_0)
 {
 	kernel().cwd = "/data/var/run/vsd/3";
-	kernel().fail(Fail::kKzalloc);
+	kernel().fail(Fail::kKmalloc);
 	Sock s;
 	EXPECT_EQ(s.create(), 0);
 	EXPECT_EQ(s.po().vsd, 0u);

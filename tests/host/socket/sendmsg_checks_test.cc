@@ -272,7 +272,7 @@ TEST_F(SendChecks, vsd__without_a_path_buffer_it_is_0)
 	kernel().cwd = "/data/var/run/vsd/3";
 	for (bool printing : { false, true }) {
 		debug(printing);
-		kernel().fail(Fail::kKzalloc);
+		kernel().fail(Fail::kKmalloc);
 		expect_sent({}, 60);
 		Strings said = lines();
 		ASSERT_EQ(said.size(), printing ? 3u : 1u);

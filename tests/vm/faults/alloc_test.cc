@@ -298,7 +298,9 @@ TEST_F(DeliveryFailure, a_socket_buffer_that_cannot_be_had)
 	Socket first = capture(PACKET_LEV2_LOC, PACKET_COPY, all()),
 	       second = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
 	FailNth injector(thread);
-	// The buffer's head and its data at least; a leak checker's own records, which it can do without, may be in between.
+	// The frame is allocated once, its head and its data, and each socket gets a clone of it. When the
+	// frame cannot be, each socket gets a buffer of its own, which the next allocations suffice for. A
+	// leak checker's own records, which it can do without, may be in between.
 	int missed = 0;
 	for (unsigned nth = 1; nth < 20; ++nth) {
 		uint32_t failed = lab::peek32("g_packet_thread_debug", 4);
@@ -318,7 +320,7 @@ TEST_F(DeliveryFailure, a_socket_buffer_that_cannot_be_had)
 			<< "neither received nor dropped";
 		missed += missing;
 	}
-	EXPECT_GE(missed, 4) << "two allocations for each of the two sockets";
+	EXPECT_GE(missed, 2) << "a clone for each of the two sockets";
 	first.drain();
 	second.drain();
 }
@@ -340,12 +342,20 @@ TEST_F(DeliveryFailure, wlan_delivery_too)
 	Socket first = capture(PACKET_WLAN_LOC, PACKET_COPY, all()),
 	       second = capture(PACKET_WLAN_LOC, PACKET_COPY, all());
 	FailNth injector(copy_thread());
-	uint32_t failed = lab::peek32("g_packet_thread_debug", 4);
-	injector.arm(1);
-	put(Hook::WlanIn, wlan80211(true));
-	ASSERT_EQ(injector.disarm(), 0u);
-	EXPECT_EQ(first.drain() + second.drain(), 1u);
-	EXPECT_EQ(lab::peek32("g_packet_thread_debug", 4), failed + 1);
+	int missed = 0;
+	for (unsigned nth = 1; nth < 20; ++nth) {
+		uint32_t failed = lab::peek32("g_packet_thread_debug", 4);
+		injector.arm(nth);
+		put(Hook::WlanIn, wlan80211(true));
+		if (injector.disarm() != 0)
+			break;
+		uint32_t missing = lab::peek32("g_packet_thread_debug", 4) - failed;
+		EXPECT_EQ(first.drain() + second.drain(), 2 - missing);
+		missed += missing;
+	}
+	EXPECT_GE(missed, 2) << "a clone for each of the two sockets";
+	first.drain();
+	second.drain();
 }
 
 TEST_F(DeliveryFailure, clones_that_fail_at_random_leave_the_books_balanced)

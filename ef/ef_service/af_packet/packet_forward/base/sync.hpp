@@ -21,7 +21,11 @@ public:
 	Pinned &operator=(const Pinned &) = delete;
 };
 
-/** Spin lock of process context only (a socket's rule and bind locks, the hook lock). */
+/**
+ * Spin lock of process context only (a socket's rule and bind locks, the hook lock),
+ * or, of one that is taken elsewhere with SpinBhGuard, of a hook: bottom halves are
+ * off there already.
+ */
 class SEAM_SCOPED_CAPABILITY SpinGuard : Pinned {
 public:
 	explicit SpinGuard(seam_spinlock *lock) SEAM_ACQUIRE(lock) : lock_(lock)
@@ -47,14 +51,14 @@ private:
 	seam_spinlock *lock_;
 };
 
-/** Reader of a rule library. */
+/** Reader of a rule library: a hook, with bottom halves off. */
 class SEAM_SCOPED_CAPABILITY ReadGuard : Pinned {
 public:
 	explicit ReadGuard(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock) : lock_(lock)
 	{
-		seam_read_lock_bh(lock);
+		seam_read_lock(lock);
 	}
-	~ReadGuard() SEAM_RELEASE_GENERIC() { seam_read_unlock_bh(lock_); }
+	~ReadGuard() SEAM_RELEASE_GENERIC() { seam_read_unlock(lock_); }
 
 private:
 	seam_rwlock *lock_;

@@ -100,7 +100,11 @@ void fill_ctrl(const void *efbuff, u16 eth_type, mox_packet_ctrl_info *ctrl)
 	u16 tag = host16(field<u16>(efbuff, ef::kVlan + 2));
 	u16 inner = host16(field<u16>(efbuff, ef::kVlan)) & 0x0FFF;
 
-	*ctrl = mox_packet_ctrl_info{};
+	/* Field by field: clearing the record first would cost as much again. */
+	ctrl->pkt_dst_l2ifx = 0;
+	ctrl->reserved20 = 0;
+	ctrl->inner_vid = 0;
+	ctrl->reserved46 = 0;
 	ctrl->pkt_ifx = source_ifindex(efbuff);
 	ctrl->pkt_origifx = field<u32>(efbuff, ef::kOrigIfx);
 	ctrl->pkt_l2ifx = field<u32>(efbuff, ef::kL2Ifx);

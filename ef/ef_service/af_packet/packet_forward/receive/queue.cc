@@ -72,7 +72,7 @@ void *EfbuffChain::next()
 
 void queue_append(efbuff_queue *queue, void *efbuff, Held held)
 {
-	SpinBhGuard guard(&queue->lock);
+	SpinGuard guard(&queue->lock);
 
 	*link_of(efbuff) = kChainEnd | (held == Held::kCopy ? kCopyMark : 0);
 	if (queue->tail)

@@ -119,7 +119,7 @@ private:
 	HeldCount *cpu_;
 };
 
-/** Append an efbuff that was admitted; the queue then owns it. Any context. */
+/** Append an efbuff that was admitted; the queue then owns it. Bottom halves off: a hook. */
 void queue_append(efbuff_queue *queue, void *efbuff, Held held);
 /** Take everything off a queue. Any context. */
 EfbuffChain queue_detach(efbuff_queue *queue);

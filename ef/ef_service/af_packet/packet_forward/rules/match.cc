@@ -274,13 +274,13 @@ public:
 	~LazyReadGuard() SEAM_NO_THREAD_SAFETY_ANALYSIS
 	{
 		if (taken_)
-			seam_read_unlock_bh(&lib_->lock);
+			seam_read_unlock(&lib_->lock);
 	}
 	void take() SEAM_NO_THREAD_SAFETY_ANALYSIS
 	{
 		if (taken_)
 			return;
-		seam_read_lock_bh(&lib_->lock);
+		seam_read_lock(&lib_->lock);
 		taken_ = true;
 	}
 
@@ -393,9 +393,11 @@ template <typename Info>
 MatchingRules<Info>::MatchingRules(const Info &info, const packet_regular_lib *lib)
 	: info_(info), count_(0)
 {
-	for (u32 view = 0; view < RULE_VIEWS; view++) {
+	const u32 views = lib->delivery.reserved_views ? RULE_VIEWS : 1;
+
+	for (u32 view = 0; view < views; view++) {
 		u32 present = lib->delivery.present[view];
-		if (present == 0 || (view != 0 && !sees_view(info, view)))
+		if (view != 0 && (present == 0 || !sees_view(info, view)))
 			continue;
 		for_probes_of_view<kDeliveryBits>(
 			info, present, lib->delivery_buckets, view, [&](const Probe &probe) {
@@ -423,7 +425,7 @@ template <typename Info> void MatchingRules<Info>::advance(u32 chain)
 		heads_[chain] = heads_[--count_];
 }
 
-template <typename Info> packet_regular *MatchingRules<Info>::next()
+template <typename Info> packet_regular *MatchingRules<Info>::search()
 {
 	while (count_ != 0) {
 		packet_regular *first = heads_[0]->rule;

@@ -44,9 +44,10 @@ template <typename Info> class MatchingRules {
 public:
 	MatchingRules(const Info &info, const packet_regular_lib *lib);
 	/** The next one, or null. */
-	packet_regular *next();
+	packet_regular *next() { return count_ != 0 ? search() : nullptr; }
 
 private:
+	packet_regular *search();
 	void advance(u32 chain);
 
 	const Info &info_;

@@ -46,6 +46,9 @@ using LibraryTree = Tree<regular_data, ValueTraits<&regular_data::lib>>;
 /** The item's datum with a value, or null. The rule does not change meanwhile. */
 inline regular_data *item_value(const regular_item *item, const Value &value)
 {
+	/* Most items have one value: that is one comparison. */
+	if (item->count == 1)
+		return rule_value(item->type, item->root->value) == value ? item->root : nullptr;
 	return ItemTree::find(item->root, ValueKey(item->type, value));
 }
 

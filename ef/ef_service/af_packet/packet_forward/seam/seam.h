@@ -81,8 +81,9 @@ void seam_spin_lock(seam_spinlock *lock) SEAM_ACQUIRE(lock);
 void seam_spin_unlock(seam_spinlock *lock) SEAM_RELEASE(lock);
 void seam_spin_lock_bh(seam_spinlock *lock) SEAM_ACQUIRE(lock);
 void seam_spin_unlock_bh(seam_spinlock *lock) SEAM_RELEASE(lock);
-void seam_read_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock);
-void seam_read_unlock_bh(seam_rwlock *lock) SEAM_RELEASE_SHARED(lock);
+/** A reader with bottom halves off: a hook. */
+void seam_read_lock(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock);
+void seam_read_unlock(seam_rwlock *lock) SEAM_RELEASE_SHARED(lock);
 void seam_write_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE(lock);
 void seam_write_unlock_bh(seam_rwlock *lock) SEAM_RELEASE(lock);
 /** Process. */
@@ -96,8 +97,8 @@ void seam_release_sock(struct sock *sk);
 
 /* ---- memory --------------------------------------------------------------- */
 
-/** size zeroed bytes, GFP_KERNEL, or null. Process. */
-void *seam_kzalloc(size_t size);
+/** size bytes, not zeroed, GFP_KERNEL, or null. Process. */
+void *seam_kmalloc(size_t size);
 void seam_kfree(void *block);
 /** size zeroed, virtually contiguous bytes, or null. Process. */
 void *seam_vzalloc(size_t size);

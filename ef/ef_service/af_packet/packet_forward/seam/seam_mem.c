@@ -17,9 +17,9 @@
 #include "seam_compat.h"
 #include "seam_uptr.h"
 
-void *seam_kzalloc(size_t size)
+void *seam_kmalloc(size_t size)
 {
-	return kzalloc(size, GFP_KERNEL);
+	return kmalloc(size, GFP_KERNEL);
 }
 
 void seam_kfree(void *block)

@@ -104,14 +104,14 @@ void seam_spin_unlock_bh(seam_spinlock *lock)
 	spin_unlock_bh(lock);
 }
 
-void seam_read_lock_bh(seam_rwlock *lock)
+void seam_read_lock(seam_rwlock *lock)
 {
-	read_lock_bh(lock);
+	read_lock(lock);
 }
 
-void seam_read_unlock_bh(seam_rwlock *lock)
+void seam_read_unlock(seam_rwlock *lock)
 {
-	read_unlock_bh(lock);
+	read_unlock(lock);
 }
 
 void seam_write_lock_bh(seam_rwlock *lock)

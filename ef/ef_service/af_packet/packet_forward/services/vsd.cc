@@ -24,7 +24,7 @@ u32 vsd_of_path(const char *path)
 
 u32 current_vsd()
 {
-	Owned<void, seam_kfree> buf(seam_kzalloc(kCwdSize));
+	Owned<void, seam_kfree> buf(seam_kmalloc(kCwdSize));
 	if (!buf) {
 		mox_printk(MOX_KERN_EMERG "Failed to kmalloc buf.\n");
 		return 0;

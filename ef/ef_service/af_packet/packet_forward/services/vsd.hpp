@@ -6,7 +6,7 @@
 
 extern "C" {
 /**
- * Render the working directory at the start of a buffer of 4096 zeroed bytes.
+ * Render the working directory, with its NUL, at the start of a buffer of 4096 bytes.
  * Returns 0, always: a path that does not fit or cannot be rendered leaves an
  * empty text, which is no vsd's path. Process.
  */
