@@ -48,8 +48,8 @@ void real_seam_spin_lock(seam_spinlock *lock);
 void real_seam_spin_unlock(seam_spinlock *lock);
 void real_seam_spin_lock_bh(seam_spinlock *lock);
 void real_seam_spin_unlock_bh(seam_spinlock *lock);
-void real_seam_read_lock_bh(seam_rwlock *lock);
-void real_seam_read_unlock_bh(seam_rwlock *lock);
+void real_seam_read_lock(seam_rwlock *lock);
+void real_seam_read_unlock(seam_rwlock *lock);
 void real_seam_write_lock_bh(seam_rwlock *lock);
 void real_seam_write_unlock_bh(seam_rwlock *lock);
 

@@ -206,31 +206,30 @@ public:
 private:
 	static u32 bucket(u32 hash) { return hash >> (32 - bits); }
 
-	/* From both ends: what is new goes near one of them. */
+	/* From both ends: what is new goes near one of them, most often to the last place. */
 	static void insert_sorted(rule_anchor **head, rule_anchor *first, rule_anchor *anchor)
 	{
 		rule_anchor *front = first;
 		rule_anchor *back = first->prev;
-		while (!Before(anchor->rule, front->rule)) {
-			if (!Before(anchor->rule, back->rule)) {
-				front = back->next;
+		while (Before(anchor->rule, back->rule)) {
+			if (Before(anchor->rule, front->rule)) {
+				back = front == first ? nullptr : front->prev;
 				break;
 			}
 			front = front->next;
 			back = back->prev;
 		}
-		/* front is the first that comes behind the new one, or null. */
-		rule_anchor *before = front ? front->prev : first->prev;
-		anchor->next = front;
-		anchor->prev = before;
-		if (front)
-			front->prev = anchor;
+		/* back is the last that comes before the new one, or null. */
+		anchor->next = back ? back->next : first;
+		anchor->prev = back ? back : first->prev;
+		if (back)
+			back->next = anchor;
+		else
+			store(*head, anchor);
+		if (anchor->next)
+			anchor->next->prev = anchor;
 		else
 			first->prev = anchor;
-		if (front == first)
-			store(*head, anchor);
-		else
-			before->next = anchor;
 	}
 
 	/* Hooks read the words without a lock: each is stored whole. */
@@ -442,6 +441,11 @@ void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
 	Spot key = key_spot(*copy->entry, wlan);
 	if (key.slot == kSlotNever)
 		return;
+	/* With one condition there is no choice. */
+	if (list_empty(&copy->items)) {
+		enter<HookGuard>(set, copy, lib, { nullptr, false, key, 0, 0, true });
+		return;
+	}
 	Choice best = choice_of_spot(set, view, key, nullptr);
 	if (choose(set, copy, view, wlan, &best))
 		enter<HookGuard>(set, copy, lib, best);

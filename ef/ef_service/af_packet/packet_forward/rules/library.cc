@@ -253,40 +253,50 @@ bool file_under(const packet_regular *regular, u32 type, const void *value, regu
 	return true;
 }
 
-/** Enter a rule's values and items among those that a withdrawal searches. */
-void enter_values(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+/** Enter the data of an item among the values that a withdrawal searches. */
+void enter_values(regular_item *item, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
 	Pauses pauses;
 
-	for (regular_item *item : items_of(regular)) {
-		list_link(&item->lib_node, &lib->items[item->type]);
-		for (regular_data *datum : datas_of(item)) {
-			library_value_enter(datum, lib);
-			pauses.step();
-		}
+	for (regular_data *datum : datas_of(item)) {
+		library_value_enter(datum, lib);
+		pauses.step();
 	}
 }
 
-/** Choose the rule's key item and file the rule under each of its values. */
-void index_regular(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+/** Enter the data of the key item, and file the rule under each of them. */
+void file_under_values(packet_regular *regular, regular_item *item, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
 {
 	Pauses pauses;
 
+	for (regular_data *datum : datas_of(item)) {
+		file_under(regular, datum->type, datum->value, library_value_enter(datum, lib),
+			   &datum->filed, lib);
+		pauses.step();
+	}
+}
+
+/**
+ * Enter the rule's items and values, choose its key item, and file the rule under
+ * each of that item's values.
+ */
+void index_regular(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+{
+	bool filed = false;
+
 	for (regular_item *item : items_of(regular)) {
+		list_link(&item->lib_node, &lib->items[item->type]);
 		if (mox_packet_item_empty(item)) {
-			if (file_under(regular, item->type, nullptr, nullptr, &regular->filed, lib))
-				return;
-			continue;
+			if (!filed)
+				filed = file_under(regular, item->type, nullptr, nullptr,
+						   &regular->filed, lib);
+		} else if (filed || !type_is_key(item->type)) {
+			enter_values(item, lib);
+		} else {
+			file_under_values(regular, item, lib);
+			filed = true;
 		}
-		if (!type_is_key(item->type))
-			continue;
-		for (regular_data *datum : datas_of(item)) {
-			file_under(regular, datum->type, datum->value,
-				   library_value(datum->type, datum->value, lib), &datum->filed,
-				   lib);
-			pauses.step();
-		}
-		return;
 	}
 }
 
@@ -305,7 +315,6 @@ void add_to_library(packet_regular *regular, packet_regular_lib *lib)
 	index_enter_rule(regular, lib);
 	if (!treatment_indexed(regular->treatment))
 		return;
-	enter_values(regular, lib);
 	index_regular(regular, lib);
 }
 

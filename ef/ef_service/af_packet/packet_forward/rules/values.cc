@@ -26,7 +26,8 @@ ValueLeft library_value_leave(regular_data *datum, packet_regular_lib *lib)
 {
 	ValueKey key(datum->type, datum->value);
 	regular_data **root = &lib->values[datum->type];
-	regular_data *equal = LibraryTree::find(*root, key);
+	/* Without equals it stands for itself; with them it has to be looked up who does. */
+	regular_data *equal = list_empty(&datum->equals) ? datum : LibraryTree::find(*root, key);
 
 	if (equal != datum) {
 		list_unlink(&datum->equals);
