@@ -36,7 +36,7 @@ void pkt_del_filter_list_data(filter_list_data *entry);
 packet_regular *pkt_alloc_regular_data(void);
 void pkt_free_regular_data(packet_regular *copy);
 
-/** Free every item and datum of a match copy. The library's write lock is held. */
+/** Free every item and datum of a match copy that no hook finds any more. Process. */
 void mox_packet_empty_match_regular(packet_regular *regular);
 /** Free every item and datum of a socket's own rule, which is out of its library. */
 void mox_packet_empty_regular(packet_regular *regular);
