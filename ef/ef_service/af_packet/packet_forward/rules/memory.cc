@@ -5,6 +5,7 @@
 #include "locations/registration.hpp"
 #include "rules/budget.hpp"
 #include "rules/index.hpp"
+#include "rules/pauses.hpp"
 #include "rules/ranges.hpp"
 
 extern "C" {
@@ -83,10 +84,13 @@ u32 next_priority()
 
 void free_datas(regular_item *item)
 {
+	Pauses pauses;
+
 	for (regular_data *data : datas_of(item)) {
 		mox_packet_del_data(data);
 		list_poison(&data->node);
 		mox_packet_free_data(data);
+		pauses.step();
 	}
 }
 

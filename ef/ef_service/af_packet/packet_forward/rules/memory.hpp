@@ -38,7 +38,7 @@ void pkt_free_regular_data(packet_regular *copy);
 
 /** Free every item and datum of a match copy that no hook finds any more. Process. */
 void mox_packet_empty_match_regular(packet_regular *regular);
-/** Free every item and datum of a socket's own rule, which is out of its library. */
+/** Free every item and datum of a socket's own rule, which is out of its library. Process. */
 void mox_packet_empty_regular(packet_regular *regular);
 }
 
