@@ -448,7 +448,10 @@ struct moxlab_bench {
 
 /* ------------------------------------------------------------------------
  * MEASURE: one batch of received frames, timed around the call of the registered
- * function itself. On one CPU only (EBUSY), with bottom halves disabled.
+ * function itself, with bottom halves disabled. On one CPU only: the machine has
+ * no other, or the caller is pinned to one (else EBUSY). A caller that measures
+ * wanted frames on a machine with more CPUs pins the copy thread to its own first,
+ * and keeps other frames away from the module meanwhile.
  *
  * The efbuffs are made before the clock starts. While the batch is in the hook
  * and on its way through the copy thread, the stand-in's clone function hands

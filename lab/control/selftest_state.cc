@@ -139,6 +139,18 @@ TEST_F(Platform, MeasuresReceivedFramesOnOneCpuOnly)
 		row.change(request);
 		EXPECT_EQ(errno_of([&] { lab.measure(request); }), row.error) << row.what;
 	}
+	// A caller that runs on one CPU alone is as good as a machine that has no other.
+	cpu_set_t before, one;
+	ASSERT_EQ(::sched_getaffinity(0, sizeof before, &before), 0);
+	CPU_ZERO(&one);
+	CPU_SET(0, &one);
+	ASSERT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+	for (uint32_t what : { MOXLAB_MEASURE_EMPTY, MOXLAB_MEASURE_CLONE, MOXLAB_MEASURE_FREE }) {
+		moxlab_measure request = good;
+		request.what = what;
+		EXPECT_EQ(errno_of([&] { lab.measure(request); }), 0) << what;
+	}
+	EXPECT_EQ(::sched_setaffinity(0, sizeof before, &before), 0);
 }
 
 TEST_F(Platform, MeasuresHowLongBottomHalvesAreOff)

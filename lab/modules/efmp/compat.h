@@ -7,6 +7,7 @@
 
 #include <linux/etherdevice.h>
 #include <linux/netdevice.h>
+#include <linux/sched.h>
 #include <linux/version.h>
 
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 5, 0)
@@ -42,6 +43,16 @@ static inline void efmp_set_nested_xmit(struct net_device *dev)
 #else
 	dev->netns_local = true;
 #endif
+#endif
+}
+
+/* The CPUs that the caller may run on. */
+static inline const struct cpumask *efmp_allowed_cpus(void)
+{
+#if LINUX_VERSION_CODE < KERNEL_VERSION(5, 3, 0)
+	return &current->cpus_allowed;
+#else
+	return current->cpus_ptr;
 #endif
 }
 

@@ -13,6 +13,7 @@
 #include <linux/uaccess.h>
 #include <linux/vmalloc.h>
 #include "../lsm_ko/lsm_ko.h"
+#include "compat.h"
 #include "efmp.h"
 
 #define SEED 1 /* efbuffs ahead of the batch, at most */
@@ -22,7 +23,7 @@
 bool efmp_stub_on;
 
 /*
- * One measurement at a time, on the only CPU: what runs in between is either the
+ * One measurement at a time, on one CPU: what runs in between is either the
  * caller with bottom halves disabled, or the copy thread while the caller waits.
  */
 static DEFINE_MUTEX(measure_lock);
@@ -338,7 +339,7 @@ int efmp_measure(struct moxlab_measure *m)
 	    m->count > MOXLAB_MEASURE_MAX || m->draining > 1 || m->frame_len < ETH_HLEN ||
 	    m->frame_len > MOXLAB_FRAME_MAX)
 		return -EINVAL;
-	if (num_online_cpus() != 1)
+	if (num_online_cpus() != 1 && cpumask_weight(efmp_allowed_cpus()) != 1)
 		return -EBUSY;
 	frame = vmalloc(m->frame_len);
 	if (!frame)

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // What the queues hold while the copy thread does not run: no more than their limits, and nothing that a rule takes goes on.
 #include <atomic>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -11,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "support/copy_thread.h"
 #include "support/fixture.h"
 
 namespace {
@@ -38,16 +37,11 @@ void write_word(const std::string &path, const std::string &word)
 /// The copy thread on CPU 0 without a moment to run, for the life of the object: a real-time task is there.
 class CopyThreadStopped {
 public:
-	CopyThreadStopped() : real_time_(read_word(kRealTime))
+	CopyThreadStopped() : real_time_(read_word(kRealTime)), thread_(0)
 	{
-		for (const auto &process : std::filesystem::directory_iterator("/proc"))
-			if (read_word(process.path() / "comm") == "packet-copy")
-				pid_ = std::stoi(process.path().filename());
-		EXPECT_GT(pid_, 0) << "no copy thread";
-		bind(pid_, 1);
 		write_word(kRealTime, "-1");
 		busy_ = std::thread([this] {
-			bind(0, 1);
+			pin(0);
 			sched_param first{};
 			first.sched_priority = 50;
 			EXPECT_EQ(::sched_setscheduler(0, SCHED_FIFO, &first), 0);
@@ -63,21 +57,11 @@ public:
 		done_ = true;
 		busy_.join();
 		write_word(kRealTime, real_time_);
-		bind(pid_, 0xf);
 	}
 
 private:
-	static void bind(pid_t task, unsigned long cpus)
-	{
-		cpu_set_t set;
-		CPU_ZERO(&set);
-		for (int cpu = 0; cpu < 4; ++cpu)
-			if (cpus >> cpu & 1)
-				CPU_SET(cpu, &set);
-		EXPECT_EQ(::sched_setaffinity(task, sizeof set, &set), 0) << strerror(errno);
-	}
 	const std::string real_time_;
-	pid_t pid_ = -1;
+	const CopyThreadOn thread_;
 	std::atomic<bool> runs_{ false }, done_{ false };
 	std::thread busy_;
 };
