@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <string>
 
+#include "support/failnth.h"
 #include "support/fixture.h"
 
 namespace {
@@ -142,14 +143,31 @@ TEST_F(OptionText, refused_rule_records)
 			    "ADD-REGUALR: type error", 1));
 }
 
-TEST_F(OptionText, a_record_that_no_memory_holds)
+TEST_F(OptionText, a_record_without_memory_for_it)
+{
+	if (!vm::can_inject_failures())
+		GTEST_SKIP() << "this kernel cannot make allocations fail";
+	int error = 0;
+	uint8_t record[8] = { 16 };
+	auto lines = lines_of([&] {
+		vm::FailNth injector;
+		injector.arm(1);
+		error = socket_.option_raw(MOX_SOL_PACKET, 11, record, sizeof record);
+		EXPECT_EQ(injector.disarm(), 0u);
+	});
+	EXPECT_EQ(error, ENOMEM);
+	EXPECT_TRUE(HasLine(lines, "PACKET-SETSOCKOPT: ENOMEM", 1));
+}
+
+// No memory is taken for what no record can use, but it must be readable.
+TEST_F(OptionText, a_record_longer_than_what_the_caller_has)
 {
 	int error = 0;
 	uint8_t record[8] = { 16 };
 	auto lines = lines_of(
 		[&] { error = socket_.option_raw(MOX_SOL_PACKET, 11, record, 0x7fffffff); });
-	EXPECT_EQ(error, ENOMEM);
-	EXPECT_TRUE(HasLine(lines, "PACKET-SETSOCKOPT: ENOMEM", 1));
+	EXPECT_EQ(error, EFAULT);
+	EXPECT_TRUE(HasLine(lines, "PACKET-SETSOCKOPT: copy from user failed", 1));
 }
 
 TEST_F(OptionText, filing_and_unfiling_rules)

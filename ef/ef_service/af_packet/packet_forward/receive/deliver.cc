@@ -254,7 +254,7 @@ void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
 bool deliver(FrameBuffers &buffers, bool trace, mox_packet_sock *po)
 {
 	sock *sk = sk_of(po);
-	seam_receiver receiver;
+	SEAM_UNINITIALIZED seam_receiver receiver;
 	seam_sk_receiver(sk, &receiver);
 	OwnedSkb skb = buffers.make(receiver.type == sock_type::kDgram);
 	if (!skb) {
@@ -326,9 +326,9 @@ template <typename Delivery>
 u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
 	SEAM_REQUIRES(lib->change_lock)
 {
-	Delivery delivery(location, efbuff);
+	SEAM_UNINITIALIZED Delivery delivery(location, efbuff);
 	FrameBuffers buffers(efbuff, delivery.info.eth_type);
-	MatchingRules<typename Delivery::Info> matching(delivery.info, lib);
+	SEAM_UNINITIALIZED MatchingRules<typename Delivery::Info> matching(delivery.info, lib);
 	const bool trace = traced(efbuff);
 	u32 offered = 0;
 

@@ -127,7 +127,7 @@ template <u32 location> u32 receive_full()
 {
 	constexpr const Location &kRow = location_row(location);
 	void *efbuff = current_efbuff();
-	pkt_info info;
+	SEAM_UNINITIALIZED pkt_info info;
 	pkt_info_build(efbuff, &info);
 	const bool trace = traced(efbuff);
 	if (trace)
@@ -173,7 +173,7 @@ void trace_wlan_received(const void *efbuff, const pkt_wlan_info &info)
 u32 wlan_receive()
 {
 	void *efbuff = current_efbuff();
-	pkt_wlan_info info;
+	SEAM_UNINITIALIZED pkt_wlan_info info;
 	pkt_wlan_info_build(efbuff, &info);
 	const bool trace = traced(efbuff);
 	if (trace)

@@ -54,6 +54,10 @@ bool not_excluded(const regular_item &item, u32 attr)
 {
 	if (list_empty(&item.datas))
 		return false;
+	if (item.count == 1) {
+		const u32 excluded = field<u32>(item.root->value, 0);
+		return excluded != attr && (excluded != kAnyAttr || attr == 0);
+	}
 	if (item_value(&item, { attr, 0 }))
 		return false;
 	return attr == 0 || !item_value(&item, { kAnyAttr, 0 });

@@ -62,6 +62,19 @@ using s32 = std::int32_t;
 #define SEAM_REQUIRES_SHARED(...) SEAM_ATTR(requires_shared_capability(__VA_ARGS__))
 #define SEAM_NO_THREAD_SAFETY_ANALYSIS SEAM_ATTR(no_thread_safety_analysis)
 
+/*
+ * A variable that its constructor or the next call fills as far as it is read: kernels
+ * that clear all variables need not clear this one for each frame.
+ */
+#if defined(__has_attribute)
+#if __has_attribute(uninitialized)
+#define SEAM_UNINITIALIZED __attribute__((uninitialized))
+#endif
+#endif
+#ifndef SEAM_UNINITIALIZED
+#define SEAM_UNINITIALIZED
+#endif
+
 struct sock;
 
 /** The kernel's struct sock, at the start of every packet socket record. */
