@@ -14,7 +14,7 @@ namespace mox {
 namespace {
 
 /* Elements that are added or deleted while the socket's lock is held once. */
-constexpr u32 kElementsOfHold = 64;
+constexpr u32 kElementsOfHold = 32;
 
 /* The longest record that is used whole: the head, and the most elements of the widest type. */
 constexpr u32 kElementsMax = 0xFFFF * widest_element();
