@@ -58,6 +58,8 @@ struct packet_regular {
 	};
 	/* The condition that is anchored: by its values, or as a class of frames by anchor. */
 	struct regular_item *anchored; /* null: a copy's key, or none */
+	struct regular_item
+		*excluding; /* its PACKET_PID_T item, which is compared first, or null */
 	struct rule_anchor anchor;
 	struct rule_place place; /* in the list of lib_node */
 };

@@ -398,6 +398,17 @@ void leave(Set set, packet_regular *rule, packet_regular_lib *lib)
 	rule->anchored = nullptr;
 }
 
+/** A rule or a copy that is not anchored yet. */
+void prepare(packet_regular *rule)
+{
+	rule->anchored = nullptr;
+	rule->anchor.prev = nullptr;
+	rule->excluding = nullptr;
+	for (regular_item *item : items_of(rule))
+		if (item->type == PACKET_PID_T)
+			rule->excluding = item;
+}
+
 } // namespace
 
 void index_choose_seeds()
@@ -433,8 +444,7 @@ void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
 	const bool wlan = is_wlan(lib);
 	const u32 view = view_of(copy->location);
 
-	copy->anchored = nullptr;
-	copy->anchor.prev = nullptr;
+	prepare(copy);
 	/* Local treatments never answer a hook. */
 	if (treatment_local(copy->treatment))
 		return;
@@ -462,8 +472,7 @@ void index_enter_rule(packet_regular *rule, packet_regular_lib *lib)
 	const bool wlan = is_wlan(lib);
 	const u32 view = view_of(rule->location);
 
-	rule->anchored = nullptr;
-	rule->anchor.prev = nullptr;
+	prepare(rule);
 	/* A rule without a treatment or without conditions gets no frame. */
 	if (rule->treatment == PACKET_TREATMENT_NONE || !rule->owner || list_empty(&rule->items))
 		return;

@@ -108,20 +108,31 @@ bool item_passes(const pkt_wlan_info &info, const regular_item &item)
 	}
 }
 
-/** Whether all items but one pass; which one is known to pass, or null. */
-template <typename Info>
-bool items_pass(const Info &info, const packet_regular &regular, const regular_item *known)
-{
-	for (const regular_item *item : items_of(&regular))
-		if (item != known && !item_passes(info, *item))
-			return false;
-	return true;
-}
-
 /** All items must pass; a rule without items matches nothing. */
 template <typename Info> int rule_match(const Info &info, const packet_regular &regular)
 {
-	return !list_empty(&regular.items) && items_pass(info, regular, nullptr);
+	if (list_empty(&regular.items))
+		return 0;
+	for (const regular_item *item : items_of(&regular))
+		if (!item_passes(info, *item))
+			return 0;
+	return 1;
+}
+
+/**
+ * Whether all items of an anchored rule or copy pass. The anchored one is known to.
+ * Exclusion first: of rules that many frames would match it is what differs, and it
+ * costs least.
+ */
+template <typename Info> inline bool items_pass(const Info &info, const packet_regular &regular)
+{
+	if (regular.excluding && !not_excluded(*regular.excluding, info.attr))
+		return false;
+	for (const regular_item *item : items_of(&regular))
+		if (item != regular.anchored && item != regular.excluding &&
+		    !item_passes(info, *item))
+			return false;
+	return true;
 }
 
 /** Whether the frame has a key's value. */
@@ -265,10 +276,8 @@ template <typename Info> inline bool copy_passes(const Info &info, const packet_
 {
 	if (copy.owner->vsd != 0)
 		return false;
-	if (copy.anchored && !key_passes(info, *copy.entry))
-		return false;
 	/* A copy without items had no condition but its key. */
-	return items_pass(info, copy, copy.anchored);
+	return items_pass(info, copy) && (!copy.anchored || key_passes(info, *copy.entry));
 }
 
 /** The read lock of a library, taken when it is first needed. */
@@ -440,7 +449,7 @@ template <typename Info> packet_regular *MatchingRules<Info>::search()
 		for (u32 chain = count_; chain-- > 0;)
 			if (heads_[chain]->rule == first)
 				advance(chain);
-		if (first->owner->vsd == 0 && items_pass(info_, *first, first->anchored))
+		if (first->owner->vsd == 0 && items_pass(info_, *first))
 			return first;
 	}
 	return nullptr;
