@@ -125,7 +125,7 @@ void measure_shape(Ruler &ruler, const Shape &shape, unsigned wanted, unsigned r
 	make_interface(ruler.lab(), hit.source);
 	moxlab_measure m = ruler.best(MOXLAB_MEASURE_HOOK, miss, kBatch, false);
 	if (m.queued)
-		throw std::runtime_error(std::string("the frame for nobody was taken: ") +
+		throw std::runtime_error(std::string("a frame that no rule matches was taken: ") +
 					 shape.name);
 	show("hook, unwanted", ruler.rest(m));
 
