@@ -234,6 +234,35 @@ TEST_F(LongReport, race__the_key_that_is_printed)
 	EXPECT_EQ(text.find("    process:", text.find(next)), text.find(next) + next.size());
 }
 
+// A socket that goes before its report has begun must not end that of the next one, whose values
+// fill several pages.
+TEST_F(LongReport, race__a_socket_that_goes_in_front_of_a_long_one)
+{
+	open_sockets(40);
+	Bytes ports;
+	for (u32 n = 0; n < 600; n++)
+		ports.insert(ports.end(), { u8(n), u8(n >> 8) });
+	// Every rule from the second on is long, so that the next one is, wherever a page ends.
+	for (size_t n = 1; n < socks.size(); n++)
+		ASSERT_EQ(socks[n]->add(PACKET_IPv4_DEST_PORT_EQUAL, 600, ports), 0);
+	size_t gone = 0;
+	kernel().at[Point::kCondResched] = [&](const void *) {
+		// Between two pages, with the last socket printed to its end.
+		const auto &log = kernel().log;
+		if (gone || kernel().holds(fake::LockKind::kChange) || log.empty() ||
+		    log.back().text.rfind("sk refcnt:", 0) != 0)
+			return;
+		gone = kernel().count_said("sk refcnt:");
+		socks[gone].reset();
+	};
+	kernel().log.clear();
+	mox_packet_show_regular_spec(12, 2, nullptr, 4711);
+	kernel().at.clear();
+	ASSERT_GT(gone, 0u);
+	EXPECT_EQ(kernel().count_said("  \n"), 600u * 38) << "every value of every long rule";
+	EXPECT_EQ(processes(), numbered(0, gone) + numbered(gone + 1, 40));
+}
+
 TEST_F(LongReport, fatal_signal__ends_it)
 {
 	open_sockets(100);

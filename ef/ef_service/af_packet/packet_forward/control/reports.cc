@@ -76,9 +76,11 @@ public:
 			last_ = lib_->rules_entered;
 			readings.set(LIB_READS_RULE, lib_->regulars.next);
 		}
+		/* Each page asks anew: what left before a socket was begun is not that socket. */
+		const bool gone = readings.moved(LIB_READS_RULE);
 		if (!seam_fatal_signal_pending()) {
 			if (po_) {
-				finish_begun(readings);
+				finish_begun(readings, gone);
 				return true;
 			}
 			if (collect_more(readings))
@@ -106,10 +108,9 @@ public:
 	}
 
 private:
-	/** Go on with the socket whose values filled the last page. */
-	void finish_begun(Readings &readings)
+	/** Go on with the socket whose values filled the last page; gone: its rule has left since. */
+	void finish_begun(Readings &readings, bool gone)
 	{
-		const bool gone = readings.moved(LIB_READS_RULE);
 		finished_ = gone || dump_rule_items(&po_->regular, &position_);
 		if (!finished_)
 			return;

@@ -21,7 +21,7 @@ void mox_packet_insert_regular(packet_regular *regular, packet_regular_lib *lib,
 /** A new key in its place, or null without memory. value may be null: a key without one. */
 filter_list_data *pkt_add_new_filter_data(u32 type, const void *value, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
-/** Link a copy of the rule under a key, of which hooks are not told; without memory nothing. */
+/** File a copy of the rule under a key, where hooks find it. Without memory it is left out. */
 void pkt_add_regular_to_match_list(const packet_regular *regular, filter_list_data *entry);
 /** The first key of a type with an equal value, or null: a walk over all keys. */
 filter_list_data *pkt_search_data_from_filter_list(u32 type, const void *value,
