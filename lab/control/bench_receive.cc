@@ -163,15 +163,22 @@ void shapes(Ruler &ruler, const std::vector<std::string> &only)
 	measure_shape(ruler, kAllTypes, 8 * kOfEachType + kOfEachType / 2, rules, listeners);
 }
 
-/// Rules chosen to hurt, as many as a user may have sockets.
+/// Rules chosen to hurt, as many as a user may have sockets and the budgets allow.
 void hurting(Ruler &ruler)
 {
 	for (const Shape &shape : kHurting) {
 		std::vector<Fd> listeners;
-		for (unsigned rules : { 1024u, kMost }) {
-			while (listeners.size() < rules)
-				listeners.push_back(
-					listener(shape.items(unsigned(listeners.size()))));
+		bool allowed = true;
+		for (unsigned most : { 1024u, kMost }) {
+			while (allowed && listeners.size() < most) {
+				std::optional<Fd> fd = listener_within_budget(
+					shape.items(unsigned(listeners.size())));
+				if (fd)
+					listeners.push_back(std::move(*fd));
+				else
+					allowed = false;
+			}
+			const unsigned rules = unsigned(listeners.size());
 			moxlab_measure m = ruler.best(MOXLAB_MEASURE_HOOK, shape.unwanted(), 16,
 						      false);
 			if (m.queued)
@@ -179,6 +186,8 @@ void hurting(Ruler &ruler)
 							 shape.name);
 			report(figure("hook, unwanted, rules chosen to hurt", shape.name, rules,
 				      ruler.rest(m)));
+			if (!allowed)
+				break;
 		}
 	}
 }

@@ -113,6 +113,24 @@ Frame on_interface(unsigned i)
 	return frame;
 }
 
+/// The source MAC of frames that no rule asks for.
+Item frame_mac()
+{
+	const Bytes frame = near_miss().bytes;
+	return { PACKET_SRC_MAC_EQUAL, 6, { frame.begin() + 6, frame.begin() + 12 } };
+}
+
+/// Ports that such frames do not have.
+Item other_ports()
+{
+	Item ports = value16(PACKET_IPv4_DEST_PORT_EQUAL, port(0));
+	for (unsigned i = 1; i < 64; ++i) {
+		const Item more = value16(PACKET_IPv4_DEST_PORT_EQUAL, port(i));
+		ports.values.insert(ports.values.end(), more.values.begin(), more.values.end());
+	}
+	return ports;
+}
+
 /// A value of any type, of which the frames here have none.
 Item of_each_type(unsigned i)
 {
@@ -198,6 +216,41 @@ const std::vector<Shape> kHurting = {
 	  [](unsigned) {
 		  return std::vector{ Item{ PACKET_ALL, 0, {} },
 				      Item{ PACKET_PID_T, 4, { 0, 0, 0, 0 } } };
+	  },
+	  nullptr, near_miss },
+	// The frame has the source MAC, which tells frames apart best, and all other values but one.
+	{ "source MAC, one of six others fails",
+	  [](unsigned i) {
+		  std::vector items{ frame_mac(),
+				     value16(PACKET_ETH_PROT_EQUAL, kIpv4),
+				     byte(PACKET_IPv4_PROT_EQUAL, 17),
+				     value16(PACKET_IPv4_DEST_PORT_EQUAL, kOtherPort),
+				     value16(PACKET_IPv4_SRC_PORT_EQUAL, kOtherPort),
+				     Item{ PACKET_PID_T, 4, { 1, 0, 0, 0 } } };
+		  Item &failing = items[1 + i % 4];
+		  failing.values[0] ^= 0x80;
+		  return items;
+	  },
+	  nullptr, near_miss },
+	{ "source MAC, one other fails",
+	  [](unsigned i) {
+		  const Item others[] = { value16(PACKET_ETH_PROT_EQUAL, 0x9000),
+					  byte(PACKET_IPv4_PROT_EQUAL, 18),
+					  value16(PACKET_IPv4_DEST_PORT_EQUAL, port(0)),
+					  value16(PACKET_IPv4_SRC_PORT_EQUAL, port(0)) };
+		  return std::vector{ frame_mac(), others[i % 4] };
+	  },
+	  nullptr, near_miss },
+	{ "source MAC, 64 other ports",
+	  [](unsigned) {
+		  return std::vector{ frame_mac(), other_ports() };
+	  },
+	  nullptr, near_miss },
+	{ "two EtherTypes, source MAC, 64 other ports",
+	  [](unsigned) {
+		  Item types = value16(PACKET_ETH_PROT_EQUAL, kIpv4);
+		  types.values.insert(types.values.end(), { 0x90, 0x00 });
+		  return std::vector{ types, frame_mac(), other_ports() };
 	  },
 	  nullptr, near_miss },
 	{ "any EtherType, own port",

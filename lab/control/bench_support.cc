@@ -112,17 +112,29 @@ void set_option(int fd, int option, uint32_t value)
 		die("option " + std::to_string(option));
 }
 
-Fd listener(const std::vector<Item> &items)
+std::optional<Fd> listener_within_budget(const std::vector<Item> &items)
 {
 	Fd fd = open_socket();
 	for (const Item &item : items)
 		if (int error = add_item(fd.get(), item)) {
+			if (error == ENOMEM)
+				return std::nullopt;
 			errno = error;
 			die("a rule's values");
 		}
 	set_option(fd.get(), PACKET_TREATMENT, PACKET_COPY);
 	set_option(fd.get(), PACKET_LOCATION, PACKET_LEV2_LOC);
 	return fd;
+}
+
+Fd listener(const std::vector<Item> &items)
+{
+	std::optional<Fd> fd = listener_within_budget(items);
+	if (!fd) {
+		errno = ENOMEM;
+		die("a rule's values");
+	}
+	return std::move(*fd);
 }
 
 unsigned drain(int fd)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,6 +77,8 @@ void set_option(int fd, int option, uint32_t value);
 
 /// A socket that copies what satisfies all items, at layer 2.
 Fd listener(const std::vector<Item> &items);
+/// The same, or none when a budget for rules does not allow it.
+std::optional<Fd> listener_within_budget(const std::vector<Item> &items);
 
 /// Receives and drops all that a socket has; how many frames.
 unsigned drain(int fd);

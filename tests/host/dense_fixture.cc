@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 // Random changes of rules, and the comparison behind them.
 #include "dense_fixture.h"
+#include "rules/budget.hpp"
 
 #include <algorithm>
 
 using oracle::be16;
-using Value = oracle::Value;
 
 namespace {
 
@@ -63,6 +63,8 @@ uint64_t DenseTest::given_seed()
 void DenseTest::SetUp()
 {
 	ModuleTest::SetUp();
+	/* Thousands of rules that a frame nearly matches are what is compared here. */
+	budget_init(~0u);
 	reference.truesize = fake::truesize;
 	reference.world.vsd = [this](int id) { return vsd[id]; };
 	reference.world.lev2_block = fake::word(efmp().interfaces[4094]);
@@ -292,7 +294,7 @@ void DenseTest::del_type(int id)
 		count = below(3) ? all : std::min(1u, all);
 		elements.clear();
 		for (u32 i = 0; i < count; i++) {
-			const Value &v = item.datas[count == all ? i : below(all)];
+			const oracle::Value &v = item.datas[count == all ? i : below(all)];
 			elements.insert(elements.end(), v.begin(), v.begin() + stride);
 		}
 	}
@@ -390,7 +392,7 @@ void DenseTest::clean_stray_keys()
 			while (!rule_of(janitor).items.empty()) {
 				const oracle::Item item = rule_of(janitor).items.front();
 				Bytes all;
-				for (const Value &v : item.datas)
+				for (const oracle::Value &v : item.datas)
 					all.insert(all.end(), v.begin(),
 						   v.begin() + contract::width(item.type));
 				const u32 count = item.datas.size();

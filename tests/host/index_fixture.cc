@@ -2,7 +2,7 @@
 // Recounts the index of a library against its lists.
 #include <gtest/gtest.h>
 
-#include "rules/index.hpp"
+#include "rules/digest.hpp"
 #include "rules/values.hpp"
 #include "rules_fixture.h"
 
@@ -58,6 +58,8 @@ std::set<const packet_regular *> verify_buckets(const rule_index &index, rule_an
 			EXPECT_EQ(at->hash, index_hash(view, slot, { at->low, at->high }));
 			EXPECT_EQ(at->hash >> (32 - bits), bucket);
 			EXPECT_EQ(view, view_of(at->rule->location));
+			const rule_digest digest = digest_of(at->rule);
+			EXPECT_EQ(memcmp(&digest, &at->rule->digest, sizeof digest), 0);
 			if (last) {
 				EXPECT_EQ(at->prev, last);
 				EXPECT_FALSE(before(at->rule, last->rule)) << "a chain's order";

@@ -4,7 +4,7 @@
 #include "packets.h"
 #include "locations/table.hpp"
 #include "packet/info.hpp"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 #include "services/services.hpp"
 #include "control/requests.hpp"
 #include "control/switches.hpp"

@@ -13,7 +13,7 @@
 #include <string>
 
 #include "library.h"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 
 namespace bench {
 namespace {

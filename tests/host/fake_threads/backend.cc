@@ -12,7 +12,7 @@
 #include "platform.h"
 #include "locations/table.hpp"
 #include "packet/info.hpp"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 #include "seam/seam_control.h"
 
 using namespace mox;

@@ -13,7 +13,7 @@
 #include "platform.h"
 #include "locations/table.hpp"
 #include "packet/info.hpp"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 
 using namespace mox;
 

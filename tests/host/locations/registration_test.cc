@@ -2,7 +2,7 @@
 // Registration of the platform hooks.
 #include "locations/table.hpp"
 #include "packet/info.hpp"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 #include "rules_fixture.h"
 
 using namespace mox;

@@ -17,6 +17,7 @@ protected:
 	void TearDown() override
 	{
 		EXPECT_EQ(g_packet_rule_bytes, 0u) << "bytes of closed sockets";
+		EXPECT_EQ(g_packet_rule_work, 0u) << "work of closed sockets";
 		g_packet_rule_refused = 0;
 		kernel().total_memory = fake::Kernel::kTotalMemory;
 		budget_init();
@@ -212,6 +213,94 @@ TEST_F(Budget, no_memory__leaves_the_charge_of_what_is_there)
 	ASSERT_EQ(want.add(PACKET_IPv4_DEST_PORT_EQUAL, 10, ports(10)), 0);
 	EXPECT_EQ(s.po().rule_bytes, want.po().rule_bytes);
 	EXPECT_EQ(g_packet_rule_refused, 0u);
+}
+
+// What a rule is charged as work. One condition is looked up, and costs other frames nothing.
+TEST_F(Budget, work__of_each_kind_of_rule)
+{
+	constexpr u32 kCandidate = 24, kDigest = 10, kCondition = 32, kLevel = 12;
+	struct {
+		const char *name;
+		u32 first, first_count, second, second_count;
+		u32 work;
+	} const rows[] = {
+		{ "one value", PACKET_IPv4_DEST_PORT_EQUAL, 1, 0, 0, 0 },
+		{ "values of one type", PACKET_IPv4_DEST_PORT_EQUAL, 2000, 0, 0, 0 },
+		{ "two conditions", PACKET_IPv4_DEST_PORT_EQUAL, 1, PACKET_ETH_PROT_EQUAL, 1,
+		  kCandidate + 2 * kDigest },
+		{ "a condition of two values", PACKET_PID_T, 4, PACKET_ETH_PROT_EQUAL, 1,
+		  kCandidate + 2 * kCondition + 2 * kLevel },
+		{ "a key of two values", PACKET_IPv4_DEST_PORT_EQUAL, 2, PACKET_ETH_PROT_EQUAL, 1,
+		  2 * (kCandidate + 2 * kCondition + kLevel) },
+		{ "a key of many values", PACKET_IPv4_DEST_PORT_EQUAL, 64, PACKET_ETH_PROT_EQUAL, 1,
+		  2 * (kCandidate + 2 * kCondition + 6 * kLevel) },
+		{ "a key that passes for other frames", PACKET_ICMPV6_TYPE_EQUAL, 1,
+		  PACKET_ETH_PROT_EQUAL, 1, kCandidate + 2 * kCondition },
+		{ "any SNAP type", PACKET_SNAP_ETH_TYPE_EQUAL, 1, PACKET_ETH_PROT_EQUAL, 1,
+		  kCandidate + 2 * kCondition },
+	};
+	for (auto &row : rows) {
+		SCOPED_TRACE(row.name);
+		Sock s;
+		ASSERT_EQ(s.create(), 0);
+		const u32 width = contract::width(row.first);
+		Bytes values = ports(row.first_count * (width > 2 ? width / 2 : 1));
+		values.resize(row.first_count * width);
+		ASSERT_EQ(s.add(row.first, row.first_count, values), 0);
+		if (row.second_count) {
+			ASSERT_EQ(s.add(row.second, row.second_count, ports(row.second_count)), 0);
+		}
+		EXPECT_EQ(s.po().rule_work, row.work);
+		EXPECT_EQ(g_packet_rule_work, row.work);
+		// Values that go give their work back.
+		ASSERT_EQ(s.del(row.first, row.first_count, values), 0);
+		EXPECT_EQ(s.po().rule_work, 0u);
+		EXPECT_EQ(g_packet_rule_work, 0u);
+	}
+	EXPECT_EQ(g_packet_rule_refused, 0u);
+}
+
+// Rules of several conditions, until their work is that of the longest frame.
+TEST_F(Budget, work__has_a_limit_and_half_of_it_takes_the_capability)
+{
+	std::vector<std::unique_ptr<Sock>> socks;
+	auto fill = [&] {
+		for (u32 filled = 0;; filled++) {
+			auto s = std::make_unique<Sock>();
+			EXPECT_EQ(s->create(), 0);
+			EXPECT_EQ(s->add(PACKET_IPv4_DEST_PORT_EQUAL, 1, ports(1, filled)), 0)
+				<< "one condition has no limit";
+			EXPECT_EQ(s->set(PACKET_TREATMENT, PACKET_COPY), 0);
+			EXPECT_EQ(s->set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
+			const Items before = items(*s);
+			if (int result = s->add(PACKET_ETH_PROT_EQUAL, 1, ports(1))) {
+				EXPECT_EQ(result, -12);
+				EXPECT_EQ(items(*s), before);
+				EXPECT_TRUE(s->running()) << "the rule stays in its library";
+				return filled;
+			}
+			socks.push_back(std::move(s));
+		}
+	};
+	kernel().total_memory = 4096 * kMiB;
+	budget_init(44 * 20);
+	kernel().net_admin = false;
+	EXPECT_EQ(fill(), 10u);
+	kernel().net_admin = true;
+	EXPECT_EQ(fill(), 10u);
+	EXPECT_EQ(g_packet_rule_work, 44u * 20);
+	EXPECT_EQ(g_packet_rule_refused, 2u);
+	mox_packet_debug[0] = 1;
+	kernel().log.clear();
+	EXPECT_EQ(fill(), 0u);
+	EXPECT_EQ(kernel().count_said("work 44, limit 880, all 880"), 1u);
+	// Bytes of what was refused for its work are not charged.
+	u32 bytes = 0;
+	for (auto &s : socks)
+		bytes += s->po().rule_bytes;
+	EXPECT_EQ(g_packet_rule_bytes, bytes);
+	socks.pop_back();
+	EXPECT_EQ(fill(), 1u);
 }
 
 } // namespace

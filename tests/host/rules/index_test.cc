@@ -56,6 +56,33 @@ TEST_F(Index, shared_condition__anchors_spread)
 	}
 }
 
+// The copies of a rule whose key has many values are found by the key, however crowded it is: by
+// a condition that they share, a frame would have to be compared with all of them.
+TEST_F(Index, many_keys__anchor_by_the_key)
+{
+	const std::vector<u8> own{ 2, 0, 0, 0, 0, 9 };
+	for (u32 keys : { 1u, 2u, 3u, 100u }) {
+		std::vector<std::unique_ptr<Rule>> others;
+		for (u32 n = 0; n < 20; n++) {
+			others.push_back(std::make_unique<Rule>(PACKET_LEV2_LOC, PACKET_COPY));
+			for (u32 key = 0; key < keys; key++)
+				others.back()->data(PACKET_ETH_PROT_EQUAL, { 0x90, u8(key) });
+			others.back()->add();
+		}
+		Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+		for (u32 key = 0; key < keys; key++)
+			rule.data(PACKET_ETH_PROT_EQUAL, { 0x90, u8(key) });
+		rule.data(PACKET_SRC_MAC_EQUAL, own).add();
+		u32 by_key = 0, by_item = 0;
+		for (const regular_item *item : items_of(&rule.regular()))
+			for (const regular_data *datum : datas_of(item))
+				if (datum->filed)
+					(datum->filed->anchored ? by_item : by_key)++;
+		EXPECT_EQ(by_key, keys > kFewKeys ? keys : 0);
+		EXPECT_EQ(by_item, keys > kFewKeys ? 0 : keys);
+	}
+}
+
 TEST_F(Index, buckets_change_with_the_seeds)
 {
 	u32 before = index_hash(0, PACKET_ETH_PROT_EQUAL, { 0x0008, 0 });

@@ -43,6 +43,13 @@ struct value_links {
 	struct regular_data *right;
 };
 
+/** The conditions of one value of a rule or copy, but for the anchored one (rules/digest.hpp). */
+struct rule_digest {
+	u32 types;    /* a bit for each type */
+	u32 sum;      /* of the hashes of the values */
+	u32 excluded; /* the attribute, if types says that there is one */
+};
+
 /** A capture rule: a socket's own, or a match copy filed in a library. */
 struct packet_regular {
 	struct mox_packet_sock *owner;
@@ -58,8 +65,7 @@ struct packet_regular {
 	};
 	/* The condition that is anchored: by its values, or as a class of frames by anchor. */
 	struct regular_item *anchored; /* null: a copy's key, or none */
-	struct regular_item
-		*excluding; /* its PACKET_PID_T item, which is compared first, or null */
+	struct rule_digest digest;
 	struct rule_anchor anchor;
 	struct rule_place place; /* in the list of lib_node */
 };
@@ -201,6 +207,7 @@ struct mox_packet_sock {
 	u32 reserved;
 	seam_spinlock rule_lock;
 	u32 rule_bytes; /* charged for the rule: rules/budget.hpp; under the socket lock */
+	u32 rule_work;  /* the same */
 };
 
 /** A CPU's queue of efbuffs for one location. */

@@ -12,7 +12,7 @@
 #include "packet/filter.hpp"
 #include "packet/trace.hpp"
 #include "receive/queue.hpp"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 #include "rules/ranges.hpp"
 #include "rules/types.hpp"
 

@@ -9,7 +9,7 @@
 #include "packet/trace.hpp"
 #include "receive/queue.hpp"
 #include "receive/thread.hpp"
-#include "rules/match.hpp"
+#include "rules/search.hpp"
 #include "services/services.hpp"
 
 namespace mox {

@@ -3,11 +3,13 @@
 
 #include "base/errors.hpp"
 #include "base/log.hpp"
+#include "rules/digest.hpp"
 #include "rules/ranges.hpp"
 #include "rules/types.hpp"
 
 extern "C" {
 constinit u32 g_packet_rule_bytes = 0;
+constinit u32 g_packet_rule_work = 0;
 constinit u32 g_packet_rule_refused = 0;
 }
 
@@ -19,15 +21,64 @@ constexpr u32 kSocketShare = 32;
 constexpr u32 kAllShare = 8;
 constexpr u32 kUnprivilegedShare = 16;
 
+/*
+ * Instructions, as `lab/bench` measures them, rounded up: of a rule that the search for
+ * a frame's rules has to compare, of each of its conditions as long as all have one value
+ * (rules/digest.hpp), and of each when they are compared one by one.
+ */
+constexpr u32 kCandidateWork = 24;
+constexpr u32 kDigestWork = 10;
+constexpr u32 kConditionWork = 32;
+constexpr u32 kTreeLevelWork = 12;
+/* Copies of a rule that a frame may have to be compared with: rules/index.cc. */
+constexpr u32 kCopiesCompared = kFewKeys;
+
 /** Bytes that an object takes of its cache, which aligns it to 8. */
 template <typename Record> constexpr u64 size_of()
 {
 	return (sizeof(Record) + 7) & ~7ull;
 }
 
+/** A budget that all sockets share. */
+struct Budget {
+	u32 &used;
+	u32 all = 0;
+	u32 unprivileged = 0;
+
+	/** Add to what is used, up to a limit. */
+	bool take_up_to(u32 more, u32 limit)
+	{
+		u32 before = load(used);
+
+		do {
+			if (more > limit || before > limit - more)
+				return false;
+		} while (!__atomic_compare_exchange_n(&used, &before, before + more, true,
+						      __ATOMIC_RELAXED, __ATOMIC_RELAXED));
+		return true;
+	}
+	bool take(u32 more)
+	{
+		return take_up_to(more, unprivileged) ||
+		       (seam_capable_net_admin() && take_up_to(more, all));
+	}
+	void give_back(u32 less) { __atomic_fetch_sub(&used, less, __ATOMIC_RELAXED); }
+	/** Whether a socket that has some already may have so much, as far as without the capability. */
+	bool fits(u64 wanted, u32 has) const
+	{
+		return wanted + load(used) <= u64{ unprivileged } + has;
+	}
+};
+
+constinit Budget g_bytes{ g_packet_rule_bytes };
+constinit Budget g_work{ g_packet_rule_work };
 constinit u32 g_socket_limit = 0;
-constinit u32 g_all_limit = 0;
-constinit u32 g_unprivileged_limit = 0;
+
+/** What a rule takes of the budgets. */
+struct Charge {
+	u64 bytes;
+	u32 work;
+};
 
 /** A rule's items as numbers: what each takes, and whether it may be the key. */
 struct Sizes {
@@ -78,89 +129,137 @@ Sizes sizes_of(const packet_regular *regular)
 	return sizes;
 }
 
+/** The least power of two that is not below a number, as an exponent. */
+u32 levels_of(u64 values)
+{
+	return values <= 1 ? 0 : 64 - static_cast<u32>(__builtin_clzll(values - 1));
+}
+
+/**
+ * What a rule may cost a frame that it does not match. Of a key with several values the
+ * copies of kCopiesCompared at most are compared with one frame. As above, any item may
+ * be the key, and fewer values never cost more.
+ */
+u32 rule_work(const Sizes &sizes)
+{
+	u32 conditions = 0;
+	u32 one_by_one = 0;
+	bool digest = true;
+	u64 keys = 1;
+
+	for (u32 type = 0; type < MOX_PACKET_RULE_TYPES; type++) {
+		if (!sizes.there[type])
+			continue;
+		conditions++;
+		one_by_one += kConditionWork + kTreeLevelWork * levels_of(sizes.of[type]);
+		digest = digest && sizes.of[type] <= 1 && digest_decides(type);
+		if (type_is_key(type) && sizes.of[type] > keys)
+			keys = sizes.of[type];
+	}
+	if (conditions < 2)
+		return 0;
+	if (digest)
+		return kCandidateWork + kDigestWork * conditions;
+	if (keys > kCopiesCompared)
+		keys = kCopiesCompared;
+	return static_cast<u32>(keys) * (kCandidateWork + one_by_one);
+}
+
+Charge charge_of(const Sizes &sizes)
+{
+	return { rule_bytes(sizes), rule_work(sizes) };
+}
+
 /** What a socket's rule takes with so many further values of a type. */
-u64 bytes_with(const mox_packet_sock *po, u32 type, u32 values)
+Charge charge_with(const mox_packet_sock *po, u32 type, u32 values)
 {
 	Sizes sizes = sizes_of(&po->regular);
 
 	sizes.there[type] = true;
 	sizes.of[type] += values;
-	return rule_bytes(sizes);
+	return charge_of(sizes);
 }
 
-/** Add to the bytes of all sockets, up to a limit. */
-bool take_bytes(u32 bytes, u32 limit)
+/** Charge a socket for more than it has, of both budgets or of none. */
+bool take(mox_packet_sock *po, const Charge &charge)
 {
-	u32 used = load(g_packet_rule_bytes);
+	const u32 bytes = static_cast<u32>(charge.bytes) - po->rule_bytes;
+	const u32 work = charge.work - po->rule_work;
 
-	do {
-		if (bytes > limit || used > limit - bytes)
-			return false;
-	} while (!__atomic_compare_exchange_n(&g_packet_rule_bytes, &used, used + bytes, true,
-					      __ATOMIC_RELAXED, __ATOMIC_RELAXED));
+	if (!g_bytes.take(bytes))
+		return false;
+	if (!g_work.take(work)) {
+		g_bytes.give_back(bytes);
+		return false;
+	}
+	po->rule_bytes += bytes;
+	po->rule_work += work;
 	return true;
-}
-
-void give_bytes(u32 bytes)
-{
-	__atomic_fetch_sub(&g_packet_rule_bytes, bytes, __ATOMIC_RELAXED);
 }
 
 } // namespace
 
-void budget_init()
+void budget_init(u32 frame_work)
 {
 	const u64 memory = seam_total_memory();
 
 	/* A 32-bit machine has far less than 2^40 bytes: an eighth fits. */
 	g_socket_limit = static_cast<u32>(memory / kSocketShare);
-	g_all_limit = static_cast<u32>(memory / kAllShare);
-	g_unprivileged_limit = static_cast<u32>(memory / kUnprivilegedShare);
+	g_bytes.all = static_cast<u32>(memory / kAllShare);
+	g_bytes.unprivileged = static_cast<u32>(memory / kUnprivilegedShare);
+	g_work.all = frame_work;
+	g_work.unprivileged = frame_work / 2;
 }
 
 bool budget_fits(const mox_packet_sock *po, u32 type, u32 values)
 {
-	const u64 bytes = bytes_with(po, type, values);
+	const Charge charge = charge_with(po, type, values);
 
-	return bytes <= g_socket_limit &&
-	       bytes + load(g_packet_rule_bytes) <= u64{ g_unprivileged_limit } + po->rule_bytes;
+	return charge.bytes <= g_socket_limit && g_bytes.fits(charge.bytes, po->rule_bytes) &&
+	       g_work.fits(charge.work, po->rule_work);
 }
 
 int budget_charge(mox_packet_sock *po, u32 type, u32 values)
 {
-	const u64 bytes = bytes_with(po, type, values);
+	Charge charge = charge_with(po, type, values);
 
-	if (bytes <= po->rule_bytes)
+	/* What has been deleted since the last charge stays charged until it settles. */
+	if (charge.bytes < po->rule_bytes)
+		charge.bytes = po->rule_bytes;
+	if (charge.work < po->rule_work)
+		charge.work = po->rule_work;
+	if (charge.bytes <= g_socket_limit && take(po, charge))
 		return 0;
-	if (bytes <= g_socket_limit) {
-		u32 more = static_cast<u32>(bytes) - po->rule_bytes;
-		if (take_bytes(more, g_unprivileged_limit) ||
-		    (seam_capable_net_admin() && take_bytes(more, g_all_limit))) {
-			po->rule_bytes = static_cast<u32>(bytes);
-			return 0;
-		}
-	}
 	__atomic_fetch_add(&g_packet_rule_refused, 1u, __ATOMIC_RELAXED);
-	MOX_DEBUG("MOX-PACKET-RULE-BUDGET: process %s pid %d: %llu bytes, limit %u, all %u\n",
-		  po->process, po->pid, static_cast<unsigned long long>(bytes), g_socket_limit,
-		  load(g_packet_rule_bytes));
+	MOX_DEBUG(
+		"MOX-PACKET-RULE-BUDGET: process %s pid %d: %llu bytes, limit %u, all %u; work %u, "
+		"limit %u, all %u\n",
+		po->process, po->pid, static_cast<unsigned long long>(charge.bytes), g_socket_limit,
+		load(g_packet_rule_bytes), charge.work, g_work.all, load(g_packet_rule_work));
 	return err::kNoMem;
 }
 
 void budget_settle(mox_packet_sock *po)
 {
-	const u64 bytes = list_empty(&po->regular.items) ? 0 : rule_bytes(sizes_of(&po->regular));
+	const Charge charge = list_empty(&po->regular.items) ? Charge{}
+							     : charge_of(sizes_of(&po->regular));
 
-	if (bytes >= po->rule_bytes)
-		return;
-	give_bytes(po->rule_bytes - static_cast<u32>(bytes));
-	po->rule_bytes = static_cast<u32>(bytes);
+	if (charge.bytes < po->rule_bytes) {
+		g_bytes.give_back(po->rule_bytes - static_cast<u32>(charge.bytes));
+		po->rule_bytes = static_cast<u32>(charge.bytes);
+	}
+	if (charge.work < po->rule_work) {
+		g_work.give_back(po->rule_work - charge.work);
+		po->rule_work = charge.work;
+	}
 }
 
 void budget_release(mox_packet_sock *po)
 {
-	give_bytes(po->rule_bytes);
+	g_bytes.give_back(po->rule_bytes);
+	g_work.give_back(po->rule_work);
 	po->rule_bytes = 0;
+	po->rule_work = 0;
 }
 
 } // namespace mox

@@ -1,29 +1,40 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
- * Budgets: how much kernel memory rules may take. What a rule takes at most, its
- * filing in a library included, is charged to its socket when a value is added, so
- * that filing never meets a limit.
+ * Budgets: how much kernel memory rules may take, and how much work they may be for a
+ * frame. What a rule takes at most, its filing in a library included, is charged to its
+ * socket when a value is added, so that filing never meets a limit.
  *
- *   who                           limit                  when it is reached
- *   a socket                      1/32 of the memory     -ENOMEM, counted
- *   all sockets                   1/8                    -ENOMEM, counted
- *   of that, without              1/16                   -ENOMEM, counted
+ *   who                           memory, of the machine's   work, in instructions
+ *   a socket                      1/32                       that of all
+ *   all sockets                   1/8                        kFrameWork
+ *   of that, without              1/16                       kFrameWork / 2
  *   CAP_NET_ADMIN
+ *
+ * When a limit is reached: -ENOMEM, counted.
+ *
+ * Work is what a hook spends, with bottom halves off, on a frame that satisfies all of a
+ * rule's conditions but one. The index finds rules of one condition by its value, and they
+ * cost other frames nothing. Of several conditions it looks up one; whoever makes many
+ * rules share that one has each of them compared with the frame.
  */
 #pragma once
 
 #include "seam/seam.h"
 
 extern "C" {
-/* Bytes that are charged to all sockets, and calls that a budget refused. */
+/* Bytes and work that are charged to all sockets, and calls that a budget refused. */
 extern u32 g_packet_rule_bytes;
+extern u32 g_packet_rule_work;
 extern u32 g_packet_rule_refused;
 }
 
 namespace mox {
 
-/** Read the machine's memory, on which the budgets depend. Process. */
-void budget_init();
+/** Instructions that rules may cost a frame which none of them matches. */
+inline constexpr u32 kFrameWork = 50000;
+
+/** Set the limits: those of memory by the machine's, and that of work. Process. */
+void budget_init(u32 frame_work = kFrameWork);
 
 /**
  * Charge a socket for a rule that gets so many further values of a type; 0 for an

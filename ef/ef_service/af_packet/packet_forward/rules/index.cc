@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "rules/index.hpp"
 
+#include "rules/digest.hpp"
 #include "rules/ranges.hpp"
 
 namespace mox {
@@ -370,6 +371,7 @@ void enter(Set set, packet_regular *rule, packet_regular_lib *lib, const Choice 
 	const bool wlan = is_wlan(lib);
 
 	rule->anchored = choice.item;
+	rule->digest = digest_of(rule);
 	if (!choice.by_value) {
 		Guard guard(lib);
 		set.link(&rule->anchor, rule, view, choice.spot);
@@ -398,15 +400,20 @@ void leave(Set set, packet_regular *rule, packet_regular_lib *lib)
 	rule->anchored = nullptr;
 }
 
+/** Whether the rule of a copy has more than kFewKeys values of its key. */
+bool has_many_keys(const packet_regular *copy)
+{
+	for (const regular_item *item : items_of(&copy->owner->regular))
+		if (item->type == copy->entry->type)
+			return item->count > kFewKeys;
+	return false;
+}
+
 /** A rule or a copy that is not anchored yet. */
 void prepare(packet_regular *rule)
 {
 	rule->anchored = nullptr;
 	rule->anchor.prev = nullptr;
-	rule->excluding = nullptr;
-	for (regular_item *item : items_of(rule))
-		if (item->type == PACKET_PID_T)
-			rule->excluding = item;
 }
 
 } // namespace
@@ -452,7 +459,7 @@ void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
 	if (key.slot == kSlotNever)
 		return;
 	/* With one condition there is no choice. */
-	if (list_empty(&copy->items)) {
+	if (list_empty(&copy->items) || (key.slot != kSlotAlways && has_many_keys(copy))) {
 		enter<HookGuard>(set, copy, lib, { nullptr, false, key, 0, 0, true });
 		return;
 	}

@@ -51,6 +51,12 @@ extern IndexSeeds g_index_seeds;
 /** Choose the seeds. Before the first rule; process. */
 void index_choose_seeds();
 
+/**
+ * The copies of a key with more values are anchored under the key alone: anchored under a
+ * condition that they share, each of them would be compared with the same frame.
+ */
+inline constexpr u32 kFewKeys = 2;
+
 /** The view of a library that a location of it is. */
 constexpr u32 view_of(u32 location)
 {

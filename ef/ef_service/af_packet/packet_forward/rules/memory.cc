@@ -270,7 +270,6 @@ packet_regular *pkt_alloc_regular_data(void)
 	copy->entry = nullptr;
 	copy->filed_at = nullptr;
 	copy->anchored = nullptr;
-	copy->excluding = nullptr;
 	copy->anchor.prev = nullptr;
 	return copy;
 }

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * The conditions of a rule as one number, and those of a frame: candidates of a crowded
+ * bucket that fail a condition of one value are told apart with two comparisons, however
+ * many conditions they have.
+ *
+ * A digest holds the conditions with one value, but for the anchored one, which is known
+ * to pass. A frame that satisfies them has the same digest; the reverse holds but for
+ * equal sums of seeded hashes, so what has the same digest is compared whole.
+ */
+#pragma once
+
+#include "rules/conditions.hpp"
+#include "rules/index.hpp"
+
+namespace mox {
+
+/** In rule_digest::types: the rule excludes one attribute. */
+inline constexpr u32 kDigestExcludes = 1u << 31;
+static_assert(MOX_PACKET_RULE_TYPES < 31);
+
+/** Keys that pass for other frames than a condition of their value: rules/conditions.hpp. */
+constexpr bool key_is_loose(u32 type)
+{
+	return type == PACKET_ICMPV6_TYPE_EQUAL || type == PACKET_ARP_TYPE || type == PACKET_PID_T;
+}
+
+/**
+ * Whether the digest of a rule tells that a frame fails a condition with one value of a
+ * type, whatever the value is and whether it is the key or not.
+ */
+constexpr bool digest_decides(u32 type)
+{
+	if (type == PACKET_PID_T || type == PACKET_ALL)
+		return true;
+	/* Any SNAP type is a condition too. */
+	return kRuleTypes[type].has_value() && !key_is_loose(type) &&
+	       type != PACKET_SNAP_ETH_TYPE_EQUAL;
+}
+
+/** The part of one value. Not linear, else users could choose values whose sums are equal. */
+inline u32 digest_part(u32 type, const Value &value)
+{
+	const u32 hash = index_hash(0, type, value);
+
+	return hash ^ hash >> 15;
+}
+
+/** The digest of a rule or copy whose anchored condition is set. */
+rule_digest digest_of(const packet_regular *rule);
+
+/** What a frame has of the conditions of digests, each type read once. */
+template <typename Info> class FrameDigest {
+public:
+	explicit FrameDigest(const Info &info) : info_(info) {}
+
+	/** False when the frame fails one of the conditions. */
+	[[gnu::always_inline]] bool may_satisfy(const rule_digest &rule)
+	{
+		if (rule.types != types_)
+			sum_up(rule.types);
+		if (rule.sum != sum_)
+			return false;
+		return !(rule.types & kDigestExcludes) || !excludes(rule.excluded, info_.attr);
+	}
+
+private:
+	[[gnu::noinline]] void sum_up(u32 types)
+	{
+		types_ = types;
+		sum_ = 0;
+		for (u32 left = types & ~kDigestExcludes; left != 0; left &= left - 1) {
+			const u32 type = static_cast<u32>(__builtin_ctz(left));
+			if (!(known_ & 1u << type))
+				learn(type);
+			sum_ += parts_[type];
+		}
+	}
+
+	[[gnu::noinline]] void learn(u32 type)
+	{
+		Value value;
+
+		known_ |= 1u << type;
+		/* Without a value any part will do: what follows compares exactly. */
+		parts_[type] = frame_value(info_, type, &value) ? digest_part(type, value) : 0;
+	}
+
+	const Info &info_;
+	u32 types_ = 0;
+	u32 sum_ = 0;
+	u32 known_ = 0; /* a bit for each type whose part is there */
+	u32 parts_[MOX_PACKET_RULE_TYPES];
+};
+
+} // namespace mox
