@@ -9,6 +9,7 @@
 #include "packet/info.hpp"
 #include "receive/queue.hpp"
 #include "rules/match.hpp"
+#include "rules/matching.hpp"
 #include "rules/search.hpp"
 
 using namespace mox;

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "library.h"
+#include "rules/matching.hpp"
 #include "rules/search.hpp"
 
 namespace bench {
@@ -142,7 +143,7 @@ struct Matching {
 		MatchingRules<pkt_info> matching(info, &library());
 		u32 count = 0;
 
-		while (matching.next())
+		for (auto *rule = matching.first(); rule; rule = matching.next())
 			count++;
 		return count;
 	}

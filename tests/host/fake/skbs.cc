@@ -112,10 +112,6 @@ u32 seam_skb_len(const sk_buff *skb)
 {
 	return skb->len;
 }
-u32 seam_skb_truesize(const sk_buff *skb)
-{
-	return skb->truesize;
-}
 u16 seam_skb_protocol(const sk_buff *skb)
 {
 	return skb->protocol;
@@ -167,8 +163,10 @@ sk_buff *seam_rcvq_peek(sock *sk)
 	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
 
-void seam_rcvq_deliver(sock *sk, sk_buff *skb)
+int seam_rcvq_offer(sock *sk, sk_buff *skb)
 {
+	if (static_cast<u32>(sk->rmem) + skb->truesize >= static_cast<u32>(sk->rcvbuf))
+		return 0;
 	if (skb->owner)
 		breach("buffer charged twice");
 	if (skb->has_dev)
@@ -181,6 +179,7 @@ void seam_rcvq_deliver(sock *sk, sk_buff *skb)
 	seam_rcvq_unlock(sk);
 	sk->data_ready++;
 	kernel().event(Point::kDataReady, sk);
+	return 1;
 }
 
 void seam_rcvq_purge(sock *sk)

@@ -261,10 +261,10 @@ int seam_sk_wmem(const sock *sk)
 	return static_cast<int>(seam_sk_wmem_charged(sk)) - 1;
 }
 
-void seam_sk_receiver(const sock *sk, seam_receiver *receiver)
+u32 seam_sk_receiver(const sock *sk)
 {
-	*receiver = { sk->type, sk->has_filter, static_cast<u32>(sk->rmem),
-		      static_cast<u32>(sk->rcvbuf) };
+	return (sk->type == SEAM_SOCK_DGRAM ? SEAM_RECEIVER_DGRAM : 0) |
+	       (sk->has_filter ? SEAM_RECEIVER_FILTERED : 0);
 }
 
 void seam_warn(const char *what)

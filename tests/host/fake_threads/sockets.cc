@@ -153,9 +153,9 @@ u32 seam_sk_wmem_charged(const sock *)
 {
 	return 0;
 }
-void seam_sk_receiver(const sock *sk, seam_receiver *receiver)
+u32 seam_sk_receiver(const sock *sk)
 {
-	*receiver = { sk->type, 0, static_cast<u32>(sk->rmem), static_cast<u32>(sk->rcvbuf) };
+	return sk->type == SEAM_SOCK_DGRAM ? SEAM_RECEIVER_DGRAM : 0;
 }
 void seam_warn(const char *what)
 {
@@ -221,10 +221,6 @@ u32 seam_skb_len(const sk_buff *skb)
 {
 	return skb->len;
 }
-u32 seam_skb_truesize(const sk_buff *skb)
-{
-	return skb->room.size() + 576;
-}
 u16 seam_skb_protocol(const sk_buff *)
 {
 	return 0;
@@ -266,13 +262,16 @@ sk_buff *seam_rcvq_peek(sock *sk)
 {
 	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
-void seam_rcvq_deliver(sock *sk, sk_buff *skb)
+int seam_rcvq_offer(sock *sk, sk_buff *skb)
 {
+	if (static_cast<u32>(sk->rmem) + skb->room.size() + 576 >= static_cast<u32>(sk->rcvbuf))
+		return 0;
 	skb->owner = sk;
 	sk->rmem += static_cast<int>(skb->room.size() + 576);
 	pthread_mutex_lock(&sk->queue_lock);
 	sk->queue->push_back(skb);
 	pthread_mutex_unlock(&sk->queue_lock);
+	return 1;
 }
 void seam_rcvq_purge(sock *sk)
 {

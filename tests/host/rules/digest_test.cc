@@ -16,7 +16,9 @@ protected:
 	{
 		pkt_info info;
 		pkt_info_build(e, &info);
-		return FrameDigest<pkt_info>(info).may_satisfy(digest);
+		FrameDigest<pkt_info> of_frame(info);
+		of_frame.start();
+		return of_frame.may_satisfy(digest);
 	}
 	struct Given {
 		u32 type;

@@ -160,7 +160,7 @@ protected:
 		std::vector<const packet_regular *> out;
 		MutexGuard guard(&lib->change_lock);
 		MatchingRules<pkt_info> rules(info, lib);
-		while (const packet_regular *rule = rules.next())
+		for (const packet_regular *rule = rules.first(); rule; rule = rules.next())
 			out.push_back(rule);
 		return out;
 	}

@@ -349,7 +349,7 @@ sk_buff *queue_buffer(Sock &s, u32 len)
 	memset(fake::skb_put(skb, len), 0x11, len);
 	skb->iif = 7;
 	skb->has_dev = false;
-	seam_rcvq_deliver(s.sk, skb);
+	EXPECT_TRUE(seam_rcvq_offer(s.sk, skb));
 	return skb;
 }
 

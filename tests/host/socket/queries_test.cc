@@ -40,7 +40,7 @@ protected:
 		memset(fake::skb_put(skb, size), 0x11, size);
 		skb->iif = 7;
 		skb->has_dev = false;
-		seam_rcvq_deliver(s.sk, skb);
+		EXPECT_TRUE(seam_rcvq_offer(s.sk, skb));
 		return skb;
 	}
 

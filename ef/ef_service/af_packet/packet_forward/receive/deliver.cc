@@ -12,7 +12,7 @@
 #include "packet/filter.hpp"
 #include "packet/trace.hpp"
 #include "receive/queue.hpp"
-#include "rules/search.hpp"
+#include "rules/matching.hpp"
 #include "rules/ranges.hpp"
 #include "rules/types.hpp"
 
@@ -31,6 +31,8 @@ static_assert(sizeof(mox_packet_ctrl_info) == 48);
 
 /* Frames, and sockets that get one, for which the change lock is held once. */
 constexpr u32 kWorkOfHold = 2048;
+/* Of those, how often it is asked whether another task is due. A power of two. */
+constexpr u32 kWorkOfLook = 4;
 /* Sockets that get a frame between two chances for another task. */
 constexpr u32 kSocketsOfTurn = 64;
 
@@ -46,7 +48,7 @@ const char *treatment_text(u32 treatment)
 	}
 }
 
-void trace_delivery(const pkt_info &info, const packet_regular &rule)
+[[gnu::noinline]] void trace_delivery(const pkt_info &info, const packet_regular &rule)
 {
 	/* Operators know the number with a reference of the delivery in it. */
 	SockRef ref(rule.owner);
@@ -59,7 +61,8 @@ void trace_delivery(const pkt_info &info, const packet_regular &rule)
 	trace_packet(info, TraceTag::kForward);
 }
 
-void trace_wlan_delivery(const void *efbuff, const pkt_wlan_info &info, const packet_regular &rule)
+[[gnu::noinline]] void trace_wlan_delivery(const void *efbuff, const pkt_wlan_info &info,
+					   const packet_regular &rule)
 {
 	const char *treatment = treatment_text(rule.treatment);
 
@@ -95,7 +98,8 @@ u32 ctrl_flags(const void *efbuff)
 }
 
 /** The receive control record of a packet; what nothing fills is zero. */
-void fill_ctrl(const void *efbuff, u16 eth_type, mox_packet_ctrl_info *ctrl)
+[[gnu::always_inline]] inline void fill_ctrl(const void *efbuff, u16 eth_type,
+					     mox_packet_ctrl_info *ctrl)
 {
 	u16 tag = host16(field<u16>(efbuff, ef::kVlan + 2));
 	u16 inner = host16(field<u16>(efbuff, ef::kVlan)) & 0x0FFF;
@@ -133,7 +137,7 @@ void drop_skb(sk_buff *skb)
 using OwnedSkb = Owned<sk_buff, drop_skb>;
 
 /** A socket buffer with the whole frame and its control record, or null. Not counted. */
-sk_buff *build_skb(const void *efbuff, u16 eth_type)
+[[gnu::always_inline]] inline sk_buff *build_skb(const void *efbuff, u16 eth_type)
 {
 	const seam_frame frame = { mac_header(efbuff), field<u32>(efbuff, ef::kTotalLen),
 				   field<u16>(efbuff, ef::kL2Len), source_ifindex(efbuff),
@@ -159,6 +163,9 @@ public:
 		if (!master_)
 			master_ = Owned<sk_buff, seam_consume_skb>(build_skb(efbuff_, eth_type_));
 	}
+
+	/** Whether the frame has no bytes. */
+	bool empty() const { return field<u32>(efbuff_, ef::kTotalLen) == 0; }
 
 	/** A buffer for one socket, or null, which is counted. */
 	OwnedSkb make(bool dgram)
@@ -190,7 +197,7 @@ enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull };
  * of 0, and its negative "rejected" as a large one: daemons attach filters for
  * the frames to drop and receive all others whole. Intended; they rely on it.
  */
-Verdict apply_filter(sock *sk, sk_buff *skb)
+[[gnu::noinline]] Verdict apply_filter(sock *sk, sk_buff *skb)
 {
 	const u32 snap_len = static_cast<u32>(seam_sk_filter_trim_cap(sk, skb, 1));
 
@@ -205,25 +212,8 @@ Verdict apply_filter(sock *sk, sk_buff *skb)
 	return Verdict::kKeep;
 }
 
-Verdict judge(sock *sk, const seam_receiver &receiver, sk_buff *skb)
-{
-	/* Without a filter the snap length is the buffer's: an empty one is dropped as well. */
-	Verdict verdict = Verdict::kKeep;
-
-	if (receiver.filtered)
-		verdict = apply_filter(sk, skb);
-	else if (seam_skb_len(skb) == 0)
-		verdict = Verdict::kFiltered;
-	if (verdict != Verdict::kKeep)
-		return verdict;
-	/* Unsigned sum: neither part is negative, and a full queue must not look empty. */
-	if (receiver.charged + seam_skb_truesize(skb) >= receiver.limit)
-		return Verdict::kQueueFull;
-	return Verdict::kKeep;
-}
-
 /** Count a buffer that the socket does not get. */
-void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
+[[gnu::noinline]] void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
 {
 	const char *text;
 	u32 *counter;
@@ -247,6 +237,23 @@ void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
 	bump(*counter);
 }
 
+/** Offer a buffer to a socket; if it has no filter, empty says whether the buffer is. */
+Verdict offer(sock *sk, OwnedSkb &skb, bool filtered, bool empty)
+{
+	/* Without a filter the snap length is the buffer's: an empty one is dropped as well. */
+	if (filtered) {
+		Verdict verdict = apply_filter(sk, skb.get());
+		if (verdict != Verdict::kKeep)
+			return verdict;
+	} else if (empty) {
+		return Verdict::kFiltered;
+	}
+	if (!seam_rcvq_offer(sk, skb.get()))
+		return Verdict::kQueueFull;
+	static_cast<void>(skb.release());
+	return Verdict::kKeep;
+}
+
 /**
  * One packet for one socket, whose rule is in a library. False when there was no
  * memory for the buffer, which does not count as an offer.
@@ -254,21 +261,20 @@ void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
 bool deliver(FrameBuffers &buffers, bool trace, mox_packet_sock *po)
 {
 	sock *sk = sk_of(po);
-	SEAM_UNINITIALIZED seam_receiver receiver;
-	seam_sk_receiver(sk, &receiver);
-	OwnedSkb skb = buffers.make(receiver.type == sock_type::kDgram);
+	const u32 receiver = seam_sk_receiver(sk);
+	const bool dgram = receiver & SEAM_RECEIVER_DGRAM;
+	OwnedSkb skb = buffers.make(dgram);
 	if (!skb) {
 		if (trace)
 			MOX_TRACE("MOX-PACKET-FW: alloc skb failed.\n");
 		return false;
 	}
-	Verdict verdict = judge(sk, receiver, skb.get());
-	if (verdict != Verdict::kKeep) {
+	const bool empty = dgram ? seam_skb_len(skb.get()) == 0 : buffers.empty();
+	Verdict verdict = offer(sk, skb, receiver & SEAM_RECEIVER_FILTERED, empty);
+	if (verdict == Verdict::kKeep)
+		bump(po->recv_packets);
+	else
 		count_drop(po, verdict, trace);
-		return true;
-	}
-	seam_rcvq_deliver(sk, skb.release());
-	bump(po->recv_packets);
 	return true;
 }
 
@@ -287,10 +293,10 @@ struct LocationDelivery {
 	}
 
 	/** Here the filter is compared with every matched packet; hooks compare unmarked ones only. */
-	void trace(const packet_regular &rule)
+	void trace(const packet_regular &rule, bool marked)
 	{
 		const bool passes = pktd_filter_passes(info);
-		if (traced(efbuff))
+		if (marked) [[unlikely]]
 			trace_delivery(info, rule);
 		else if (passes)
 			(void)path_switch_on(location);
@@ -310,9 +316,9 @@ struct WlanDelivery {
 	WlanDelivery(u32, void *buffer) : efbuff(buffer) { pkt_wlan_info_build(buffer, &info); }
 
 	/** The small summary has no field that the debug filter compares. */
-	void trace(const packet_regular &rule)
+	void trace(const packet_regular &rule, bool marked)
 	{
-		if (traced(efbuff))
+		if (marked)
 			trace_wlan_delivery(efbuff, info, rule);
 		else
 			(void)path_switch_on(PACKET_WLAN_LOC);
@@ -332,7 +338,7 @@ u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
 	const bool trace = traced(efbuff);
 	u32 offered = 0;
 
-	packet_regular *rule = matching.next();
+	packet_regular *rule = matching.first();
 	while (rule) {
 		packet_regular *next = nullptr;
 		const bool ends = Delivery::ends(*rule);
@@ -341,7 +347,7 @@ u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
 			if (next)
 				buffers.expect_more();
 		}
-		delivery.trace(*rule);
+		delivery.trace(*rule, trace);
 		/* The rule cannot leave meanwhile: its running mark holds the socket. */
 		if (deliver(buffers, trace, rule->owner) && ends)
 			break;
@@ -375,17 +381,18 @@ void deliver_queue(u32 location, packet_regular_lib *lib, efbuff_queue *queue, u
 		spend(budget);
 		{
 			MutexGuard guard(&lib->change_lock);
-			for (u32 work = 0;;) {
+			/* The last frame of the budget yields: outside. */
+			u32 left = *budget;
+			u32 work = 0;
+			do {
 				work += 1 + deliver_frame<Delivery>(location, lib, efbuff.get());
 				/* Freed before the next: the chain counts what is held. */
 				efbuff = OwnedEfbuff();
 				efbuff = OwnedEfbuff(chain.next());
-				/* The last frame of the budget yields: outside. */
-				if (!efbuff || work >= kWorkOfHold || *budget == 1 ||
-				    seam_need_resched())
-					break;
-				spend(budget);
-			}
+				left--;
+			} while (efbuff && left != 0 && work < kWorkOfHold &&
+				 (work % kWorkOfLook != 0 || !seam_need_resched()));
+			*budget = left + 1;
 		}
 		seam_cond_resched();
 	}

@@ -14,28 +14,6 @@ namespace mox {
 
 constinit CpuHeld g_cpu_held[CPU_QUEUE_SLOTS]{};
 
-namespace {
-
-/** The link word of an efbuff. */
-u32 *link_of(void *efbuff)
-{
-	static_assert(platform::ef::kLink == 0);
-	return static_cast<u32 *>(efbuff);
-}
-
-/** A link word that ends the chain: the tag without an address. */
-constexpr u32 kChainEnd = platform::kTag;
-
-/** Bit of an efbuff's own link word: it is a copy. Efbuffs are aligned to 4 bytes. */
-constexpr u32 kCopyMark = 2;
-
-constexpr u32 kLinkBits = platform::kTag | kCopyMark;
-
-/* Efbuffs of a chain that are counted back at once. */
-constexpr u32 kFreedOfCount = 16;
-
-} // namespace
-
 void queue_count_back(u32 cpu, u32 number, Held less)
 {
 	CpuHeld &held = g_cpu_held[cpu];
@@ -53,21 +31,6 @@ void EfbuffChain::count_freed()
 	__atomic_fetch_add(&queue_->freed, given_, __ATOMIC_RELAXED);
 	__atomic_fetch_add(&cpu_->freed, given_, __ATOMIC_RELAXED);
 	given_ = 0;
-}
-
-void *EfbuffChain::next()
-{
-	/* Atomic, so not for each: meanwhile a few count as held that are not. */
-	if (left_ == 0 || !head_ || left_ % kFreedOfCount == 0)
-		count_freed();
-	if (left_ == 0 || !head_)
-		return nullptr;
-	left_--;
-	void *efbuff = head_;
-	const u32 link = *link_of(efbuff);
-	head_ = address_of(link & ~kLinkBits);
-	given_ += static_cast<u32>(link & kCopyMark ? Held::kCopy : Held::kTaken);
-	return efbuff;
 }
 
 void queue_append(efbuff_queue *queue, void *efbuff, Held held)

@@ -9,6 +9,7 @@
 #pragma once
 
 #include "base/sync.hpp"
+#include "packet/efbuff.hpp"
 
 extern "C" {
 extern efbuff_queue g_cpu_pkt_que[CPU_QUEUE_SLOTS][CPU_QUEUES];
@@ -91,6 +92,24 @@ inline bool queue_admit(u32 cpu, u32 number, Held more)
 /** Count back what was admitted and is not appended. On the queue's CPU, bottom halves off. */
 void queue_count_back(u32 cpu, u32 number, Held less);
 
+/** The link word of an efbuff. */
+inline u32 *link_of(void *efbuff)
+{
+	static_assert(platform::ef::kLink == 0);
+	return static_cast<u32 *>(efbuff);
+}
+
+/** A link word that ends the chain: the tag without an address. */
+inline constexpr u32 kChainEnd = platform::kTag;
+
+/** Bit of an efbuff's own link word: it is a copy. Efbuffs are aligned to 4 bytes. */
+inline constexpr u32 kCopyMark = 2;
+
+inline constexpr u32 kLinkBits = platform::kTag | kCopyMark;
+
+/* Efbuffs of a chain that are counted back at once. */
+inline constexpr u32 kFreedOfCount = 16;
+
 /**
  * A chain of efbuffs taken off a queue; the holder owns every efbuff of it. What
  * next() returned counts as held until a later call, so each chain is followed
@@ -107,7 +126,20 @@ public:
 	 * whichever comes first. The one before must be freed by now; this one may
 	 * be freed at once.
 	 */
-	void *next();
+	void *next()
+	{
+		/* Atomic, so not for each: meanwhile a few count as held that are not. */
+		if (left_ == 0 || !head_ || left_ % kFreedOfCount == 0)
+			count_freed();
+		if (left_ == 0 || !head_)
+			return nullptr;
+		left_--;
+		void *efbuff = head_;
+		const u32 link = *link_of(efbuff);
+		head_ = address_of(link & ~kLinkBits);
+		given_ += static_cast<u32>(link & kCopyMark ? Held::kCopy : Held::kTaken);
+		return efbuff;
+	}
 
 private:
 	void count_freed();

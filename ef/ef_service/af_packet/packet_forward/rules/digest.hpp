@@ -53,6 +53,13 @@ rule_digest digest_of(const packet_regular *rule);
 template <typename Info> class FrameDigest {
 public:
 	explicit FrameDigest(const Info &info) : info_(info) {}
+	/** To be called first. Until then it costs nothing to have one. */
+	void start()
+	{
+		types_ = 0;
+		sum_ = 0;
+		known_ = 0;
+	}
 
 	/** False when the frame fails one of the conditions. */
 	[[gnu::always_inline]] bool may_satisfy(const rule_digest &rule)
@@ -87,9 +94,9 @@ private:
 	}
 
 	const Info &info_;
-	u32 types_ = 0;
-	u32 sum_ = 0;
-	u32 known_ = 0; /* a bit for each type whose part is there */
+	u32 types_;
+	u32 sum_;
+	u32 known_; /* a bit for each type whose part is there */
 	u32 parts_[MOX_PACKET_RULE_TYPES];
 };
 

@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * The search for the rules that a packet matches: the fast filters, which ask a library
- * for hooks, and the rules that match, for delivery. Read-only, without allocation.
- */
+/* The search for the first rule that a packet matches, for hooks. Read-only, without allocation. */
 #pragma once
 
-#include "rules/digest.hpp"
+#include "locations/table.hpp"
+#include "packet/info.hpp"
 
 extern "C" {
 /** The treatment of the first rule that matches the packet, or 0. The read lock is held. */
@@ -25,27 +23,5 @@ namespace mox {
  */
 u32 filter_frame(const pkt_info &info, packet_regular_lib *lib);
 u32 filter_frame(const pkt_wlan_info &info, packet_regular_lib *lib);
-
-/**
- * The rules of a library that match a packet and whose socket is of vsd 0, in the
- * library's order. The library's change lock is held while the object lives; info
- * outlives it.
- */
-template <typename Info> class MatchingRules {
-public:
-	MatchingRules(const Info &info, const packet_regular_lib *lib);
-	/** The next one, or null. */
-	packet_regular *next() { return count_ != 0 ? search() : nullptr; }
-
-private:
-	packet_regular *search();
-	void advance(u32 chain);
-
-	const Info &info_;
-	u32 count_ = 0;
-	bool failed_ = false; /* a candidate: digests are compared from then on */
-	FrameDigest<Info> digest_;
-	const rule_anchor *heads_[RULE_VIEWS * RULE_SLOTS];
-};
 
 } // namespace mox

@@ -200,18 +200,15 @@ struct sk_buff *seam_rcvq_peek(struct sock *sk);
 void seam_rcvq_purge(struct sock *sk);
 /**
  * Charge the buffer to the socket's receive memory (sock_rfree returns the charge),
- * drop its route, append it, and call the socket's data-ready callback. Any.
+ * drop its route, append it, and call the socket's data-ready callback. 0, with
+ * nothing done, when the buffer's truesize would fill the receive buffer. Any.
  */
-void seam_rcvq_deliver(struct sock *sk, struct sk_buff *skb);
+int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb);
 
-/** What delivery asks of a socket. */
-struct seam_receiver {
-	int type;     /* SOCK_RAW, SOCK_DGRAM */
-	int filtered; /* a socket filter is attached */
-	u32 charged;  /* receive memory */
-	u32 limit;    /* receive buffer */
-};
-void seam_sk_receiver(const struct sock *sk, struct seam_receiver *receiver);
+/** What delivery asks of a socket, as bits. Any. */
+#define SEAM_RECEIVER_DGRAM 1    /* of type SOCK_DGRAM */
+#define SEAM_RECEIVER_FILTERED 2 /* a socket filter is attached */
+u32 seam_sk_receiver(const struct sock *sk);
 
 /** SIOCGSTAMP and SIOCGSTAMPNS: 0 or a negative errno. Process. */
 int seam_sock_get_timestamp(struct sock *sk, void *user_to);
@@ -236,7 +233,6 @@ void *seam_skb_pull(struct sk_buff *skb, u32 len);
 /** The 48 bytes of the buffer's control block. */
 void *seam_skb_cb(struct sk_buff *skb);
 u32 seam_skb_len(const struct sk_buff *skb);
-u32 seam_skb_truesize(const struct sk_buff *skb);
 u16 seam_skb_protocol(const struct sk_buff *skb);
 int seam_skb_nonlinear(const struct sk_buff *skb);
 /** ___pskb_trim: 0 or a negative errno. Any. */

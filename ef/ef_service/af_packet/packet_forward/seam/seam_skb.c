@@ -11,12 +11,11 @@ struct sk_buff *seam_skb_of_frame(const struct seam_frame *frame)
 
 	if (!skb)
 		return NULL;
-	skb_put_data(skb, frame->data, frame->len);
+	__skb_put_data(skb, frame->data, frame->len);
 	skb_reset_mac_header(skb);
 	skb_set_network_header(skb, frame->net_offset);
 	skb->skb_iif = frame->ifindex;
 	skb->vlan_tci = frame->vlan_id;
-	skb->dev = NULL;
 	return skb;
 }
 
@@ -39,11 +38,6 @@ void *seam_skb_cb(struct sk_buff *skb)
 u32 seam_skb_len(const struct sk_buff *skb)
 {
 	return skb->len;
-}
-
-u32 seam_skb_truesize(const struct sk_buff *skb)
-{
-	return skb->truesize;
 }
 
 u16 seam_skb_protocol(const struct sk_buff *skb)

@@ -107,21 +107,26 @@ void seam_rcvq_purge(struct sock *sk)
 	skb_queue_purge(&sk->sk_receive_queue);
 }
 
-void seam_rcvq_deliver(struct sock *sk, struct sk_buff *skb)
+int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb)
 {
-	skb_set_owner_r(skb, sk);
-	skb_dst_drop(skb);
+	/* Unsigned sum: neither part is negative, and a full queue must not look empty. */
+	if ((u32)atomic_read(&sk->sk_rmem_alloc) + skb->truesize >= (u32)READ_ONCE(sk->sk_rcvbuf))
+		return 0;
+	/* As skb_set_owner_r() for a buffer that has no owner yet, and no route. */
+	skb->sk = sk;
+	skb->destructor = sock_rfree;
+	atomic_add(skb->truesize, &sk->sk_rmem_alloc);
+	sk_mem_charge(sk, skb->truesize);
 	skb_queue_tail(&sk->sk_receive_queue, skb);
 	sk->sk_data_ready(sk);
+	return 1;
 }
 
-void seam_sk_receiver(const struct sock *sk, struct seam_receiver *receiver)
+u32 seam_sk_receiver(const struct sock *sk)
 {
-	receiver->type = sk->sk_type;
 	/* Only whether there is one: sk_filter_trim_cap() reads it anew, under RCU. */
-	receiver->filtered = rcu_access_pointer(sk->sk_filter) != NULL;
-	receiver->charged = atomic_read(&sk->sk_rmem_alloc);
-	receiver->limit = READ_ONCE(sk->sk_rcvbuf);
+	return (sk->sk_type == SOCK_DGRAM ? SEAM_RECEIVER_DGRAM : 0) |
+	       (rcu_access_pointer(sk->sk_filter) ? SEAM_RECEIVER_FILTERED : 0);
 }
 
 int seam_sock_get_timestamp(struct sock *sk, void *user_to)
