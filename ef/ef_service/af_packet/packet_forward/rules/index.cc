@@ -92,7 +92,7 @@ Spot item_spot(u32 type, const Value &value, bool wlan)
 	return spot_of(type, value, wlan);
 }
 
-/** The same for a key. Some keys pass for other frames than the condition does: rules/match.cc. */
+/** The same for a key. Some keys pass for other frames than the condition does: rules/conditions.hpp. */
 Spot key_spot(const filter_list_data &key, bool wlan)
 {
 	if (key.type >= MOX_PACKET_RULE_TYPES)
