@@ -131,6 +131,23 @@ Item other_ports()
 	return ports;
 }
 
+/// Thousands of values of one of five types, none of them the frame's.
+Item many_values(unsigned i)
+{
+	static constexpr uint16_t kTypes[] = { PACKET_SRC_MAC_EQUAL, PACKET_DEST_MAC_EQUAL,
+					       PACKET_ETH_PROT_EQUAL, PACKET_IPv4_DEST_PORT_EQUAL,
+					       PACKET_IPv4_SRC_PORT_EQUAL };
+	const uint16_t type = kTypes[i % std::size(kTypes)];
+	const bool is_mac = type == PACKET_SRC_MAC_EQUAL || type == PACKET_DEST_MAC_EQUAL;
+	const unsigned first = i / std::size(kTypes) * 12000;
+	Item item{ type, uint16_t(is_mac ? 6 : 2), {} };
+	for (unsigned n = first; n < first + 12000; ++n) {
+		const Item one = is_mac ? mac(type, n) : value16(type, uint16_t(0x1000 + n));
+		item.values.insert(item.values.end(), one.values.begin(), one.values.end());
+	}
+	return item;
+}
+
 /// A value of any type, of which the frames here have none.
 Item of_each_type(unsigned i)
 {
@@ -253,6 +270,9 @@ const std::vector<Shape> kHurting = {
 		  return std::vector{ types, frame_mac(), other_ports() };
 	  },
 	  nullptr, near_miss },
+	// Of the types that the frame has values of: long chains in the buckets where it looks.
+	{ "12,000 values each", [](unsigned i) { return std::vector{ many_values(i) }; }, nullptr,
+	  near_miss },
 	{ "any EtherType, own port",
 	  [](unsigned i) {
 		  return std::vector{ value16(PACKET_ETH_PROT_EQUAL, 3),
