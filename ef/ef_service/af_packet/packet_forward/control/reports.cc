@@ -13,9 +13,10 @@
 #include "base/socket_record.hpp"
 #include "locations/table.hpp"
 #include "receive/queue.hpp"
-#include "rules/library.hpp"
+#include "rules/places.hpp"
 #include "rules/print.hpp"
 #include "rules/ranges.hpp"
+#include "rules/types.hpp"
 #include "socket/dump.hpp"
 
 namespace mox {

@@ -11,139 +11,12 @@
 #include "rules/edit.hpp"
 #include "rules/index.hpp"
 #include "rules/pauses.hpp"
+#include "rules/places.hpp"
 #include "rules/ranges.hpp"
 #include "rules/values.hpp"
 
 namespace mox {
 namespace {
-
-packet_regular *regular_of(list_head *lib_node)
-{
-	return record_of<packet_regular, offsetof(packet_regular, lib_node)>(lib_node);
-}
-
-filter_list_data *entry_of(list_head *node)
-{
-	return record_of<filter_list_data, offsetof(filter_list_data, node)>(node);
-}
-
-/**
- * The link behind which a new fetch rule goes: the last of the leading run of
- * traps, or the head. A fetch-local rule at the head ends the run, and leaves it
- * as it was when it leaves: the run is looked at anew each time.
- */
-list_head *behind_traps(list_head *head)
-{
-	list_head *at = head;
-	for (packet_regular *listed : regulars_of(head)) {
-		if (listed->treatment != PACKET_TRAP)
-			break;
-		at = &listed->lib_node;
-	}
-	return at;
-}
-
-/*
- * Places. The list of rules grows at both ends and behind its leading traps: what
- * goes to the head gets a smaller number than all before it, what goes to the tail
- * a greater one, and a fetch rule behind a trap the trap's number, with a second
- * one that is smaller than that of older fetch rules behind the same trap. 64 bits
- * last for ever.
- */
-constexpr u64 kMiddle = 1ull << 62;
-
-rule_place head_place(u64 number)
-{
-	return { kMiddle - number, 0 };
-}
-
-rule_place tail_place(u64 number)
-{
-	return { kMiddle + number, 0 };
-}
-
-rule_place behind_place(const packet_regular *trap, u64 number)
-{
-	return { trap->place.high, ~number };
-}
-
-/**
- * Put the rule at its treatment's place among the library's rules. A value
- * beyond the known treatments goes where a fetch rule would.
- */
-void place_in_regulars(packet_regular *regular, packet_regular_lib *lib)
-	SEAM_REQUIRES(lib->change_lock)
-{
-	list_head *head = &lib->regulars;
-	const u64 number = ++lib->rules_entered;
-	list_head *at;
-
-	switch (regular->treatment) {
-	case PACKET_FETCH_LOCAL:
-	case PACKET_TRAP:
-		regular->place = head_place(number);
-		mox_packet_list_ins_head_safe(&regular->lib_node, head);
-		break;
-	case PACKET_COPY:
-	case PACKET_COPY_LOCAL:
-	case PACKET_TREATMENT_NONE:
-		regular->place = tail_place(number);
-		mox_packet_list_add_tail_safe(&regular->lib_node, head);
-		break;
-	default:
-		at = behind_traps(head);
-		regular->place = at == head ? head_place(number)
-					    : behind_place(regular_of(at), number);
-		mox_packet_list_ins_head_safe(&regular->lib_node, at);
-		break;
-	}
-}
-
-constexpr u64 kSpan = 1ull << 62;
-
-/** Places in an entry's lists: traps, then fetches, both newest first, then copies. */
-u64 place_among_copies(u32 treatment, u64 number)
-{
-	switch (treatment) {
-	case PACKET_TRAP:
-		return kSpan - number;
-	case PACKET_FETCH:
-		return 2 * kSpan - number;
-	default:
-		return 2 * kSpan + number;
-	}
-}
-
-/** Link the copy in its entry, at its treatment's place. Only indexed treatments are filed. */
-void place_in_entry(packet_regular *copy, u64 number)
-{
-	filter_list_data *entry = copy->entry;
-
-	copy->place = { place_among_copies(copy->treatment, number), 0 };
-	switch (copy->treatment) {
-	case PACKET_COPY:
-		mox_packet_list_add_tail_safe(&copy->lib_node, &entry->match_list);
-		break;
-	case PACKET_TRAP:
-		mox_packet_list_ins_head_safe(&copy->lib_node, &entry->match_list);
-		if (!entry->last_trap)
-			entry->last_trap = copy;
-		break;
-	case PACKET_FETCH:
-		mox_packet_list_ins_head_safe(&copy->lib_node, entry->last_trap
-								       ? &entry->last_trap->lib_node
-								       : &entry->match_list);
-		break;
-	case PACKET_COPY_LOCAL:
-		mox_packet_list_add_tail_safe(&copy->lib_node, &entry->local_match_list);
-		break;
-	case PACKET_FETCH_LOCAL:
-		mox_packet_list_ins_head_safe(&copy->lib_node, &entry->local_match_list);
-		break;
-	default:
-		break;
-	}
-}
 
 /** Copy an item; data and items for which there is no memory are left out. */
 void copy_item(const regular_item *from, packet_regular *copy)
@@ -360,36 +233,21 @@ void move_reports(const list_head *leaving, packet_regular_lib *lib) SEAM_REQUIR
 
 void free_copy(packet_regular *copy, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	filter_list_data *entry = copy->entry;
-
 	index_leave_copy(copy, lib);
 	if (copy->filed_at)
 		*copy->filed_at = nullptr;
-	if (entry->last_trap == copy) {
-		list_head *before = copy->lib_node.prev;
-		entry->last_trap = before == &entry->match_list ? nullptr : regular_of(before);
-	}
 	move_reports(&copy->lib_node, lib);
-	mox_packet_list_del_safe(&copy->lib_node);
+	leave_entry(copy);
 	pkt_free_regular_data(copy);
 }
 
 /** Take an entry out of the list of keys; its copies are still linked in it. */
 void unlink_entry(filter_list_data *entry, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
-	filter_list_data *&last = lib->last_entry[entry->type];
-
-	if (last == entry) {
-		list_head *before = entry->node.prev;
-		last = nullptr;
-		if (before != &lib->filter_list && entry_of(before)->type == entry->type)
-			last = entry_of(before);
-	}
 	if (entry->nameless)
 		lib->nameless--;
 	move_reports(&entry->node, lib);
-	pkt_del_filter_list_data(entry);
-	lib->filter_count--;
+	leave_filter_list(entry, lib);
 }
 
 /**
@@ -500,16 +358,6 @@ void remove_from_library(packet_regular *regular, packet_regular_lib *lib)
 
 } // namespace
 
-u64 rule_number(const packet_regular *rule)
-{
-	return rule->place.high > kMiddle ? rule->place.high - kMiddle : 0;
-}
-
-u64 copy_number(const packet_regular *copy)
-{
-	return copy->place.high > 2 * kSpan ? copy->place.high - 2 * kSpan : 0;
-}
-
 } // namespace mox
 
 using namespace mox;
@@ -521,19 +369,9 @@ filter_list_data *pkt_add_new_filter_data(u32 type, const void *value, packet_re
 	filter_list_data *entry = pkt_alloc_filter_list_data(type, value);
 	if (!entry)
 		return nullptr;
-	list_head *after = &lib->filter_list;
-	for (u32 lower = type + 1; lower-- > 0;) {
-		if (lib->last_entry[lower]) {
-			after = &lib->last_entry[lower]->node;
-			break;
-		}
-	}
-	mox_packet_list_ins_head_safe(&entry->node, after);
-	entry->place = ++lib->entries_made;
 	entry->nameless = !value && type_has_value(type);
 	lib->nameless += entry->nameless;
-	lib->last_entry[type] = entry;
-	lib->filter_count++;
+	place_in_filter_list(entry, lib);
 	return entry;
 }
 

@@ -36,15 +36,3 @@ const regular_data *pkt_search_data_in_regular_lib(const regular_data *data,
 						   const packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 }
-
-namespace mox {
-
-/*
- * The number of a rule, of those at the end of its library's list, or of a match
- * copy among those at the end of its key's: in the order of their entry. That of
- * others is 0.
- */
-u64 rule_number(const packet_regular *rule);
-u64 copy_number(const packet_regular *copy);
-
-} // namespace mox
