@@ -2,6 +2,7 @@
 #include "rules/edit.hpp"
 
 #include "base/errors.hpp"
+#include "base/list.hpp"
 #include "base/log.hpp"
 #include "rules/ranges.hpp"
 #include "rules/values.hpp"
@@ -60,7 +61,7 @@ void mox_packet_add_item_to_regular(regular_item *item, packet_regular *regular)
 
 void mox_packet_add_data_to_item(regular_data *data, regular_item *item)
 {
-	mox_packet_list_add_tail_safe(&data->node, &item->datas);
+	list_link(&data->node, item->datas.prev);
 	(void)ItemTree::insert(&item->root, data, ValueKey(data->type, data->value));
 	item->count++;
 }

@@ -218,16 +218,15 @@ list_head *copies_of(filter_list_data *entry, u32 treatment)
 	return treatment_local(treatment) ? &entry->local_match_list : &entry->match_list;
 }
 
-/** Let reports that are at a link that leaves its list go on behind it. */
-void move_reports(const list_head *leaving, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+/** Move the reports that are at a link of a list of this kind, which leaves it, to the next one. */
+void move_reports(lib_reading kind, const list_head *leaving, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
 {
 	for (lib_report &report : lib->reports) {
-		for (u32 number = 0; number < LIB_READINGS; number++) {
-			if (report.next[number] != leaving)
-				continue;
-			report.next[number] = leaving->next;
-			report.moved |= 1u << number;
-		}
+		if (report.next[kind] != leaving)
+			continue;
+		report.next[kind] = leaving->next;
+		report.moved |= 1u << kind;
 	}
 }
 
@@ -236,7 +235,7 @@ void free_copy(packet_regular *copy, packet_regular_lib *lib) SEAM_REQUIRES(lib-
 	index_leave_copy(copy, lib);
 	if (copy->filed_at)
 		*copy->filed_at = nullptr;
-	move_reports(&copy->lib_node, lib);
+	move_reports(LIB_READS_COPY, &copy->lib_node, lib);
 	leave_entry(copy);
 	pkt_free_regular_data(copy);
 }
@@ -246,7 +245,7 @@ void unlink_entry(filter_list_data *entry, packet_regular_lib *lib) SEAM_REQUIRE
 {
 	if (entry->nameless)
 		lib->nameless--;
-	move_reports(&entry->node, lib);
+	move_reports(LIB_READS_KEY, &entry->node, lib);
 	leave_filter_list(entry, lib);
 }
 
@@ -349,7 +348,7 @@ void remove_from_library(packet_regular *regular, packet_regular_lib *lib)
 	/* The caller's running flag guarantees that the rule is listed. */
 	store(lib->regular_count, lib->regular_count - 1);
 	index_leave_rule(regular, lib);
-	move_reports(&regular->lib_node, lib);
+	move_reports(LIB_READS_RULE, &regular->lib_node, lib);
 	mox_packet_list_del_safe(&regular->lib_node);
 	list_init(&regular->lib_node);
 	for (regular_item *item : items_of(regular))

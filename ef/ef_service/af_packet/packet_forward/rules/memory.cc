@@ -252,7 +252,7 @@ void pkt_free_filter_list_data(filter_list_data *entry)
 
 void pkt_del_filter_list_data(filter_list_data *entry)
 {
-	mox_packet_list_del_safe(&entry->node);
+	list_unlink(&entry->node);
 }
 
 packet_regular *pkt_alloc_regular_data(void)

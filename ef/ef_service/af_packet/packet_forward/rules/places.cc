@@ -107,23 +107,22 @@ void place_in_entry(packet_regular *copy, u64 number)
 	copy->place = { place_among_copies(copy->treatment, number), 0 };
 	switch (copy->treatment) {
 	case PACKET_COPY:
-		mox_packet_list_add_tail_safe(&copy->lib_node, &entry->match_list);
+		list_link(&copy->lib_node, entry->match_list.prev);
 		break;
 	case PACKET_TRAP:
-		mox_packet_list_ins_head_safe(&copy->lib_node, &entry->match_list);
+		list_link(&copy->lib_node, &entry->match_list);
 		if (!entry->last_trap)
 			entry->last_trap = copy;
 		break;
 	case PACKET_FETCH:
-		mox_packet_list_ins_head_safe(&copy->lib_node, entry->last_trap
-								       ? &entry->last_trap->lib_node
-								       : &entry->match_list);
+		list_link(&copy->lib_node,
+			  entry->last_trap ? &entry->last_trap->lib_node : &entry->match_list);
 		break;
 	case PACKET_COPY_LOCAL:
-		mox_packet_list_add_tail_safe(&copy->lib_node, &entry->local_match_list);
+		list_link(&copy->lib_node, entry->local_match_list.prev);
 		break;
 	case PACKET_FETCH_LOCAL:
-		mox_packet_list_ins_head_safe(&copy->lib_node, &entry->local_match_list);
+		list_link(&copy->lib_node, &entry->local_match_list);
 		break;
 	default:
 		break;
@@ -138,7 +137,7 @@ void leave_entry(packet_regular *copy)
 		list_head *before = copy->lib_node.prev;
 		entry->last_trap = before == &entry->match_list ? nullptr : regular_of(before);
 	}
-	mox_packet_list_del_safe(&copy->lib_node);
+	list_unlink(&copy->lib_node);
 }
 
 void place_in_filter_list(filter_list_data *entry, packet_regular_lib *lib)
@@ -151,7 +150,7 @@ void place_in_filter_list(filter_list_data *entry, packet_regular_lib *lib)
 			break;
 		}
 	}
-	mox_packet_list_ins_head_safe(&entry->node, after);
+	list_link(&entry->node, after);
 	entry->place = ++lib->entries_made;
 	lib->last_entry[entry->type] = entry;
 	lib->filter_count++;
