@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
 // Places in the lists of a library, and the numbers that compare as the lists are ordered.
-#include "rules/index.hpp"
 #include "rules/places.hpp"
 #include "rules_fixture.h"
 

@@ -427,24 +427,6 @@ void index_choose_seeds()
 			slot = seam_random();
 }
 
-bool rule_before(const packet_regular *rule, const packet_regular *other)
-{
-	if (rule->place.high != other->place.high)
-		return rule->place.high < other->place.high;
-	return rule->place.low < other->place.low;
-}
-
-bool key_before(const filter_list_data *key, const filter_list_data *other)
-{
-	return key->type != other->type ? key->type < other->type : key->place < other->place;
-}
-
-bool copy_before(const packet_regular *copy, const packet_regular *other)
-{
-	return copy->entry == other->entry ? copy->place.high < other->place.high
-					   : key_before(copy->entry, other->entry);
-}
-
 void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
 {
 	FilterBuckets set(&lib->filter, lib->filter_buckets);

@@ -14,6 +14,7 @@
 
 #include "base/sync.hpp"
 #include "locations/table.hpp"
+#include "rules/places.hpp"
 #include "rules/value.hpp"
 
 namespace mox {
@@ -70,11 +71,6 @@ inline u32 index_hash(u32 view, u32 slot, const Value &value)
 	return value.low * g_index_seeds.low + value.high * g_index_seeds.high +
 	       g_index_seeds.slot[view][slot];
 }
-
-/** Whether a key, a match copy, or a rule, comes before another one in the order of its library. */
-bool key_before(const filter_list_data *key, const filter_list_data *other);
-bool copy_before(const packet_regular *copy, const packet_regular *other);
-bool rule_before(const packet_regular *rule, const packet_regular *other);
 
 /**
  * Anchor a match copy, whose entry and place are set, or undo that. The change

@@ -33,6 +33,25 @@ void place_in_filter_list(filter_list_data *entry, packet_regular_lib *lib)
 void leave_filter_list(filter_list_data *entry, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 
+/** Whether a key, a match copy, or a rule, comes before another one in the order of its library. */
+inline bool key_before(const filter_list_data *key, const filter_list_data *other)
+{
+	return key->type != other->type ? key->type < other->type : key->place < other->place;
+}
+
+inline bool copy_before(const packet_regular *copy, const packet_regular *other)
+{
+	return copy->entry == other->entry ? copy->place.high < other->place.high
+					   : key_before(copy->entry, other->entry);
+}
+
+inline bool rule_before(const packet_regular *rule, const packet_regular *other)
+{
+	if (rule->place.high != other->place.high)
+		return rule->place.high < other->place.high;
+	return rule->place.low < other->place.low;
+}
+
 /**
  * The number of a rule, of those at the end of its library's list, or of a match
  * copy among those at the end of its key's: in the order of their entry. That of
