@@ -66,4 +66,83 @@ TEST_F(Filing, locking__changes_happen_under_the_write_lock_hooks_register_outsi
 	EXPECT_EQ(under_lock, (std::vector<bool>{ false, false }));
 }
 
+// Anchors in the buckets of a library's hooks.
+u32 anchors_of(const packet_regular_lib *lib)
+{
+	u32 count = 0;
+	for (const rule_anchor *at : lib->filter_buckets)
+		for (; at; at = at->next)
+			count++;
+	return count;
+}
+
+TEST_F(Filing, locking__a_hold_changes_at_most_64_anchors)
+{
+	struct {
+		u32 values;  // of the key
+		u32 further; // values of a second item, under which copies are anchored
+		u32 holds;   // of the library lock, for each way
+	} const rows[] = {
+		{ 1, 0, 1 },
+		{ 63, 0, 1 },
+		{ 64, 0, 1 },
+		{ 65, 0, 2 },
+		{ 128, 0, 2 },
+		{ 200, 0, 4 },
+		{ 2000, 0, 32 },
+		// With a second item each copy may be anchored by that, or by its key.
+		{ 100, 1, 0 },
+		// A copy has more anchors than a hold may change.
+		{ 2, 100, 0 },
+	};
+	for (auto &row : rows) {
+		SCOPED_TRACE(row.values);
+		Rule rule(kLoc, PACKET_COPY);
+		for (u32 n = 0; n < row.values; n++)
+			rule.data(PACKET_SRC_MAC_EQUAL, { 2, 0, u8(n >> 8), u8(n) });
+		for (u32 n = 0; n < row.further; n++)
+			rule.data(PACKET_IPv4_DEST_PORT_EQUAL, { 1, u8(n) });
+		u32 before = 0, holds = 0, most = 0;
+		kernel().at.watch(Point::kLock, [&](const void *lock) {
+			if (lock == &lib->lock)
+				before = anchors_of(lib);
+		});
+		kernel().at.watch(Point::kUnlock, [&](const void *lock) {
+			if (lock != &lib->lock)
+				return;
+			const u32 after = anchors_of(lib);
+			most = std::max(most, after > before ? after - before : before - after);
+			holds++;
+		});
+		rule.add();
+		EXPECT_GE(anchors_of(lib), row.values);
+		EXPECT_EQ(row.holds ? holds : 0, row.holds);
+		holds = 0;
+		rule.remove();
+		EXPECT_EQ(anchors_of(lib), 0u);
+		EXPECT_EQ(row.holds ? holds : 0, row.holds);
+		EXPECT_GT(most, 0u);
+		EXPECT_LE(most, 64u);
+		kernel().at.clear();
+	}
+}
+
+// A copy that memory was short for is missing; those before and after it in its group are not.
+TEST_F(Filing, no_memory__copies_of_a_group)
+{
+	for (Fail call : { Fail::kEntryAlloc, Fail::kCopyAlloc })
+		for (int nth : { 1, 2, 63, 64, 65, 128, 129, 130 }) {
+			SCOPED_TRACE(nth);
+			Rule rule(kLoc, PACKET_COPY);
+			for (u32 n = 0; n < 130; n++)
+				rule.data(PACKET_SRC_MAC_EQUAL, { 2, 0, u8(n) });
+			kernel().fail(call, nth);
+			rule.add();
+			EXPECT_EQ(anchors_of(lib), 129u);
+			verify(lib);
+			rule.remove();
+			EXPECT_EQ(anchors_of(lib), 0u);
+		}
+}
+
 } // namespace

@@ -45,11 +45,22 @@ public:
 
 	void link(rule_anchor *anchor, packet_regular *rule, u32 view, const Spot &spot)
 	{
+		fill(anchor, rule, view, spot);
+		link_filled(anchor);
+	}
+
+	/** The part of link() that needs no lock: no bucket has the anchor yet. */
+	static void fill(rule_anchor *anchor, packet_regular *rule, u32 view, const Spot &spot)
+	{
 		anchor->hash = index_hash(view, spot.slot, spot.value);
 		anchor->spot = view * kSlots + spot.slot;
 		anchor->low = spot.value.low;
 		anchor->high = spot.value.high;
 		anchor->rule = rule;
+	}
+
+	void link_filled(rule_anchor *anchor)
+	{
 		rule_anchor **head = &heads_[bucket(anchor->hash)];
 		rule_anchor *first = *head;
 		if (!first) {
@@ -59,8 +70,10 @@ public:
 		} else {
 			insert_sorted(head, first, anchor);
 		}
-		if (index_->anchors[anchor->spot]++ == 0)
-			set_present(view, index_->present[view] | 1u << spot.slot);
+		if (index_->anchors[anchor->spot]++ != 0)
+			return;
+		u32 view = anchor->spot / kSlots;
+		set_present(view, index_->present[view] | 1u << anchor->spot % kSlots);
 	}
 
 	void unlink(rule_anchor *anchor)

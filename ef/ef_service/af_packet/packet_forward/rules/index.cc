@@ -11,8 +11,6 @@ constinit IndexSeeds g_index_seeds{};
 
 namespace {
 
-/* Anchors that are linked or unlinked while the library lock is held once. */
-constexpr u32 kAnchorsOfHold = 64;
 /* An item with more values is anchored only where it is the less crowded one. */
 constexpr u32 kFewValues = 4;
 
@@ -297,6 +295,14 @@ bool has_many_keys(const packet_regular *copy)
 	return false;
 }
 
+/** The copy that is filed under a datum, if it is anchored by its key. */
+packet_regular *anchored_copy(list_head *node)
+{
+	packet_regular *copy = record_of<regular_data, offsetof(regular_data, node)>(node)->filed;
+
+	return copy && copy->anchor.prev ? copy : nullptr;
+}
+
 /** A rule or a copy that is not anchored yet. */
 void prepare(packet_regular *rule)
 {
@@ -315,10 +321,10 @@ void index_choose_seeds()
 			slot = seam_random();
 }
 
-void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
+void CopyAnchors::enter_copy(packet_regular *copy)
 {
-	FilterBuckets set(&lib->filter, lib->filter_buckets);
-	const bool wlan = is_wlan(lib);
+	FilterBuckets set(&lib_->filter, lib_->filter_buckets);
+	const bool wlan = is_wlan(lib_);
 	const u32 view = view_of(copy->location);
 
 	prepare(copy);
@@ -329,13 +335,59 @@ void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
 	if (key.slot == kSlotNever)
 		return;
 	/* With one condition there is no choice. */
-	if (list_empty(&copy->items) || (key.slot != kSlotAlways && has_many_keys(copy))) {
-		enter<HookGuard>(set, copy, lib, { nullptr, false, key, 0, 0, true });
-		return;
+	if (!list_empty(&copy->items) && (key.slot == kSlotAlways || !has_many_keys(copy))) {
+		Choice best = choice_of_spot(set, view, key, nullptr);
+		if (!choose(set, copy, view, wlan, &best))
+			return;
+		if (best.item) {
+			enter<HookGuard>(set, copy, lib_, best);
+			return;
+		}
 	}
-	Choice best = choice_of_spot(set, view, key, nullptr);
-	if (choose(set, copy, view, wlan, &best))
-		enter<HookGuard>(set, copy, lib, best);
+	copy->digest = digest_of(copy);
+	rule_anchor *anchor = &copy->anchor;
+	FilterBuckets::fill(anchor, copy, view, key);
+	anchor->next = first_;
+	first_ = anchor;
+	if (++count_ == kAnchorsOfHold)
+		link_all();
+}
+
+void CopyAnchors::link_all()
+{
+	FilterBuckets set(&lib_->filter, lib_->filter_buckets);
+
+	if (!first_)
+		return;
+	HookGuard guard(lib_);
+	while (rule_anchor *anchor = first_) {
+		first_ = anchor->next;
+		set.link_filled(anchor);
+	}
+	count_ = 0;
+}
+
+list_head *index_leave_copies(regular_item *item, list_head *from, packet_regular_lib *lib)
+{
+	FilterBuckets set(&lib->filter, lib->filter_buckets);
+	list_head *at = from;
+	u32 n = 0;
+
+	/* No lock for data without anchored copies. */
+	while (n < kAnchorsOfHold && at != &item->datas && !anchored_copy(at)) {
+		at = at->next;
+		n++;
+	}
+	if (n == kAnchorsOfHold || at == &item->datas)
+		return at;
+	HookGuard guard(lib);
+	for (; n < kAnchorsOfHold && at != &item->datas; at = at->next, n++) {
+		if (packet_regular *copy = anchored_copy(at)) {
+			set.unlink(&copy->anchor);
+			copy->anchored = nullptr;
+		}
+	}
+	return at;
 }
 
 void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)

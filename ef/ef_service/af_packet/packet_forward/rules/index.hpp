@@ -72,16 +72,41 @@ inline u32 index_hash(u32 view, u32 slot, const Value &value)
 	       g_index_seeds.slot[view][slot];
 }
 
+/** Anchors that are linked or unlinked while the library lock is held once. */
+inline constexpr u32 kAnchorsOfHold = 64;
+
 /**
- * Anchor a match copy, whose entry and place are set, or undo that. The change
- * lock is held; the library lock is taken for some values at a time. May sleep.
+ * Anchors match copies, some of them while the library lock is held once: hooks find
+ * a copy no later than the object's end. The change lock is held as long as the
+ * object lives. May sleep.
  */
-void index_enter_copy(packet_regular *copy, packet_regular_lib *lib)
-	SEAM_REQUIRES(lib->change_lock);
+class CopyAnchors : Pinned {
+public:
+	explicit CopyAnchors(packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock) : lib_(lib) {}
+	~CopyAnchors() { link_all(); }
+
+	/** Anchor a copy whose entry and place are set. It stays in the library meanwhile. */
+	void enter_copy(packet_regular *copy);
+
+private:
+	void link_all();
+
+	packet_regular_lib *lib_;
+	rule_anchor *first_ = nullptr; /* of those to be linked, by next */
+	u32 count_ = 0;
+};
+
+/** Undo the anchoring of a copy. May sleep. */
 void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
+/**
+ * The same for the copies that are filed under the data of an item, from one's link
+ * on, with one hold of the library lock: the link at which the next call goes on.
+ */
+list_head *index_leave_copies(regular_item *item, list_head *from, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
 
-/** The same for a rule that is linked among the library's rules. May sleep. */
+/** Anchor a rule that is linked among the library's rules, or undo that. May sleep. */
 void index_enter_rule(packet_regular *rule, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 void index_leave_rule(packet_regular *rule, packet_regular_lib *lib)

@@ -66,7 +66,7 @@ packet_regular *copy_rule(const packet_regular *regular)
  * rule keeps its copy, or null. Nothing without memory.
  */
 void file_copy(const packet_regular *regular, filter_list_data *entry, packet_regular **filed,
-	       packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+	       CopyAnchors &anchors, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
 {
 	packet_regular *copy = copy_rule(regular);
 	if (!copy)
@@ -76,7 +76,7 @@ void file_copy(const packet_regular *regular, filter_list_data *entry, packet_re
 	if (filed)
 		*filed = copy;
 	place_in_entry(copy, lib->rules_entered);
-	index_enter_copy(copy, lib);
+	anchors.enter_copy(copy);
 }
 
 /** Whether values of a type are compared; all values of the others are equal. */
@@ -108,7 +108,8 @@ filter_list_data *find_entry(u32 type, const void *value, const regular_data *da
  * keeps its copy. False without memory for the entry.
  */
 bool file_under(const packet_regular *regular, u32 type, const void *value, regular_data *datum,
-		packet_regular **filed, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
+		packet_regular **filed, CopyAnchors &anchors, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
 {
 	filter_list_data *entry = find_entry(type, value, datum, lib);
 	if (entry) {
@@ -122,7 +123,7 @@ bool file_under(const packet_regular *regular, u32 type, const void *value, regu
 		if (datum)
 			datum->entry = entry;
 	}
-	file_copy(regular, entry, filed, lib);
+	file_copy(regular, entry, filed, anchors, lib);
 	return true;
 }
 
@@ -141,11 +142,12 @@ void enter_values(regular_item *item, packet_regular_lib *lib) SEAM_REQUIRES(lib
 void file_under_values(packet_regular *regular, regular_item *item, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock)
 {
+	CopyAnchors anchors(lib);
 	Pauses pauses;
 
 	for (regular_data *datum : datas_of(item)) {
 		file_under(regular, datum->type, datum->value, library_value_enter(datum, lib),
-			   &datum->filed, lib);
+			   &datum->filed, anchors, lib);
 		pauses.step();
 	}
 }
@@ -161,9 +163,11 @@ void index_regular(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIR
 	for (regular_item *item : items_of(regular)) {
 		list_link(&item->lib_node, &lib->items[item->type]);
 		if (mox_packet_item_empty(item)) {
-			if (!filed)
-				filed = file_under(regular, item->type, nullptr, nullptr,
-						   &regular->filed, lib);
+			if (filed)
+				continue;
+			CopyAnchors anchors(lib);
+			filed = file_under(regular, item->type, nullptr, nullptr, &regular->filed,
+					   anchors, lib);
 		} else if (filed || !type_is_key(item->type)) {
 			enter_values(item, lib);
 		} else {
@@ -317,6 +321,10 @@ void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_l
 	SEAM_REQUIRES(lib->change_lock)
 {
 	const bool indexed = treatment_indexed(regular->treatment);
+	/* With nameless keys a copy may stay that is filed under a value. */
+	const bool in_groups = indexed && lib->nameless == 0;
+	/* Hooks find no copies of the data before this one any more. */
+	list_head *anchored = item->datas.next;
 	Pauses pauses;
 
 	if (indexed)
@@ -328,6 +336,8 @@ void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_l
 	}
 	for (regular_data *datum : datas_of(item)) {
 		pauses.step();
+		if (in_groups && anchored == &datum->node)
+			anchored = index_leave_copies(item, anchored, lib);
 		ValueLeft left{};
 		if (indexed)
 			left = library_value_leave(datum, lib);
@@ -377,7 +387,10 @@ filter_list_data *pkt_add_new_filter_data(u32 type, const void *value, packet_re
 void pkt_add_regular_to_match_list(const packet_regular *regular,
 				   filter_list_data *entry) SEAM_NO_THREAD_SAFETY_ANALYSIS
 {
-	file_copy(regular, entry, nullptr, location_library(regular->location));
+	packet_regular_lib *lib = location_library(regular->location);
+	CopyAnchors anchors(lib);
+
+	file_copy(regular, entry, nullptr, anchors, lib);
 }
 
 filter_list_data *pkt_search_data_from_filter_list(u32 type, const void *value,
