@@ -125,6 +125,93 @@ TEST_F(Values, library__sorted_values_make_no_deep_tree)
 	EXPECT_EQ(lib->values[PACKET_SRC_INTF_EQUAL], nullptr);
 }
 
+// An item with few others enters and leaves as a whole tree; the result is the same.
+TEST_F(Values, library__items_with_few_and_with_many_others)
+{
+	struct {
+		u32 own, others, each; // data of the item; other items, and the data of each
+		bool few;
+	} const rows[] = {
+		{ 1, 0, 0, true },     { 300, 0, 0, true },   { 1, 1, 1, false },
+		{ 7, 1, 1, false },    { 8, 1, 1, true },     { 8, 1, 2, false },
+		{ 100, 12, 1, true },  { 100, 13, 1, false }, { 100, 1, 24, true },
+		{ 100, 1, 25, false }, { 1000, 50, 4, true }, { 300, 3, 300, false },
+	};
+	const u32 type = PACKET_SRC_INTF_EQUAL;
+	std::mt19937 rng(7);
+	for (auto &row : rows)
+		for (u32 range : { 1u, 2u, 1000000u }) {
+			SCOPED_TRACE(testing::Message() << row.own << " " << row.others << " of "
+							<< row.each << " range " << range);
+			auto number = [](u32 n) {
+				return std::vector<u8>{ u8(n), u8(n >> 8), u8(n >> 16), 0 };
+			};
+			// Of the own values, of those and as many more, or of any.
+			const u32 last = range > 2 ? range : std::max(row.own, row.each) * range;
+			Rule own(PACKET_IPv6_LOC, PACKET_COPY, 1);
+			std::set<u32> own_values, other_values;
+			for (u32 n = 0; n < row.own; n++)
+				own_values.insert(n);
+			for (u32 n : own_values)
+				own.data(type, number(n));
+			std::vector<std::unique_ptr<Rule>> others;
+			for (u32 n = 0; n < row.others; n++) {
+				others.push_back(
+					std::make_unique<Rule>(PACKET_IPv6_LOC, PACKET_TRAP, 2));
+				std::set<u32> values;
+				while (values.size() < row.each)
+					values.insert(rng() % last);
+				for (u32 value : values)
+					others.back()->data(type, number(value));
+				other_values.insert(values.begin(), values.end());
+			}
+			std::set<u32> all = own_values;
+			all.insert(other_values.begin(), other_values.end());
+			const regular_item *item = mox_packet_search_item_from_regular(
+				type, &own.regular());
+			auto expect = [&](const std::set<u32> &values) {
+				verify_index(lib);
+				EXPECT_EQ(size(lib->values[type]), values.size());
+				EXPECT_EQ(lib->filter_count, values.size());
+				for (const filter_list_data *key : entries_of(&lib->filter_list)) {
+					Hold hold(lib);
+					const regular_data *stands = library_value(type, key->value,
+										   lib);
+					ASSERT_NE(stands, nullptr);
+					EXPECT_EQ(stands->entry, key);
+				}
+			};
+			// The item is the last that enters and the first that leaves, then the others are.
+			for (auto &other : others)
+				other->add();
+			{
+				Hold hold(lib);
+				EXPECT_EQ(library_values_few_others(item, lib), row.few);
+			}
+			own.add();
+			expect(all);
+			own.remove();
+			expect(other_values);
+			for (auto &other : others)
+				other->remove();
+			own.add();
+			expect(own_values);
+			for (auto &other : others)
+				other->add();
+			expect(all);
+			own.remove();
+			expect(other_values);
+			own.add();
+			for (auto &other : others)
+				other->remove();
+			expect(own_values);
+			own.remove();
+			expect({});
+			if (HasFailure())
+				return;
+		}
+}
+
 TEST_F(Values, item__finds_what_was_added_and_not_what_was_deleted)
 {
 	Rule rule(PACKET_NONE_LOC, PACKET_COPY);

@@ -132,6 +132,10 @@ void enter_values(regular_item *item, packet_regular_lib *lib) SEAM_REQUIRES(lib
 {
 	Pauses pauses;
 
+	if (library_values_few_others(item, lib)) {
+		library_values_adopt(item, lib);
+		return;
+	}
 	for (regular_data *datum : datas_of(item)) {
 		library_value_enter(datum, lib);
 		pauses.step();
@@ -142,12 +146,15 @@ void enter_values(regular_item *item, packet_regular_lib *lib) SEAM_REQUIRES(lib
 void file_under_values(packet_regular *regular, regular_item *item, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock)
 {
+	const bool adopted = library_values_few_others(item, lib);
 	CopyAnchors anchors(lib);
 	Pauses pauses;
 
+	if (adopted)
+		library_values_adopt(item, lib);
 	for (regular_data *datum : datas_of(item)) {
-		file_under(regular, datum->type, datum->value, library_value_enter(datum, lib),
-			   &datum->filed, anchors, lib);
+		regular_data *stands = adopted ? datum : library_value_enter(datum, lib);
+		file_under(regular, datum->type, datum->value, stands, &datum->filed, anchors, lib);
 		pauses.step();
 	}
 }
@@ -334,15 +341,18 @@ void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_l
 			     !list_empty(&lib->items[item->type]), kItemTexts, lib);
 		return;
 	}
+	const bool together = indexed && library_values_few_others(item, lib);
 	for (regular_data *datum : datas_of(item)) {
 		pauses.step();
 		if (in_groups && anchored == &datum->node)
 			anchored = index_leave_copies(item, anchored, lib);
 		ValueLeft left{};
-		if (indexed)
-			left = library_value_leave(datum, lib);
-		else
+		if (!indexed)
 			left.other = library_value(datum->type, datum->value, lib);
+		else if (together && list_empty(&datum->equals))
+			left.entry = datum->entry;
+		else
+			left = library_value_leave(datum, lib);
 		if (!type_is_key(item->type))
 			continue;
 		filter_list_data *entry = left.other ? left.other->entry : left.entry;
@@ -350,6 +360,8 @@ void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_l
 			entry = find_entry(item->type, datum->value, nullptr, lib);
 		withdraw_key(regular, entry, datum->filed, left.other != nullptr, kDataTexts, lib);
 	}
+	if (together)
+		library_values_drop(item, lib);
 }
 
 void remove_from_library(packet_regular *regular, packet_regular_lib *lib)

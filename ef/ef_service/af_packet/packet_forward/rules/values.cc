@@ -1,9 +1,33 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "rules/values.hpp"
 
-#include "base/list.hpp"
+#include "rules/pauses.hpp"
+#include "rules/ranges.hpp"
 
 namespace mox {
+namespace {
+
+/* An item has few others if they have at most one of so many of its own data. */
+constexpr u32 kFewOthers = 4;
+
+auto items_of_type(list_head *items)
+{
+	return ListRange<regular_item, offsetof(regular_item, lib_node)>(items);
+}
+
+ValueKey key_of(const regular_data *datum)
+{
+	return { datum->type, datum->value };
+}
+
+/** A datum that was entered later takes the place of the one that stood for its equals. */
+void replace(regular_data *stood, regular_data *stands)
+{
+	list_link(&stands->equals, &stood->equals);
+	stands->entry = stood->entry;
+}
+
+} // namespace
 
 regular_data *library_value(u32 type, const void *value, const packet_regular_lib *lib)
 {
@@ -41,6 +65,66 @@ ValueLeft library_value_leave(regular_data *datum, packet_regular_lib *lib)
 	equal->entry = datum->entry;
 	(void)LibraryTree::insert(root, equal, key);
 	return { equal, equal->entry };
+}
+
+bool library_values_few_others(const regular_item *item, const packet_regular_lib *lib)
+{
+	const list_head *items = &lib->items[item->type];
+	Pauses pauses;
+	u32 others = 0;
+
+	for (const list_head *at = items->next; at != items; at = at->next) {
+		if (at == &item->lib_node)
+			continue;
+		others +=
+			1 +
+			record_of<const regular_item, offsetof(regular_item, lib_node)>(at)->count;
+		if (others > item->count / kFewOthers)
+			return false;
+		pauses.step();
+	}
+	return true;
+}
+
+void library_values_adopt(regular_item *item, packet_regular_lib *lib)
+{
+	regular_data **root = &lib->values[item->type];
+	regular_data *others = *root;
+	Pauses pauses;
+
+	/* Priorities are the same in all trees: so is the shape of a tree of the same data. */
+	for (regular_data *datum : datas_of(item)) {
+		list_init(&datum->equals);
+		datum->entry = nullptr;
+		datum->lib = datum->item;
+		pauses.step();
+	}
+	*root = item->root;
+	while (regular_data *other = others) {
+		LibraryTree::erase(&others, other, key_of(other));
+		if (regular_data *equal = LibraryTree::insert(root, other, key_of(other)))
+			replace(other, equal);
+		pauses.step();
+	}
+}
+
+void library_values_drop(const regular_item *item, packet_regular_lib *lib)
+{
+	regular_data *old = lib->values[item->type];
+	regular_data *root = nullptr;
+	Pauses pauses;
+
+	for (regular_item *other : items_of_type(&lib->items[item->type])) {
+		for (regular_data *datum : datas_of(other)) {
+			pauses.step();
+			if (!list_empty(&datum->equals) &&
+			    LibraryTree::find(old, key_of(datum)) != datum)
+				continue;
+			LibraryTree::erase(&old, datum, key_of(datum));
+			(void)LibraryTree::insert(&root, datum, key_of(datum));
+		}
+	}
+	lib->values[item->type] = root;
 }
 
 } // namespace mox

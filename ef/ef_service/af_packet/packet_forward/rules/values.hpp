@@ -70,4 +70,26 @@ struct ValueLeft {
 ValueLeft library_value_leave(regular_data *datum, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 
+/**
+ * Whether an item has far more data than all other items of its type in the library.
+ * Then the tree changes hands as a whole, and only the others' data are searched for:
+ * less work than for each of the item's own. May sleep.
+ */
+bool library_values_few_others(const regular_item *item, const packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+
+/**
+ * Enter all data of an item that has few others. Each of them stands for itself and
+ * its equals. May sleep.
+ */
+void library_values_adopt(regular_item *item, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+
+/**
+ * Take all data without equals of an item that has few others, and is no more among
+ * the library's items, out of the values; those with equals have left. May sleep.
+ */
+void library_values_drop(const regular_item *item, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock);
+
 } // namespace mox
