@@ -102,7 +102,7 @@ private:
 	{
 		rule_anchor *front = first;
 		rule_anchor *back = first->prev;
-		while (Before(anchor->rule, back->rule)) {
+		while (anchor->rule != back->rule && Before(anchor->rule, back->rule)) {
 			if (Before(anchor->rule, front->rule)) {
 				back = front == first ? nullptr : front->prev;
 				break;

@@ -264,8 +264,12 @@ void enter(Set set, packet_regular *rule, packet_regular_lib *lib, const Choice 
 		return;
 	}
 	const u32 type = choice.item->type;
-	for_all_values<Guard>(lib, choice.item, [&](regular_data *datum) {
-		Spot spot = item_spot(type, rule_value(type, datum->value), wlan);
+	/* Of most types each value has the type's own slot. */
+	const bool special = type_has_wildcard(type) || type == PACKET_ICMPV6_TYPE_EQUAL;
+	for_all_values<Guard>(lib, choice.item, [=, &set](regular_data *datum) {
+		Spot spot{ type, rule_value(type, datum->value) };
+		if (special)
+			spot = item_spot(type, spot.value, wlan);
 		if (spot.slot != kSlotNever)
 			set.link(&datum->anchor, rule, view, spot);
 	});
@@ -310,6 +314,28 @@ void prepare(packet_regular *rule)
 	rule->anchor.prev = nullptr;
 }
 
+/**
+ * Whether a copy with further conditions is anchored by its key; sets its digest. If
+ * not, it is anchored by one of these, or no frame satisfies it.
+ */
+[[gnu::noinline]] bool better_by_key(packet_regular *copy, u32 view, const Spot &key,
+				     packet_regular_lib *lib)
+{
+	FilterBuckets set(&lib->filter, lib->filter_buckets);
+
+	if (key.slot == kSlotAlways || !has_many_keys(copy)) {
+		Choice best = choice_of_spot(set, view, key, nullptr);
+		if (!choose(set, copy, view, is_wlan(lib), &best))
+			return false;
+		if (best.item) {
+			enter<HookGuard>(set, copy, lib, best);
+			return false;
+		}
+	}
+	copy->digest = digest_of(copy);
+	return true;
+}
+
 } // namespace
 
 void index_choose_seeds()
@@ -323,28 +349,19 @@ void index_choose_seeds()
 
 void CopyAnchors::enter_copy(packet_regular *copy)
 {
-	FilterBuckets set(&lib_->filter, lib_->filter_buckets);
-	const bool wlan = is_wlan(lib_);
 	const u32 view = view_of(copy->location);
 
 	prepare(copy);
 	/* Local treatments never answer a hook. */
 	if (treatment_local(copy->treatment))
 		return;
-	Spot key = key_spot(*copy->entry, wlan);
+	Spot key = key_spot(*copy->entry, is_wlan(lib_));
 	if (key.slot == kSlotNever)
 		return;
+	copy->digest = {};
 	/* With one condition there is no choice. */
-	if (!list_empty(&copy->items) && (key.slot == kSlotAlways || !has_many_keys(copy))) {
-		Choice best = choice_of_spot(set, view, key, nullptr);
-		if (!choose(set, copy, view, wlan, &best))
-			return;
-		if (best.item) {
-			enter<HookGuard>(set, copy, lib_, best);
-			return;
-		}
-	}
-	copy->digest = digest_of(copy);
+	if (!list_empty(&copy->items) && !better_by_key(copy, view, key, lib_))
+		return;
 	rule_anchor *anchor = &copy->anchor;
 	FilterBuckets::fill(anchor, copy, view, key);
 	anchor->next = first_;
@@ -390,7 +407,7 @@ list_head *index_leave_copies(regular_item *item, list_head *from, packet_regula
 	return at;
 }
 
-void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)
+void index_leave_anchored(packet_regular *copy, packet_regular_lib *lib)
 {
 	leave<HookGuard>(FilterBuckets(&lib->filter, lib->filter_buckets), copy, lib);
 }

@@ -96,9 +96,16 @@ private:
 	u32 count_ = 0;
 };
 
-/** Undo the anchoring of a copy. May sleep. */
-void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)
+/** Undo the anchoring of a copy that is anchored. May sleep. */
+void index_leave_anchored(packet_regular *copy, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
+/** The same for any copy. */
+inline void index_leave_copy(packet_regular *copy, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
+{
+	if (copy->anchor.prev || copy->anchored)
+		index_leave_anchored(copy, lib);
+}
 /**
  * The same for the copies that are filed under the data of an item, from one's link
  * on, with one hold of the library lock: the link at which the next call goes on.

@@ -318,8 +318,10 @@ void withdraw_key(const packet_regular *regular, filter_list_data *entry, packet
 		MOX_DEBUG("%s", texts.last_copy);
 		free_copy(copy, lib);
 	}
-	abandon_copies(&entry->match_list, lib);
-	abandon_copies(&entry->local_match_list, lib);
+	if (!list_empty(&entry->match_list))
+		abandon_copies(&entry->match_list, lib);
+	if (!list_empty(&entry->local_match_list))
+		abandon_copies(&entry->local_match_list, lib);
 	pkt_free_filter_list_data(entry);
 }
 
@@ -341,6 +343,8 @@ void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_l
 			     !list_empty(&lib->items[item->type]), kItemTexts, lib);
 		return;
 	}
+	const bool key = type_is_key(item->type);
+	const bool valued = type_has_value(item->type);
 	const bool together = indexed && library_values_few_others(item, lib);
 	for (regular_data *datum : datas_of(item)) {
 		pauses.step();
@@ -353,10 +357,10 @@ void withdraw_item(packet_regular *regular, regular_item *item, packet_regular_l
 			left.entry = datum->entry;
 		else
 			left = library_value_leave(datum, lib);
-		if (!type_is_key(item->type))
+		if (!key)
 			continue;
 		filter_list_data *entry = left.other ? left.other->entry : left.entry;
-		if (lib->nameless != 0 || !type_has_value(item->type))
+		if (lib->nameless != 0 || !valued)
 			entry = find_entry(item->type, datum->value, nullptr, lib);
 		withdraw_key(regular, entry, datum->filed, left.other != nullptr, kDataTexts, lib);
 	}
