@@ -66,12 +66,28 @@ public:
 		return nullptr;
 	}
 
-	/** Take out the record whose key is key. It must be in the tree. */
-	template <typename Key> static void erase(Record **root, Record *record, const Key &key)
+	/** Take out the record that equals key, and return it; null when there is none. */
+	template <typename Key> static Record *erase(Record **root, const Key &key)
 	{
-		Record **place = link_to(root, record, key);
-		Record *left = Traits::left(record);
-		Record *right = Traits::right(record);
+		Record **place = root;
+		while (*place) {
+			int order = Traits::compare(key, *place);
+			if (order == 0)
+				break;
+			place = order < 0 ? &Traits::left(*place) : &Traits::right(*place);
+		}
+		Record *record = *place;
+		if (record)
+			cut(place);
+		return record;
+	}
+
+private:
+	/** Take out the record that a link leads to: what is below it moves up. */
+	static void cut(Record **place)
+	{
+		Record *left = Traits::left(*place);
+		Record *right = Traits::right(*place);
 		while (left && right) {
 			if (Traits::priority(left) >= Traits::priority(right)) {
 				*place = left;
@@ -84,17 +100,6 @@ public:
 			}
 		}
 		*place = left ? left : right;
-	}
-
-private:
-	template <typename Key>
-	static Record **link_to(Record **root, const Record *record, const Key &key)
-	{
-		Record **place = root;
-		while (*place != record)
-			place = Traits::compare(key, *place) < 0 ? &Traits::left(*place)
-								 : &Traits::right(*place);
-		return place;
 	}
 };
 

@@ -8,6 +8,16 @@
 #include "rules/values.hpp"
 
 namespace mox {
+namespace {
+
+/** Append to the list of an item, but not to its tree. */
+void append(regular_data *data, regular_item *item)
+{
+	list_link(&data->node, item->datas.prev);
+	item->count++;
+}
+
+} // namespace
 
 int add_data(OwnedData data, packet_regular *regular)
 {
@@ -61,9 +71,8 @@ void mox_packet_add_item_to_regular(regular_item *item, packet_regular *regular)
 
 void mox_packet_add_data_to_item(regular_data *data, regular_item *item)
 {
-	list_link(&data->node, item->datas.prev);
+	append(data, item);
 	(void)ItemTree::insert(&item->root, data, ValueKey(data->type, data->value));
-	item->count++;
 }
 
 int mox_packet_add_data_to_regular(regular_data *data, packet_regular *regular)
@@ -72,10 +81,10 @@ int mox_packet_add_data_to_regular(regular_data *data, packet_regular *regular)
 
 	if (item) {
 		/* A repeated value is no error: the rule holds it already. */
-		if (mox_packet_search_data_from_item(data, item))
+		if (ItemTree::insert(&item->root, data, ValueKey(data->type, data->value)))
 			mox_packet_free_data(data);
 		else
-			mox_packet_add_data_to_item(data, item);
+			append(data, item);
 		return 0;
 	}
 	item = mox_packet_alloc_init_item(data->type);
@@ -93,10 +102,9 @@ void mox_packet_del_data_from_regular(const regular_data *data, packet_regular *
 	regular_item *item = mox_packet_search_item_from_regular(data->type, regular);
 	if (!item)
 		return;
-	regular_data *held = mox_packet_search_data_from_item(data, item);
+	regular_data *held = ItemTree::erase(&item->root, ValueKey(data->type, data->value));
 	if (!held)
 		return;
-	ItemTree::erase(&item->root, held, ValueKey(held->type, held->value));
 	mox_packet_del_data(held);
 	item->count--;
 	mox_packet_free_data(held);

@@ -57,7 +57,7 @@ ValueLeft library_value_leave(regular_data *datum, packet_regular_lib *lib)
 		list_unlink(&datum->equals);
 		return { equal, equal->entry };
 	}
-	LibraryTree::erase(root, datum, key);
+	(void)LibraryTree::erase(root, key);
 	if (list_empty(&datum->equals))
 		return { nullptr, datum->entry };
 	equal = record_of<regular_data, offsetof(regular_data, equals)>(datum->equals.next);
@@ -101,7 +101,7 @@ void library_values_adopt(regular_item *item, packet_regular_lib *lib)
 	}
 	*root = item->root;
 	while (regular_data *other = others) {
-		LibraryTree::erase(&others, other, key_of(other));
+		(void)LibraryTree::erase(&others, key_of(other));
 		if (regular_data *equal = LibraryTree::insert(root, other, key_of(other)))
 			replace(other, equal);
 		pauses.step();
@@ -120,7 +120,7 @@ void library_values_drop(const regular_item *item, packet_regular_lib *lib)
 			if (!list_empty(&datum->equals) &&
 			    LibraryTree::find(old, key_of(datum)) != datum)
 				continue;
-			LibraryTree::erase(&old, datum, key_of(datum));
+			(void)LibraryTree::erase(&old, key_of(datum));
 			(void)LibraryTree::insert(&root, datum, key_of(datum));
 		}
 	}
