@@ -125,17 +125,95 @@ TEST_F(Values, library__sorted_values_make_no_deep_tree)
 	EXPECT_EQ(lib->values[PACKET_SRC_INTF_EQUAL], nullptr);
 }
 
-// An item with few others enters and leaves as a whole tree; the result is the same.
+// Unites the trees of two sets of values, with at most kOpen subtrees that wait.
+template <u32 kOpen> void unite_sets(const std::set<u32> &one, const std::set<u32> &two)
+{
+	struct Visitor {
+		std::map<const regular_data *, const regular_data *> pairs;
+		u32 steps = 0;
+		void step() { steps++; }
+		void equal(const regular_data *stays, const regular_data *leaves)
+		{
+			EXPECT_TRUE(pairs.insert({ leaves, stays }).second);
+		}
+	} visitor;
+	std::vector<regular_data *> all;
+	regular_data *roots[2]{};
+	for (u32 which : { 0, 1 })
+		for (u32 n : which ? two : one) {
+			all.push_back(datum(PACKET_SRC_INTF_EQUAL, { u8(n), u8(n >> 8), 0, 0 }));
+			const ValueKey key(PACKET_SRC_INTF_EQUAL, all.back()->value);
+			EXPECT_EQ(LibraryTree::insert(&roots[which], all.back(), key), nullptr);
+		}
+	LibraryTree::unite<kOpen>(&roots[0], roots[1], visitor);
+
+	// In the tree's order, each below one of a higher priority.
+	std::vector<const regular_data *> held;
+	std::function<void(regular_data *)> walk = [&](regular_data *at) {
+		if (!at)
+			return;
+		for (const regular_data *below : { at->lib.left, at->lib.right })
+			EXPECT_TRUE(!below || below->priority <= at->priority);
+		walk(at->lib.left);
+		held.push_back(at);
+		walk(at->lib.right);
+	};
+	walk(roots[0]);
+	std::set<u32> both = one;
+	both.insert(two.begin(), two.end());
+	std::set<u32> seen;
+	for (size_t at = 0; at < held.size(); at++) {
+		const u32 value = rule_value(PACKET_SRC_INTF_EQUAL, held[at]->value).low;
+		EXPECT_TRUE(at == 0 || seen.count(value) == 0);
+		EXPECT_TRUE(seen.empty() || *seen.rbegin() < value) << "a tree's order";
+		seen.insert(value);
+	}
+	EXPECT_EQ(seen, both);
+	EXPECT_EQ(visitor.pairs.size(), one.size() + two.size() - both.size());
+	for (auto &[leaves, stays] : visitor.pairs) {
+		EXPECT_EQ(memcmp(leaves->value, stays->value, 4), 0);
+		EXPECT_EQ(std::count(held.begin(), held.end(), leaves), 0);
+		EXPECT_EQ(std::count(held.begin(), held.end(), stays), 1);
+	}
+	EXPECT_GE(visitor.steps, std::min(one.size(), two.size()));
+	for (regular_data *d : all)
+		mox_packet_free_data(d);
+}
+
+TEST_F(Values, unite__whatever_the_sizes_and_the_limit)
+{
+	struct {
+		u32 one, two, range; // values of each tree, and how many there are to choose from
+	} const rows[] = {
+		{ 0, 0, 1 },       { 1, 0, 9 },       { 0, 1, 9 },
+		{ 1, 1, 1 },       { 1, 500, 501 },   { 500, 1, 501 },
+		{ 100, 100, 100 }, { 300, 300, 400 }, { 700, 700, 60000 },
+	};
+	std::mt19937 rng(11);
+	for (auto &row : rows) {
+		SCOPED_TRACE(testing::Message() << row.one << " and " << row.two);
+		std::set<u32> sets[2];
+		for (u32 which : { 0, 1 })
+			while (sets[which].size() < (which ? row.two : row.one))
+				sets[which].insert(rng() % row.range);
+		unite_sets<32>(sets[0], sets[1]);
+		// One waits: the limit is reached all the time.
+		unite_sets<1>(sets[0], sets[1]);
+	}
+}
+
+// Trees are united, and with few others left as a whole; the result is the same.
 TEST_F(Values, library__items_with_few_and_with_many_others)
 {
 	struct {
 		u32 own, others, each; // data of the item; other items, and the data of each
 		bool few;
 	} const rows[] = {
-		{ 1, 0, 0, true },     { 300, 0, 0, true },   { 1, 1, 1, false },
-		{ 7, 1, 1, false },    { 8, 1, 1, true },     { 8, 1, 2, false },
-		{ 100, 12, 1, true },  { 100, 13, 1, false }, { 100, 1, 24, true },
-		{ 100, 1, 25, false }, { 1000, 50, 4, true }, { 300, 3, 300, false },
+		{ 1, 0, 0, true },        { 300, 0, 0, true },   { 1, 1, 1, false },
+		{ 7, 1, 1, false },       { 8, 1, 1, true },     { 8, 1, 2, false },
+		{ 100, 12, 1, true },     { 100, 13, 1, false }, { 100, 1, 24, true },
+		{ 100, 1, 25, false },    { 1000, 50, 4, true }, { 300, 3, 300, false },
+		{ 2000, 1, 2000, false },
 	};
 	const u32 type = PACKET_SRC_INTF_EQUAL;
 	std::mt19937 rng(7);

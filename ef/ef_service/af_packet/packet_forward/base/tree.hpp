@@ -14,7 +14,8 @@ namespace mox {
 /**
  * Traits has, for a record type Record: left(record) and right(record), which
  * return references to the two links, priority(record), and compare(key, record)
- * with a result below, at or above 0. Context: that of the caller's lock.
+ * with a result below, at or above 0; unite() needs key(record), too. Context: that
+ * of the caller's lock.
  */
 template <typename Record, typename Traits> class Tree {
 public:
@@ -34,7 +35,7 @@ public:
 	 * Insert a record whose key is key, or return the equal one that is there
 	 * already; null when the record was inserted.
 	 */
-	template <typename Key> static Record *insert(Record **root, Record *record, const Key &key)
+	template <typename Key> static Record *insert(Record **root, Record *record, Key key)
 	{
 		Record **place = root; /* the first link whose record gives way to the new one */
 		while (*place && Traits::priority(*place) >= Traits::priority(record)) {
@@ -45,29 +46,60 @@ public:
 		}
 		if (Record *equal = find(*place, key))
 			return equal;
-		/* Split what is below that link: smaller to the left, greater to the right. */
 		Record *below = *place;
-		Record **smaller = &Traits::left(record);
-		Record **greater = &Traits::right(record);
 		*place = record;
-		while (below) {
-			if (Traits::compare(key, below) > 0) {
-				*smaller = below;
-				smaller = &Traits::right(below);
-				below = *smaller;
-			} else {
-				*greater = below;
-				greater = &Traits::left(below);
-				below = *greater;
-			}
-		}
-		*smaller = nullptr;
-		*greater = nullptr;
+		(void)split(below, key, &Traits::left(record), &Traits::right(record));
 		return nullptr;
 	}
 
+	/**
+	 * Insert the records of another tree: less work for many than to insert each. For a
+	 * pair of equals visitor.equal(stays, leaves) is called, for each record that is
+	 * compared visitor.step(). At most kOpen subtrees wait for their turn; the records of
+	 * further ones are inserted one by one.
+	 */
+	template <u32 kOpen = 32, typename Visitor>
+	static void unite(Record **root, Record *other, Visitor &visitor)
+	{
+		struct {
+			Record **place;
+			Record *other;
+		} open[kOpen];
+		u32 count = 0;
+		Record **place = root;
+		for (;;) {
+			while (other) {
+				visitor.step();
+				Record *top = *place;
+				if (!top || Traits::priority(top) < Traits::priority(other)) {
+					*place = other;
+					other = top;
+					continue;
+				}
+				Record *smaller;
+				Record *greater;
+				if (Record *equal = split(other, Traits::key(top), &smaller,
+							  &greater))
+					visitor.equal(top, equal);
+				place = smaller ? &Traits::left(top) : &Traits::right(top);
+				other = smaller ? smaller : greater;
+				if (!smaller || !greater)
+					continue;
+				if (count < kOpen)
+					open[count++] = { &Traits::right(top), greater };
+				else
+					insert_each(&Traits::right(top), greater, visitor);
+			}
+			if (count == 0)
+				return;
+			count--;
+			place = open[count].place;
+			other = open[count].other;
+		}
+	}
+
 	/** Take out the record that equals key, and return it; null when there is none. */
-	template <typename Key> static Record *erase(Record **root, const Key &key)
+	template <typename Key> static Record *erase(Record **root, Key key)
 	{
 		Record **place = root;
 		while (*place) {
@@ -83,6 +115,45 @@ public:
 	}
 
 private:
+	/**
+	 * Split a tree: what is smaller than key, and what is greater. Returns the record that
+	 * equals it, which is in neither, or null. In line, and insert() takes a copy of
+	 * its key: else the key would be read from memory for each record.
+	 */
+	template <typename Key>
+	[[gnu::always_inline]] static Record *split(Record *tree, const Key &key, Record **smaller,
+						    Record **greater)
+	{
+		while (tree) {
+			int order = Traits::compare(key, tree);
+			if (order == 0)
+				break;
+			if (order > 0) {
+				*smaller = tree;
+				smaller = &Traits::right(tree);
+				tree = *smaller;
+			} else {
+				*greater = tree;
+				greater = &Traits::left(tree);
+				tree = *greater;
+			}
+		}
+		*smaller = tree ? Traits::left(tree) : nullptr;
+		*greater = tree ? Traits::right(tree) : nullptr;
+		return tree;
+	}
+
+	template <typename Visitor>
+	static void insert_each(Record **root, Record *other, Visitor &visitor)
+	{
+		while (Record *record = other) {
+			visitor.step();
+			cut(&other);
+			if (Record *equal = insert(root, record, Traits::key(record)))
+				visitor.equal(equal, record);
+		}
+	}
+
 	/** Take out the record that a link leads to: what is below it moves up. */
 	static void cut(Record **place)
 	{

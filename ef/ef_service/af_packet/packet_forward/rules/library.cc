@@ -127,34 +127,17 @@ bool file_under(const packet_regular *regular, u32 type, const void *value, regu
 	return true;
 }
 
-/** Enter the data of an item among the values that a withdrawal searches. */
-void enter_values(regular_item *item, packet_regular_lib *lib) SEAM_REQUIRES(lib->change_lock)
-{
-	Pauses pauses;
-
-	if (library_values_few_others(item, lib)) {
-		library_values_adopt(item, lib);
-		return;
-	}
-	for (regular_data *datum : datas_of(item)) {
-		library_value_enter(datum, lib);
-		pauses.step();
-	}
-}
-
 /** Enter the data of the key item, and file the rule under each of them. */
 void file_under_values(packet_regular *regular, regular_item *item, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock)
 {
-	const bool adopted = library_values_few_others(item, lib);
 	CopyAnchors anchors(lib);
 	Pauses pauses;
 
-	if (adopted)
-		library_values_adopt(item, lib);
+	library_values_enter(item, lib);
 	for (regular_data *datum : datas_of(item)) {
-		regular_data *stands = adopted ? datum : library_value_enter(datum, lib);
-		file_under(regular, datum->type, datum->value, stands, &datum->filed, anchors, lib);
+		file_under(regular, datum->type, datum->value, library_value_of(datum, lib),
+			   &datum->filed, anchors, lib);
 		pauses.step();
 	}
 }
@@ -176,7 +159,7 @@ void index_regular(packet_regular *regular, packet_regular_lib *lib) SEAM_REQUIR
 			filed = file_under(regular, item->type, nullptr, nullptr, &regular->filed,
 					   anchors, lib);
 		} else if (filed || !type_is_key(item->type)) {
-			enter_values(item, lib);
+			library_values_enter(item, lib);
 		} else {
 			file_under_values(regular, item, lib);
 			filed = true;

@@ -7,25 +7,36 @@
 namespace mox {
 namespace {
 
+/* So few data of an item are inserted one by one. */
+constexpr u32 kOneByOne = 4;
 /* An item has few others if they have at most one of so many of its own data. */
 constexpr u32 kFewOthers = 4;
+
+using LibraryTraits = ValueTraits<&regular_data::lib>;
 
 auto items_of_type(list_head *items)
 {
 	return ListRange<regular_item, offsetof(regular_item, lib_node)>(items);
 }
 
-ValueKey key_of(const regular_data *datum)
-{
-	return { datum->type, datum->value };
-}
+/** Makes one ring of two when equal data come together in a tree. */
+struct Uniting {
+	Pauses pauses;
 
-/** A datum that was entered later takes the place of the one that stood for its equals. */
-void replace(regular_data *stood, regular_data *stands)
-{
-	list_link(&stands->equals, &stood->equals);
-	stands->entry = stood->entry;
-}
+	void step() { pauses.step(); }
+	static void equal(regular_data *stands, regular_data *other)
+	{
+		list_head *after = stands->equals.next;
+		list_head *last = other->equals.prev;
+		stands->equals.next = &other->equals;
+		other->equals.prev = &stands->equals;
+		last->next = after;
+		after->prev = last;
+		/* The other one may be what stood for the value, and have its key. */
+		if (!stands->entry)
+			stands->entry = other->entry;
+	}
+};
 
 } // namespace
 
@@ -76,9 +87,8 @@ bool library_values_few_others(const regular_item *item, const packet_regular_li
 	for (const list_head *at = items->next; at != items; at = at->next) {
 		if (at == &item->lib_node)
 			continue;
-		others +=
-			1 +
-			record_of<const regular_item, offsetof(regular_item, lib_node)>(at)->count;
+		auto *other = record_of<const regular_item, offsetof(regular_item, lib_node)>(at);
+		others += 1 + other->count;
 		if (others > item->count / kFewOthers)
 			return false;
 		pauses.step();
@@ -86,26 +96,23 @@ bool library_values_few_others(const regular_item *item, const packet_regular_li
 	return true;
 }
 
-void library_values_adopt(regular_item *item, packet_regular_lib *lib)
+void library_values_enter(regular_item *item, packet_regular_lib *lib)
 {
-	regular_data **root = &lib->values[item->type];
-	regular_data *others = *root;
-	Pauses pauses;
+	Uniting uniting;
 
+	if (item->count <= kOneByOne) {
+		for (regular_data *datum : datas_of(item))
+			(void)library_value_enter(datum, lib);
+		return;
+	}
 	/* Priorities are the same in all trees: so is the shape of a tree of the same data. */
 	for (regular_data *datum : datas_of(item)) {
 		list_init(&datum->equals);
 		datum->entry = nullptr;
 		datum->lib = datum->item;
-		pauses.step();
+		uniting.step();
 	}
-	*root = item->root;
-	while (regular_data *other = others) {
-		(void)LibraryTree::erase(&others, key_of(other));
-		if (regular_data *equal = LibraryTree::insert(root, other, key_of(other)))
-			replace(other, equal);
-		pauses.step();
-	}
+	LibraryTree::unite(&lib->values[item->type], item->root, uniting);
 }
 
 void library_values_drop(const regular_item *item, packet_regular_lib *lib)
@@ -118,10 +125,10 @@ void library_values_drop(const regular_item *item, packet_regular_lib *lib)
 		for (regular_data *datum : datas_of(other)) {
 			pauses.step();
 			if (!list_empty(&datum->equals) &&
-			    LibraryTree::find(old, key_of(datum)) != datum)
+			    LibraryTree::find(old, LibraryTraits::key(datum)) != datum)
 				continue;
-			(void)LibraryTree::erase(&old, key_of(datum));
-			(void)LibraryTree::insert(&root, datum, key_of(datum));
+			(void)LibraryTree::erase(&old, LibraryTraits::key(datum));
+			(void)LibraryTree::insert(&root, datum, LibraryTraits::key(datum));
 		}
 	}
 	lib->values[item->type] = root;

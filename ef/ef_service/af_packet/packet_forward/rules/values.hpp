@@ -6,6 +6,7 @@
  */
 #pragma once
 
+#include "base/list.hpp"
 #include "base/tree.hpp"
 #include "rules/value.hpp"
 #include "seam/seam.h"
@@ -28,6 +29,7 @@ template <value_links regular_data::*links> struct ValueTraits {
 	static regular_data *&left(regular_data *datum) { return (datum->*links).left; }
 	static regular_data *&right(regular_data *datum) { return (datum->*links).right; }
 	static u32 priority(const regular_data *datum) { return datum->priority; }
+	static ValueKey key(const regular_data *datum) { return { datum->type, datum->value }; }
 	static int compare(const ValueKey &key, const regular_data *datum)
 	{
 		u32 low = field<u32>(datum->value, 0) & key.mask.low;
@@ -70,19 +72,23 @@ struct ValueLeft {
 ValueLeft library_value_leave(regular_data *datum, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 
-/**
- * Whether an item has far more data than all other items of its type in the library.
- * Then the tree changes hands as a whole, and only the others' data are searched for:
- * less work than for each of the item's own. May sleep.
- */
-bool library_values_few_others(const regular_item *item, const packet_regular_lib *lib)
+/** The datum that stands for one that was entered. */
+inline regular_data *library_value_of(regular_data *datum, packet_regular_lib *lib)
+	SEAM_REQUIRES(lib->change_lock)
+{
+	return list_empty(&datum->equals) ? datum : library_value(datum->type, datum->value, lib);
+}
+
+/** Add all data of an item of an indexed rule. May sleep. */
+void library_values_enter(regular_item *item, packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 
 /**
- * Enter all data of an item that has few others. Each of them stands for itself and
- * its equals. May sleep.
+ * Whether an item has far more data than all other items of its type in the library.
+ * Then the others' data get a tree of their own when it leaves: less work than to
+ * search for each of the item's data. May sleep.
  */
-void library_values_adopt(regular_item *item, packet_regular_lib *lib)
+bool library_values_few_others(const regular_item *item, const packet_regular_lib *lib)
 	SEAM_REQUIRES(lib->change_lock);
 
 /**
