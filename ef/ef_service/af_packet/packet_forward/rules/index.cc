@@ -364,8 +364,9 @@ void CopyAnchors::enter_copy(packet_regular *copy)
 		return;
 	rule_anchor *anchor = &copy->anchor;
 	FilterBuckets::fill(anchor, copy, view, key);
-	anchor->next = first_;
-	first_ = anchor;
+	anchor->next = nullptr;
+	*last_ = anchor;
+	last_ = &anchor->next;
 	if (++count_ == kAnchorsOfHold)
 		link_all();
 }
@@ -381,6 +382,7 @@ void CopyAnchors::link_all()
 		first_ = anchor->next;
 		set.link_filled(anchor);
 	}
+	last_ = &first_;
 	count_ = 0;
 }
 

@@ -93,6 +93,7 @@ private:
 
 	packet_regular_lib *lib_;
 	rule_anchor *first_ = nullptr; /* of those to be linked, by next */
+	rule_anchor **last_ = &first_; /* the link of the last one */
 	u32 count_ = 0;
 };
 
