@@ -339,11 +339,16 @@ void plain_sockets(User &user)
 	user.sockets.clear();
 }
 
-std::function<void(User &)> listeners(size_t shape)
+/// As many rules of a shape, or as many as the budgets allow if that is less.
+std::function<void(User &)> listeners(const Shape &shape, unsigned count)
 {
-	return [shape](User &user) {
-		for (unsigned i = 0; i < 1024; ++i)
-			user.sockets.push_back(listener(kShapes[shape].items(i)));
+	return [&shape, count](User &user) {
+		for (unsigned i = 0; i < count; ++i) {
+			std::optional<Fd> fd = listener_within_budget(shape.items(i));
+			if (!fd)
+				return;
+			user.sockets.push_back(std::move(*fd));
+		}
 	};
 }
 
@@ -401,8 +406,16 @@ void longest_sections(const std::vector<unsigned> &counts)
 			 values(kWide, PACKET_SRC_INTF_EQUAL));
 	run({ "2,048 EtherTypes and 2,048 interfaces, location", wide, located });
 	run({ "2,048 EtherTypes and 2,048 interfaces, closing", both(wide, located), leave });
-	run({ "1,024 rules, 200 changes of one value", listeners(0), change_values });
-	run({ "1,024 rules of EtherType and port, near misses", listeners(3), {}, near_misses });
+	run({ "1,024 rules, 200 changes of one value", listeners(kShapes[0], 1024),
+	      change_values });
+	run({ "500 rules of EtherType and port, near misses",
+	      listeners(kShapes[3], 500),
+	      {},
+	      near_misses });
+	run({ "rules chosen to hurt, as many as allowed",
+	      listeners(hurting_most(), kCrowd),
+	      {},
+	      near_misses });
 	run({ "1,500-byte frame wanted by 4,096 sockets", crowd, {}, long_frames });
 	run({ "report of 4,096 sockets, 10 us a line", crowd, {}, report_all, "10" });
 	run({ "dump file, 4,096 sockets", crowd, {}, dump_file });

@@ -281,6 +281,13 @@ const std::vector<Shape> kHurting = {
 	  nullptr, near_miss },
 };
 
+const Shape &hurting_most()
+{
+	static const std::string kMostly = "source MAC, one other fails";
+	return *std::find_if(kHurting.begin(), kHurting.end(),
+			     [](const Shape &shape) { return shape.name == kMostly; });
+}
+
 const Shape kAllTypes = {
 	"14 types, 73 each", [](unsigned i) { return std::vector{ of_each_type(i) }; },
 	// Of the source ports, the ninth type.

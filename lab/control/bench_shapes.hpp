@@ -27,6 +27,8 @@ extern const std::vector<Shape> kShapes;
 
 /// Rules that share everything that a frame could be looked up by. Only with unwanted frames.
 extern const std::vector<Shape> kHurting;
+/// The shape of those that hurts most.
+const Shape &hurting_most();
 
 /// Rules of 14 types, so many of each: every type that has values.
 extern const Shape kAllTypes;

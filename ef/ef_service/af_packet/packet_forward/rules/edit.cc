@@ -19,6 +19,23 @@ void append(regular_data *data, regular_item *item)
 
 } // namespace
 
+regular_data *take_data(const regular_data *data, packet_regular *regular)
+{
+	regular_item *item = mox_packet_search_item_from_regular(data->type, regular);
+	if (!item)
+		return nullptr;
+	regular_data *held = ItemTree::erase(&item->root, ValueKey(data->type, data->value));
+	if (!held)
+		return nullptr;
+	mox_packet_del_data(held);
+	item->count--;
+	if (mox_packet_item_empty(item)) {
+		mox_packet_del_item(item);
+		mox_packet_free_item(item);
+	}
+	return held;
+}
+
 int add_data(OwnedData data, packet_regular *regular)
 {
 	int error = mox_packet_add_data_to_regular(data.get(), regular);
@@ -99,18 +116,7 @@ int mox_packet_add_data_to_regular(regular_data *data, packet_regular *regular)
 
 void mox_packet_del_data_from_regular(const regular_data *data, packet_regular *regular)
 {
-	regular_item *item = mox_packet_search_item_from_regular(data->type, regular);
-	if (!item)
-		return;
-	regular_data *held = ItemTree::erase(&item->root, ValueKey(data->type, data->value));
-	if (!held)
-		return;
-	mox_packet_del_data(held);
-	item->count--;
-	mox_packet_free_data(held);
-	if (mox_packet_item_empty(item)) {
-		mox_packet_del_item(item);
-		mox_packet_free_item(item);
-	}
+	if (regular_data *held = take_data(data, regular))
+		mox_packet_free_data(held);
 }
 } // extern "C"

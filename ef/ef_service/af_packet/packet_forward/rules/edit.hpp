@@ -33,6 +33,9 @@ void mox_packet_del_data_from_regular(const regular_data *data, packet_regular *
 
 namespace mox {
 
+/** Take the equal value out of the rule: it is the caller's. Null if it is not there. */
+regular_data *take_data(const regular_data *data, packet_regular *regular);
+
 /** mox_packet_add_data_to_regular, which takes the datum over. 0 or -ENOMEM. */
 int add_data(OwnedData data, packet_regular *regular);
 

@@ -2,6 +2,7 @@
 #include "rules/record.hpp"
 
 #include "base/errors.hpp"
+#include "base/list.hpp"
 #include "base/log.hpp"
 #include "rules/budget.hpp"
 #include "rules/edit.hpp"
@@ -41,6 +42,22 @@ void log_success(u16 type)
 	MOX_DEBUG("ADD-REGUALR: %s%s success\n", row->form == MOX_FORM_MAC ? "" : "type ",
 		  row->name);
 }
+
+/**
+ * Data that are freed at the end, when the rule's lock is released: freeing may give
+ * many empty slabs back to the kernel at once, which takes long.
+ */
+struct SpentData : Pinned {
+	list_head list;
+
+	SpentData() { list_init(&list); }
+	~SpentData()
+	{
+		for (regular_data *data :
+		     ListRange<regular_data, offsetof(regular_data, node)>(&list))
+			mox_packet_free_data(data);
+	}
+};
 
 int optlen_illegal(unsigned int len)
 {
@@ -110,7 +127,12 @@ int RuleRecord::read(const seam_uptr *value, unsigned int len)
 	return 0;
 }
 
-int RuleRecord::apply_datum(mox_packet_sock *po, const u8 *element, bool add) const
+/**
+ * Add an element to the rule, or delete it; what that leaves to be freed is appended
+ * to spent. 0, -ENOMEM, or another negative errno.
+ */
+int RuleRecord::apply_datum(mox_packet_sock *po, const u8 *element, bool add,
+			    list_head *spent) const
 {
 	OwnedData data = make_data(head_.type, element, stride_of(head_.type));
 	if (!data) {
@@ -119,7 +141,9 @@ int RuleRecord::apply_datum(mox_packet_sock *po, const u8 *element, bool add) co
 	}
 	if (add)
 		return add_data(move(data), &po->regular);
-	mox_packet_del_data_from_regular(data.get(), &po->regular);
+	if (regular_data *held = take_data(data.get(), &po->regular))
+		list_link(&held->node, spent->prev);
+	list_link(&data.release()->node, spent->prev);
 	return 0;
 }
 
@@ -195,10 +219,11 @@ int RuleRecord::apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) c
 	const u8 *element = elements();
 
 	while (left != 0) {
+		SpentData spent;
 		{
 			SpinGuard guard(lock);
 			for (u32 n = 0; n < kElementsOfHold && left != 0; n++, left--) {
-				int error = apply_datum(po, element, add);
+				int error = apply_datum(po, element, add, &spent.list);
 				if (error)
 					return error;
 				element += stride;

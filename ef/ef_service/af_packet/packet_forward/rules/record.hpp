@@ -37,7 +37,7 @@ private:
 	const u8 *elements() const { return bytes_.get() + sizeof(mox_packet_rule); }
 	u32 new_elements(mox_packet_sock *po) const;
 	int apply_data(mox_packet_sock *po, seam_spinlock *lock, bool add) const;
-	int apply_datum(mox_packet_sock *po, const u8 *element, bool add) const;
+	int apply_datum(mox_packet_sock *po, const u8 *element, bool add, list_head *spent) const;
 	int apply_packet_all(mox_packet_sock *po, bool add) const;
 
 	Owned<u8, free_record_buffer> bytes_;
