@@ -221,7 +221,6 @@ struct sk_buff {
 	uint16_t protocol = 0;
 	alignas(8) uint8_t cb[48];
 	struct sock *owner = nullptr;
-	bool dst_dropped = false;
 	bool has_dev = true;
 
 	const uint8_t *data() const { return room.data() + begin; }

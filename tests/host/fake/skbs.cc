@@ -173,7 +173,6 @@ int seam_rcvq_offer(sock *sk, sk_buff *skb)
 		breach("buffer queued with its device");
 	skb->owner = sk;
 	sk->rmem += static_cast<int>(skb->truesize);
-	skb->dst_dropped = true;
 	seam_rcvq_lock(sk);
 	sk->queue->push_back(skb);
 	seam_rcvq_unlock(sk);

@@ -27,7 +27,6 @@ TEST_F(Deliver, frame__arrives_whole_with_its_headers_marked)
 	EXPECT_EQ(r.iif, 7u);
 	EXPECT_EQ(r.vlan, 0x123);
 	EXPECT_FALSE(r.has_dev);
-	EXPECT_TRUE(r.dst_dropped);
 	EXPECT_EQ(r.owner, raw.sk);
 	EXPECT_EQ(raw.sk->rmem, int(r.truesize));
 	EXPECT_EQ(raw.sk->data_ready, 1u);

@@ -199,9 +199,10 @@ struct sk_buff *seam_rcvq_peek(struct sock *sk);
 /** Free all queued buffers. Any. */
 void seam_rcvq_purge(struct sock *sk);
 /**
- * Charge the buffer to the socket's receive memory (sock_rfree returns the charge),
- * drop its route, append it, and call the socket's data-ready callback. 0, with
- * nothing done, when the buffer's truesize would fill the receive buffer. Any.
+ * Charge a buffer, which has no owner and no route yet, to the socket's receive memory
+ * (sock_rfree returns the charge), append it, and call the socket's data-ready
+ * callback: 1. 0, with nothing done, when its truesize would fill the receive buffer.
+ * Any.
  */
 int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb);
 
