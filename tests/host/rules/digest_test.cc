@@ -20,6 +20,12 @@ protected:
 		of_frame.start();
 		return of_frame.may_satisfy(digest);
 	}
+	static int known(void *e, const rule_digest &digest)
+	{
+		pkt_info info;
+		pkt_info_build(e, &info);
+		return satisfies(info, digest);
+	}
 	struct Given {
 		u32 type;
 		std::vector<V> values;
@@ -43,21 +49,25 @@ TEST_F(Digest, holds_conditions_of_one_value)
 		Given given;
 		u32 types;
 		bool satisfied;
+		u32 only = kDigestMore;
 	} const rows[] = {
 		{ "EtherType",
 		  { PACKET_ETH_PROT_EQUAL, { n16(0x0800) } },
 		  bit(PACKET_ETH_PROT_EQUAL),
-		  true },
+		  true,
+		  PACKET_ETH_PROT_EQUAL },
 		{ "other EtherType",
 		  { PACKET_ETH_PROT_EQUAL, { n16(0x0806) } },
 		  bit(PACKET_ETH_PROT_EQUAL),
-		  false },
+		  false,
+		  PACKET_ETH_PROT_EQUAL },
 		{ "any EtherType", { PACKET_ETH_PROT_EQUAL, { n16(3) } }, 0, true },
 		{ "two EtherTypes", { PACKET_ETH_PROT_EQUAL, { n16(1), n16(2) } }, 0, true },
 		{ "no value in the frame",
 		  { PACKET_IPv6_PROT_EQUAL, { V{ 17 } } },
 		  bit(PACKET_IPv6_PROT_EQUAL),
-		  false },
+		  false,
+		  PACKET_IPv6_PROT_EQUAL },
 		{ "class of frames", { PACKET_IPv4_MCAST_TRAFFIC, { V{} } }, 0, true },
 		{ "excluded", { PACKET_PID_T, { n32(9) } }, kDigestExcludes, false },
 		{ "other attribute excluded", { PACKET_PID_T, { n32(8) } }, kDigestExcludes, true },
@@ -74,12 +84,37 @@ TEST_F(Digest, holds_conditions_of_one_value)
 		const rule_digest digest = digest_of(&rule.regular());
 		EXPECT_EQ(digest.types, row.types);
 		EXPECT_EQ(may_satisfy(udp(), digest), row.satisfied);
+		EXPECT_EQ(digest.only, row.only);
+		if (row.only == row.given.type) {
+			EXPECT_EQ(known(udp(), digest), row.satisfied ? 1 : 0);
+		} else {
+			EXPECT_EQ(known(udp(), digest), row.only == kDigestNothing ? 1 : -1);
+		}
 		// What is anchored is known to pass.
 		for (regular_item *item : items_of(&rule.regular()))
 			rule.regular().anchored = item;
 		EXPECT_EQ(digest_of(&rule.regular()).types, 0u);
+		EXPECT_EQ(digest_of(&rule.regular()).only, kDigestNothing);
 		rule.regular().anchored = nullptr;
 	}
+}
+
+// With two conditions of one value beside the anchored one, the items have to be asked; one that
+// every frame satisfies does not count.
+TEST_F(Digest, only_one_condition_stands_there_as_it_is)
+{
+	Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+	rule.item(PACKET_ALL);
+	EXPECT_EQ(digest_of(&rule.regular()).only, kDigestNothing);
+	rule.data(PACKET_SRC_MAC_EQUAL, { 2, 0, 0, 0, 0, 2 });
+	rule_digest digest = digest_of(&rule.regular());
+	EXPECT_EQ(digest.only, u32(PACKET_SRC_MAC_EQUAL));
+	EXPECT_EQ(known(udp(), digest), 1);
+	rule.data(PACKET_ETH_PROT_EQUAL, n16(0x0800));
+	digest = digest_of(&rule.regular());
+	EXPECT_EQ(digest.only, kDigestMore);
+	EXPECT_EQ(known(udp(), digest), -1);
+	EXPECT_TRUE(may_satisfy(udp(), digest));
 }
 
 TEST_F(Digest, frames_without_attribute_pass_where_every_attribute_is_excluded)

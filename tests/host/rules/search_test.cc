@@ -232,4 +232,27 @@ TEST_F(Crowd, first_of_those_that_match)
 	EXPECT_EQ(filter(e), u32(PACKET_COPY));
 }
 
+// Of WLAN frames a WPS condition has a value that is not compared.
+TEST_F(PktSearch, wlan_rule_behind_failing_ones_is_found)
+{
+	Bytes expanded = eth(0x888e) + Bytes(20, 0);
+	expanded[15] = 7;
+	expanded[22] = 0xfe;
+	expanded[29] = 1;
+	void *e = frame(expanded);
+	std::vector<std::unique_ptr<Rule>> rules;
+	auto add = [&](u32 first, const V &one, u32 second, const V &other) {
+		rules.push_back(std::make_unique<Rule>(PACKET_WLAN_LOC, PACKET_COPY));
+		rules.back()->data(first, one).data(second, other).add();
+	};
+	// So many that no condition is less crowded than the EAPOL type.
+	for (int n = 0; n < 20; n++)
+		add(PACKET_EAPOL_TYPE_EQUAL, { 7 }, PACKET_ETH_PROT_EQUAL, n16(0x9000));
+	for (int n = 0; n < 20; n++)
+		add(PACKET_EAPOL_TYPE_WPS, { 9 }, PACKET_ETH_PROT_EQUAL, n16(0x9000));
+	EXPECT_EQ(wlan_filter(e), 0u);
+	add(PACKET_EAPOL_TYPE_EQUAL, { 7 }, PACKET_EAPOL_TYPE_WPS, { 9 });
+	EXPECT_EQ(wlan_filter(e), u32(PACKET_COPY));
+}
+
 } // namespace

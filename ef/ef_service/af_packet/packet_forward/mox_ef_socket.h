@@ -48,6 +48,9 @@ struct rule_digest {
 	u32 types;    /* a bit for each type */
 	u32 sum;      /* of the hashes of the values */
 	u32 excluded; /* the attribute, if types says that there is one */
+	u32 only;     /* the type of the only condition, or what else there is (rules/digest.hpp) */
+	u32 low;      /* the value of the only condition */
+	u32 high;
 };
 
 /** A capture rule: a socket's own, or a match copy filed in a library. */

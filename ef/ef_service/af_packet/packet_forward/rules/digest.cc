@@ -8,38 +8,60 @@ namespace {
 void add_value(rule_digest *digest, u32 type, const void *bytes)
 {
 	const Value value = rule_value(type, bytes);
+	const bool first = digest->only == kDigestNothing;
 
+	digest->only = kDigestMore;
 	if (type_has_wildcard(type) && value == kAnyEthType)
 		return;
 	digest->types |= 1u << type;
 	digest->sum += digest_part(type, value);
+	if (!first)
+		return;
+	digest->only = type;
+	digest->low = value.low;
+	digest->high = value.high;
 }
 
 void add_item(rule_digest *digest, const regular_item &item)
 {
-	if (item.count != 1)
+	const bool single = item.count == 1;
+
+	/* Every frame satisfies it. */
+	if (item.type == PACKET_ALL)
 		return;
-	if (item.type == PACKET_PID_T) {
+	if (single && type_is_compared(item.type)) {
+		add_value(digest, item.type, item.root->value);
+		return;
+	}
+	digest->only = kDigestMore;
+	if (single && item.type == PACKET_PID_T) {
 		digest->types |= kDigestExcludes;
 		digest->excluded = field<u32>(item.root->value, 0);
-	} else if (item.type < MOX_PACKET_RULE_TYPES && kRuleTypes[item.type].has_value()) {
-		add_value(digest, item.type, item.root->value);
 	}
+}
+
+/** The key of a copy that is anchored by one of its items. */
+void add_key(rule_digest *digest, const filter_list_data &key)
+{
+	if (key.type == PACKET_ALL)
+		return;
+	if (type_is_compared(key.type) && !key_is_loose(key.type))
+		add_value(digest, key.type, key.value);
+	else
+		digest->only = kDigestMore;
 }
 
 } // namespace
 
 rule_digest digest_of(const packet_regular *rule)
 {
-	rule_digest digest{};
+	rule_digest digest = kEmptyDigest;
 
 	for (const regular_item *item : items_of(rule))
 		if (item != rule->anchored)
 			add_item(&digest, *item);
-	const filter_list_data *key = rule->entry;
-	if (key && rule->anchored && key->type < MOX_PACKET_RULE_TYPES &&
-	    kRuleTypes[key->type].has_value() && !key_is_loose(key->type))
-		add_value(&digest, key->type, key->value);
+	if (rule->entry && rule->anchored)
+		add_key(&digest, *rule->entry);
 	return digest;
 }
 

@@ -6,7 +6,9 @@
  *
  * A digest holds the conditions with one value, but for the anchored one, which is known
  * to pass. A frame that satisfies them has the same digest; the reverse holds but for
- * equal sums of seeded hashes, so what has the same digest is compared whole.
+ * equal sums of seeded hashes, so what has the same digest is compared whole. Most rules
+ * have one condition of one value besides the anchored one, or none: that one stands in
+ * the digest as it is, and is all there is to compare.
  */
 #pragma once
 
@@ -18,6 +20,12 @@ namespace mox {
 /** In rule_digest::types: the rule excludes one attribute. */
 inline constexpr u32 kDigestExcludes = 1u << 31;
 static_assert(MOX_PACKET_RULE_TYPES < 31);
+
+/** In rule_digest::only: no condition but the anchored one, and more than one or one of another kind. */
+inline constexpr u32 kDigestNothing = MOX_PACKET_RULE_TYPES;
+inline constexpr u32 kDigestMore = MOX_PACKET_RULE_TYPES + 1;
+/** Of a rule without further conditions. */
+inline constexpr rule_digest kEmptyDigest = { 0, 0, 0, kDigestNothing, 0, 0 };
 
 /** Keys that pass for other frames than a condition of their value: rules/conditions.hpp. */
 constexpr bool key_is_loose(u32 type)
@@ -34,8 +42,7 @@ constexpr bool digest_decides(u32 type)
 	if (type == PACKET_PID_T || type == PACKET_ALL)
 		return true;
 	/* Any SNAP type is a condition too. */
-	return kRuleTypes[type].has_value() && !key_is_loose(type) &&
-	       type != PACKET_SNAP_ETH_TYPE_EQUAL;
+	return type_is_compared(type) && !key_is_loose(type) && type != PACKET_SNAP_ETH_TYPE_EQUAL;
 }
 
 /** The part of one value. Not linear, else users could choose values whose sums are equal. */
@@ -48,6 +55,21 @@ inline u32 digest_part(u32 type, const Value &value)
 
 /** The digest of a rule or copy whose anchored condition is set. */
 rule_digest digest_of(const packet_regular *rule);
+
+/**
+ * Whether a frame satisfies all conditions of a rule or copy but the anchored one, as
+ * far as the digest holds them exactly: 1 or 0, and -1 when its items have to be asked.
+ */
+template <typename Info>
+[[gnu::always_inline]] inline int satisfies(const Info &info, const rule_digest &rule)
+{
+	if (rule.only == kDigestNothing)
+		return 1;
+	if (rule.only == kDigestMore)
+		return -1;
+	Value value{};
+	return frame_value(info, rule.only, &value) && value == Value{ rule.low, rule.high };
+}
 
 /** What a frame has of the conditions of digests, each type read once. */
 template <typename Info> class FrameDigest {

@@ -358,7 +358,7 @@ void CopyAnchors::enter_copy(packet_regular *copy)
 	Spot key = key_spot(*copy->entry, is_wlan(lib_));
 	if (key.slot == kSlotNever)
 		return;
-	copy->digest = {};
+	copy->digest = kEmptyDigest;
 	/* With one condition there is no choice. */
 	if (!list_empty(&copy->items) && !better_by_key(copy, view, key, lib_))
 		return;

@@ -9,7 +9,10 @@ namespace mox {
 /** Whether a rule matches of which the anchored condition is known to pass. */
 template <typename Info> inline bool matches(const Info &info, const packet_regular &rule)
 {
-	return rule.owner->vsd == 0 && items_pass(info, rule, rule.anchored);
+	if (rule.owner->vsd != 0)
+		return false;
+	const int known = satisfies(info, rule.digest);
+	return known < 0 ? items_pass(info, rule, rule.anchored) : known != 0;
 }
 
 /**

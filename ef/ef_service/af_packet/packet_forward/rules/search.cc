@@ -11,7 +11,9 @@ template <typename Info> inline bool copy_passes(const Info &info, const packet_
 {
 	if (copy.owner->vsd != 0)
 		return false;
-	/* A copy without items had no condition but its key. */
+	const int known = satisfies(info, copy.digest);
+	if (known >= 0)
+		return known;
 	return items_pass(info, copy, copy.anchored) &&
 	       (!copy.anchored || key_passes(info, *copy.entry));
 }

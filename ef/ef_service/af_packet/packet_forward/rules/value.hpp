@@ -61,6 +61,16 @@ constexpr bool type_has_wildcard(u32 type)
 }
 
 /**
+ * Whether conditions of a type are satisfied by a value of the frame that equals theirs:
+ * the types of which frame_value() is true for some frames.
+ */
+constexpr bool type_is_compared(u32 type)
+{
+	return type < MOX_PACKET_RULE_TYPES && kRuleTypes[type].has_value() &&
+	       type != PACKET_PID_T && type != PACKET_EAPOL_TYPE_WPS;
+}
+
+/**
  * What a frame has where a rule type looks: true with the value that a rule's
  * must equal, false when no value of the type can match the frame, and for the
  * types without a value to compare.
