@@ -82,16 +82,21 @@ u32 DenseTest::filter_and_deliver(const HookTraits &h, void *efbuff)
 {
 	u32 treatment, budget = kDrainBudget;
 	efbuff_queue *queue = &g_cpu_pkt_que[0][h.queue];
+	const bool few = h.lib->regular_count <= 64;
 	kernel().bh_disabled++; // as a hook
 	seam_read_lock(&h.lib->lock);
 	if (h.location == PACKET_WLAN_LOC) {
 		pkt_wlan_info info;
 		pkt_wlan_info_build(efbuff, &info);
 		treatment = pkt_wlan_fast_filter(&info);
+		if (few)
+			verify_digests(info, h.lib);
 	} else {
 		pkt_info info;
 		pkt_info_build(efbuff, &info);
 		treatment = pkt_fast_filter(&info, h.lib);
+		if (few)
+			verify_digests(info, h.lib);
 	}
 	seam_read_unlock(&h.lib->lock);
 	kernel().bh_disabled--;

@@ -187,3 +187,39 @@ void verify_index(const packet_regular_lib *lib) SEAM_NO_THREAD_SAFETY_ANALYSIS
 			<< "a rule's value is not in the tree, type " << type;
 	}
 }
+
+namespace {
+
+// What a digest says of a rule or copy must be what its conditions say, but for the anchored one.
+template <typename Info> void verify_digest(const Info &info, const packet_regular &rule)
+{
+	const bool pass = items_pass(info, rule, rule.anchored) &&
+			  (!rule.entry || !rule.anchored || key_passes(info, *rule.entry));
+	const int known = satisfies(info, rule.digest);
+	EXPECT_TRUE(known < 0 || pass == (known != 0)) << "only type " << rule.digest.only;
+	FrameDigest<Info> digest(info);
+	digest.start();
+	EXPECT_TRUE(!pass || digest.may_satisfy(rule.digest)) << "types " << rule.digest.types;
+}
+
+template <typename Info> void verify_all_digests(const Info &info, const packet_regular_lib *lib)
+{
+	for (const rule_anchor *at : lib->filter_buckets)
+		for (; at; at = at->next)
+			verify_digest(info, *at->rule);
+	for (const rule_anchor *at : lib->delivery_buckets)
+		for (; at; at = at->next)
+			verify_digest(info, *at->rule);
+}
+
+} // namespace
+
+void verify_digests(const pkt_info &info, const packet_regular_lib *lib)
+{
+	verify_all_digests(info, lib);
+}
+
+void verify_digests(const pkt_wlan_info &info, const packet_regular_lib *lib)
+{
+	verify_all_digests(info, lib);
+}

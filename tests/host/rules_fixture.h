@@ -8,6 +8,7 @@
 #include "contract/locations.h"
 #include "fake/fixture.h"
 #include "locations/registration.hpp"
+#include "packet/info.hpp"
 #include "base/list.hpp"
 #include "rules/ranges.hpp"
 #include "base/log.hpp"
@@ -59,6 +60,10 @@ std::vector<EntryView> entries_in(const packet_regular_lib *lib);
 // Recounts what stands beside a library's lists, and its counts, against the lists. Quick: random
 // tests call it behind every step.
 void verify_index(const packet_regular_lib *lib);
+
+// Compares the digests of a library's rules, for a frame, with their conditions.
+void verify_digests(const pkt_info &info, const packet_regular_lib *lib);
+void verify_digests(const pkt_wlan_info &info, const packet_regular_lib *lib);
 
 // Recounts every list of a library and checks order and invariants.
 void verify(const packet_regular_lib *lib);
