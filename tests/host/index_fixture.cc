@@ -202,14 +202,20 @@ template <typename Info> void verify_digest(const Info &info, const packet_regul
 	EXPECT_TRUE(!pass || digest.may_satisfy(rule.digest)) << "types " << rule.digest.types;
 }
 
-template <typename Info> void verify_all_digests(const Info &info, const packet_regular_lib *lib)
+template <typename Info>
+void verify_all_digests(const Info &info,
+			const packet_regular_lib *lib) SEAM_NO_THREAD_SAFETY_ANALYSIS
 {
-	for (const rule_anchor *at : lib->filter_buckets)
-		for (; at; at = at->next)
-			verify_digest(info, *at->rule);
-	for (const rule_anchor *at : lib->delivery_buckets)
-		for (; at; at = at->next)
-			verify_digest(info, *at->rule);
+	auto anchored = [](const packet_regular &rule) {
+		return rule.anchored || rule.anchor.prev;
+	};
+	for (const packet_regular *rule : regulars_of(&lib->regulars))
+		if (anchored(*rule))
+			verify_digest(info, *rule);
+	for (const filter_list_data *key : entries_of(&lib->filter_list))
+		for (const packet_regular *copy : regulars_of(&key->match_list))
+			if (anchored(*copy))
+				verify_digest(info, *copy);
 }
 
 } // namespace
