@@ -113,11 +113,28 @@ Frame on_interface(unsigned i)
 	return frame;
 }
 
-/// The source MAC of frames that no rule asks for.
-Item frame_mac()
+/// A MAC address of frames that no rule asks for.
+Item frame_mac(uint16_t type = PACKET_SRC_MAC_EQUAL)
 {
 	const Bytes frame = near_miss().bytes;
-	return { PACKET_SRC_MAC_EQUAL, 6, { frame.begin() + 6, frame.begin() + 12 } };
+	const auto at = frame.begin() + (type == PACKET_SRC_MAC_EQUAL ? 6 : 0);
+	return { type, 6, { at, at + 6 } };
+}
+
+/// The interface of such frames.
+Item frame_interface()
+{
+	return { PACKET_SRC_INTF_EQUAL,
+		 4,
+		 { uint8_t(kSource), uint8_t(kSource >> 8), uint8_t(kSource >> 16),
+		   uint8_t(kSource >> 24) } };
+}
+
+/// Two values of one type.
+Item pair(Item one, const Item &other)
+{
+	one.values.insert(one.values.end(), other.values.begin(), other.values.end());
+	return one;
 }
 
 /// Ports that such frames do not have.
@@ -268,6 +285,23 @@ const std::vector<Shape> kHurting = {
 		  Item types = value16(PACKET_ETH_PROT_EQUAL, kIpv4);
 		  types.values.insert(types.values.end(), { 0x90, 0x00 });
 		  return std::vector{ types, frame_mac(), other_ports() };
+	  },
+	  nullptr, near_miss },
+	// All that the frame has, and another value each; the last condition fails.
+	{ "seven types of two values, the last fails",
+	  [](unsigned) {
+		  return std::vector{
+			  pair(value16(PACKET_ETH_PROT_EQUAL, kIpv4),
+			       value16(PACKET_ETH_PROT_EQUAL, 0x9000)),
+			  pair(frame_mac(), mac(PACKET_SRC_MAC_EQUAL, 1)),
+			  pair(frame_mac(PACKET_DEST_MAC_EQUAL), mac(PACKET_DEST_MAC_EQUAL, 1)),
+			  pair(byte(PACKET_IPv4_PROT_EQUAL, 17), byte(PACKET_IPv4_PROT_EQUAL, 18)),
+			  pair(value16(PACKET_IPv4_DEST_PORT_EQUAL, kOtherPort),
+			       value16(PACKET_IPv4_DEST_PORT_EQUAL, port(0))),
+			  pair(frame_interface(), interface(0)),
+			  pair(value16(PACKET_IPv4_SRC_PORT_EQUAL, port(0)),
+			       value16(PACKET_IPv4_SRC_PORT_EQUAL, port(1)))
+		  };
 	  },
 	  nullptr, near_miss },
 	// Of the types that the frame has values of: long chains in the buckets where it looks.
