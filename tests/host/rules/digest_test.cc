@@ -160,6 +160,29 @@ TEST_F(Digest, key_of_a_copy)
 	}
 }
 
+// Without memory for the entry of its first item, a rule is filed under a later one, which its
+// copies then hold as an item as well: one condition, not two.
+TEST_F(Digest, key_that_is_an_item_too)
+{
+	filter_list_data key{};
+	key.type = PACKET_ETH_PROT_EQUAL;
+	const V value = n16(0x0800);
+	std::copy(value.begin(), value.end(), key.value);
+	Rule rule(PACKET_LEV2_LOC, PACKET_COPY);
+	rule.data(PACKET_SRC_MAC_EQUAL, { 2, 0, 0, 0, 0, 2 });
+	packet_regular &copy = rule.regular();
+	for (regular_item *item : items_of(&copy))
+		copy.anchored = item;
+	rule.data(PACKET_ETH_PROT_EQUAL, value);
+	copy.entry = &key;
+	const rule_digest digest = digest_of(&copy);
+	EXPECT_EQ(digest.types, bit(PACKET_ETH_PROT_EQUAL));
+	EXPECT_TRUE(may_satisfy(udp(), digest));
+	EXPECT_NE(known(udp(), digest), 0);
+	copy.entry = nullptr;
+	copy.anchored = nullptr;
+}
+
 // Users choose values: a larger one of one type must not make up for a smaller one of another.
 TEST_F(Digest, sums_do_not_cancel_out)
 {

@@ -45,7 +45,10 @@ void add_key(rule_digest *digest, const filter_list_data &key)
 {
 	if (key.type == PACKET_ALL)
 		return;
-	if (type_is_compared(key.type) && !key_is_loose(key.type))
+	/* Filed under a later item for want of memory, a copy has its key among its items. */
+	const bool is_item = key.type < MOX_PACKET_RULE_TYPES &&
+			     (digest->types & 1u << key.type) != 0;
+	if (!is_item && type_is_compared(key.type) && !key_is_loose(key.type))
 		add_value(digest, key.type, key.value);
 	else
 		digest->only = kDigestMore;
