@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // The search for the rules of a packet: which rule decides, and that candidates which
-// share all that the index looks up are told apart as the rules say.
+// share all that the index looks up are compared as the rules say.
 #include "match_fixture.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 /*
  * The conditions of a rule as one number, and those of a frame: candidates of a crowded
- * bucket that fail a condition of one value are told apart with two comparisons, however
+ * bucket that fail a condition of one value are passed over with two comparisons, however
  * many conditions they have.
  *
  * A digest holds the conditions with one value, but for the anchored one, which is known
