@@ -303,4 +303,21 @@ TEST_F(Budget, work__has_a_limit_and_half_of_it_takes_the_capability)
 	EXPECT_EQ(fill(), 1u);
 }
 
+// What takes nothing of a budget is accepted, even if others have more than their half of it.
+TEST_F(Budget, nothing_more__is_never_refused)
+{
+	budget_init(44);
+	Sock two, one;
+	ASSERT_EQ(two.create(), 0);
+	ASSERT_EQ(two.add(PACKET_IPv4_DEST_PORT_EQUAL, 1, ports(1)), 0);
+	ASSERT_EQ(two.add(PACKET_ETH_PROT_EQUAL, 1, ports(1)), 0);
+	kernel().net_admin = false;
+	ASSERT_EQ(one.create(), 0);
+	EXPECT_EQ(one.add(PACKET_IPv4_DEST_PORT_EQUAL, 1, ports(1)), 0);
+	EXPECT_EQ(one.add(PACKET_IPv4_DEST_PORT_EQUAL, 5, ports(5)), 0);
+	EXPECT_EQ(one.add(PACKET_ETH_PROT_EQUAL, 1, ports(1)), -12);
+	EXPECT_EQ(g_packet_rule_refused, 1u);
+	kernel().net_admin = true;
+}
+
 } // namespace

@@ -59,14 +59,15 @@ struct Budget {
 	}
 	bool take(u32 more)
 	{
-		return take_up_to(more, unprivileged) ||
+		/* With CAP_NET_ADMIN others may have more than half of all. */
+		return more == 0 || take_up_to(more, unprivileged) ||
 		       (seam_capable_net_admin() && take_up_to(more, all));
 	}
 	void give_back(u32 less) { __atomic_fetch_sub(&used, less, __ATOMIC_RELAXED); }
 	/** Whether a socket that has some already may have so much, as far as without the capability. */
 	bool fits(u64 wanted, u32 has) const
 	{
-		return wanted + load(used) <= u64{ unprivileged } + has;
+		return wanted <= has || wanted + load(used) <= u64{ unprivileged } + has;
 	}
 };
 
