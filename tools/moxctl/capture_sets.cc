@@ -96,6 +96,18 @@ constexpr CommandRow kCommands[] = { MOX_CAPTURE_CMD_TABLE(COMMAND_ROW) };
 #define VERDICT_ROW(name, number, meaning) { number, #name, meaning },
 constexpr VerdictRow kVerdicts[] = { MOX_CAPTURE_VERDICT_TABLE(VERDICT_ROW) };
 
+constexpr bool verdicts_and_commands_run_from_1()
+{
+	for (std::size_t i = 0; i < std::size(kVerdicts); ++i)
+		if (kVerdicts[i].number != i + 1)
+			return false;
+	for (std::size_t i = 0; i < std::size(kCommands); ++i)
+		if (kCommands[i].number != i + 1)
+			return false;
+	return true;
+}
+static_assert(verdicts_and_commands_run_from_1(), "readers use number - 1 as an index");
+
 } // namespace
 
 std::span<const AttributeRow> attributes_of(Set set)
