@@ -72,11 +72,28 @@ bool is_whole(const mox::RuleType *type, std::string_view bytes)
 	return type && type->width != 0 && bytes.size() == type->width;
 }
 
+/** The members' names by attribute number. Made once: a long report has each of them ten thousand times. */
+const std::vector<std::string> &keys_of(Set set)
+{
+	static const std::vector<std::vector<std::string>> all = [] {
+		std::vector<std::vector<std::string>> sets;
+		for (int number = 0; number <= static_cast<int>(Set::kTrace); ++number) {
+			auto &keys = sets.emplace_back(1);
+			for (const AttributeRow &row : attributes_of(static_cast<Set>(number)))
+				keys.push_back(lower_name(row.name));
+		}
+		return sets;
+	}();
+	return all[static_cast<std::size_t>(set)];
+}
+
 /** How members of one name are written, whatever the set. */
 enum class Meaning { kPlain, kLocation, kTreatment, kSocketType, kEtherType, kHop, kVerdict, kMac };
 
 Meaning meaning_of(Set set, const AttributeRow &row)
 {
+	if (row.kind == Kind::kU64 || row.kind == Kind::kS32)
+		return Meaning::kPlain;
 	static constexpr struct {
 		std::string_view name;
 		Meaning meaning;
@@ -301,12 +318,13 @@ std::string hop_name(std::uint64_t hop)
 
 void write_members(JsonWriter &json, const Record &record, std::uint64_t except)
 {
+	const std::vector<std::string> &keys = keys_of(record.set());
 	for (const AttributeRow &row : attributes_of(record.set())) {
 		bool list = is_list(record.set(), row);
 		if ((except >> row.number & 1) ||
 		    (!record.has(row.number) && row.kind != Kind::kFlag && !list))
 			continue;
-		json.key(lower_name(row.name));
+		json.key(keys[row.number]);
 		if (list)
 			write_list(json, record, row);
 		else if (row.kind == Kind::kNest)

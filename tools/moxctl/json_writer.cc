@@ -43,12 +43,16 @@ void JsonWriter::end(char bracket)
 	if (filled)
 		new_line();
 	to_ += bracket;
+	if (spill_ && to_.size() > kPart)
+		spill_(to_);
 }
 
 void JsonWriter::key(std::string_view name)
 {
-	text(name);
-	to_ += style_ == Style::kCompact ? ":" : ": ";
+	separate();
+	to_ += '"';
+	to_ += name;
+	to_ += style_ == Style::kCompact ? "\":" : "\": ";
 	after_key_ = true;
 }
 

@@ -6,10 +6,13 @@
 #ifndef MOXCTL_JSON_WRITER_H
 #define MOXCTL_JSON_WRITER_H
 
+#include <charconv>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace moxctl {
@@ -19,15 +22,26 @@ public:
 	/** Lines: one value a line, indented by two. Compact: no line end. */
 	enum class Style { kLines, kCompact };
 
+	/** Takes a part of the text away, and clears it. */
+	using Spill = std::function<void(std::string &)>;
+
+	/** Writes behind what to has. */
 	explicit JsonWriter(std::string &to, Style style = Style::kLines) : to_(to), style_(style)
 	{
 	}
+	/** Calls spill whenever the text is longer than kPart; its end remains in to. */
+	JsonWriter(std::string &to, Spill spill)
+		: to_(to), style_(Style::kLines), spill_(std::move(spill))
+	{
+		to_.reserve(kPart + kPart / 4);
+	}
 
-	/** Objects and arrays; each begin has its end. key before each value of an object. */
+	/** Objects and arrays; each begin has its end. An object needs a key before each value. */
 	void begin_object() { begin('{'); }
 	void end_object() { end('}'); }
 	void begin_array() { begin('['); }
 	void end_array() { end(']'); }
+	/** The names of members: printable ASCII without quotes and backslashes. */
 	void key(std::string_view name);
 
 	/** A string of any bytes; those that are not UTF-8 are replaced. */
@@ -36,7 +50,13 @@ public:
 	{
 		static_assert(std::is_arithmetic_v<Number>);
 		separate();
-		to_ += std::to_string(value);
+		if constexpr (std::is_integral_v<Number>) {
+			char digits[24];
+			auto end = std::to_chars(digits, digits + sizeof(digits), value).ptr;
+			to_.append(digits, end);
+		} else {
+			to_ += std::to_string(value);
+		}
 	}
 	void boolean(bool value);
 	void null();
@@ -54,6 +74,8 @@ public:
 	}
 
 private:
+	static constexpr std::size_t kPart = 64 << 10;
+
 	void separate();
 	void begin(char bracket);
 	void end(char bracket);
@@ -61,6 +83,7 @@ private:
 
 	std::string &to_;
 	Style style_;
+	Spill spill_;
 	std::vector<bool> filled_; /**< of each open object or array */
 	bool after_key_ = false;
 };

@@ -24,6 +24,14 @@ std::uint32_t library_of(std::uint64_t location)
 	return static_cast<std::uint32_t>(location);
 }
 
+JsonWriter::Spill spill_to(const World &world)
+{
+	return [&world](std::string &text) {
+		world.print(text);
+		text.clear();
+	};
+}
+
 void Problems::check(const Dump &dump, const char *what)
 {
 	if (dump.interrupted)

@@ -33,6 +33,9 @@ CaptureRequest selection_request(const Selection &selection);
 /** The location whose library has a location's rules: RESV's has those of both locations that share its hook. */
 std::uint32_t library_of(std::uint64_t location);
 
+/** Prints the parts of a long report as they are written. */
+JsonWriter::Spill spill_to(const World &world);
+
 /** What is wrong with a report. */
 class Problems {
 public:

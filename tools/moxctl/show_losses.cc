@@ -168,13 +168,14 @@ Status show_losses(const Options &options, CaptureClient &client, const World &w
 		return problems.complain(world);
 	}
 	std::string text;
-	JsonWriter json(text);
+	JsonWriter json(text, spill_to(world));
 	json.begin_object();
 	write_locations(json, locations, options.all);
 	write_sockets(json, sockets, options.all);
 	problems.write(json);
 	json.end_object();
-	world.print(text + "\n");
+	text += '\n';
+	world.print(text);
 	return problems.complain(world);
 }
 

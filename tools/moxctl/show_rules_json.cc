@@ -228,7 +228,7 @@ Status show_rules_json(const Options &options, CaptureClient &client, const Worl
 	}
 
 	std::string text;
-	JsonWriter json(text);
+	JsonWriter json(text, spill_to(world));
 	json.begin_object();
 	json.key("locations");
 	json.begin_array();
@@ -257,7 +257,8 @@ Status show_rules_json(const Options &options, CaptureClient &client, const Worl
 	json.end_array();
 	problems.write(json);
 	json.end_object();
-	world.print(text + "\n");
+	text += '\n';
+	world.print(text);
 	return problems.complain(world);
 }
 

@@ -80,7 +80,7 @@ Status show_sockets(const Options &options, CaptureClient &client, const World &
 		return problems.complain(world);
 	}
 	std::string text;
-	JsonWriter json(text);
+	JsonWriter json(text, spill_to(world));
 	json.begin_object();
 	json.key("sockets");
 	json.begin_array();
@@ -92,7 +92,8 @@ Status show_sockets(const Options &options, CaptureClient &client, const World &
 	json.end_array();
 	problems.write(json);
 	json.end_object();
-	world.print(text + "\n");
+	text += '\n';
+	world.print(text);
 	return problems.complain(world);
 }
 

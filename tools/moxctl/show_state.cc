@@ -18,7 +18,8 @@ Status finish(std::string &text, JsonWriter &json, const Problems &problems, con
 {
 	problems.write(json);
 	json.end_object();
-	world.print(text + "\n");
+	text += '\n';
+	world.print(text);
 	return problems.complain(world);
 }
 
@@ -138,7 +139,7 @@ Status show_queues(const Options &options, CaptureClient &client, const World &w
 	for (const Record &queue : queues.entries)
 		locations[queue.number(MOX_CAPTURE_QUEUE_LOCATION)].push_back(&queue);
 	std::string text;
-	JsonWriter json(text);
+	JsonWriter json(text, spill_to(world));
 	json.begin_object();
 	json.key("locations");
 	json.begin_array();
@@ -172,7 +173,7 @@ Status show_memory(const Options &options, CaptureClient &client, const World &w
 		return problems.complain(world);
 	}
 	std::string text;
-	JsonWriter json(text);
+	JsonWriter json(text, spill_to(world));
 	json.begin_object();
 	json.key("memory");
 	json.begin_object();
@@ -187,7 +188,7 @@ Status show_thread(const Options &options, CaptureClient &client, const World &w
 	Record thread = client.ask(MOX_CAPTURE_CMD_THREAD);
 	if (options.json) {
 		std::string text;
-		JsonWriter json(text);
+		JsonWriter json(text, spill_to(world));
 		json.begin_object();
 		json.key("thread");
 		json.begin_object();
@@ -213,7 +214,7 @@ Status show_info(const Options &options, CaptureClient &client, const World &wor
 	Record info = client.ask(MOX_CAPTURE_CMD_INFO);
 	if (options.json) {
 		std::string text;
-		JsonWriter json(text);
+		JsonWriter json(text, spill_to(world));
 		json.begin_object();
 		json.key("info");
 		json.begin_object();

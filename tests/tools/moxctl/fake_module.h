@@ -103,7 +103,8 @@ public:
 	bool acknowledges = true;
 	bool answers_tech = true;
 	bool foreign_messages = false; /**< others come in between */
-	Bytes family_answer;           /**< instead of the usual one */
+	bool overrun = false; /**< once, when there is nothing to receive: messages were lost */
+	Bytes family_answer;  /**< instead of the usual one */
 	std::function<void(const Bytes &payload)> on_request;
 	/** The module's family for reading; without it the module is an older one. */
 	std::function<void(const Bytes &datagram)> on_capture;
@@ -158,6 +159,10 @@ public:
 
 	Bytes receive(std::chrono::milliseconds time) override
 	{
+		if (queue_.empty() && overrun) {
+			overrun = false;
+			throw moxctl::Overrun("messages were lost");
+		}
 		if (queue_.empty()) {
 			std::this_thread::sleep_for(time);
 			return {};

@@ -354,8 +354,9 @@ TEST_F(Show, reasons__every_verdict_and_every_counter_of_lost_frames_has_one)
 	for (moxctl::Set set : { moxctl::Set::kLocation, moxctl::Set::kCounters })
 		for (const moxctl::AttributeRow &row : moxctl::attributes_of(set)) {
 			std::string name = moxctl::lower_name(row.name);
-			if (row.kind == moxctl::Kind::kU64)
+			if (row.kind == moxctl::Kind::kU64) {
 				EXPECT_NE(fine.contains(name), reasons.contains(name)) << name;
+			}
 		}
 }
 
