@@ -6,13 +6,14 @@
 #include "fake_calls.h"
 #include "frames.h"
 #include "mox/error.h"
+#include "stored_file.h"
 
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
 #include <sys/time.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 
 namespace {
 
@@ -72,7 +73,8 @@ TEST_F(Capture, prepare_socket__sets_everything_before_the_location)
 	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
 	EXPECT_EQ(calls.type & 0xf, SOCK_DGRAM);
 	EXPECT_EQ(calls.protocol, 0xcc88);
-	EXPECT_EQ(calls.option_order(), (std::vector<int>{ SO_RCVBUF, 16, 11, 11, 15 }));
+	EXPECT_EQ(calls.option_order(),
+		  (std::vector<int>{ SO_RCVBUF, 16, SO_TIMESTAMPNS, 11, 11, 15 }));
 	ASSERT_EQ(calls.bound_to.size(), 20u);
 	EXPECT_EQ(calls.bound_to[4], 7);
 	EXPECT_EQ(calls.options.back().u32(), 2u);
@@ -249,6 +251,39 @@ TEST_F(Capture, run__a_signal_ends_the_wait)
 	sigaction(SIGALRM, &before, nullptr);
 }
 
+TEST_F(Capture, run__shows_the_time_of_arrival)
+{
+	options.count = 2;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	QueuedFrame queued = arp_frame(7);
+	queued.stamp = { 3600, 123456789 };
+	calls.queue(queued);
+	queued.stamp = { 7200, 0 };
+	calls.queue(queued);
+	auto to = recorder();
+	run(socket, to);
+	EXPECT_TRUE(printed.starts_with("01:00:00.123456 port1 ")) << printed;
+	EXPECT_NE(printed.find("\n02:00:00.000000 port1 "), std::string::npos) << printed;
+}
+
+TEST_F(Capture, run__a_frame_without_a_stamp_has_the_time_of_reading)
+{
+	options.count = 1;
+	TemporaryFile file;
+	options.file = file.path;
+	mox::CaptureSocket socket(options.kind, 0, calls); // no time stamps
+	calls.queue(arp_frame(7));
+	time_t before = time(nullptr);
+	{
+		auto to = recorder();
+		run(socket, to);
+	}
+	StoredFile stored = read_back(file.path);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_GE(stored.frames[0].head.ts.tv_sec, before);
+	EXPECT_LE(stored.frames[0].head.ts.tv_sec, time(nullptr));
+}
+
 TEST_F(Capture, run__a_snapshot_length_cuts_frames)
 {
 	options.snap = 20;
@@ -272,27 +307,18 @@ TEST_F(Capture, run__a_refused_read_is_an_error)
 
 TEST_F(Capture, recorder__writes_the_capture_file_also_when_quiet)
 {
-	char path[] = "/tmp/moxcap_test_XXXXXX";
-	int fd = mkstemp(path);
-	ASSERT_GE(fd, 0);
-	close(fd);
-	options.file = path;
+	TemporaryFile file;
+	options.file = file.path;
 	options.quiet = true;
 	QueuedFrame queued = arp_frame(7);
 	{
 		auto to = recorder();
 		to.record({ queued.bytes, queued.bytes.size(), 7, queued.control }, { 5, 6000 });
 	}
-	char error[PCAP_ERRBUF_SIZE];
-	pcap_t *pcap = pcap_open_offline(path, error);
-	ASSERT_NE(pcap, nullptr) << error;
-	pcap_pkthdr *head;
-	const u_char *bytes;
-	ASSERT_EQ(pcap_next_ex(pcap, &head, &bytes), 1);
-	EXPECT_EQ(std::vector<std::uint8_t>(bytes, bytes + head->caplen), queued.bytes);
-	EXPECT_EQ(head->ts.tv_sec, 5);
-	pcap_close(pcap);
-	unlink(path);
+	StoredFile stored = read_back(file.path);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_EQ(stored.frames[0].bytes, queued.bytes);
+	EXPECT_EQ(stored.frames[0].head.ts.tv_sec, 5);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "pcap_file.h"
 
 #include "expect_error.h"
+#include "stored_file.h"
 
 #include <gtest/gtest.h>
 
@@ -18,51 +19,10 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct StoredFrame {
-	pcap_pkthdr head;
-	Bytes bytes;
-};
-
-struct StoredFile {
-	int link_type = -1;
-	int snap = 0;
-	std::vector<StoredFrame> frames;
-};
-
-StoredFile read_back(const std::string &path)
-{
-	StoredFile file;
-	char error[PCAP_ERRBUF_SIZE] = "";
-	pcap_t *pcap = pcap_open_offline(path.c_str(), error);
-	EXPECT_NE(pcap, nullptr) << error;
-	if (!pcap)
-		return file;
-	file.link_type = pcap_datalink(pcap);
-	file.snap = pcap_snapshot(pcap);
-	pcap_pkthdr *head;
-	const u_char *bytes;
-	int result;
-	while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
-		file.frames.push_back({ *head, Bytes(bytes, bytes + head->caplen) });
-	EXPECT_EQ(result, PCAP_ERROR_BREAK)
-		<< pcap_geterr(pcap); // which stands for the end of the file
-	pcap_close(pcap);
-	return file;
-}
-
 class PcapFileTest : public testing::Test {
 protected:
-	PcapFileTest()
-	{
-		char name[] = "/tmp/moxcap_test_XXXXXX";
-		int fd = mkstemp(name);
-		EXPECT_GE(fd, 0);
-		close(fd);
-		path = name;
-	}
-	~PcapFileTest() override { std::filesystem::remove(path); }
-
-	std::string path;
+	TemporaryFile temporary;
+	const std::string &path = temporary.path;
 };
 
 TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)

@@ -63,7 +63,7 @@ bool drain(mox::CaptureSocket &socket, Recorder &recorder, std::span<std::uint8_
 		auto frame = socket.receive(buffer);
 		if (!frame)
 			return false;
-		recorder.record(*frame, now());
+		recorder.record(*frame, frame->stamp ? *frame->stamp : now());
 	}
 	return true;
 }
@@ -76,6 +76,7 @@ mox::CaptureSocket prepare_socket(const Options &options, mox::SocketCalls &call
 	if (options.buffer != 0)
 		socket.set_receive_buffer(options.buffer);
 	socket.set_control_info(true);
+	socket.set_timestamps(true);
 	if (options.interface != 0)
 		socket.bind(options.interface);
 	for (const mox::Rule &rule : options.rules)

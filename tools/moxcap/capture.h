@@ -32,7 +32,7 @@ class Recorder {
 public:
 	Recorder(const Options &options, InterfaceName interface_name, Print print);
 
-	/** One frame, received at a time since the epoch. */
+	/** One frame, which arrived at a time since the epoch. */
 	void record(const mox::Frame &frame, const timespec &time);
 
 	/** Whether the frames that were asked for have all come. */
