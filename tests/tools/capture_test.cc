@@ -321,4 +321,38 @@ TEST_F(Capture, recorder__writes_the_capture_file_also_when_quiet)
 	EXPECT_EQ(stored.frames[0].head.ts.tv_sec, 5);
 }
 
+TEST_F(Capture, recorder__puts_vlan_tags_into_the_capture_file)
+{
+	struct {
+		bool vlan_tags;
+		std::vector<std::uint8_t> begin;
+		std::size_t length;
+	} const cases[] = {
+		{ true, from_hex("ffffffffffff 020000000101 8100 e064 0806 0001"), 46 },
+		{ false, from_hex("ffffffffffff 020000000101 0806 0001 0800 0604"), 42 },
+	};
+	for (const auto &each : cases) {
+		SCOPED_TRACE(each.vlan_tags);
+		TemporaryFile file;
+		options.file = file.path;
+		options.vlan_tags = each.vlan_tags;
+		QueuedFrame queued = arp_frame(7);
+		queued.control.vlan = 100 << 4 | 7;
+		printed.clear();
+		{
+			auto to = recorder();
+			to.record({ queued.bytes, queued.bytes.size(), 7, queued.control },
+				  { 0, 0 });
+		}
+		EXPECT_NE(printed.find("length 42, vlan 100 prio 7\n"), std::string::npos)
+			<< printed;
+		StoredFile stored = read_back(file.path);
+		ASSERT_EQ(stored.frames.size(), 1u);
+		EXPECT_EQ(stored.frames[0].head.len, each.length);
+		EXPECT_EQ(std::vector<std::uint8_t>(stored.frames[0].bytes.begin(),
+						    stored.frames[0].bytes.begin() + 20),
+			  each.begin);
+	}
+}
+
 } // namespace

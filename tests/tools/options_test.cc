@@ -51,6 +51,7 @@ TEST(options, without_any__copies_everything_at_lev2)
 	EXPECT_EQ(options.snap, 65535);
 	EXPECT_EQ(options.buffer, 0);
 	EXPECT_FALSE(options.hex || options.quiet || options.counters);
+	EXPECT_TRUE(options.vlan_tags);
 }
 
 TEST(options, all_of_them)
@@ -62,7 +63,7 @@ TEST(options, all_of_them)
 				"--count",     "5",        "--duration",  "1.5",
 				"--write",     "f.pcap",   "--snap",      "128",
 				"--buffer",    "65536",    "--label",     "a b",
-				"--hex",       "--quiet",  "--stats" });
+				"--hex",       "--quiet",  "--stats",     "--no-vlan" });
 	ASSERT_FALSE(ending) << ending->text;
 	EXPECT_EQ(options.location, 7u);
 	EXPECT_EQ(options.treatment, 2u);
@@ -76,6 +77,7 @@ TEST(options, all_of_them)
 	EXPECT_EQ(options.buffer, 65536);
 	EXPECT_EQ(options.label, "a b");
 	EXPECT_TRUE(options.hex && options.quiet && options.counters);
+	EXPECT_FALSE(options.vlan_tags);
 }
 
 TEST(options, short_forms_and_full_names)
@@ -123,26 +125,13 @@ TEST(options, help__is_complete_and_a_success)
 	auto [options, ending] = parse({ "--help" });
 	ASSERT_TRUE(ending);
 	EXPECT_EQ(ending->status, 0);
-	for (const char *part : { "--location",
-				  "--treatment",
-				  "--rule",
-				  "--interface",
-				  "--protocol",
-				  "--dgram",
-				  "--count",
-				  "--duration",
-				  "--write",
-				  "--snap",
-				  "--buffer",
-				  "--label",
-				  "--hex",
-				  "--quiet",
-				  "--stats",
-				  "Examples:",
-				  "moxcap --location lev2",
-				  "l2resv",
-				  "fetch-local",
-				  "wlan-mgnt",
+	for (const char *part : { "--location",  "--treatment", "--rule",
+				  "--interface", "--protocol",  "--dgram",
+				  "--count",     "--duration",  "--write",
+				  "--no-vlan",   "--snap",      "--buffer",
+				  "--label",     "--hex",       "--quiet",
+				  "--stats",     "Examples:",   "moxcap --location lev2",
+				  "l2resv",      "fetch-local", "wlan-mgnt",
 				  "not-attr" })
 		EXPECT_NE(ending->text.find(part), std::string::npos) << part;
 	EXPECT_EQ(ending->text.find("mpls"), std::string::npos) << "cannot capture there";

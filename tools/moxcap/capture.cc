@@ -89,7 +89,8 @@ Recorder::Recorder(const Options &options, InterfaceName interface_name, Print p
 	: options_(options), interface_name_(std::move(interface_name)), print_(std::move(print))
 {
 	if (!options.file.empty())
-		file_ = std::make_unique<PcapFile>(options.file, options.layout, options.snap);
+		file_ = std::make_unique<PcapFile>(options.file, options.layout, options.snap,
+						   options.vlan_tags);
 }
 
 void Recorder::record(const mox::Frame &frame, const timespec &time)
@@ -110,7 +111,7 @@ void Recorder::record(const mox::Frame &frame, const timespec &time)
 	}
 
 	if (file_)
-		file_->write(time, frame.bytes, frame.length, ether_type, has_header);
+		file_->write(time, { frame.bytes, frame.length, ether_type, has_header, control });
 	if (options_.quiet)
 		return;
 

@@ -101,6 +101,9 @@ void describe_command_line(CLI::App &app, Words &words, Options &options)
 	app.add_option("-w,--write", options.file,
 		       "Write the frames to a pcap file as well (\"-\": standard output)")
 		->type_name("FILE");
+	app.add_flag_callback(
+		"--no-vlan", [&options] { options.vlan_tags = false; },
+		"Write frames without the VLAN tags that the platform took off");
 	app.add_option("-s,--snap", options.snap,
 		       "Read no more than so many bytes of a frame (default 65535)")
 		->type_name("BYTES")

@@ -24,8 +24,9 @@ struct Options {
 	Layout layout = Layout::kEthernet;
 
 	std::string label;
-	std::string file;               /**< capture file, empty: none */
-	std::uint64_t count = 0;        /**< frames to capture, 0: no end */
+	std::string file;        /**< capture file, empty: none */
+	bool vlan_tags = true;   /**< whether the file gets the tags that the platform took off */
+	std::uint64_t count = 0; /**< frames to capture, 0: no end */
 	std::optional<double> duration; /**< seconds */
 	int snap = 65535;               /**< bytes read of a frame */
 	int buffer = 0;                 /**< receive buffer, 0: the kernel's default */

@@ -3,17 +3,14 @@
 #ifndef MOXCAP_PCAP_FILE_H
 #define MOXCAP_PCAP_FILE_H
 
-#include "decode.h"
+#include "stored_frame.h"
 
 #include <pcap/pcap.h>
 
 #include <ctime>
 
-#include <cstdint>
-#include <span>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 namespace moxcap {
 
@@ -29,28 +26,25 @@ public:
  */
 class PcapFile {
 public:
-	/** Creates the file, or empties an existing one; "-" is standard output. snap: longest frame to come, in bytes. */
-	PcapFile(const std::string &path, Layout layout, int snap);
+	/**
+	 * Creates the file, or empties an existing one; "-" is standard output. snap: longest frame to come, in bytes.
+	 * vlan_tags: whether VLAN tags are put back.
+	 */
+	PcapFile(const std::string &path, Layout layout, int snap, bool vlan_tags);
 	~PcapFile();
 	PcapFile(const PcapFile &) = delete;
 	PcapFile &operator=(const PcapFile &) = delete;
 
-	/**
-     * Adds a frame and writes it to the file at once, so that a reader can follow the file. bytes
-     * may be the beginning of a frame of length bytes. header is false for the frame of a raw socket that came
-     * without a layer-2 header: it gets the header that the rules compared, of zero addresses, with ether_type.
-     */
-	void write(const timespec &time, std::span<const std::uint8_t> bytes, std::size_t length,
-		   std::uint16_t ether_type, bool header = true);
+	/** Adds a frame and writes it to the file at once, so that a reader can follow the file. */
+	void write(const timespec &time, const ReceivedFrame &frame);
 
 private:
 	[[noreturn]] void fail_to_write(int error) const;
 
-	Layout layout_;
+	FrameStorer storer_;
 	std::string path_;
 	pcap_t *pcap_ = nullptr;
 	pcap_dumper_t *dumper_ = nullptr;
-	std::vector<std::uint8_t> scratch_;
 };
 
 } // namespace moxcap
