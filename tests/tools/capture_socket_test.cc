@@ -287,8 +287,9 @@ TEST(capture_socket, receive__time_of_arrival)
 		auto frame = socket.receive(buffer);
 		ASSERT_TRUE(frame);
 		EXPECT_EQ(frame->control.has_value(), each.control_info);
-		if (frame->control)
+		if (frame->control) {
 			EXPECT_EQ(frame->control->wlan_id, 9);
+		}
 		ASSERT_EQ(frame->stamp.has_value(), each.on);
 		if (each.on) {
 			EXPECT_EQ(frame->stamp->tv_sec, each.stamp.tv_sec);

@@ -6,9 +6,13 @@
 #include "fake_calls.h"
 #include "frames.h"
 #include "mox/error.h"
+#include "pcapng_reader.h"
 #include "stored_file.h"
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <csignal>
@@ -353,6 +357,90 @@ TEST_F(Capture, recorder__puts_vlan_tags_into_the_capture_file)
 						    stored.frames[0].bytes.begin() + 20),
 			  each.begin);
 	}
+}
+
+TEST_F(Capture, run__a_pcapng_file_has_the_drops_between_its_batches)
+{
+	TemporaryFile file;
+	options.file = file.path;
+	options.pcapng = true;
+	options.quiet = true;
+	options.treatment = PACKET_FETCH;
+	options.location = PACKET_LOCAL_LOC;
+	options.rule_text = "eth=arp";
+	options.count = 257; // one more than a batch
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	for (std::uint64_t i = 0; i < options.count; ++i)
+		calls.queue(arp_frame(7));
+	calls.statistics = { 200, 4 };
+	int received = 0;
+	calls.on_receive = [&] {
+		if (++received == 10)
+			calls.statistics = { 60, 7 };
+	};
+	calls.on_option = [&](const OptionCall &call) {
+		if (call.option == 17)
+			calls.statistics = { 9, 1 };
+	};
+	moxcap::Counters counters;
+	{
+		auto to = recorder();
+		counters = run(socket, to);
+	}
+	EXPECT_EQ(counters.captured, 257u);
+	EXPECT_EQ(counters.matched, 269u);
+	EXPECT_EQ(counters.dropped, 12u);
+	EXPECT_EQ(calls.statistics_reads, 3);
+
+	auto blocks = PcapngReader::read(file.path);
+	ASSERT_EQ(blocks.size(), 2 + 257 + 1u);
+	EXPECT_EQ(blocks[1].text(2), "port1 LOCAL");
+	EXPECT_EQ(blocks[1].text(11), std::string(1, '\0') + "eth=arp");
+	EXPECT_EQ(blocks[2].text(1), "treatment fetch");
+	for (std::size_t i = 0; i < 257; ++i) {
+		std::uint64_t dropped = i == 0 ? 4 : i == 256 ? 7 : 0;
+		EXPECT_EQ(blocks[2 + i].options.contains(4), dropped != 0) << i;
+		if (dropped != 0) {
+			EXPECT_EQ(blocks[2 + i].option<std::uint64_t>(4), dropped);
+		}
+	}
+	EXPECT_EQ(blocks.back().option<std::uint64_t>(4), 269u);
+	EXPECT_EQ(blocks.back().option<std::uint64_t>(5), 12u);
+}
+
+TEST_F(Capture, run__a_pcap_file_leaves_the_socket_its_counters_until_the_end)
+{
+	TemporaryFile file;
+	options.file = file.path;
+	options.count = 257;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	for (std::uint64_t i = 0; i < options.count; ++i)
+		calls.queue(arp_frame(7));
+	auto to = recorder();
+	run(socket, to);
+	EXPECT_EQ(calls.statistics_reads, 1);
+}
+
+TEST_F(Capture, run__ends_with_the_reader_of_its_file_when_no_frame_comes)
+{
+	auto before = std::signal(SIGPIPE, SIG_IGN);
+	for (bool pcapng : { false, true }) {
+		SCOPED_TRACE(pcapng);
+		TemporaryFile file;
+		unlink(file.path.c_str());
+		ASSERT_EQ(mkfifo(file.path.c_str(), 0600), 0);
+		int reader = open(file.path.c_str(), O_RDONLY | O_NONBLOCK);
+		ASSERT_GE(reader, 0);
+		options.file = file.path;
+		options.pcapng = pcapng;
+		options.duration = 10;
+		mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+		auto to = recorder();
+		close(reader);
+		expect_error<moxcap::FileError>([&] { run(socket, to); },
+						{ "the program that reads the capture has ended" });
+	}
+	std::signal(SIGPIPE, before);
 }
 
 } // namespace

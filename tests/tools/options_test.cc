@@ -52,6 +52,8 @@ TEST(options, without_any__copies_everything_at_lev2)
 	EXPECT_EQ(options.buffer, 0);
 	EXPECT_FALSE(options.hex || options.quiet || options.counters);
 	EXPECT_TRUE(options.vlan_tags);
+	EXPECT_FALSE(options.pcapng);
+	EXPECT_EQ(options.rule_text, "all");
 }
 
 TEST(options, all_of_them)
@@ -63,7 +65,8 @@ TEST(options, all_of_them)
 				"--count",     "5",        "--duration",  "1.5",
 				"--write",     "f.pcap",   "--snap",      "128",
 				"--buffer",    "65536",    "--label",     "a b",
-				"--hex",       "--quiet",  "--stats",     "--no-vlan" });
+				"--hex",       "--quiet",  "--stats",     "--no-vlan",
+				"--pcapng" });
 	ASSERT_FALSE(ending) << ending->text;
 	EXPECT_EQ(options.location, 7u);
 	EXPECT_EQ(options.treatment, 2u);
@@ -78,6 +81,9 @@ TEST(options, all_of_them)
 	EXPECT_EQ(options.label, "a b");
 	EXPECT_TRUE(options.hex && options.quiet && options.counters);
 	EXPECT_FALSE(options.vlan_tags);
+	EXPECT_TRUE(options.pcapng);
+	EXPECT_EQ(options.rule_text,
+		  "eth=lldp and eth=lldp and dmac=01:80:c2:00:00:0e and intf=port1");
 }
 
 TEST(options, short_forms_and_full_names)
@@ -125,13 +131,28 @@ TEST(options, help__is_complete_and_a_success)
 	auto [options, ending] = parse({ "--help" });
 	ASSERT_TRUE(ending);
 	EXPECT_EQ(ending->status, 0);
-	for (const char *part : { "--location",  "--treatment", "--rule",
-				  "--interface", "--protocol",  "--dgram",
-				  "--count",     "--duration",  "--write",
-				  "--no-vlan",   "--snap",      "--buffer",
-				  "--label",     "--hex",       "--quiet",
-				  "--stats",     "Examples:",   "moxcap --location lev2",
-				  "l2resv",      "fetch-local", "wlan-mgnt",
+	for (const char *part : { "--location",
+				  "--treatment",
+				  "--rule",
+				  "--interface",
+				  "--protocol",
+				  "--dgram",
+				  "--count",
+				  "--duration",
+				  "--write",
+				  "--no-vlan",
+				  "--pcapng",
+				  "--snap",
+				  "--buffer",
+				  "--label",
+				  "--hex",
+				  "--quiet",
+				  "--stats",
+				  "Examples:",
+				  "moxcap --location lev2",
+				  "l2resv",
+				  "fetch-local",
+				  "wlan-mgnt",
 				  "not-attr" })
 		EXPECT_NE(ending->text.find(part), std::string::npos) << part;
 	EXPECT_EQ(ending->text.find("mpls"), std::string::npos) << "cannot capture there";
@@ -157,6 +178,7 @@ TEST(options, errors__status_2_and_what_would_be_allowed)
 		{ { "-s", "65536" }, { "--snap", "1 to 65535" } },
 		{ { "-b", "0" }, { "--buffer", "1 to" } },
 		{ { "-w" }, { "--write" } },
+		{ { "--pcapng" }, { "--pcapng", "--write" } },
 		{ { "--frobnicate" }, { "--frobnicate" } },
 		{ { "eth=arp" }, { "eth=arp" } },
 		{ { "-r", "eth=arp", "extra" }, { "extra" } },

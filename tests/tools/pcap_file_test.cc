@@ -22,7 +22,7 @@ using Bytes = std::vector<std::uint8_t>;
 void write(moxcap::PcapFile &file, const timespec &time, const Bytes &bytes, std::size_t length,
 	   std::uint16_t ether_type, bool has_header = true)
 {
-	file.write(time, { bytes, length, ether_type, has_header, nullptr });
+	file.write({ time, { bytes, length, ether_type, has_header, nullptr }, 7, "port1", 0 });
 }
 
 class PcapFileTest : public testing::Test {
@@ -113,7 +113,11 @@ TEST_F(PcapFileTest, vlan_tags_are_put_back_on_request)
 		SCOPED_TRACE(tags);
 		{
 			moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535, tags);
-			file.write({ 0, 0 }, { packet, 70000, 0x0800, false, &control });
+			file.write({ { 0, 0 },
+				     { packet, 70000, 0x0800, false, &control },
+				     7,
+				     "port1",
+				     0 });
 		}
 		StoredFile stored = read_back(path);
 		ASSERT_EQ(stored.frames.size(), 1u);

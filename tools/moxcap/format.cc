@@ -39,15 +39,7 @@ std::string time_of_day(const timespec &time)
 
 std::string control_text(const mox_packet_ctrl_info &control)
 {
-	std::string text;
-	VlanTags tags = vlan_tags(control);
-	if (tags.has_outer()) {
-		text += ", vlan " + std::to_string(tags.id);
-		if (tags.priority != 0)
-			text += " prio " + std::to_string(tags.priority);
-	}
-	if (tags.inner_id != 0)
-		text += ", inner vlan " + std::to_string(tags.inner_id);
+	std::string text = format_vlan(control);
 	if (control.wlan_id != 0 || control.radio_id != 0)
 		text += ", radio " + std::to_string(control.radio_id) + " wlan " +
 			std::to_string(control.wlan_id);
@@ -96,6 +88,20 @@ std::string format_hex(std::span<const std::uint8_t> bytes)
 		}
 		text += "  " + ascii + "\n";
 	}
+	return text;
+}
+
+std::string format_vlan(const mox_packet_ctrl_info &control)
+{
+	std::string text;
+	VlanTags tags = vlan_tags(control);
+	if (tags.has_outer()) {
+		text += ", vlan " + std::to_string(tags.id);
+		if (tags.priority != 0)
+			text += " prio " + std::to_string(tags.priority);
+	}
+	if (tags.inner_id != 0)
+		text += ", inner vlan " + std::to_string(tags.inner_id);
 	return text;
 }
 
