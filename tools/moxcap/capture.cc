@@ -224,7 +224,7 @@ Counters run_capture(mox::CaptureSocket &socket, const Options &options, Recorde
 						       errno);
 			continue; // which leaves the results of an earlier wait
 		}
-		// Without this, a trap rule without traffic would stay until the next frame after the reader's end.
+		// Otherwise a trap rule without traffic would stay until the first frame after the reader's end.
 		if (poll_for[1].revents & (POLLERR | POLLHUP))
 			recorder.file()->fail_without_reader();
 	}

@@ -17,7 +17,7 @@ namespace moxcap {
 /** Blocks for interfaces in one file; frames of further interfaces share one more block. */
 constexpr std::size_t kMostInterfaces = 1024;
 
-/** What a pcapng file says of the capture as a whole. */
+/** The capture as a whole, as its file describes it. */
 struct CaptureDescription {
 	std::string hardware;        /**< of the device; empty: unknown */
 	std::string system;          /**< its operating system; empty: unknown */
