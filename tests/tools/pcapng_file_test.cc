@@ -178,6 +178,11 @@ TEST_F(PcapngFileTest, comment__every_field_of_the_record)
 		  "treatment fetch-local, vlan 6 prio 7, inner vlan 10, wlan-id 14, ap-wlan-id 15, "
 		  "radio 16, flags ef40000, original interface 2, layer-2 interface 3, "
 		  "layer-2 header length 12, word28 0xabc, half38 0xd, proxy-capture 17");
+	control = {};
+	control.pkt_ifx = control.pkt_origifx = control.pkt_l2ifx = 7;
+	control.l2_len = 14;
+	EXPECT_EQ(moxcap::comment_text(PACKET_COPY, { {}, 0, 0, true, &control }),
+		  "treatment copy");
 	EXPECT_EQ(moxcap::comment_text(99, { {}, 0, 0, true, nullptr }), "treatment 99");
 }
 

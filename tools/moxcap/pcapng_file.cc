@@ -128,7 +128,8 @@ std::string comment_text(std::uint32_t treatment, const ReceivedFrame &frame)
 	// What is the same for nearly every frame is left out.
 	if (control.pkt_origifx != control.pkt_ifx)
 		add_number(text, "original interface", control.pkt_origifx);
-	add_number(text, "layer-2 interface", control.pkt_l2ifx);
+	if (control.pkt_l2ifx != control.pkt_ifx)
+		add_number(text, "layer-2 interface", control.pkt_l2ifx);
 	if (control.l2_len != kEthernetHeader)
 		add_number(text, "layer-2 header length", control.l2_len);
 	add_bits(text, "word28", control.word28);
