@@ -17,6 +17,35 @@ constexpr std::size_t kReceivedNameSize = 26;
 // kernel cuts what does not fit.
 constexpr std::size_t kMessageRoom = 256;
 
+/** The two numbers of a time stamp, each as wide as Part. Nothing if the message is too short for them. */
+template <typename Part> std::optional<timespec> stamp_of(const cmsghdr &message)
+{
+	Part parts[2];
+	if (message.cmsg_len < CMSG_LEN(sizeof(parts)))
+		return std::nullopt;
+	std::memcpy(parts, CMSG_DATA(&message), sizeof(parts));
+	timespec stamp{};
+	stamp.tv_sec = static_cast<time_t>(parts[0]);
+	stamp.tv_nsec = static_cast<long>(parts[1]);
+	return stamp;
+}
+
+/** The time stamp among the kernel's control messages, nothing if there is none. */
+std::optional<timespec> find_stamp(msghdr &message)
+{
+	for (cmsghdr *each = CMSG_FIRSTHDR(&message); each; each = CMSG_NXTHDR(&message, each)) {
+		if (each->cmsg_level != SOL_SOCKET)
+			continue;
+		// With a 64-bit time_t on a 32-bit machine the C library asks for the new form, and for the old one
+		// where the kernel does not have the new one.
+		if (each->cmsg_type == SO_TIMESTAMPNS_OLD)
+			return stamp_of<long>(*each);
+		if (each->cmsg_type == SO_TIMESTAMPNS_NEW)
+			return stamp_of<std::int64_t>(*each);
+	}
+	return std::nullopt;
+}
+
 } // namespace
 
 void CaptureSocket::set_location(std::uint32_t location)
@@ -35,6 +64,13 @@ void CaptureSocket::set_control_info(bool on)
 {
 	set_u32(PACKET_CTRL_INFO, on, "cannot switch control information");
 	control_info_ = on;
+}
+
+void CaptureSocket::set_timestamps(bool on)
+{
+	int value = on;
+	if (calls().setsockopt(fd(), SOL_SOCKET, SO_TIMESTAMPNS, &value, sizeof(value)) != 0)
+		throw_socket_error("cannot switch time stamps");
 }
 
 void CaptureSocket::add_rule(const Rule &rule)
@@ -84,11 +120,12 @@ std::optional<Frame> CaptureSocket::receive(std::span<std::uint8_t> buffer, bool
 	frame.length = static_cast<std::size_t>(length);
 	frame.bytes = buffer.first(std::min(frame.length, buffer.size()));
 	frame.ifindex = static_cast<std::uint32_t>(name.address.ifindex);
+	message.msg_controllen = std::min<std::size_t>(message.msg_controllen, kMessageRoom);
+	frame.stamp = find_stamp(message);
 	// The record has no control-message header, and the returned length counts the kernel's messages only. So the
 	// record is there if it was asked for, and it stands where that length ends.
 	if (control_info_) {
-		std::size_t messages = std::min<std::size_t>(message.msg_controllen, kMessageRoom);
-		std::memcpy(&frame.control.emplace(), control + messages,
+		std::memcpy(&frame.control.emplace(), control + message.msg_controllen,
 			    sizeof(mox_packet_ctrl_info));
 	}
 	return frame;

@@ -25,6 +25,8 @@
 #include "mox/rule.h"
 #include "mox_packet.h"
 
+#include <ctime>
+
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -37,6 +39,8 @@ struct Frame {
 	std::size_t length = 0;                      /**< full length of the frame */
 	std::uint32_t ifindex = 0;                   /**< interface it came in on */
 	std::optional<mox_packet_ctrl_info> control; /**< when control information is on */
+	/** Time of arrival since the epoch, when time stamps are on. */
+	std::optional<timespec> stamp = std::nullopt;
 
 	bool truncated() const { return bytes.size() < length; }
 };
@@ -49,6 +53,8 @@ public:
 	void set_treatment(std::uint32_t treatment);
 	/** Whether frames come with their control record. */
 	void set_control_info(bool on);
+	/** Whether frames come with the time of their arrival (SO_TIMESTAMPNS). */
+	void set_timestamps(bool on);
 	void add_rule(const Rule &rule);
 	/** Deletes the rule's values; values that the socket does not have are ignored. */
 	void delete_rule(const Rule &rule);

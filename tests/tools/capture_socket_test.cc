@@ -5,6 +5,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -235,7 +236,7 @@ TEST(capture_socket, receive__the_record_stands_behind_the_kernels_own_messages)
 						   sizeof(on)),
 				  0);
 		}
-		QueuedFrame queued{ { 1, 2, 3 }, {} };
+		QueuedFrame queued{ { 1, 2, 3 }, {}, { 7, 8 } };
 		std::memset(&queued.control, 0x5a, sizeof(queued.control));
 		calls.queue(queued);
 
@@ -246,7 +247,69 @@ TEST(capture_socket, receive__the_record_stands_behind_the_kernels_own_messages)
 		EXPECT_EQ(std::memcmp(&*frame->control, &queued.control, sizeof(queued.control)),
 			  0);
 		EXPECT_EQ(frame->ifindex, 0x5a5a5a5au);
+		bool stamped = std::find(each.options.begin(), each.options.end(),
+					 SO_TIMESTAMPNS) != each.options.end();
+		EXPECT_EQ(frame->stamp.has_value(), stamped);
 	}
+}
+
+TEST(capture_socket, receive__time_of_arrival)
+{
+	struct {
+		const char *what;
+		bool on, wide, control_info, others;
+		timespec stamp;
+	} const cases[] = {
+		{ "off", false, false, true, false, { 1700000000, 5 } },
+		{ "alone", true, false, false, false, { 1700000000, 123456789 } },
+		{ "with the record", true, false, true, false, { 1700000000, 999999999 } },
+		{ "among others", true, false, true, true, { 1700000001, 1 } },
+		{ "wide", true, true, true, true, { 5000000000, 999999999 } },
+	};
+	for (const auto &each : cases) {
+		SCOPED_TRACE(each.what);
+		FakeCalls calls;
+		calls.wide_stamps = each.wide;
+		mox::CaptureSocket socket(mox::SocketKind::kRaw, 0, calls);
+		socket.set_control_info(each.control_info);
+		socket.set_timestamps(each.on);
+		for (int option : { SO_TIMESTAMP, SO_TIMESTAMPING, SO_WIFI_STATUS, SO_RXQ_OVFL }) {
+			int on = each.others;
+			ASSERT_EQ(calls.setsockopt(socket.fd(), SOL_SOCKET, option, &on,
+						   sizeof(on)),
+				  0);
+		}
+		QueuedFrame queued{ { 1, 2, 3 }, {}, each.stamp };
+		queued.control.wlan_id = 9;
+		calls.queue(queued);
+
+		std::uint8_t buffer[8];
+		auto frame = socket.receive(buffer);
+		ASSERT_TRUE(frame);
+		EXPECT_EQ(frame->control.has_value(), each.control_info);
+		if (frame->control) {
+			EXPECT_EQ(frame->control->wlan_id, 9);
+		}
+		ASSERT_EQ(frame->stamp.has_value(), each.on);
+		if (each.on) {
+			EXPECT_EQ(frame->stamp->tv_sec, each.stamp.tv_sec);
+			EXPECT_EQ(frame->stamp->tv_nsec, each.stamp.tv_nsec);
+		}
+	}
+}
+
+TEST(capture_socket, timestamps__are_the_ordinary_socket_option)
+{
+	FakeCalls calls;
+	mox::CaptureSocket socket(mox::SocketKind::kRaw, 0, calls);
+	socket.set_timestamps(true);
+	socket.set_timestamps(false);
+	ASSERT_EQ(calls.option_order(), (std::vector<int>{ SO_TIMESTAMPNS, SO_TIMESTAMPNS }));
+	EXPECT_EQ(calls.options[0].level, SOL_SOCKET);
+	EXPECT_EQ(calls.options[0].u32(), 1u);
+	EXPECT_EQ(calls.options[1].u32(), 0u);
+	calls.option_errors[SO_TIMESTAMPNS] = ENOPROTOOPT;
+	expect_error<mox::SocketError>([&] { socket.set_timestamps(true); }, { "time stamps" });
 }
 
 TEST(capture_socket, receive__waits_only_when_asked)

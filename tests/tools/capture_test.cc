@@ -6,13 +6,18 @@
 #include "fake_calls.h"
 #include "frames.h"
 #include "mox/error.h"
+#include "pcapng_reader.h"
+#include "stored_file.h"
 
 #include <gtest/gtest.h>
-#include <pcap/pcap.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 
 namespace {
 
@@ -72,7 +77,8 @@ TEST_F(Capture, prepare_socket__sets_everything_before_the_location)
 	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
 	EXPECT_EQ(calls.type & 0xf, SOCK_DGRAM);
 	EXPECT_EQ(calls.protocol, 0xcc88);
-	EXPECT_EQ(calls.option_order(), (std::vector<int>{ SO_RCVBUF, 16, 11, 11, 15 }));
+	EXPECT_EQ(calls.option_order(),
+		  (std::vector<int>{ SO_RCVBUF, 16, SO_TIMESTAMPNS, 11, 11, 15 }));
 	ASSERT_EQ(calls.bound_to.size(), 20u);
 	EXPECT_EQ(calls.bound_to[4], 7);
 	EXPECT_EQ(calls.options.back().u32(), 2u);
@@ -249,6 +255,39 @@ TEST_F(Capture, run__a_signal_ends_the_wait)
 	sigaction(SIGALRM, &before, nullptr);
 }
 
+TEST_F(Capture, run__shows_the_time_of_arrival)
+{
+	options.count = 2;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	QueuedFrame queued = arp_frame(7);
+	queued.stamp = { 3600, 123456789 };
+	calls.queue(queued);
+	queued.stamp = { 7200, 0 };
+	calls.queue(queued);
+	auto to = recorder();
+	run(socket, to);
+	EXPECT_TRUE(printed.starts_with("01:00:00.123456 port1 ")) << printed;
+	EXPECT_NE(printed.find("\n02:00:00.000000 port1 "), std::string::npos) << printed;
+}
+
+TEST_F(Capture, run__a_frame_without_a_stamp_has_the_time_of_reading)
+{
+	options.count = 1;
+	TemporaryFile file;
+	options.file = file.path;
+	mox::CaptureSocket socket(options.kind, 0, calls); // no time stamps
+	calls.queue(arp_frame(7));
+	time_t before = time(nullptr);
+	{
+		auto to = recorder();
+		run(socket, to);
+	}
+	StoredFile stored = read_back(file.path);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_GE(stored.frames[0].head.ts.tv_sec, before);
+	EXPECT_LE(stored.frames[0].head.ts.tv_sec, time(nullptr));
+}
+
 TEST_F(Capture, run__a_snapshot_length_cuts_frames)
 {
 	options.snap = 20;
@@ -272,27 +311,136 @@ TEST_F(Capture, run__a_refused_read_is_an_error)
 
 TEST_F(Capture, recorder__writes_the_capture_file_also_when_quiet)
 {
-	char path[] = "/tmp/moxcap_test_XXXXXX";
-	int fd = mkstemp(path);
-	ASSERT_GE(fd, 0);
-	close(fd);
-	options.file = path;
+	TemporaryFile file;
+	options.file = file.path;
 	options.quiet = true;
 	QueuedFrame queued = arp_frame(7);
 	{
 		auto to = recorder();
 		to.record({ queued.bytes, queued.bytes.size(), 7, queued.control }, { 5, 6000 });
 	}
-	char error[PCAP_ERRBUF_SIZE];
-	pcap_t *pcap = pcap_open_offline(path, error);
-	ASSERT_NE(pcap, nullptr) << error;
-	pcap_pkthdr *head;
-	const u_char *bytes;
-	ASSERT_EQ(pcap_next_ex(pcap, &head, &bytes), 1);
-	EXPECT_EQ(std::vector<std::uint8_t>(bytes, bytes + head->caplen), queued.bytes);
-	EXPECT_EQ(head->ts.tv_sec, 5);
-	pcap_close(pcap);
-	unlink(path);
+	StoredFile stored = read_back(file.path);
+	ASSERT_EQ(stored.frames.size(), 1u);
+	EXPECT_EQ(stored.frames[0].bytes, queued.bytes);
+	EXPECT_EQ(stored.frames[0].head.ts.tv_sec, 5);
+}
+
+TEST_F(Capture, recorder__puts_vlan_tags_into_the_capture_file)
+{
+	struct {
+		bool vlan_tags;
+		std::vector<std::uint8_t> begin;
+		std::size_t length;
+	} const cases[] = {
+		{ true, from_hex("ffffffffffff 020000000101 8100 e064 0806 0001"), 46 },
+		{ false, from_hex("ffffffffffff 020000000101 0806 0001 0800 0604"), 42 },
+	};
+	for (const auto &each : cases) {
+		SCOPED_TRACE(each.vlan_tags);
+		TemporaryFile file;
+		options.file = file.path;
+		options.vlan_tags = each.vlan_tags;
+		QueuedFrame queued = arp_frame(7);
+		queued.control.vlan = 100 << 4 | 7;
+		printed.clear();
+		{
+			auto to = recorder();
+			to.record({ queued.bytes, queued.bytes.size(), 7, queued.control },
+				  { 0, 0 });
+		}
+		EXPECT_NE(printed.find("length 42, vlan 100 prio 7\n"), std::string::npos)
+			<< printed;
+		StoredFile stored = read_back(file.path);
+		ASSERT_EQ(stored.frames.size(), 1u);
+		EXPECT_EQ(stored.frames[0].head.len, each.length);
+		EXPECT_EQ(std::vector<std::uint8_t>(stored.frames[0].bytes.begin(),
+						    stored.frames[0].bytes.begin() + 20),
+			  each.begin);
+	}
+}
+
+TEST_F(Capture, run__a_pcapng_file_has_the_drops_between_its_batches)
+{
+	TemporaryFile file;
+	options.file = file.path;
+	options.pcapng = true;
+	options.quiet = true;
+	options.treatment = PACKET_FETCH;
+	options.location = PACKET_LOCAL_LOC;
+	options.rule_text = "eth=arp";
+	options.count = 257; // one more than a batch
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	for (std::uint64_t i = 0; i < options.count; ++i)
+		calls.queue(arp_frame(7));
+	calls.statistics = { 200, 4 };
+	int received = 0;
+	calls.on_receive = [&] {
+		if (++received == 10)
+			calls.statistics = { 60, 7 };
+	};
+	calls.on_option = [&](const OptionCall &call) {
+		if (call.option == 17)
+			calls.statistics = { 9, 1 };
+	};
+	moxcap::Counters counters;
+	{
+		auto to = recorder();
+		counters = run(socket, to);
+	}
+	EXPECT_EQ(counters.captured, 257u);
+	EXPECT_EQ(counters.matched, 269u);
+	EXPECT_EQ(counters.dropped, 12u);
+	EXPECT_EQ(calls.statistics_reads, 3);
+
+	auto blocks = PcapngReader::read(file.path);
+	ASSERT_EQ(blocks.size(), 2 + 257 + 1u);
+	EXPECT_EQ(blocks[1].text(2), "port1 LOCAL");
+	EXPECT_EQ(blocks[1].text(11), std::string(1, '\0') + "eth=arp");
+	EXPECT_EQ(blocks[2].text(1), "treatment fetch");
+	for (std::size_t i = 0; i < 257; ++i) {
+		std::uint64_t dropped = i == 0 ? 4 : i == 256 ? 7 : 0;
+		EXPECT_EQ(blocks[2 + i].options.contains(4), dropped != 0) << i;
+		if (dropped != 0) {
+			EXPECT_EQ(blocks[2 + i].option<std::uint64_t>(4), dropped);
+		}
+	}
+	EXPECT_EQ(blocks.back().option<std::uint64_t>(4), 269u);
+	EXPECT_EQ(blocks.back().option<std::uint64_t>(5), 12u);
+}
+
+TEST_F(Capture, run__a_pcap_file_leaves_the_socket_its_counters_until_the_end)
+{
+	TemporaryFile file;
+	options.file = file.path;
+	options.count = 257;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	for (std::uint64_t i = 0; i < options.count; ++i)
+		calls.queue(arp_frame(7));
+	auto to = recorder();
+	run(socket, to);
+	EXPECT_EQ(calls.statistics_reads, 1);
+}
+
+TEST_F(Capture, run__ends_with_the_reader_of_its_file_when_no_frame_comes)
+{
+	auto before = std::signal(SIGPIPE, SIG_IGN);
+	for (bool pcapng : { false, true }) {
+		SCOPED_TRACE(pcapng);
+		TemporaryFile file;
+		unlink(file.path.c_str());
+		ASSERT_EQ(mkfifo(file.path.c_str(), 0600), 0);
+		int reader = open(file.path.c_str(), O_RDONLY | O_NONBLOCK);
+		ASSERT_GE(reader, 0);
+		options.file = file.path;
+		options.pcapng = pcapng;
+		options.duration = 10;
+		mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+		auto to = recorder();
+		close(reader);
+		expect_error<moxcap::FileError>([&] { run(socket, to); },
+						{ "the program that reads the capture has ended" });
+	}
+	std::signal(SIGPIPE, before);
 }
 
 } // namespace

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <map>
@@ -40,6 +41,7 @@ struct OptionCall {
 struct QueuedFrame {
 	std::vector<std::uint8_t> bytes;
 	mox_packet_ctrl_info control{};
+	timespec stamp{}; // reported with SO_TIMESTAMPNS only
 };
 
 /** What a sendmsg call handed over. */
@@ -56,6 +58,8 @@ public:
 	// What to answer: an errno instead of success, by option number (setsockopt) or call.
 	int socket_error = 0, bind_error = 0, receive_error = 0, statistics_error = 0;
 	bool linux_packet_sockets = false;
+	bool wide_stamps =
+		false; // the form of time stamps that 32-bit programs with a 64-bit time_t ask for
 	std::map<int, int> option_errors;
 	int name_error = 0;
 	std::vector<std::uint8_t> name; // answer of getsockname
@@ -181,8 +185,8 @@ public:
 		// The kernel's own messages first; the record follows them, whatever room is left, and is not counted.
 		auto at = static_cast<std::uint8_t *>(message->msg_control);
 		std::size_t used = 0;
-		for (std::size_t data : kernel_messages())
-			used += put_message(at + used, message->msg_controllen - used, data);
+		for (const KernelMessage &each : kernel_messages(frame))
+			used += put_message(at + used, message->msg_controllen - used, each);
 		if (control_info())
 			std::memcpy(at + used, &frame.control, sizeof(frame.control));
 		message->msg_controllen = used;
@@ -214,8 +218,13 @@ private:
 	}
 	bool control_info() const { return last_set(263, 16) != 0; }
 
-	/** Data sizes of the control messages that the kernel adds for the options that are on. */
-	std::vector<std::size_t> kernel_messages() const
+	struct KernelMessage {
+		int type;
+		std::vector<std::uint8_t> data;
+	};
+
+	/** The control messages that the kernel adds for the options that are on. */
+	std::vector<KernelMessage> kernel_messages(const QueuedFrame &frame) const
 	{
 		constexpr struct {
 			int option;
@@ -225,20 +234,46 @@ private:
 			      { SO_TIMESTAMPING, 3 * sizeof(timespec) },
 			      { SO_WIFI_STATUS, sizeof(int) },
 			      { SO_RXQ_OVFL, sizeof(std::uint32_t) } };
-		std::vector<std::size_t> sizes;
-		for (const auto &each : table)
-			if (last_set(SOL_SOCKET, each.option) != 0)
-				sizes.push_back(each.data);
-		return sizes;
+		std::vector<KernelMessage> messages;
+		for (const auto &each : table) {
+			if (last_set(SOL_SOCKET, each.option) == 0)
+				continue;
+			if (each.option == SO_TIMESTAMPNS)
+				messages.push_back(
+					wide_stamps ? stamp_message<std::int64_t>(
+							      SO_TIMESTAMPNS_NEW, frame.stamp)
+						    : stamp_message<long>(SO_TIMESTAMPNS_OLD,
+									  frame.stamp));
+			else
+				messages.push_back({ each.option,
+						     std::vector<std::uint8_t>(each.data, 0xcc) });
+		}
+		return messages;
 	}
 
-	/** Stores one message of recognizable bytes as far as there is room; how much of it that took. */
-	static std::size_t put_message(std::uint8_t *at, std::size_t room, std::size_t data)
+	template <typename Part> static KernelMessage stamp_message(int type, const timespec &stamp)
+	{
+		Part parts[2] = { static_cast<Part>(stamp.tv_sec),
+				  static_cast<Part>(stamp.tv_nsec) };
+		KernelMessage message{ type, {} };
+		append(message.data, parts, sizeof(parts));
+		return message;
+	}
+
+	/** Stores one message as far as there is room; how much of it that took. */
+	static std::size_t put_message(std::uint8_t *at, std::size_t room,
+				       const KernelMessage &message)
 	{
 		if (room < sizeof(cmsghdr))
 			return 0;
-		std::memset(at, 0xcc, std::min(room, CMSG_LEN(data)));
-		return std::min(room, CMSG_SPACE(data));
+		std::size_t length = std::min(room, CMSG_LEN(message.data.size()));
+		cmsghdr head{};
+		head.cmsg_len = length;
+		head.cmsg_level = SOL_SOCKET;
+		head.cmsg_type = message.type;
+		std::memcpy(at, &head, sizeof(head));
+		std::memcpy(at + CMSG_LEN(0), message.data.data(), length - CMSG_LEN(0));
+		return std::min(room, CMSG_SPACE(message.data.size()));
 	}
 
 	static void append(std::vector<std::uint8_t> &to, const void *from, std::size_t length)

@@ -51,6 +51,9 @@ TEST(options, without_any__copies_everything_at_lev2)
 	EXPECT_EQ(options.snap, 65535);
 	EXPECT_EQ(options.buffer, 0);
 	EXPECT_FALSE(options.hex || options.quiet || options.counters);
+	EXPECT_TRUE(options.vlan_tags);
+	EXPECT_FALSE(options.pcapng);
+	EXPECT_EQ(options.rule_text, "all");
 }
 
 TEST(options, all_of_them)
@@ -62,7 +65,8 @@ TEST(options, all_of_them)
 				"--count",     "5",        "--duration",  "1.5",
 				"--write",     "f.pcap",   "--snap",      "128",
 				"--buffer",    "65536",    "--label",     "a b",
-				"--hex",       "--quiet",  "--stats" });
+				"--hex",       "--quiet",  "--stats",     "--no-vlan",
+				"--pcapng" });
 	ASSERT_FALSE(ending) << ending->text;
 	EXPECT_EQ(options.location, 7u);
 	EXPECT_EQ(options.treatment, 2u);
@@ -76,6 +80,10 @@ TEST(options, all_of_them)
 	EXPECT_EQ(options.buffer, 65536);
 	EXPECT_EQ(options.label, "a b");
 	EXPECT_TRUE(options.hex && options.quiet && options.counters);
+	EXPECT_FALSE(options.vlan_tags);
+	EXPECT_TRUE(options.pcapng);
+	EXPECT_EQ(options.rule_text,
+		  "eth=lldp and eth=lldp and dmac=01:80:c2:00:00:0e and intf=port1");
 }
 
 TEST(options, short_forms_and_full_names)
@@ -132,6 +140,8 @@ TEST(options, help__is_complete_and_a_success)
 				  "--count",
 				  "--duration",
 				  "--write",
+				  "--no-vlan",
+				  "--pcapng",
 				  "--snap",
 				  "--buffer",
 				  "--label",
@@ -168,6 +178,7 @@ TEST(options, errors__status_2_and_what_would_be_allowed)
 		{ { "-s", "65536" }, { "--snap", "1 to 65535" } },
 		{ { "-b", "0" }, { "--buffer", "1 to" } },
 		{ { "-w" }, { "--write" } },
+		{ { "--pcapng" }, { "--pcapng", "--write" } },
 		{ { "--frobnicate" }, { "--frobnicate" } },
 		{ { "eth=arp" }, { "eth=arp" } },
 		{ { "-r", "eth=arp", "extra" }, { "extra" } },

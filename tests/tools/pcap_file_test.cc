@@ -3,6 +3,7 @@
 #include "pcap_file.h"
 
 #include "expect_error.h"
+#include "stored_file.h"
 
 #include <gtest/gtest.h>
 
@@ -18,51 +19,16 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-struct StoredFrame {
-	pcap_pkthdr head;
-	Bytes bytes;
-};
-
-struct StoredFile {
-	int link_type = -1;
-	int snap = 0;
-	std::vector<StoredFrame> frames;
-};
-
-StoredFile read_back(const std::string &path)
+void write(moxcap::PcapFile &file, const timespec &time, const Bytes &bytes, std::size_t length,
+	   std::uint16_t ether_type, bool has_header = true)
 {
-	StoredFile file;
-	char error[PCAP_ERRBUF_SIZE] = "";
-	pcap_t *pcap = pcap_open_offline(path.c_str(), error);
-	EXPECT_NE(pcap, nullptr) << error;
-	if (!pcap)
-		return file;
-	file.link_type = pcap_datalink(pcap);
-	file.snap = pcap_snapshot(pcap);
-	pcap_pkthdr *head;
-	const u_char *bytes;
-	int result;
-	while ((result = pcap_next_ex(pcap, &head, &bytes)) == 1)
-		file.frames.push_back({ *head, Bytes(bytes, bytes + head->caplen) });
-	EXPECT_EQ(result, PCAP_ERROR_BREAK)
-		<< pcap_geterr(pcap); // which stands for the end of the file
-	pcap_close(pcap);
-	return file;
+	file.write({ time, { bytes, length, ether_type, has_header, nullptr }, 7, "port1", 0 });
 }
 
 class PcapFileTest : public testing::Test {
 protected:
-	PcapFileTest()
-	{
-		char name[] = "/tmp/moxcap_test_XXXXXX";
-		int fd = mkstemp(name);
-		EXPECT_GE(fd, 0);
-		close(fd);
-		path = name;
-	}
-	~PcapFileTest() override { std::filesystem::remove(path); }
-
-	std::string path;
+	TemporaryFile temporary;
+	const std::string &path = temporary.path;
 };
 
 TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
@@ -71,9 +37,9 @@ TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
 	for (std::size_t i = 0; i < second.size(); ++i)
 		second[i] = static_cast<std::uint8_t>(i * 7);
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-		file.write({ 1700000000, 123456789 }, first, first.size(), 0x0806);
-		file.write({ 1700000001, 0 }, second, second.size(), 0x0800);
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535, true);
+		write(file, { 1700000000, 123456789 }, first, first.size(), 0x0806);
+		write(file, { 1700000001, 0 }, second, second.size(), 0x0800);
 	}
 	StoredFile stored = read_back(path);
 	EXPECT_EQ(stored.link_type, DLT_EN10MB);
@@ -89,8 +55,8 @@ TEST_F(PcapFileTest, ethernet_frames_are_stored_as_they_are)
 TEST_F(PcapFileTest, a_cut_frame_keeps_its_full_length)
 {
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 20);
-		file.write({ 0, 0 }, Bytes(20, 1), 100, 0);
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 20, true);
+		write(file, { 0, 0 }, Bytes(20, 1), 100, 0);
 	}
 	StoredFile stored = read_back(path);
 	ASSERT_EQ(stored.frames.size(), 1u);
@@ -100,10 +66,10 @@ TEST_F(PcapFileTest, a_cut_frame_keeps_its_full_length)
 
 TEST_F(PcapFileTest, a_frame_can_be_read_while_the_file_is_still_open)
 {
-	moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-	file.write({ 0, 0 }, Bytes(60, 1), 60, 0);
+	moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535, true);
+	write(file, { 0, 0 }, Bytes(60, 1), 60, 0);
 	EXPECT_EQ(read_back(path).frames.size(), 1u);
-	file.write({ 0, 0 }, Bytes(60, 2), 60, 0);
+	write(file, { 0, 0 }, Bytes(60, 2), 60, 0);
 	EXPECT_EQ(read_back(path).frames.size(), 2u);
 }
 
@@ -111,8 +77,8 @@ TEST_F(PcapFileTest, a_frame_without_its_header_gets_one_of_zeroes_and_the_Ether
 {
 	Bytes packet = { 0x45, 1, 2, 3 };
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
-		file.write({ 0, 0 }, packet, 200, 0x0800, false);
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535, true);
+		write(file, { 0, 0 }, packet, 200, 0x0800, false);
 	}
 	StoredFile stored = read_back(path);
 	ASSERT_EQ(stored.frames.size(), 1u);
@@ -124,9 +90,9 @@ TEST_F(PcapFileTest, a_frame_without_its_header_gets_one_of_zeroes_and_the_Ether
 TEST_F(PcapFileTest, datagrams_are_stored_cooked)
 {
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535);
-		file.write({ 0, 0 }, Bytes{ 0x45, 1 }, 2, 0x0800);
-		file.write({ 0, 0 }, Bytes{ 9 }, 1, 0x88cc);
+		moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535, true);
+		write(file, { 0, 0 }, Bytes{ 0x45, 1 }, 2, 0x0800);
+		write(file, { 0, 0 }, Bytes{ 9 }, 1, 0x88cc);
 	}
 	StoredFile stored = read_back(path);
 	EXPECT_EQ(stored.link_type, DLT_LINUX_SLL);
@@ -137,11 +103,39 @@ TEST_F(PcapFileTest, datagrams_are_stored_cooked)
 		  (Bytes{ 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x88, 0xcc, 9 }));
 }
 
+TEST_F(PcapFileTest, vlan_tags_are_put_back_on_request)
+{
+	Bytes packet(65535, 0x45);
+	mox_packet_ctrl_info control{};
+	control.vlan = 5 << 4 | 3;
+	control.inner_vlan = 6;
+	for (bool tags : { true, false }) {
+		SCOPED_TRACE(tags);
+		{
+			moxcap::PcapFile file(path, moxcap::Layout::kNetwork, 65535, tags);
+			file.write({ { 0, 0 },
+				     { packet, 70000, 0x0800, false, &control },
+				     7,
+				     "port1",
+				     0 });
+		}
+		StoredFile stored = read_back(path);
+		ASSERT_EQ(stored.frames.size(), 1u);
+		// As much as a frame can grow by: the file's snapshot length must not cut it.
+		EXPECT_EQ(stored.frames[0].bytes.size(), 65535u + 16 + (tags ? 8 : 0));
+		EXPECT_EQ(stored.frames[0].head.len, 70000u + 16 + (tags ? 8 : 0));
+		EXPECT_EQ(Bytes(stored.frames[0].bytes.begin() + 14,
+				stored.frames[0].bytes.begin() + 24),
+			  tags ? (Bytes{ 0x88, 0xa8, 0x60, 5, 0x81, 0, 0, 6, 8, 0 })
+			       : (Bytes{ 8, 0, 0x45, 0x45, 0x45, 0x45, 0x45, 0x45, 0x45, 0x45 }));
+	}
+}
+
 TEST_F(PcapFileTest, management_frames_have_their_own_link_type)
 {
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kWlan, 65535);
-		file.write({ 0, 0 }, Bytes(24, 0x80), 24, 0);
+		moxcap::PcapFile file(path, moxcap::Layout::kWlan, 65535, true);
+		write(file, { 0, 0 }, Bytes(24, 0x80), 24, 0);
 	}
 	StoredFile stored = read_back(path);
 	EXPECT_EQ(stored.link_type, DLT_IEEE802_11);
@@ -152,7 +146,7 @@ TEST_F(PcapFileTest, management_frames_have_their_own_link_type)
 TEST_F(PcapFileTest, an_empty_capture_is_a_valid_file)
 {
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535);
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 65535, true);
 	}
 	EXPECT_EQ(read_back(path).frames.size(), 0u);
 }
@@ -162,7 +156,7 @@ TEST_F(PcapFileTest, a_file_that_cannot_be_made_is_named)
 	expect_error<moxcap::FileError>(
 		[] {
 			moxcap::PcapFile file("/nonexistent/dir/a.pcap", moxcap::Layout::kEthernet,
-					      100);
+					      100, true);
 		},
 		{ "/nonexistent/dir/a.pcap", "No such file" });
 }
@@ -172,10 +166,10 @@ TEST_F(PcapFileTest, a_full_disk_is_told)
 	if (access("/dev/full", W_OK) != 0)
 		GTEST_SKIP() << "no /dev/full here";
 	// The file's head waits in a buffer, so making the file succeeds and the first frame fails.
-	moxcap::PcapFile file("/dev/full", moxcap::Layout::kEthernet, 100);
+	moxcap::PcapFile file("/dev/full", moxcap::Layout::kEthernet, 100, true);
 	expect_error<moxcap::FileError>(
 		[&] {
-			file.write({ 0, 0 }, Bytes(60), 60, 0);
+			write(file, { 0, 0 }, Bytes(60), 60, 0);
 		},
 		{ "/dev/full", "No space left on device", "disk full" });
 }
@@ -188,12 +182,12 @@ TEST_F(PcapFileTest, a_reader_of_a_named_pipe_that_has_gone_is_told)
 	ASSERT_GE(reader, 0);
 	auto before = std::signal(SIGPIPE, SIG_IGN);
 	{
-		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 100);
-		file.write({ 0, 0 }, Bytes(60), 60, 0);
+		moxcap::PcapFile file(path, moxcap::Layout::kEthernet, 100, true);
+		write(file, { 0, 0 }, Bytes(60), 60, 0);
 		close(reader);
 		expect_error<moxcap::FileError>(
 			[&] {
-				file.write({ 0, 0 }, Bytes(60), 60, 0);
+				write(file, { 0, 0 }, Bytes(60), 60, 0);
 			},
 			{ "\"" + path + "\"", "the program that reads the capture has ended" });
 	}
@@ -210,8 +204,8 @@ TEST_F(PcapFileTest, a_reader_of_standard_output_that_has_gone_is_told)
 		close(ends[0]);
 		std::signal(SIGPIPE, SIG_IGN);
 		try {
-			moxcap::PcapFile file("-", moxcap::Layout::kEthernet, 100);
-			file.write({ 0, 0 }, Bytes(60), 60, 0);
+			moxcap::PcapFile file("-", moxcap::Layout::kEthernet, 100, true);
+			write(file, { 0, 0 }, Bytes(60), 60, 0);
 		} catch (const moxcap::FileError &error) {
 			std::fputs(error.what(), stderr);
 			_exit(42);

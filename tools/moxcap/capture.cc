@@ -2,12 +2,15 @@
 #include "capture.h"
 
 #include "mox/error.h"
+#include "pcap_file.h"
+#include "pcapng_file.h"
 
 #include <arpa/inet.h>
 #include <poll.h>
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace moxcap {
@@ -53,9 +56,38 @@ timespec now()
 	return time;
 }
 
+/** What was dropped: the sum, and what no frame of the capture file has reported yet. */
+class Drops {
+public:
+	Drops(mox::CaptureSocket &socket, const CaptureFile *file)
+		: socket_(socket), counted_(file && file->counts_drops())
+	{
+	}
+
+	/**
+	 * The frames dropped since the last call, if the file counts them. Reading the statistics clears every counter
+	 * of the socket, so they are read only where the file needs them, and once for a batch.
+	 */
+	std::uint64_t before_batch() { return counted_ ? read() : 0; }
+	/** The same at the end, for every file. */
+	std::uint64_t read()
+	{
+		mox_packet_stats reading = socket_.take_statistics();
+		sum_.add(reading);
+		return reading.drops;
+	}
+
+	const mox::StatisticsSum &sum() const { return sum_; }
+
+private:
+	mox::CaptureSocket &socket_;
+	bool counted_;
+	mox::StatisticsSum sum_;
+};
+
 /** Records up to so many queued frames; false when the queue has no more or all asked for have come. */
-bool drain(mox::CaptureSocket &socket, Recorder &recorder, std::span<std::uint8_t> buffer,
-	   unsigned most)
+bool drain(mox::CaptureSocket &socket, Recorder &recorder, Drops &drops,
+	   std::span<std::uint8_t> buffer, unsigned most)
 {
 	for (unsigned i = 0; i < most; ++i) {
 		if (recorder.complete())
@@ -63,9 +95,23 @@ bool drain(mox::CaptureSocket &socket, Recorder &recorder, std::span<std::uint8_
 		auto frame = socket.receive(buffer);
 		if (!frame)
 			return false;
-		recorder.record(*frame, now());
+		recorder.record(*frame, frame->stamp ? *frame->stamp : now(),
+				i == 0 ? drops.before_batch() : 0);
 	}
 	return true;
+}
+
+std::unique_ptr<CaptureFile> open_file(const Options &options)
+{
+	if (!options.pcapng)
+		return std::make_unique<PcapFile>(options.file, options.layout, options.snap,
+						  options.vlan_tags);
+	CaptureDescription description = describe_machine();
+	description.location = options.location;
+	description.treatment = options.treatment;
+	description.rules = options.rule_text;
+	return std::make_unique<PcapngFile>(options.file, options.layout, options.snap,
+					    options.vlan_tags, description);
 }
 
 } // namespace
@@ -76,6 +122,7 @@ mox::CaptureSocket prepare_socket(const Options &options, mox::SocketCalls &call
 	if (options.buffer != 0)
 		socket.set_receive_buffer(options.buffer);
 	socket.set_control_info(true);
+	socket.set_timestamps(true);
 	if (options.interface != 0)
 		socket.bind(options.interface);
 	for (const mox::Rule &rule : options.rules)
@@ -88,10 +135,10 @@ Recorder::Recorder(const Options &options, InterfaceName interface_name, Print p
 	: options_(options), interface_name_(std::move(interface_name)), print_(std::move(print))
 {
 	if (!options.file.empty())
-		file_ = std::make_unique<PcapFile>(options.file, options.layout, options.snap);
+		file_ = open_file(options);
 }
 
-void Recorder::record(const mox::Frame &frame, const timespec &time)
+void Recorder::record(const mox::Frame &frame, const timespec &time, std::uint64_t dropped)
 {
 	++captured_;
 	if (frame.truncated())
@@ -109,7 +156,11 @@ void Recorder::record(const mox::Frame &frame, const timespec &time)
 	}
 
 	if (file_)
-		file_->write(time, frame.bytes, frame.length, ether_type, has_header);
+		file_->write({ time,
+			       { frame.bytes, frame.length, ether_type, has_header, control },
+			       frame.ifindex,
+			       name_of(frame.ifindex),
+			       dropped });
 	if (options_.quiet)
 		return;
 
@@ -126,6 +177,12 @@ void Recorder::record(const mox::Frame &frame, const timespec &time)
 	if (options_.hex)
 		text += format_hex(frame.bytes);
 	print_(text);
+}
+
+void Recorder::finish(const timespec &end, std::uint64_t dropped)
+{
+	if (file_)
+		file_->finish(end, dropped);
 }
 
 const std::string &Recorder::name_of(std::uint32_t index)
@@ -150,27 +207,36 @@ Counters run_capture(mox::CaptureSocket &socket, const Options &options, Recorde
 		end = after(start, *options.duration);
 	}
 
-	pollfd poll_for{ socket.fd(), POLLIN, 0 };
+	Drops drops(socket, recorder.file());
+	pollfd poll_for[] = { { socket.fd(), POLLIN, 0 },
+			      { recorder.file() ? recorder.file()->fd() : -1, 0, 0 } };
 	for (;;) {
-		drain(socket, recorder, buffer, kBatch);
+		drain(socket, recorder, drops, buffer, kBatch);
 		if (stop || recorder.complete())
 			break;
 		std::optional<timespec> left = end ? until(*end) : std::nullopt;
 		if (end && !left)
 			break;
-		if (ppoll(&poll_for, 1, left ? &*left : nullptr, &waiting) < 0 && errno != EINTR)
-			throw mox::SocketError(std::string("cannot wait for frames: ") +
-						       std::strerror(errno),
-					       errno);
+		if (ppoll(poll_for, std::size(poll_for), left ? &*left : nullptr, &waiting) < 0) {
+			if (errno != EINTR)
+				throw mox::SocketError(std::string("cannot wait for frames: ") +
+							       std::strerror(errno),
+						       errno);
+			continue; // which leaves the results of an earlier wait
+		}
+		// Otherwise a trap rule without traffic would stay until the first frame after the reader's end.
+		if (poll_for[1].revents & (POLLERR | POLLHUP))
+			recorder.file()->fail_without_reader();
 	}
 
 	// Without a location nothing more is queued: the frames that are queued now are the last ones.
 	socket.set_location(PACKET_NONE_LOC);
-	while (drain(socket, recorder, buffer, kBatch)) {}
+	while (drain(socket, recorder, drops, buffer, kBatch)) {}
 
-	mox::StatisticsSum sum;
-	sum.add(socket.take_statistics());
-	return { recorder.captured(), recorder.truncated(), sum.packets(), sum.drops() };
+	std::uint64_t dropped_last = drops.read();
+	recorder.finish(now(), dropped_last);
+	return { recorder.captured(), recorder.truncated(), drops.sum().packets(),
+		 drops.sum().drops() };
 }
 
 } // namespace moxcap

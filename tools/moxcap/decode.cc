@@ -3,14 +3,13 @@
 
 #include "decode_ip.h"
 #include "reader.h"
+#include "vlan.h"
 
 #include <cstdio>
 
 namespace moxcap {
 namespace {
 
-constexpr std::uint16_t kVlanTag = 0x8100;
-constexpr std::uint16_t kServiceTag = 0x88a8;
 constexpr std::uint16_t kFirstEtherType = 0x600; // below, the field is the length of an 802.3 frame
 
 struct EtherDecoder {
@@ -141,8 +140,8 @@ void decode_ethernet(const Reader &frame, Description &result)
 
 	std::size_t at = 12;
 	std::uint16_t ether_type = frame.u16(at);
-	while (ether_type == kVlanTag || ether_type == kServiceTag) {
-		result.protocol += "tag " + std::to_string(frame.u16(at + 2) & 0xfff) + " ";
+	while (is_vlan_protocol(ether_type)) {
+		result.protocol += "tag " + std::to_string(frame.u16(at + 2) & kVlanIdMask) + " ";
 		at += 4;
 		ether_type = frame.u16(at);
 	}

@@ -2,6 +2,7 @@
 #include "format.h"
 
 #include "mox/names.h"
+#include "vlan.h"
 
 #include <cstdio>
 
@@ -21,8 +22,6 @@ constexpr FlagName kFlagNames[] = {
 	{ MOX_RECV_WLAN_800000, "wlan800000" },
 };
 
-constexpr unsigned kPriorityMask = 7, kVidShift = 4, kVidMask = 0xfff;
-
 std::string bracketed(std::string_view label)
 {
 	return label.empty() ? std::string() : "[" + std::string(label) + "] ";
@@ -40,17 +39,7 @@ std::string time_of_day(const timespec &time)
 
 std::string control_text(const mox_packet_ctrl_info &control)
 {
-	std::string text;
-	unsigned priority = control.vlan & kPriorityMask;
-	unsigned vid = control.vlan >> kVidShift;
-	unsigned inner = control.inner_vlan & kVidMask;
-	if (vid != 0 || priority != 0) {
-		text += ", vlan " + std::to_string(vid);
-		if (priority != 0)
-			text += " prio " + std::to_string(priority);
-	}
-	if (inner != 0)
-		text += ", inner vlan " + std::to_string(inner);
+	std::string text = format_vlan(control);
 	if (control.wlan_id != 0 || control.radio_id != 0)
 		text += ", radio " + std::to_string(control.radio_id) + " wlan " +
 			std::to_string(control.wlan_id);
@@ -99,6 +88,20 @@ std::string format_hex(std::span<const std::uint8_t> bytes)
 		}
 		text += "  " + ascii + "\n";
 	}
+	return text;
+}
+
+std::string format_vlan(const mox_packet_ctrl_info &control)
+{
+	std::string text;
+	VlanTags tags = vlan_tags(control);
+	if (tags.has_outer()) {
+		text += ", vlan " + std::to_string(tags.id);
+		if (tags.priority != 0)
+			text += " prio " + std::to_string(tags.priority);
+	}
+	if (tags.inner_id != 0)
+		text += ", inner vlan " + std::to_string(tags.inner_id);
 	return text;
 }
 

@@ -33,6 +33,9 @@ std::string format_line(const Line &line);
 /** 16 bytes a line with offset, hexadecimal and ASCII. */
 std::string format_hex(std::span<const std::uint8_t> bytes);
 
+/** The VLANs of a control record, ", " before each; empty if there are none. */
+std::string format_vlan(const mox_packet_ctrl_info &control);
+
 /** The flag word's names with blanks between them; bits without a name as one hexadecimal number. */
 std::string format_flags(std::uint32_t flags);
 

@@ -18,6 +18,8 @@ constexpr char kExamples[] =
 	"      Show ARP; the platform forwards the frames.\n"
 	"  moxcap --location ipv4 --rule dport=67,68 --hex --write dhcp.pcap\n"
 	"      Show DHCP with its bytes, and keep it for other programs.\n"
+	"  moxcap --location local --quiet --pcapng --write local.pcapng\n"
+	"      Write what the device sends, with interfaces and control records, for Wireshark.\n"
 	"  moxcap --location resv --treatment fetch --rule dmac=01:80:c2:00:00:0e --interface port1\n"
 	"      Take LLDP off the pipeline, from one port only.\n"
 	"  moxcap --location ipv6 --treatment trap --rule icmp6=echo-request --count 3\n"
@@ -98,9 +100,16 @@ void describe_command_line(CLI::App &app, Words &words, Options &options)
 	app.add_option("-d,--duration", options.duration, "End after so many seconds")
 		->type_name("SECONDS")
 		->check(CLI::Range(0.0, 1e9));
-	app.add_option("-w,--write", options.file,
-		       "Write the frames to a pcap file as well (\"-\": standard output)")
-		->type_name("FILE");
+	CLI::Option *write =
+		app.add_option("-w,--write", options.file,
+			       "Write the frames to a pcap file as well (\"-\": standard output)")
+			->type_name("FILE");
+	app.add_flag("--pcapng", options.pcapng,
+		     "Write a pcapng file: with the interface and the control record of each frame")
+		->needs(write);
+	app.add_flag_callback(
+		"--no-vlan", [&options] { options.vlan_tags = false; },
+		"Write frames without the VLAN tags that the platform took off");
 	app.add_option("-s,--snap", options.snap,
 		       "Read no more than so many bytes of a frame (default 65535)")
 		->type_name("BYTES")
@@ -117,6 +126,20 @@ void describe_command_line(CLI::App &app, Words &words, Options &options)
 	app.footer(footer());
 }
 
+/** The rules as one line; a protocol and an interface are rules, too. */
+std::string rule_text(const Words &words)
+{
+	std::vector<std::string> rules = words.rules;
+	if (!words.protocol.empty())
+		rules.insert(rules.begin(), "eth=" + words.protocol);
+	if (!words.interface.empty())
+		rules.push_back("intf=" + words.interface);
+	std::string text;
+	for (const std::string &rule : rules)
+		text += (text.empty() ? "" : " and ") + rule;
+	return text.empty() ? "all" : text;
+}
+
 void look_up(const Words &words, const mox::InterfaceLookup &lookup, Options &options)
 {
 	options.location = mox::parse_location(words.location);
@@ -127,6 +150,7 @@ void look_up(const Words &words, const mox::InterfaceLookup &lookup, Options &op
 		options.protocol = mox::parse_ether_type(words.protocol);
 	for (const std::string &rule : words.rules)
 		options.rules.push_back(mox::Rule::parse(rule, lookup));
+	options.rule_text = rule_text(words);
 
 	// Nothing in a frame says that it is an 802.11 frame: only rules can exclude all others.
 	bool wlan_only = !options.rules.empty() &&

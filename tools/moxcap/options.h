@@ -18,14 +18,17 @@ struct Options {
 	std::uint32_t treatment = PACKET_COPY;
 	std::vector<mox::Rule>
 		rules; /**< in the order in which to add them, never empty unless protocol is given */
+	std::string rule_text; /**< the same as typed, with the interface and the protocol */
 	mox::SocketKind kind = mox::SocketKind::kRaw;
 	std::uint16_t protocol = 0;  /**< host order, 0: none */
 	std::uint32_t interface = 0; /**< index, 0: all */
 	Layout layout = Layout::kEthernet;
 
 	std::string label;
-	std::string file;               /**< capture file, empty: none */
-	std::uint64_t count = 0;        /**< frames to capture, 0: no end */
+	std::string file;        /**< capture file, empty: none */
+	bool vlan_tags = true;   /**< whether the file gets the tags that the platform took off */
+	bool pcapng = false;     /**< its format; otherwise pcap */
+	std::uint64_t count = 0; /**< frames to capture, 0: no end */
 	std::optional<double> duration; /**< seconds */
 	int snap = 65535;               /**< bytes read of a frame */
 	int buffer = 0;                 /**< receive buffer, 0: the kernel's default */
