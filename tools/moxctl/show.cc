@@ -17,6 +17,24 @@ CaptureRequest selection_request(const Selection &selection)
 	return request;
 }
 
+CaptureRequest locations_request(const Selection &selection)
+{
+	Selection ledgers{ .location = selection.location };
+	if (library_of(selection.location) != selection.location)
+		ledgers.location = 0;
+	return selection_request(ledgers);
+}
+
+void keep_locations(Dump &locations, const Selection &selection)
+{
+	if (selection.location == 0)
+		return;
+	std::erase_if(locations.entries, [&](const Record &record) {
+		std::uint64_t location = record.number(MOX_CAPTURE_LOCATION_LOCATION);
+		return location != selection.location && location != library_of(selection.location);
+	});
+}
+
 std::uint32_t library_of(std::uint64_t location)
 {
 	if (location == PACKET_LEV2_RESV_LOC || location == PACKET_LEV3_RESV_LOC)

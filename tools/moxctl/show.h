@@ -30,6 +30,13 @@ Status show_rules_json(const Options &options, CaptureClient &client, const Worl
 /** The request for the entries that were selected. */
 CaptureRequest selection_request(const Selection &selection);
 
+/**
+ * The request for the ledgers of the selected location. L2RESV and L3RESV have sockets of their own, but share the hook of
+ * RESV: then for all ledgers, of which keep_locations keeps those of the location and of its hook.
+ */
+CaptureRequest locations_request(const Selection &selection);
+void keep_locations(Dump &locations, const Selection &selection);
+
 /** The location whose library has a location's rules: RESV's has those of both locations that share its hook. */
 std::uint32_t library_of(std::uint64_t location);
 

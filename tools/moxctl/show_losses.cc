@@ -157,8 +157,9 @@ Status show_losses(const Options &options, CaptureClient &client, const World &w
 	Dump locations;
 	// A single socket or process is not all that its location's frames are for.
 	if (!options.selection.pid && !options.selection.cookie) {
-		Selection hooks{ .location = library_of(options.selection.location) };
-		locations = client.dump(MOX_CAPTURE_CMD_LOCATIONS, selection_request(hooks));
+		locations = client.dump(MOX_CAPTURE_CMD_LOCATIONS,
+					locations_request(options.selection));
+		keep_locations(locations, options.selection);
 		problems.check(locations, "locations");
 	}
 	Dump sockets = client.dump(MOX_CAPTURE_CMD_SOCKETS, selection_request(options.selection));

@@ -74,6 +74,13 @@ Key key_of(const Record &record)
 		 record.number(MOX_CAPTURE_SOCKET_INODE) };
 }
 
+/** The sums of a location with a hook, not those of its CPUs; any socket. */
+bool has_rates(const Record &record)
+{
+	return record.set() != Set::kLocation ||
+	       (record.has(MOX_CAPTURE_LOCATION_SEEN) && !record.has(MOX_CAPTURE_LOCATION_CPU));
+}
+
 /** Rates of the entries that both samples have. */
 template <typename TotalsOf>
 std::vector<Rates> rates_of(const Dump &before, const Dump &after, double seconds,
@@ -81,11 +88,11 @@ std::vector<Rates> rates_of(const Dump &before, const Dump &after, double second
 {
 	std::map<Key, Totals> earlier;
 	for (const Record &record : before.entries)
-		if (!(record.set() == Set::kLocation && record.has(MOX_CAPTURE_LOCATION_CPU)))
+		if (has_rates(record))
 			earlier[key_of(record)] = totals_of(record);
 	std::vector<Rates> rates;
 	for (const Record &record : after.entries) {
-		if (record.set() == Set::kLocation && record.has(MOX_CAPTURE_LOCATION_CPU))
+		if (!has_rates(record))
 			continue;
 		auto found = earlier.find(key_of(record));
 		if (found == earlier.end())
@@ -200,11 +207,12 @@ std::string json_of(double seconds, const std::vector<Rates> &locations,
 
 Status watch(const Options &options, CaptureClient &client, const World &world)
 {
-	Selection hooks{ .location = library_of(options.selection.location) };
 	auto sample = [&] {
 		Sample now;
 		now.time = world.clock();
-		now.locations = client.dump(MOX_CAPTURE_CMD_LOCATIONS, selection_request(hooks));
+		now.locations = client.dump(MOX_CAPTURE_CMD_LOCATIONS,
+					    locations_request(options.selection));
+		keep_locations(now.locations, options.selection);
 		now.sockets = client.dump(MOX_CAPTURE_CMD_SOCKETS,
 					  selection_request(options.selection));
 		return now;

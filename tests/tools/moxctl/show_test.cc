@@ -289,14 +289,26 @@ TEST_F(Show, losses__of_one_socket_have_no_locations)
 	EXPECT_EQ(module.requests.size(), 1u);
 }
 
-TEST_F(Show, losses__of_a_reserved_location_are_those_of_its_hook)
+TEST_F(Show, losses__of_a_reserved_location_are_its_own_and_those_of_its_hook)
 {
+	auto closed = [](std::uint32_t location) {
+		return Attributes()
+			.u32(MOX_CAPTURE_LOCATION_LOCATION, location)
+			.nest(MOX_CAPTURE_LOCATION_CLOSED, sample_counters());
+	};
+	module.entries[MOX_CAPTURE_CMD_LOCATIONS] = { sample_location(PACKET_LEV2_LOC),
+						      sample_location(PACKET_RESV_LOC),
+						      closed(PACKET_LEV2_RESV_LOC),
+						      closed(PACKET_LEV3_RESV_LOC) };
 	options.selection.location = PACKET_LEV3_RESV_LOC;
 	show(Action::kShowLosses);
-	EXPECT_EQ(module.requests[0].attributes.at(MOX_CAPTURE_REQUEST_LOCATION),
-		  payload_of<std::uint32_t>(PACKET_RESV_LOC));
+	EXPECT_TRUE(module.requests[0].attributes.empty());
 	EXPECT_EQ(module.requests[1].attributes.at(MOX_CAPTURE_REQUEST_LOCATION),
 		  payload_of<std::uint32_t>(PACKET_LEV3_RESV_LOC));
+	EXPECT_TRUE(has("location PACKET_RESV_LOC:"));
+	EXPECT_TRUE(has("closed sockets of PACKET_LEV3_RESV_LOC:"));
+	EXPECT_FALSE(has("PACKET_LEV2"));
+	EXPECT_FALSE(has("in flight")) << "a location without a hook has no sums";
 }
 
 /** Each sum of the header's comments, off by some frames. */

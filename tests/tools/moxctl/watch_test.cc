@@ -92,6 +92,14 @@ TEST_F(Watch, a_sum_that_seems_to_shrink_has_rate_0)
 	EXPECT_DOUBLE_EQ(document()["locations"][0]["seen"], 0);
 }
 
+TEST_F(Watch, locations_without_a_hook_have_no_rates)
+{
+	on_sleep = nullptr;
+	module.entries[MOX_CAPTURE_CMD_LOCATIONS].push_back(
+		Attributes().u32(MOX_CAPTURE_LOCATION_LOCATION, PACKET_LEV2_RESV_LOC));
+	EXPECT_EQ(document()["locations"].size(), 1u);
+}
+
 TEST_F(Watch, text)
 {
 	options.count = 2;
@@ -131,14 +139,14 @@ TEST_F(Watch, ends_at_a_signal)
 
 TEST_F(Watch, a_selection_is_sent)
 {
-	options.selection = { .location = 10, .pid = 412 };
+	options.selection = { .location = 2, .pid = 412 };
 	run();
 	std::set<unsigned> commands;
 	for (const auto &request : module.requests) {
 		commands.insert(request.command);
 		bool hooks = request.command == MOX_CAPTURE_CMD_LOCATIONS;
 		EXPECT_EQ(request.attributes.at(MOX_CAPTURE_REQUEST_LOCATION),
-			  payload_of<std::uint32_t>(hooks ? 7 : 10));
+			  payload_of<std::uint32_t>(2));
 		EXPECT_EQ(request.attributes.contains(MOX_CAPTURE_REQUEST_PID), !hooks);
 	}
 	EXPECT_EQ(commands,
