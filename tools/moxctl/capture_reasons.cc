@@ -137,8 +137,12 @@ std::string ReasonRow::counter() const
 
 std::string_view ReasonRow::meaning() const
 {
-	return attribute == 0 ? capture_verdicts()[verdict - 1].meaning
-			      : attributes_of(set)[attribute - 1].meaning;
+	if (attribute == 0)
+		return capture_verdicts()[verdict - 1].meaning;
+	// The header's rows refer to the one before them.
+	constexpr std::string_view kPart = "Of these: ";
+	std::string_view text = attributes_of(set)[attribute - 1].meaning;
+	return text.starts_with(kPart) ? text.substr(kPart.size()) : text;
 }
 
 std::span<const ReasonRow> capture_reasons()

@@ -25,7 +25,7 @@ public:
 	/** Takes a part of the text away, and clears it. */
 	using Spill = std::function<void(std::string &)>;
 
-	/** Writes behind what to has. */
+	/** Appends to what is in to. */
 	explicit JsonWriter(std::string &to, Style style = Style::kLines) : to_(to), style_(style)
 	{
 	}

@@ -10,7 +10,7 @@
 namespace moxctl {
 namespace {
 
-/** The message at the end of an acknowledgement: an attribute behind the part of fixed length. */
+/** The message at the end of an acknowledgement: an attribute after the part of fixed length. */
 std::string extended_text(const nlmsghdr *message, std::size_t fixed)
 {
 	int left = nlmsg_datalen(message) - static_cast<int>(fixed);

@@ -12,7 +12,7 @@
 namespace moxctl {
 
 /*
- * One function for each report: asks the module, and prints the report as text, or as JSON with options.json. Returns
+ * One function for each report: reads the module, and prints the report as text, or as JSON with options.json. Returns
  * status_incomplete when the module's data changed while they were read; then a line on standard error says so, and the
  * JSON has it in "problems". Throws Failure.
  */

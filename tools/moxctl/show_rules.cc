@@ -13,7 +13,7 @@ namespace {
 
 using Align = TextTable::Align;
 
-/** Rules in the order in which their location asks them; those that are not entered last. */
+/** Rules in the order in which a frame is compared with them; those that are not entered last. */
 bool asked_before(const Record *a, const Record *b)
 {
 	bool a_entered = a->has(MOX_CAPTURE_RULE_PLACE), b_entered = b->has(MOX_CAPTURE_RULE_PLACE);

@@ -48,7 +48,10 @@ std::uint64_t type_of(const Record &value)
 	return value.number(MOX_CAPTURE_VALUE_TYPE);
 }
 
-/** The type that a rule is looked up by: its first one that may be a key; nothing when it has none. */
+/**
+ * The type that a rule is looked up by: its first one that may be a key; nothing when it has none. The family does not
+ * name it: this is the first one in the order in which the module sends the values.
+ */
 const Record *first_key(const Record &rule)
 {
 	for (const Record::Nest &nest : rule.nests()) {

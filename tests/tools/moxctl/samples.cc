@@ -69,7 +69,7 @@ void fill(FakeCapture &module)
 	};
 }
 
-/** Entries that a module without an attribute but those that tell entries apart would send. */
+/** Entries with nothing but the attributes that identify them. */
 void fill_poorly(FakeCapture &module)
 {
 	module.entries[MOX_CAPTURE_CMD_SOCKETS] = { Attributes().u64(MOX_CAPTURE_SOCKET_COOKIE,
