@@ -13,8 +13,8 @@
 
 namespace moxctl {
 
-/** Entries that a dump may have: a multiple of what any machine holds. */
-inline constexpr std::size_t kMostEntries = 1 << 20;
+/** Entries that a dump may have: ten times as many as sockets on the largest device. */
+inline constexpr std::size_t kMostEntries = 1 << 17;
 /** How often a dump is requested when the kernel says that it changed while it was read. */
 inline constexpr unsigned kDumpAttempts = 5;
 

@@ -220,7 +220,9 @@ Status watch(const Options &options, CaptureClient &client, const World &world)
 	const Milliseconds interval(static_cast<long long>(options.interval * 1000));
 	Sample before = sample();
 	for (std::uint64_t shown = 0; options.count == 0 || shown < options.count; ++shown) {
-		world.sleep(interval);
+		// A signal may have come while the sample was received.
+		if (!world.stopped())
+			world.sleep(interval);
 		if (world.stopped())
 			break;
 		Sample after = sample();

@@ -116,6 +116,18 @@ TEST_F(Family, dump__is_requested_five_times_at_most)
 	EXPECT_EQ(module.requests.size(), 5u);
 }
 
+TEST_F(Family, dump__has_a_limit)
+{
+	const Attributes entry = Attributes().u32(MOX_CAPTURE_QUEUE_CPU, 1);
+	module.per_datagram = 1000;
+	auto &queues = module.entries[MOX_CAPTURE_CMD_QUEUES];
+	queues.assign(moxctl::kMostEntries, entry);
+	EXPECT_EQ(client().dump(MOX_CAPTURE_CMD_QUEUES).entries.size(), moxctl::kMostEntries);
+	queues.push_back(entry);
+	expect_error<Failure>([this] { client().dump(MOX_CAPTURE_CMD_QUEUES); },
+			      { "more than 131072 entries" });
+}
+
 TEST_F(Family, errors__have_the_remedy_and_the_kernels_text)
 {
 	struct {

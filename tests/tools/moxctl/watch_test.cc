@@ -137,6 +137,16 @@ TEST_F(Watch, ends_at_a_signal)
 	EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 2);
 }
 
+TEST_F(Watch, a_signal_while_a_sample_is_received_ends_it_without_a_wait)
+{
+	options.count = 0;
+	int sleeps = 0;
+	on_sleep = [&] { ++sleeps; };
+	stopped = [&] { return flushes > 0; };
+	EXPECT_EQ(run(), moxctl::status_ok);
+	EXPECT_EQ(sleeps, 1);
+}
+
 TEST_F(Watch, a_selection_is_sent)
 {
 	options.selection = { .location = 2, .pid = 412 };
