@@ -80,6 +80,14 @@ std::string location_of(const Record &location)
 		static_cast<std::uint32_t>(location.number(MOX_CAPTURE_LOCATION_LOCATION))));
 }
 
+/** A socket may leave its location before it is closed. */
+std::string closed_title(const Record &location)
+{
+	if (location.number(MOX_CAPTURE_LOCATION_LOCATION) == PACKET_NONE_LOC)
+		return "closed sockets without a location:";
+	return "closed sockets of " + location_of(location) + ":";
+}
+
 std::string socket_title(const Record &socket)
 {
 	return "socket " + std::to_string(socket.number(MOX_CAPTURE_SOCKET_COOKIE)) + " of " +
@@ -97,10 +105,7 @@ std::string text_of(const Dump &locations, const Dump &sockets, bool all)
 		add_text(text, { &location, &location, "location " + location_of(location) + ":" },
 			 all);
 		if (const Record *closed = location.nest(MOX_CAPTURE_LOCATION_CLOSED))
-			add_text(text,
-				 { nullptr, closed,
-				   "closed sockets of " + location_of(location) + ":" },
-				 all);
+			add_text(text, { nullptr, closed, closed_title(location) }, all);
 	}
 	for (const Record &socket : sockets.entries)
 		if (const Record *counters = socket.nest(MOX_CAPTURE_SOCKET_COUNTERS))

@@ -272,6 +272,17 @@ TEST_F(Show, losses)
 	EXPECT_TRUE(has("  0 filter_drops: "));
 }
 
+TEST_F(Show, losses__of_closed_sockets_that_had_left_their_location)
+{
+	module.entries[MOX_CAPTURE_CMD_LOCATIONS] = {
+		Attributes()
+			.u32(MOX_CAPTURE_LOCATION_LOCATION, PACKET_NONE_LOC)
+			.nest(MOX_CAPTURE_LOCATION_CLOSED, sample_counters())
+	};
+	show(Action::kShowLosses);
+	EXPECT_TRUE(has("closed sockets without a location:\n  8 rcvbuf_full_drops: ")) << printed;
+}
+
 TEST_F(Show, losses__none)
 {
 	module.entries[MOX_CAPTURE_CMD_SOCKETS].clear();
