@@ -2,12 +2,19 @@
 #include "commands.h"
 
 #include "dump_file.h"
+#include "capture_client.h"
 #include "json.h"
 #include "log_follower.h"
+#include "metrics.h"
 #include "mox_packet.h"
+#include "netlink.h"
 #include "report.h"
 #include "report_filter.h"
 #include "report_lines.h"
+#include "show.h"
+#include "text_table.h"
+#include "trace.h"
+#include "watch.h"
 
 #include <algorithm>
 
@@ -41,21 +48,6 @@ Expected expected_of(const Options &options)
 	}
 }
 
-/** Process names may hold control characters, which a terminal would execute. */
-std::string printable(const std::string &line)
-{
-	constexpr char digits[] = "0123456789abcdef";
-	std::string text;
-	for (char c : line) {
-		auto byte = static_cast<unsigned char>(c);
-		if (byte >= ' ' && byte != 0x7f)
-			text += c;
-		else
-			text += std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
-	}
-	return text;
-}
-
 void complain_of(const std::vector<std::string> &problems, const char *what, const World &world)
 {
 	constexpr std::size_t most = 10;
@@ -83,7 +75,8 @@ void follow_request(Channel &channel, const Request &request, KernelLog &log, Re
 		"mox_printk print to? \"moxctl tech\" does without the log");
 }
 
-Status show(const Options &options, const World &world)
+/** The report that the module prints to the kernel log. */
+Status show_log(const Options &options, const World &world)
 {
 	// The log first: if it cannot be read, the request would print a report that this program cannot return.
 	auto log = world.open_kernel_log();
@@ -149,6 +142,87 @@ Status tech(const Options &options, const World &world)
 		"the module's buffer of 128 KiB was full, or the file system; \"moxctl show rules LOCATION\" has it "
 		"all");
 	return status_incomplete;
+}
+
+/** Sends RESTRICT. */
+Status restrict_access(CaptureClient &client, bool on)
+{
+	CaptureRequest request;
+	request.add(MOX_CAPTURE_REQUEST_RESTRICT, on);
+	client.ask(MOX_CAPTURE_CMD_RESTRICT, request);
+	return status_ok;
+}
+
+Status restrict_status(CaptureClient &client, const World &world)
+{
+	Record info = client.ask(MOX_CAPTURE_CMD_INFO);
+	if (!info.has(MOX_CAPTURE_INFO_RESTRICTED))
+		throw Failure("the module does not report whether it is restricted: it is older "
+			      "than this moxctl");
+	world.print(info.number(MOX_CAPTURE_INFO_RESTRICTED) ? "on\n" : "off\n");
+	return status_ok;
+}
+
+/** Commands that read the family for reading; they have no other source. */
+Status read_family(const Options &options, CaptureClient &client, const World &world)
+{
+	switch (options.action) {
+	case Action::kShowSockets:
+		return show_sockets(options, client, world);
+	case Action::kShowRules:
+		return show_rules(options, client, world);
+	case Action::kShowLosses:
+		return show_losses(options, client, world);
+	case Action::kShowQueues:
+		return show_queues(options, client, world);
+	case Action::kShowMemory:
+		return show_memory(options, client, world);
+	case Action::kShowThread:
+		return show_thread(options, client, world);
+	case Action::kWatch:
+		return watch(options, client, world);
+	case Action::kMetrics:
+		return print_metrics(options, client, world);
+	case Action::kTrace:
+		return trace(options, client, world);
+	case Action::kRestrict:
+		return restrict_access(client, true);
+	case Action::kLiftRestriction:
+		return restrict_access(client, false);
+	case Action::kRestrictStatus:
+		return restrict_status(client, world);
+	default:
+		return show_info(options, client, world);
+	}
+}
+
+/** Reports that a module without the family has as well, in the kernel log. */
+bool is_in_log(const Options &options)
+{
+	switch (options.action) {
+	case Action::kShowRules:
+		return !options.selection.pid && !options.selection.cookie;
+	case Action::kShowQueues:
+		return options.selection.location == 0;
+	case Action::kShowMemory:
+	case Action::kShowThread:
+		return true;
+	default:
+		return false;
+	}
+}
+
+Status show(const Options &options, const World &world)
+{
+	if (options.action == Action::kShowProcess || options.log)
+		return show_log(options, world);
+	auto socket = world.open_netlink();
+	if (is_in_log(options)) {
+		auto client = CaptureClient::find(*socket, timeout_of(options));
+		return client ? read_family(options, *client, world) : show_log(options, world);
+	}
+	CaptureClient client = CaptureClient::find_or_fail(*socket, timeout_of(options));
+	return read_family(options, client, world);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 #include "options.h"
 
+#include "capture_options.h"
 #include "filter_options.h"
 #include "mox/error.h"
 #include "status.h"
@@ -17,6 +18,8 @@ namespace {
 
 constexpr char kExamples[] =
 	"\nExamples:\n"
+	"  moxctl show losses\n"
+	"      Where frames were lost, with the reason and the remedy.\n"
 	"  moxctl show rules lev2\n"
 	"      Who captures what at layer 2.\n"
 	"  moxctl show rules --json | jq '.locations[].sockets[] | [.process, .counters.rcvbuf_full_drops]'\n"
@@ -29,6 +32,12 @@ constexpr char kExamples[] =
 	"      Let frames pass the WLAN location by for ten seconds.\n"
 	"  moxctl tech --output tech.txt\n"
 	"      Write all reports to one file.\n"
+	"  moxctl watch\n"
+	"      Rates of locations and of the busiest sockets, until a signal.\n"
+	"  moxctl trace --interface port1 --ethertype arp --count 10\n"
+	"      What becomes of the next ten ARP frames of a port.\n"
+	"  moxctl metrics --output /var/lib/prometheus/node-exporter/mox_capture.prom\n"
+	"      Counters for a node exporter.\n"
 	"\n"
 	"Exit status: 0 success, 1 failure, 2 wrong command line, 3 incomplete report, 4 no answer in time.\n";
 
@@ -40,22 +49,15 @@ struct Words {
 	std::vector<std::string> paths;
 	std::string hook;
 	FilterWords filter;
+	CaptureWords capture;
 };
-
-CLI::App *add_command(CLI::App &parent, const char *name, const char *what, Options &options,
-		      Action action)
-{
-	CLI::App *command = parent.add_subcommand(name, what);
-	command->parse_complete_callback([&options, action] { options.action = action; });
-	return command;
-}
 
 void describe_show(CLI::App &app, Words &words, Options &options)
 {
-	CLI::App *show = app.add_subcommand("show", "Ask for a report and print it");
+	CLI::App *show = app.add_subcommand("show", "Print a report");
 	show->require_subcommand(1);
-	CLI::App *rules = add_command(*show, "rules", "Queues, sockets and rules of the locations",
-				      options, Action::kShowRules);
+	CLI::App *rules = add_command(*show, "rules", "Rules of the sockets, by location", options,
+				      Action::kShowRules);
 	rules->add_option("location", words.location, "Only this location (default: all eight)")
 		->type_name("LOCATION");
 	rules->footer("\nLocations:\n" + reported_location_help());
@@ -75,7 +77,20 @@ void describe_show(CLI::App &app, Words &words, Options &options)
 		->type_name("NAME|PID");
 	process->add_flag("--name", words.process_by_name,
 			  "The argument is a name even if it is a number");
-	for (CLI::App *each : { rules, queues, memory, thread, process })
+	CLI::App *sockets = add_command(*show, "sockets", "Capture sockets and their counters",
+					options, Action::kShowSockets);
+	CLI::App *losses = add_command(
+		*show, "losses",
+		"Where frames were lost, the reason and the remedy, for each location and socket",
+		options, Action::kShowLosses);
+	losses->add_flag("--all", options.all, "Counters that are 0 as well");
+	for (CLI::App *each : { sockets, rules, losses })
+		describe_selection(*each, words.capture);
+	describe_location(*queues, words.capture);
+	for (CLI::App *each : { rules, queues, memory, thread })
+		each->add_flag("--log", options.log,
+			       "The report that the module prints to the kernel log");
+	for (CLI::App *each : { sockets, rules, losses, queues, memory, thread, process })
 		each->add_flag("--json", options.json, "Print the report as JSON");
 }
 
@@ -188,13 +203,15 @@ void look_up_process(const Words &words, Options &options)
 			       options.process + "\"";
 }
 
-void look_up(const CLI::App &app, const Words &words, const mox::InterfaceLookup &lookup,
+void look_up(const CLI::App &app, Words &words, const mox::InterfaceLookup &lookup,
 	     Options &options)
 {
 	switch (options.action) {
 	case Action::kShowRules:
+		if (!words.location.empty() && !words.capture.location.empty())
+			throw mox::UsageError("the location is given twice");
 		if (!words.location.empty())
-			options.location = parse_reported_location(words.location);
+			words.capture.location = words.location;
 		break;
 	case Action::kShowProcess:
 		look_up_process(words, options);
@@ -217,6 +234,7 @@ void look_up(const CLI::App &app, const Words &words, const mox::InterfaceLookup
 	default:
 		break;
 	}
+	look_up_capture(words.capture, lookup, options);
 }
 
 /** What is wrong, with the list of commands where one is missing or unknown. */
@@ -241,7 +259,7 @@ std::optional<Ending> read_options(int argc, const char *const *argv,
 				   const mox::InterfaceLookup &lookup, Options &options)
 {
 	CLI::App app{
-		"Asks the capture module mox_ef_socket for reports and switches its debugging and its hooks.",
+		"Reads what the capture module mox_ef_socket does with frames, and switches its debugging and its hooks.",
 		"moxctl"
 	};
 	app.require_subcommand(1);
@@ -252,6 +270,7 @@ std::optional<Ending> read_options(int argc, const char *const *argv,
 	describe_hook(app, words, options);
 	describe_filter(app, words, options);
 	describe_tech(app, options);
+	describe_capture(app, words.capture, options);
 	try {
 		app.parse(argc, argv);
 		look_up(app, words, lookup, options);

@@ -3,8 +3,10 @@
 #ifndef MOXCTL_OPTIONS_H
 #define MOXCTL_OPTIONS_H
 
+#include "capture_request.h"
 #include "mox/values.h"
 #include "mox_packet.h"
+#include "selection.h"
 
 #include <cstdint>
 #include <optional>
@@ -22,7 +24,22 @@ enum class Action {
 	kSwitches, /**< debug and hook */
 	kFilter,
 	kTech,
+	kShowSockets,
+	kShowLosses,
+	kWatch,
+	kMetrics,
+	kTrace,
+	kRestrict,
+	kLiftRestriction,
+	kRestrictStatus,
+	kInfo,
 };
+
+/** Whether a command runs until a signal ends it. */
+constexpr bool runs_until_stopped(Action action)
+{
+	return action == Action::kWatch || action == Action::kTrace;
+}
 
 struct Options {
 	Action action = Action::kShowRules;
@@ -30,11 +47,19 @@ struct Options {
 	std::string process;        /**< show process: the name; empty: by pid */
 	std::uint32_t pid = 0;
 	bool json = false;
+	bool log =
+		false; /**< show: the report in the kernel log, also of a module that can be read */
+	bool all = false;          /**< show losses: counters that are 0 as well */
+	Selection selection;       /**< show, watch: of what the family for reading has */
+	double interval = 1;       /**< watch: seconds */
+	std::uint64_t count = 0;   /**< watch, trace: so many, 0: no limit */
+	std::uint64_t seconds = 0; /**< trace: so long, 0: no limit */
+	CaptureRequest trace;
 	std::vector<std::uint32_t>
 		switches;     /**< enum mox_packet_debug_type, in the order to set them */
 	bool is_open = false; /**< the value to set them to: for a hook, 1 takes it away */
 	mox_packet_filter filter{};
-	std::string output;  /**< tech: file, empty: standard output */
+	std::string output;  /**< tech, metrics: file, empty: standard output */
 	double timeout = 10; /**< seconds */
 	std::string note;    /**< for the operator, printed first */
 };

@@ -79,7 +79,7 @@ std::vector<Request> requests_of(const Options &options)
 		return { filter(options.filter) };
 	case Action::kTech:
 		return { plain(MOX_MSG_TECH) };
-	case Action::kSwitches:
+	default:
 		break;
 	}
 	std::vector<Request> requests;

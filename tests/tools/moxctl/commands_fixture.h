@@ -75,6 +75,21 @@ protected:
 			.root = root.string(),
 			.print = [this](const std::string &text) { printed += text; },
 			.complain = [this](const std::string &line) { complaints += line + "\n"; },
+			.interface_name =
+				[this](std::uint32_t index) {
+					++name_look_ups;
+					return index == 7 ? std::string("port1") : std::string();
+				},
+			.terminal = terminal,
+			.flush = [this] { ++flushes; },
+			.stopped = [this] { return stopped && stopped(); },
+			.sleep =
+				[this](std::chrono::milliseconds time) {
+					now += time;
+					if (on_sleep)
+						on_sleep();
+				},
+			.clock = [this] { return now; },
 		};
 		return moxctl::run_command(options, world);
 	}
@@ -117,6 +132,11 @@ protected:
 	fs::path root;
 	moxctl::Options options;
 	std::string printed, complaints;
+	bool terminal = false;
+	unsigned name_look_ups = 0, flushes = 0;
+	std::function<bool()> stopped;
+	std::function<void()> on_sleep;
+	std::chrono::milliseconds now{ 1000 };
 };
 
 #endif

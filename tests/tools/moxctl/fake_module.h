@@ -95,6 +95,7 @@ class FakeNetlink : public moxctl::NetlinkSocket {
 public:
 	static constexpr std::uint32_t own_port = 4711;
 	static constexpr std::uint16_t family = 0x1b;
+	static constexpr std::uint16_t capture_family = 0x1c;
 
 	// How it answers.
 	int family_error = 0; /**< to the look-up of the family */
@@ -102,30 +103,47 @@ public:
 	bool acknowledges = true;
 	bool answers_tech = true;
 	bool foreign_messages = false; /**< others come in between */
-	Bytes family_answer;           /**< instead of the usual one */
+	bool overrun = false; /**< once, when there is nothing to receive: messages were lost */
+	Bytes family_answer;  /**< instead of the usual one */
 	std::function<void(const Bytes &payload)> on_request;
+	/** The module's family for reading; without it the module is an older one. */
+	std::function<void(const Bytes &datagram)> on_capture;
 
 	// What was sent.
 	std::vector<Bytes> datagrams;
 	std::vector<Bytes> payloads;
+	unsigned capture_look_ups = 0;
 
 	std::uint32_t port() const override { return own_port; }
 
 	void send(std::span<const std::uint8_t> datagram) override
 	{
 		datagrams.emplace_back(datagram.begin(), datagram.end());
-		ASSERT_GE(datagram.size(), 24u);
+		ASSERT_GE(datagram.size(), 20u);
 		std::uint16_t type = word<std::uint16_t>(datagram, 4);
 		std::uint32_t sequence = word<std::uint32_t>(datagram, 8);
 		if (foreign_messages) {
 			queue(netlink_message(0x77, 0, 0, own_port, Bytes(4)));
 			queue(acknowledgement(sequence + 1000, EBUSY));
 		}
+		if (type == 16 && asks_for("mox_capture", datagram)) {
+			++capture_look_ups;
+			queue(on_capture
+				      ? netlink_message(16, 0, sequence, own_port,
+							family_body("mox_capture", capture_family))
+				      : acknowledgement(sequence, ENOENT));
+			return;
+		}
+		if (type == capture_family) {
+			on_capture(datagrams.back());
+			return;
+		}
 		if (type == 16) {
 			queue(family_error ? acknowledgement(sequence, family_error)
 			      : !family_answer.empty()
 				      ? netlink_message(16, 0, sequence, own_port, family_answer)
-				      : netlink_message(16, 0, sequence, own_port, family_body()));
+				      : netlink_message(16, 0, sequence, own_port,
+							family_body("PACKET_GENL", family)));
 			return;
 		}
 		std::uint16_t length = word<std::uint16_t>(datagram, 20);
@@ -141,6 +159,10 @@ public:
 
 	Bytes receive(std::chrono::milliseconds time) override
 	{
+		if (queue_.empty() && overrun) {
+			overrun = false;
+			throw moxctl::Overrun("messages were lost");
+		}
 		if (queue_.empty()) {
 			std::this_thread::sleep_for(time);
 			return {};
@@ -170,15 +192,26 @@ private:
 		return number;
 	}
 
+	static bool asks_for(const std::string &name, std::span<const std::uint8_t> datagram)
+	{
+		std::string text(datagram.begin() + std::min<std::ptrdiff_t>(
+							    24, datagram.end() - datagram.begin()),
+				 datagram.end());
+		return text.starts_with(name + '\0');
+	}
+
 	/** CTRL_CMD_NEWFAMILY with the name, the id, and an attribute that is not needed. */
-	static Bytes family_body()
+	static Bytes family_body(const std::string &name, std::uint16_t id)
 	{
 		Bytes body = { 1, 2, 0, 0 };
-		for (std::uint8_t byte : { 16, 0, 2, 0 })
-			body.push_back(byte);
-		const char name[] = "PACKET_GENL";
-		body.insert(body.end(), name, name + sizeof(name));
-		for (std::uint8_t byte : { 6, 0, 1, 0, 0x1b, 0, 0, 0, 8, 0, 3, 0, 1, 0, 0, 0 })
+		put(body, static_cast<std::uint16_t>(4 + name.size() + 1));
+		put(body, std::uint16_t{ 2 });
+		body.insert(body.end(), name.c_str(), name.c_str() + name.size() + 1);
+		body.resize((body.size() + 3) & ~std::size_t{ 3 });
+		put(body, std::uint16_t{ 6 });
+		put(body, std::uint16_t{ 1 });
+		put(body, id);
+		for (std::uint8_t byte : { 0, 0, 8, 0, 3, 0, 1, 0, 0, 0 })
 			body.push_back(byte);
 		return body;
 	}

@@ -113,10 +113,27 @@ TEST(ctl_manual, sentences__of_the_help_about_hooks_and_the_filter_are_the_manua
 TEST(ctl_manual, options__of_every_command_are_in_the_manual)
 {
 	const std::vector<const char *> commands[] = {
-		{ "show", "rules" },  { "show", "queues" },  { "show", "memory" },
-		{ "show", "thread" }, { "show", "process" }, { "debug", "on" },
-		{ "debug", "off" },   { "hook", "on" },      { "hook", "off" },
-		{ "filter", "set" },  { "filter", "off" },   { "tech" },
+		{ "show", "rules" },
+		{ "show", "queues" },
+		{ "show", "memory" },
+		{ "show", "thread" },
+		{ "show", "process" },
+		{ "debug", "on" },
+		{ "debug", "off" },
+		{ "hook", "on" },
+		{ "hook", "off" },
+		{ "filter", "set" },
+		{ "filter", "off" },
+		{ "tech" },
+		{ "show", "sockets" },
+		{ "show", "losses" },
+		{ "watch" },
+		{ "metrics" },
+		{ "trace" },
+		{ "restrict", "on" },
+		{ "restrict", "off" },
+		{ "restrict", "status" },
+		{ "info" },
 	};
 	std::set<std::string> documented;
 	for (const std::string &line : manual_lines()) {
