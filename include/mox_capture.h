@@ -193,8 +193,10 @@ enum mox_capture_cmd { MOX_CAPTURE_CMD_TABLE(MOX_CAPTURE_CMD_NUMBER) };
 	X(COUNTERS, 21, NEST_COUNTERS, "Its ledger.")
 
 /*
- * A rule. With more values than one message has room for it goes on in the next ones, which
- * repeat COOKIE; all but the last of them have MORE.
+ * A rule. Its types come in the order in which they were added, of which the first that a
+ * key may have is the key; the values of a type by number. With more values than one message
+ * has room for it goes on in the next ones, which repeat all but VALUE; all but the last of
+ * them have MORE.
  */
 #define MOX_CAPTURE_RULE_TABLE(X)                                                             \
 	X(COOKIE, 1, U64, "The socket's.")                                                    \

@@ -6,6 +6,7 @@
 #include "packet/info.hpp"
 #include "rules/search.hpp"
 #include "services/services.hpp"
+#include "control/capture.hpp"
 #include "control/requests.hpp"
 #include "control/switches.hpp"
 #include "socket_fixture.h"
@@ -24,6 +25,7 @@ Strings caches(const std::string &what)
 
 const Strings kCachesUp = caches("cache+ "), kCachesDown = caches("cache- ");
 const Strings kGenlUp{ "genl+" }, kGenlDown{ "genl-" };
+const Strings kCaptureUp{ "capture+" }, kCaptureDown{ "capture-" };
 const Strings kFamilyUp{ "proto+", "family+", "pernet+", "ns init" };
 const Strings kFamilyDown{ "pernet-", "family-", "proto-" };
 
@@ -40,7 +42,7 @@ protected:
 		KernelTest::SetUp();
 		memset(mox_packet_debug, 0, sizeof mox_packet_debug);
 	}
-	// Every unit's own flag: sock, regular, serv, msg, family, thread.
+	// Every unit's own flag: sock, regular, serv, msg, family, thread, capture.
 	static Strings up()
 	{
 		Strings s;
@@ -50,20 +52,22 @@ protected:
 			     { mox_packet_serv_inited, "serv" },
 			     { mox_packet_msg_inited, "msg" },
 			     { mox_packet_family_init_ok, "family" },
-			     { mox_packet_thread_init_ok, "thread" } })
+			     { mox_packet_thread_init_ok, "thread" },
+			     { mox_capture_inited, "capture" } })
 			if (flag)
 				s.push_back(name);
 		return s;
 	}
 };
 
-const Strings kAll{ "sock", "regular", "serv", "msg", "family", "thread" };
+const Strings kAll{ "sock", "regular", "serv", "msg", "family", "thread", "capture" };
 
 TEST_F(Load, load__everything_is_up_and_registered)
 {
 	ASSERT_EQ(mox_packet_init(), 0);
 	EXPECT_EQ(kernel().journal, kCachesUp + kGenlUp + kFamilyUp +
-					    (Strings{ "waitqueue", "thread+ packet-copy" }));
+					    (Strings{ "waitqueue", "thread+ packet-copy" }) +
+					    kCaptureUp);
 	EXPECT_EQ(up(), kAll);
 	EXPECT_EQ(mox_packet_family_had_init(), 1);
 	EXPECT_EQ(mox_packet_thread_had_init(), 1);
@@ -71,13 +75,13 @@ TEST_F(Load, load__everything_is_up_and_registered)
 	mox_packet_exit();
 }
 
-TEST_F(Load, unload__family_first_then_a_grace_period_and_the_thread_last)
+TEST_F(Load, unload__families_first_then_a_grace_period_and_the_thread_last)
 {
 	ASSERT_EQ(mox_packet_init(), 0);
 	kernel().journal.clear();
 	mox_packet_exit();
-	EXPECT_EQ(kernel().journal, kFamilyDown + Strings{ "grace" } + kGenlDown + kCachesDown +
-					    Strings{ "thread- packet-copy" });
+	EXPECT_EQ(kernel().journal, kCaptureDown + kFamilyDown + Strings{ "grace" } + kGenlDown +
+					    kCachesDown + Strings{ "thread- packet-copy" });
 	EXPECT_EQ(up(), Strings{});
 	EXPECT_EQ(mox_packet_family_had_init(), 0);
 	EXPECT_TRUE(kernel().log.empty());
@@ -120,7 +124,7 @@ TEST_F(Load, load_and_unload__can_be_repeated)
 	for (int round = 0; round < 3; round++) {
 		kernel().journal.clear();
 		ASSERT_EQ(mox_packet_init(), 0);
-		EXPECT_EQ(kernel().journal.size(), 11u);
+		EXPECT_EQ(kernel().journal.size(), 12u);
 		mox_packet_exit();
 	}
 }
@@ -232,6 +236,26 @@ TEST_F(Load, load__thread_failing_takes_the_registered_family_back)
 	EXPECT_EQ(up(), Strings{});
 }
 
+TEST_F(Load, load__family_for_reading_failing_takes_everything_back)
+{
+	for (int error : { -17, -12 }) {
+		kernel().log.clear();
+		kernel().journal.clear();
+		kernel().error[Fail::kCaptureRegister] = error;
+		kernel().fail(Fail::kCaptureRegister);
+		EXPECT_EQ(mox_packet_init(), -1);
+		EXPECT_EQ(kernel().text(),
+			  "Failed to register generic netlink family mox_capture, errno " +
+				  std::to_string(error) + "\nPACKET-CAPTURE init failed\n");
+		EXPECT_EQ(kernel().journal,
+			  kCachesUp + kGenlUp + kFamilyUp +
+				  (Strings{ "waitqueue", "thread+ packet-copy", "capture+ fails",
+					    "thread- packet-copy" }) +
+				  kFamilyDown + kGenlDown + kCachesDown);
+		EXPECT_EQ(up(), Strings{});
+	}
+}
+
 // The result is not used: the load succeeds, and unload leaves alone what is
 // not there.
 TEST_F(Load, load__namespace_operations_failing_is_no_failure)
@@ -242,8 +266,9 @@ TEST_F(Load, load__namespace_operations_failing_is_no_failure)
 	EXPECT_TRUE(kernel().log.empty());
 	kernel().journal.clear();
 	mox_packet_exit();
-	EXPECT_EQ(kernel().journal, (Strings{ "family-", "proto-", "grace" }) + kGenlDown +
-					    kCachesDown + Strings{ "thread- packet-copy" });
+	EXPECT_EQ(kernel().journal, (Strings{ "capture-", "family-", "proto-", "grace" }) +
+					    kGenlDown + kCachesDown +
+					    Strings{ "thread- packet-copy" });
 	// The next load starts afresh.
 	ASSERT_EQ(mox_packet_init(), 0);
 	EXPECT_TRUE(kernel().pernet_registered);
@@ -263,6 +288,7 @@ TEST_F(Load, units__second_init_changes_nothing_and_second_deinit_is_harmless)
 		{ "msg", mox_packet_msg_init, mox_packet_msg_deinit },
 		{ "family", mox_packet_family_init, mox_packet_family_deinit },
 		{ "thread", mox_packet_thread_init, mox_packet_thread_deinit },
+		{ "capture", mox_capture_init, mox_capture_deinit },
 	};
 	for (auto &u : units) {
 		SCOPED_TRACE(u.name);

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-// The load and unload entries alone: the six units are stand-ins that write down
-// when they are called, and any of them can be made to fail.
+// The load and unload entries alone: the six units, the family for reading behind them, and the
+// times of arrival around them are stand-ins that write down when they are called, and any of
+// them that can fail can be made to fail.
 #include "base/module_state.hpp"
 #include "fake/fixture.h"
+#include "receive/arrivals.hpp"
 #include "seam/seam.h"
 
 using fake::kernel;
@@ -31,21 +33,32 @@ void deinit(const char *unit)
 
 } // namespace
 
-#define STAND_IN(unit)                                   \
-	extern "C" int mox_packet_##unit##_init(void)    \
-	{                                                \
-		return init(#unit);                      \
-	}                                                \
-	extern "C" void mox_packet_##unit##_deinit(void) \
-	{                                                \
-		deinit(#unit);                           \
+#define STAND_IN(unit, symbol)                \
+	extern "C" int symbol##_init(void)    \
+	{                                     \
+		return init(#unit);           \
+	}                                     \
+	extern "C" void symbol##_deinit(void) \
+	{                                     \
+		deinit(#unit);                \
 	}
-STAND_IN(sock)
-STAND_IN(regular)
-STAND_IN(serv)
-STAND_IN(msg)
-STAND_IN(family)
-STAND_IN(thread)
+#define STAND_IN_PACKET(unit) STAND_IN(unit, mox_packet_##unit)
+STAND_IN_PACKET(sock)
+STAND_IN_PACKET(regular)
+STAND_IN_PACKET(serv)
+STAND_IN_PACKET(msg)
+STAND_IN_PACKET(family)
+STAND_IN_PACKET(thread)
+STAND_IN(capture, mox_capture)
+
+void mox::arrivals_init()
+{
+	(void)init("arrivals");
+}
+void mox::arrivals_deinit()
+{
+	deinit("arrivals");
+}
 
 namespace {
 
@@ -61,10 +74,13 @@ protected:
 	}
 };
 
-const Strings kUp{ "sock+", "regular+", "serv+", "msg+", "family+", "thread+" };
-// The thread goes first when a load fails and last at unload: both are meant so.
-const Strings kUnwind{ "thread-", "family-", "msg-", "serv-", "regular-", "sock-" };
-const Strings kDown{ "family-", "grace", "msg-", "serv-", "regular-", "sock-", "thread-" };
+const Strings kUp{ "arrivals+", "sock+",   "regular+", "serv+",
+		   "msg+",      "family+", "thread+",  "capture+" };
+// The thread goes first when a load fails and last at unload: both are meant so. The family for
+// reading is the last to come up, so a load that fails never has it.
+const Strings kUnwind{ "thread-", "family-", "msg-", "serv-", "regular-", "sock-", "arrivals-" };
+const Strings kDown{ "capture-", "family-", "grace",   "msg-",     "serv-",
+		     "regular-", "sock-",   "thread-", "arrivals-" };
 
 TEST_F(Main, init__brings_the_units_up_in_order)
 {
@@ -95,8 +111,9 @@ TEST_F(Main, init__each_unit_failing_unwinds_all_six_and_answers_minus_1)
 		{ "msg", "PACKET-MSG init failed\n" },
 		{ "family", "PACKET-FAMILY init failed\n" },
 		{ "thread", "PACKET-THREAD init failed\n" },
+		{ "capture", "PACKET-CAPTURE init failed\n" },
 	};
-	size_t brought_up = 0;
+	size_t brought_up = 1; // the times of arrival, which cannot fail
 	for (auto &c : cases) {
 		brought_up++;
 		// Whatever the unit answers, a positive number too.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "fake/efmp.h"
+#include "fake/kernel.h"
 #include "oracle/frames.h"
 #include "oracle/packet.h"
 #include "locations/table.hpp"
@@ -43,6 +44,11 @@ inline void enqueue(efbuff_queue *queue, void *e, Held held = Held::kTaken)
 	CpuHeld &cpu = g_cpu_held[place / CPU_QUEUES];
 	cpu.queues[place % CPU_QUEUES].queued += static_cast<u32>(held);
 	cpu.all.queued += static_cast<u32>(held);
+	hook_ledger &ledger =
+		fake::kernel().hook_cpus[place / CPU_QUEUES].hooks[place % CPU_QUEUES];
+	for (mox_total *total : { &ledger.seen, &ledger.wanted,
+				  held == Held::kTaken ? &ledger.taken : &ledger.cloned })
+		total->low++;
 	queue_append(queue, e, held);
 }
 

@@ -123,7 +123,7 @@ void SendTest::expect_send(const Outgoing &message, int result, Counter counter)
 	Counters13 wanted = counters_of(s);
 	wanted[counter]++;
 	// The rest of the socket stays as it is, too.
-	Bytes behind(sizeof(mox_packet_sock) - offsetof(mox_packet_sock, vsd));
+	Bytes behind(offsetof(mox_packet_sock, ledger) - offsetof(mox_packet_sock, vsd));
 	memcpy(behind.data(), &s.po().vsd, behind.size());
 	const u32 refs = s.refs();
 	const uint64_t allocated = efmp().allocated, freed = efmp().freed;

@@ -5,9 +5,11 @@ namespace {
 
 const char *name_of(fake::LockKind kind)
 {
-	static const char *const names[] = { "none", "ns",     "ns-nested", "request", "dump",
-					     "sock", "change", "bind",      "rule",    "hook",
-					     "lib",  "queue",  "rcvq",      "mutex" };
+	static const char *const names[] = { "none",         "ns",       "ns-nested", "request",
+					     "dump",         "sock",     "change",    "bind",
+					     "rule",         "hook",     "lib",       "queue",
+					     "rcvq",         "mutex",    "registry",  "closed",
+					     "tracer-mutex", "arrivals", "tracer" };
 	return names[static_cast<int>(kind)];
 }
 

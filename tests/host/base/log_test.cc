@@ -46,11 +46,4 @@ TEST_F(Log, debug__arguments_are_not_computed_while_off)
 	EXPECT_EQ(computed, 0);
 }
 
-TEST_F(Log, path_switch__reads_its_own_byte)
-{
-	mox_packet_debug[12] = 1;
-	for (u32 number = 0; number < sizeof mox_packet_debug; number++)
-		EXPECT_EQ(mox::path_switch_on(number), number == 12) << number;
-}
-
 } // namespace

@@ -23,13 +23,6 @@ bool is_open(const file *f, const char *call)
 	return false;
 }
 
-void forget(sk_buff *skb, const char *call)
-{
-	if (!kernel().skbs.erase(skb))
-		return breach(std::string(call) + " of a freed message");
-	delete skb;
-}
-
 } // namespace
 
 int seam_scnprintf(char *buf, size_t size, const char *fmt, ...)
@@ -81,10 +74,7 @@ sk_buff *seam_genl_alloc(void)
 	kernel().may_sleep("nlmsg_new");
 	if (kernel().failing(Fail::kGenlAlloc))
 		return nullptr;
-	auto *skb = new sk_buff;
-	skb->room.assign(36, 0xa5);
-	kernel().skbs.insert(skb);
-	return skb;
+	return fake::skb_with_room(36);
 }
 
 void *seam_genl_put(sk_buff *skb, u32 client)
@@ -128,13 +118,13 @@ int seam_genl_unicast(sk_buff *skb, u32 client)
 	else
 		kernel().answers.push_back(
 			{ client, { skb->room.begin(), skb->room.begin() + skb->len } });
-	forget(skb, "netlink_unicast");
+	fake::skb_forget(skb, "netlink_unicast");
 	return result;
 }
 
 void seam_genl_free(sk_buff *skb)
 {
-	forget(skb, "nlmsg_free");
+	fake::skb_forget(skb, "nlmsg_free");
 }
 
 file *seam_file_open(const char *path)

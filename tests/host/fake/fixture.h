@@ -7,6 +7,7 @@
 
 #include "efmp.h"
 #include "kernel.h"
+#include "ledger.h"
 
 namespace fake {
 
@@ -19,6 +20,7 @@ protected:
 	}
 	void TearDown() override
 	{
+		audit_frames();
 		efmp().audit();
 		kernel().audit();
 	}

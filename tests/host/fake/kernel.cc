@@ -89,6 +89,7 @@ void Kernel::audit()
 	EXPECT_FALSE(proto_registered) << "protocol left registered";
 	EXPECT_FALSE(family_registered) << "family left registered";
 	EXPECT_FALSE(genl_registered) << "generic netlink family left registered";
+	EXPECT_FALSE(capture_registered) << "the family for reading left registered";
 	EXPECT_TRUE(open_files.empty()) << open_files.size() << " files left open";
 	EXPECT_FALSE(pernet_registered) << "namespace operations left registered";
 	EXPECT_EQ(inuse, 0) << "sockets counted in use";

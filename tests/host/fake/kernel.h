@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <deque>
+#include <array>
 #include <functional>
 #include <map>
 #include <set>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "points.h"
+#include "seam/seam_capture.h"
 #include "seam/seam_control.h"
 
 namespace fake {
@@ -42,6 +44,11 @@ enum class LockKind {
 	kQueue,
 	kReceiveQueue,
 	kMutex,
+	kRegistry,
+	kClosed,
+	kTracerMutex,
+	kArrivals,
+	kTracer,
 };
 
 struct Lock {
@@ -95,6 +102,18 @@ struct Kernel {
 	bool nonlinear_skbs = false;             // new buffers are fragmented
 	bool killed = false;                     // a fatal signal is pending
 	std::map<int, unsigned long> cpu_efbuff; // efmp_cpu_buffer_cache
+	std::array<hook_cpu, CPU_QUEUE_SLOTS> hook_cpus{};
+	uint64_t monotonic_ns = 1000000000, real_ns = 1700000000000000000;
+	uint32_t clock_ticks = 0;
+
+	// ---- socket diagnosis
+	struct Listed {
+		struct sock *sk;
+		seam_diag_socket socket;
+	};
+	bool diag_registered = false;
+	uint32_t diag_room = ~0u; // sockets that still fit into the listing
+	std::vector<Listed> diag_listed;
 
 	// ---- faults (points.h)
 	// Asked at every fallible call; true makes it fail.
@@ -120,6 +139,7 @@ struct Kernel {
 	static constexpr uint64_t kTotalMemory = 1ull << 32;
 	uint64_t total_memory = kTotalMemory;
 	bool net_admin = true;    // the current task holds CAP_NET_ADMIN
+	bool net_raw = true;      // the same of CAP_NET_RAW
 	bool need_resched = true; // another task is due
 	int cond_rescheds = 0;
 	std::vector<std::pair<size_t, size_t>> user_reads; // of setsockopt arguments: from, bytes
@@ -145,6 +165,11 @@ struct Kernel {
 	std::map<std::string, Place> places; // what there is at a path, other than a plain file
 	std::vector<size_t> writes;          // bytes of each write
 	std::set<struct ::file *> open_files;
+
+	// ---- the family for reading
+	bool capture_registered = false;
+	std::vector<Answer> capture_answers;   // messages that were sent to a requesting socket
+	uint64_t last_cookie = 0x100000000ull; // of a socket
 
 	// ---- threads: the body runs when a test calls run_thread()
 	bool thread_stop_asked = false;
@@ -193,6 +218,11 @@ void breach(const std::string &what);
 struct ::sk_buff *skb_alloc(uint32_t len);
 void *skb_put(struct ::sk_buff *skb, uint32_t len);
 
+// A socket buffer without content that has room for so many bytes.
+struct ::sk_buff *skb_with_room(size_t room);
+// Frees a buffer that holds whole messages, or none.
+void skb_forget(struct ::sk_buff *skb, const char *call);
+
 // printf as the kernel has it.
 std::string render(const char *format, va_list args);
 
@@ -207,6 +237,7 @@ struct net {
 	std::vector<struct sock *> list;
 	int refs = 1;
 	int inuse = 0;
+	uint32_t inode = 4026531840;
 };
 
 struct sk_buff {
@@ -218,10 +249,14 @@ struct sk_buff {
 	uint32_t mac = ~0u, network = ~0u;
 	uint32_t iif = 0;
 	uint16_t vlan = 0;
+	uint64_t time = 0; // of arrival
 	uint16_t protocol = 0;
 	alignas(8) uint8_t cb[48];
 	struct sock *owner = nullptr;
 	bool has_dev = true;
+	// Where the netlink message begins that is being written, and behind it the nested
+	// attributes that are.
+	std::vector<uint32_t> open;
 
 	const uint8_t *data() const { return room.data() + begin; }
 };
@@ -247,6 +282,9 @@ struct sock {
 	int verdict; // what the kernel's filter call answers
 	uint32_t data_ready;
 	size_t object_size;
+	uint64_t cookie; // 0: not asked for yet
+	uint32_t inode, uid;
+	bool stamped;
 };
 static_assert(sizeof(sock) <= SEAM_SOCK_SIZE);
 
@@ -271,6 +309,7 @@ struct task_struct {
 	bool ran = false;
 	int wakes = 0;
 	int priority = -1;
+	int pid = 815;
 };
 
 struct genl_info {

@@ -28,7 +28,12 @@ const char *name(LockKind kind)
 					     "library lock",
 					     "queue lock",
 					     "receive queue lock",
-					     "mutex" };
+					     "mutex",
+					     "registry mutex",
+					     "mutex of closed sockets",
+					     "tracer mutex",
+					     "mutex of arrivals",
+					     "tracer lock" };
 	return names[static_cast<int>(kind)];
 }
 
@@ -36,7 +41,9 @@ bool sleeping_kind(LockKind kind)
 {
 	return kind == LockKind::kNsMutex || kind == LockKind::kNsMutexNested ||
 	       kind == LockKind::kRequest || kind == LockKind::kDump || kind == LockKind::kSock ||
-	       kind == LockKind::kChange || kind == LockKind::kMutex;
+	       kind == LockKind::kChange || kind == LockKind::kMutex ||
+	       kind == LockKind::kRegistry || kind == LockKind::kClosed ||
+	       kind == LockKind::kTracerMutex || kind == LockKind::kArrivals;
 }
 
 } // namespace
@@ -182,6 +189,23 @@ void seam_dump_mutex_init(seam_mutex *lock)
 {
 	Kernel::init_lock(lock, LockKind::kDump);
 }
+void seam_registry_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kRegistry);
+}
+void seam_closed_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kClosed);
+}
+void seam_arrivals_mutex_init(seam_mutex *lock)
+{
+	Kernel::init_lock(lock, LockKind::kArrivals);
+}
+void seam_tracer_locks_init(seam_rwlock *lock, seam_mutex *mutex)
+{
+	Kernel::init_lock(lock, LockKind::kTracer);
+	Kernel::init_lock(mutex, LockKind::kTracerMutex);
+}
 
 int seam_mutex_lock_killable(seam_mutex *lock)
 {
@@ -227,6 +251,14 @@ void seam_read_unlock(seam_rwlock *lock)
 {
 	kernel().drop(fake::as_lock(lock), false, "read_unlock");
 	kernel().event(Point::kUnlock, lock);
+}
+void seam_read_lock_bh(seam_rwlock *lock)
+{
+	fake::lock_bh(lock, false, "read_lock_bh");
+}
+void seam_read_unlock_bh(seam_rwlock *lock)
+{
+	fake::unlock_bh(lock, false, "read_unlock_bh");
 }
 void seam_write_lock_bh(seam_rwlock *lock)
 {

@@ -146,6 +146,12 @@ int seam_capable_net_admin(void)
 	return kernel().net_admin;
 }
 
+int seam_capable_net_raw(void)
+{
+	kernel().may_sleep("capable");
+	return kernel().net_raw;
+}
+
 // The same each time: a test that fails does so again.
 u32 seam_random(void)
 {
@@ -236,11 +242,27 @@ int seam_next_present_cpu(int cpu)
 	return it == kernel().present_cpus.end() ? kernel().cpu_ids : *it;
 }
 
-unsigned long seam_current_efbuff(void)
+int seam_next_possible_cpu(int cpu)
+{
+	return cpu + 1;
+}
+
+hook_cpu *seam_hook_enter(void)
 {
 	if (!kernel().bh_disabled && !kernel().in_hook)
 		breach("the CPU's efbuff read with bottom halves on");
-	return kernel().cpu_efbuff[kernel().cpu];
+	hook_cpu *here = &kernel().hook_cpus[kernel().cpu];
+	if (here->cpu != static_cast<u32>(kernel().cpu))
+		breach("a hook runs before the queues are up");
+	here->efbuff = kernel().cpu_efbuff[kernel().cpu];
+	return here;
+}
+
+hook_cpu *seam_hook_cpu(int cpu)
+{
+	if (cpu < 0 || cpu >= kernel().cpu_ids)
+		breach("the record of a CPU that is not possible");
+	return &kernel().hook_cpus[cpu];
 }
 
 s32 seam_current_pid(void)

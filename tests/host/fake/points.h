@@ -44,45 +44,49 @@ namespace fake {
 	X(kDeregOutput, "efmp_dereg_output_pkt_func")
 
 // Name, and the call that fails.
-#define FAKE_FAILURES(X)                                     \
-	X(kDataAlloc, "allocation of a rule datum")          \
-	X(kItemAlloc, "allocation of a rule item")           \
-	X(kEntryAlloc, "allocation of a filter list entry")  \
-	X(kCopyAlloc, "allocation of a match copy")          \
-	X(kCacheCreate, "kmem_cache_create")                 \
-	X(kKmalloc, "kmalloc")                               \
-	X(kVzalloc, "vzalloc")                               \
-	X(kCopyFromUser, "copy_from_user")                   \
-	X(kCopyToUser, "copy_to_user")                       \
-	X(kGetUser, "get_user")                              \
-	X(kPutUser, "put_user")                              \
-	X(kProtoRegister, "proto_register")                  \
-	X(kFamilyRegister, "sock_register")                  \
-	X(kPernetRegister, "register_pernet_subsys")         \
-	X(kSkAlloc, "sk_alloc")                              \
-	X(kSkbAlloc, "alloc_skb")                            \
-	X(kSkbClone, "skb_clone")                            \
-	X(kSkbTrim, "pskb_trim")                             \
-	X(kRecvDatagram, "skb_recv_datagram")                \
-	X(kCopyDatagram, "copy of a datagram to user space") \
-	X(kThreadCreate, "kthread_create")                   \
-	X(kLockKillable, "mutex_lock_killable")              \
-	X(kGenlRegister, "genl_register_family")             \
-	X(kGenlAlloc, "nlmsg_new")                           \
-	X(kGenlPut, "genlmsg_put")                           \
-	X(kNlaPut, "nla_put")                                \
-	X(kGenlUnicast, "genlmsg_unicast")                   \
-	X(kFileOpen, "filp_open")                            \
-	X(kFileTruncate, "vfs_truncate")                     \
-	X(kFileWrite, "kernel_write")                        \
-	X(kRegServ, "efmp_reg_serv_change_handler")          \
-	X(kClone, "efmp_buff_clone_with_owner")              \
-	X(kEfbuffAlloc, "efmp_buff_alloc_sw_with_owner")     \
-	X(kRegModule, "efmp_reg_module")                     \
-	X(kDeregModule, "efmp_dereg_module")                 \
-	X(kRegRecv, "efmp_reg_recv_pkt_func")                \
-	X(kDeregRecv, "efmp_dereg_recv_pkt_func")            \
-	X(kRegOutput, "efmp_reg_output_pkt_func")            \
+#define FAKE_FAILURES(X)                                         \
+	X(kDataAlloc, "allocation of a rule datum")              \
+	X(kItemAlloc, "allocation of a rule item")               \
+	X(kEntryAlloc, "allocation of a filter list entry")      \
+	X(kCopyAlloc, "allocation of a match copy")              \
+	X(kCacheCreate, "kmem_cache_create")                     \
+	X(kKmalloc, "kmalloc")                                   \
+	X(kVzalloc, "vzalloc")                                   \
+	X(kCopyFromUser, "copy_from_user")                       \
+	X(kCopyToUser, "copy_to_user")                           \
+	X(kGetUser, "get_user")                                  \
+	X(kPutUser, "put_user")                                  \
+	X(kProtoRegister, "proto_register")                      \
+	X(kFamilyRegister, "sock_register")                      \
+	X(kPernetRegister, "register_pernet_subsys")             \
+	X(kSkAlloc, "sk_alloc")                                  \
+	X(kSkbAlloc, "alloc_skb")                                \
+	X(kSkbClone, "skb_clone")                                \
+	X(kSkbTrim, "pskb_trim")                                 \
+	X(kRecvDatagram, "skb_recv_datagram")                    \
+	X(kCopyDatagram, "copy of a datagram to user space")     \
+	X(kThreadCreate, "kthread_create")                       \
+	X(kLockKillable, "mutex_lock_killable")                  \
+	X(kGenlRegister, "genl_register_family")                 \
+	X(kGenlAlloc, "nlmsg_new")                               \
+	X(kGenlPut, "genlmsg_put")                               \
+	X(kNlaPut, "nla_put")                                    \
+	X(kGenlUnicast, "genlmsg_unicast")                       \
+	X(kCaptureRegister, "genl_register_family, for reading") \
+	X(kDiagRegister, "sock_diag_register")                   \
+	X(kCaptureAlloc, "genlmsg_new")                          \
+	X(kCaptureReply, "genlmsg_unicast, for reading")         \
+	X(kFileOpen, "filp_open")                                \
+	X(kFileTruncate, "vfs_truncate")                         \
+	X(kFileWrite, "kernel_write")                            \
+	X(kRegServ, "efmp_reg_serv_change_handler")              \
+	X(kClone, "efmp_buff_clone_with_owner")                  \
+	X(kEfbuffAlloc, "efmp_buff_alloc_sw_with_owner")         \
+	X(kRegModule, "efmp_reg_module")                         \
+	X(kDeregModule, "efmp_dereg_module")                     \
+	X(kRegRecv, "efmp_reg_recv_pkt_func")                    \
+	X(kDeregRecv, "efmp_dereg_recv_pkt_func")                \
+	X(kRegOutput, "efmp_reg_output_pkt_func")                \
 	X(kDeregOutput, "efmp_dereg_output_pkt_func")
 
 #define FAKE_ENUMERATOR(name, ...) name,

@@ -20,7 +20,12 @@
 #define SEAM_LIST_POISON1 0x100
 #define SEAM_LIST_POISON2 0x122
 
+#define SEAM_EPERM 1
+#define SEAM_ENOENT 2
 #define SEAM_EINTR 4
+#define SEAM_EBUSY 16
+#define SEAM_ERANGE 34
+#define SEAM_EMSGSIZE 90
 #define SEAM_ENXIO 6
 #define SEAM_ENOMEM 12
 #define SEAM_EFAULT 14

@@ -53,6 +53,23 @@ sk_buff *fake::skb_alloc(u32 len)
 	return skb;
 }
 
+sk_buff *fake::skb_with_room(size_t room)
+{
+	auto *skb = new sk_buff;
+	skb->room.assign(room, 0xa5);
+	kernel().skbs.insert(skb);
+	return skb;
+}
+
+void fake::skb_forget(sk_buff *skb, const char *call)
+{
+	if (!kernel().skbs.erase(skb))
+		return breach(std::string(call) + " of a freed message");
+	if (!skb->open.empty())
+		breach(std::string(call) + " of half a message");
+	delete skb;
+}
+
 sk_buff *seam_skb_clone(sk_buff *skb)
 {
 	fake::check(skb, "skb_clone");
@@ -88,7 +105,7 @@ void *seam_skb_pull(sk_buff *skb, u32 len)
 	return skb->room.data() + skb->begin;
 }
 
-sk_buff *seam_skb_of_frame(const seam_frame *frame)
+sk_buff *seam_skb_of_frame(seam_frame *frame)
 {
 	sk_buff *skb = fake::skb_alloc(frame->len);
 	if (!skb)
@@ -99,6 +116,7 @@ sk_buff *seam_skb_of_frame(const seam_frame *frame)
 	skb->iif = frame->ifindex;
 	skb->vlan = frame->vlan_id;
 	skb->has_dev = false;
+	frame->cb = skb->cb;
 	return skb;
 }
 
@@ -163,10 +181,22 @@ sk_buff *seam_rcvq_peek(sock *sk)
 	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
 
-int seam_rcvq_offer(sock *sk, sk_buff *skb)
+void seam_skb_set_time(sk_buff *skb, u64 time)
 {
+	skb->time = time;
+}
+
+int seam_sk_filtered(const sock *sk)
+{
+	return sk->has_filter;
+}
+
+int seam_rcvq_offer(sock *sk, sk_buff *skb, int filtered)
+{
+	if (sk->has_filter && !filtered)
+		return SEAM_OFFER_FILTER;
 	if (static_cast<u32>(sk->rmem) + skb->truesize >= static_cast<u32>(sk->rcvbuf))
-		return 0;
+		return SEAM_OFFER_FULL;
 	if (skb->owner)
 		breach("buffer charged twice");
 	if (skb->has_dev)
@@ -178,7 +208,7 @@ int seam_rcvq_offer(sock *sk, sk_buff *skb)
 	seam_rcvq_unlock(sk);
 	sk->data_ready++;
 	kernel().event(Point::kDataReady, sk);
-	return 1;
+	return SEAM_OFFER_QUEUED;
 }
 
 void seam_rcvq_purge(sock *sk)

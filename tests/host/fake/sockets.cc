@@ -6,6 +6,7 @@
 #include <new>
 
 #include "kernel.h"
+#include "ledger.h"
 
 using fake::breach;
 using fake::Fail;
@@ -224,6 +225,8 @@ void seam_sock_put(sock *sk)
 		breach("socket freed while on its namespace's list");
 	if (!sk->queue->empty())
 		breach("socket freed with buffers queued");
+	if (sk->set_up)
+		fake::audit_socket(reinterpret_cast<mox_packet_sock *>(sk), 0);
 	kernel().socks.erase(sk);
 	delete sk->queue;
 	delete sk->write_queue;
@@ -259,12 +262,6 @@ u32 seam_sk_wmem_charged(const sock *sk)
 int seam_sk_wmem(const sock *sk)
 {
 	return static_cast<int>(seam_sk_wmem_charged(sk)) - 1;
-}
-
-u32 seam_sk_receiver(const sock *sk)
-{
-	return (sk->type == SEAM_SOCK_DGRAM ? SEAM_RECEIVER_DGRAM : 0) |
-	       (sk->has_filter ? SEAM_RECEIVER_FILTERED : 0);
 }
 
 void seam_warn(const char *what)

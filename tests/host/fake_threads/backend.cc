@@ -3,6 +3,7 @@
 #include "backend.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -148,6 +149,10 @@ int seam_capable_net_admin(void)
 {
 	return 1;
 }
+int seam_capable_net_raw(void)
+{
+	return 1;
+}
 u32 seam_random(void)
 {
 	return 0x9e3779b9;
@@ -167,6 +172,45 @@ void seam_request_mutex_init(seam_mutex *lock)
 void seam_dump_mutex_init(seam_mutex *lock)
 {
 	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_registry_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_closed_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_arrivals_mutex_init(seam_mutex *lock)
+{
+	pthread_mutex_init(mutex_of(lock), nullptr);
+}
+void seam_tracer_locks_init(seam_rwlock *lock, seam_mutex *mutex)
+{
+	pthread_rwlock_init(rwlock_of(lock), nullptr);
+	pthread_mutex_init(mutex_of(mutex), nullptr);
+}
+void seam_read_lock_bh(seam_rwlock *lock)
+{
+	pthread_rwlock_rdlock(rwlock_of(lock));
+}
+void seam_read_unlock_bh(seam_rwlock *lock)
+{
+	pthread_rwlock_unlock(rwlock_of(lock));
+}
+u64 seam_monotonic_ns(void)
+{
+	using namespace std::chrono;
+	return duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
+}
+u64 seam_real_ns(void)
+{
+	return 1700000000000000000 + seam_monotonic_ns();
+}
+// As with 250 ticks a second.
+u32 seam_clock_ticks(void)
+{
+	return static_cast<u32>(seam_monotonic_ns() / 4000000);
 }
 int seam_mutex_lock_killable(seam_mutex *lock)
 {
@@ -245,6 +289,8 @@ void *seam_kmalloc(size_t size)
 }
 void seam_kfree(void *p)
 {
+	if (!p)
+		return;
 	live().blocks--;
 	std::free(p);
 }

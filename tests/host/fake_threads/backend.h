@@ -45,6 +45,7 @@ struct sock {
 	int rcvbuf;
 	struct net *ns;
 	bool listed;
+	std::atomic<bool> stamped; // SO_TIMESTAMP
 	pthread_mutex_t lock, queue_lock;
 	std::deque<sk_buff *> *queue;
 };
@@ -95,6 +96,10 @@ void inject(uint32_t location, const std::vector<uint8_t> &content);
 bool registered(uint32_t location);
 
 uint32_t interface_word();
+
+// Records of traces that readers have got, and buffers that have got a time of arrival.
+std::atomic<long> &records();
+std::atomic<long> &stamps();
 
 // What efmp_output_pkt has got, and who follows the services.
 std::atomic<long> &sent();

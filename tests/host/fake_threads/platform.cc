@@ -243,9 +243,20 @@ int efmp_unreg_serv_change_handler(efmp_serv_change_func)
 }
 
 // What the seam asks about hooks.
-unsigned long seam_current_efbuff(void)
+hook_cpu *seam_hook_enter(void)
 {
-	return reinterpret_cast<unsigned long>(t_efbuff) | 1;
+	hook_cpu *here = seam_hook_cpu(seam_cpu());
+	here->efbuff = reinterpret_cast<unsigned long>(t_efbuff) | 1;
+	return here;
+}
+hook_cpu *seam_hook_cpu(int cpu)
+{
+	static hook_cpu cpus[4];
+	return &cpus[cpu];
+}
+int seam_next_possible_cpu(int cpu)
+{
+	return cpu + 1;
 }
 void seam_wait_for_hooks(void)
 {

@@ -23,6 +23,12 @@ void free_skb(sk_buff *skb)
 
 } // namespace
 
+std::atomic<long> &stamps()
+{
+	static std::atomic<long> count{ 0 };
+	return count;
+}
+
 net &init_net()
 {
 	static net the_net;
@@ -153,9 +159,13 @@ u32 seam_sk_wmem_charged(const sock *)
 {
 	return 0;
 }
-u32 seam_sk_receiver(const sock *sk)
+void seam_skb_set_time(sk_buff *, u64)
 {
-	return sk->type == SEAM_SOCK_DGRAM ? SEAM_RECEIVER_DGRAM : 0;
+	threads::stamps()++;
+}
+int seam_sk_filtered(const sock *)
+{
+	return 0;
 }
 void seam_warn(const char *what)
 {
@@ -207,10 +217,11 @@ void *seam_skb_pull(sk_buff *skb, u32 len)
 	skb->len -= len;
 	return skb->room.data() + skb->begin;
 }
-sk_buff *seam_skb_of_frame(const seam_frame *frame)
+sk_buff *seam_skb_of_frame(seam_frame *frame)
 {
 	sk_buff *skb = threads::skb_alloc(frame->len);
 	memcpy(threads::skb_put(skb, frame->len), frame->data, frame->len);
+	frame->cb = seam_skb_cb(skb);
 	return skb;
 }
 void *seam_skb_cb(sk_buff *skb)
@@ -262,16 +273,16 @@ sk_buff *seam_rcvq_peek(sock *sk)
 {
 	return sk->queue->empty() ? nullptr : sk->queue->front();
 }
-int seam_rcvq_offer(sock *sk, sk_buff *skb)
+int seam_rcvq_offer(sock *sk, sk_buff *skb, int)
 {
 	if (static_cast<u32>(sk->rmem) + skb->room.size() + 576 >= static_cast<u32>(sk->rcvbuf))
-		return 0;
+		return SEAM_OFFER_FULL;
 	skb->owner = sk;
 	sk->rmem += static_cast<int>(skb->room.size() + 576);
 	pthread_mutex_lock(&sk->queue_lock);
 	sk->queue->push_back(skb);
 	pthread_mutex_unlock(&sk->queue_lock);
-	return 1;
+	return SEAM_OFFER_QUEUED;
 }
 void seam_rcvq_purge(sock *sk)
 {

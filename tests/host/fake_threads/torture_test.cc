@@ -10,9 +10,11 @@
 
 #include "backend.h"
 #include "base/log.hpp"
+#include "control/capture.hpp"
 #include "control/requests.hpp"
 #include "control/switches.hpp"
 #include "oracle/frames.h"
+#include "receive/arrivals.hpp"
 #include "receive/queue.hpp"
 #include "rules/edit.hpp"
 #include "rules/filing.hpp"
@@ -23,6 +25,7 @@
 #include "socket/family.hpp"
 #include "receive/deliver.hpp"
 #include "receive/thread.hpp"
+#include "receive/tracer.hpp"
 
 using namespace mox;
 
@@ -94,6 +97,15 @@ struct Process {
 		int len = 8;
 		mox_packet_getsockopt(&socket, 263, 6, reinterpret_cast<char *>(out), &len);
 		mox_packet_ioctl(&socket, 0x541b, reinterpret_cast<unsigned long>(&len));
+	}
+	// Changes the option for times of arrival, in any of the calls that look at it.
+	void stamp()
+	{
+		socket.sk->stamped = below(2);
+		if (below(2))
+			mox_packet_poll(&socket);
+		else
+			read();
 	}
 	// One of the operations, each as often as its weight says.
 	void operate()
@@ -299,6 +311,138 @@ TEST_F(Torture, operator_against_processes_and_hooks)
 	EXPECT_GT(threads::live().dumped, dumps * 2000)
 		<< "every dump has the empty reports at least";
 	EXPECT_EQ(threads::live().files, 0);
+}
+
+// Readers of the family, in buffers that hold a part of most rules, while sockets come and go
+// and frames are delivered.
+TEST_F(Torture, readers_against_processes_and_hooks)
+{
+	std::atomic<uint64_t> buffers{ 0 }, ended{ 0 };
+	start_cpu(0);
+	for (int p = 0; p < 2; p++)
+		all.emplace_back([this, p] {
+			Process process;
+			process.rng.seed(seed + 500 + p);
+			while (!stop) {
+				process.open();
+				for (int i = 0; i < 20; i++, operations++)
+					process.operate();
+				process.close();
+			}
+		});
+	for (int p = 0; p < 2; p++)
+		all.emplace_back([&, p] {
+			std::mt19937 rng(seed + 600 + p);
+			while (!stop) {
+				const u8 commands[] = {
+					MOX_CAPTURE_CMD_LOCATIONS, MOX_CAPTURE_CMD_SOCKETS,
+					MOX_CAPTURE_CMD_RULES,     MOX_CAPTURE_CMD_RULES,
+					MOX_CAPTURE_CMD_QUEUES,    MOX_CAPTURE_CMD_MEMORY
+				};
+				const seam_request request{ &threads::init_net(), 1, 1, 2,
+							    nullptr };
+				void *state = nullptr;
+				EXPECT_EQ(mox_capture_dump_start(commands[rng() % 6], nullptr, 0,
+								 &request, &state),
+					  0);
+				int filled = 1;
+				// Some readers close before the end.
+				for (u32 most = 1 + rng() % 40; filled > 0 && most; most--) {
+					sk_buff *skb = threads::skb_alloc(600 + rng() % 600);
+					u32 sequence = 0;
+					filled = mox_capture_dump_fill(skb, state, &request,
+								       &sequence);
+					EXPECT_GE(filled, 0);
+					EXPECT_NE(sequence, 0u);
+					buffers += filled > 0;
+					seam_consume_skb(skb);
+				}
+				ended += filled == 0;
+				mox_capture_dump_done(state);
+				EXPECT_EQ(mox_capture_do(MOX_CAPTURE_CMD_THREAD, nullptr, 0,
+							 &request),
+					  0);
+			}
+		});
+	run_for();
+	EXPECT_GT(injected, 100u);
+	EXPECT_GT(operations, 100u);
+	EXPECT_GT(buffers, 30u);
+	EXPECT_GT(ended, 3u);
+}
+
+// Traces and times of arrival come and go while frames are queued and delivered, and while
+// several threads look at the options of one socket.
+TEST_F(Torture, traces_and_times_against_processes_and_hooks)
+{
+	std::atomic<uint64_t> traces{ 0 };
+	Process owner;
+	owner.rng.seed(seed);
+	owner.open();
+	owner.set(MOX_PACKET_ADD_RULE, Bytes{ 16, 0, 0, 0, 0, 0 }); // every frame
+	owner.set(PACKET_TREATMENT, PACKET_COPY);
+	owner.set(PACKET_LOCATION, PACKET_LEV2_LOC);
+	threads::records() = 0;
+	threads::stamps() = 0;
+	start_cpu(0);
+	start_cpu(1);
+	for (int p = 0; p < 3; p++)
+		all.emplace_back([this, p, &owner] {
+			Process process;
+			process.socket = owner.socket;
+			process.rng.seed(seed + 700 + p);
+			while (!stop) {
+				process.stamp();
+				operations++;
+				// So that frames come and go while it is on, or off.
+				std::this_thread::sleep_for(std::chrono::microseconds(300));
+			}
+		});
+	all.emplace_back([this] {
+		Process process;
+		process.rng.seed(seed + 800);
+		while (!stop) {
+			process.open();
+			for (int i = 0; i < 20; i++, operations++) {
+				process.operate();
+				process.stamp();
+			}
+			process.close();
+		}
+	});
+	// More readers than there may be traces.
+	for (u32 reader = 1; reader <= MOX_CAPTURE_TRACES + 1; reader++)
+		all.emplace_back([&, reader] {
+			std::mt19937 rng(seed + 900 + reader);
+			while (!stop) {
+				const seam_request request{ &threads::init_net(), reader, 1, 0,
+							    nullptr };
+				traces += mox_capture_do(MOX_CAPTURE_CMD_TRACE_START, nullptr, 0,
+							 &request) == 0;
+				if (rng() % 2)
+					sched_yield();
+				if (rng() % 2)
+					mox_capture_client_gone(reader);
+				else
+					mox_capture_do(MOX_CAPTURE_CMD_TRACE_STOP, nullptr, 0,
+						       &request);
+			}
+			mox_capture_client_gone(reader);
+		});
+	// A busy machine delivers few frames, and times come and go meanwhile.
+	for (int i = 0; i < 600 && threads::stamps() <= 10; i++)
+		std::this_thread::sleep_for(std::chrono::milliseconds(50));
+	run_for();
+	owner.close();
+	EXPECT_GT(injected, 100u);
+	EXPECT_GT(operations, 100u);
+	EXPECT_GT(traces, 100u);
+	EXPECT_GT(threads::records(), 10);
+	EXPECT_GT(threads::stamps(), 10);
+	// Each need has been given back.
+	EXPECT_FALSE(tracer_on());
+	for (int cpu = 0; cpu < seam_nr_cpu_ids(); cpu++)
+		EXPECT_FALSE(arrivals_needed(seam_hook_cpu(cpu))) << cpu;
 }
 
 // Every frame that a hook took or copied must come out, without a further one to

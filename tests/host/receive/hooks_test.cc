@@ -15,12 +15,6 @@ namespace ef = platform::ef;
 
 class Rcv : public ModuleTest {
 protected:
-	void SetUp() override
-	{
-		ModuleTest::SetUp();
-		memset(g_queue_copies_refused, 0, sizeof(g_queue_copies_refused));
-		memset(g_queue_frames_dropped, 0, sizeof(g_queue_frames_dropped));
-	}
 	void TearDown() override
 	{
 		fake::max_backlog = fake::kBacklogDefault;
@@ -29,6 +23,15 @@ protected:
 		socks.clear();
 		drain();
 		ModuleTest::TearDown();
+	}
+	// Of the ledger of CPU 0.
+	static uint64_t refused_copies(u32 queue)
+	{
+		return fake::total(kernel().hook_cpus[0].hooks[queue].copies_refused);
+	}
+	static uint64_t refused_takes(u32 queue)
+	{
+		return fake::total(kernel().hook_cpus[0].hooks[queue].takes_refused);
 	}
 	// A regular at a location that the option would refuse (MPLS, TRILL) as well.
 	void listen(u32 location, u32 treatment)
@@ -407,8 +410,8 @@ TEST_F(Rcv, full__per_location_and_treatment)
 			for (u32 i = 0; i < room; i++)
 				EXPECT_EQ(hook(h.func, packet()), takes ? h.taken : h.go_on);
 			EXPECT_EQ(q.count, room);
-			const u32 refused = g_queue_copies_refused[h.location];
-			const u32 dropped = g_queue_frames_dropped[h.location];
+			const uint64_t refused = refused_copies(h.queue);
+			const uint64_t dropped = refused_takes(h.queue);
 			const uint64_t clones = efmp().clones, freed = efmp().freed;
 			const int wakeups = kernel().wakeups;
 			for (bool trace : { false, true }) {
@@ -434,13 +437,13 @@ TEST_F(Rcv, full__per_location_and_treatment)
 			EXPECT_EQ(efmp().clones, clones);
 			EXPECT_EQ(efmp().freed - freed, takes && resv ? 2u : 0u);
 			EXPECT_EQ(kernel().wakeups, wakeups);
-			EXPECT_EQ(g_queue_copies_refused[h.location] - refused, takes ? 0u : 2u);
-			EXPECT_EQ(g_queue_frames_dropped[h.location] - dropped, takes ? 2u : 0u);
+			EXPECT_EQ(refused_copies(h.queue) - refused, takes ? 0u : 2u);
+			EXPECT_EQ(refused_takes(h.queue) - dropped, takes ? 2u : 0u);
 			// What a service drops is no drop of the queue's.
 			if (takes && !resv) {
 				g_drop = 1;
 				EXPECT_EQ(hook(h.func, packet()), platform::kDrop);
-				EXPECT_EQ(g_queue_frames_dropped[h.location] - dropped, 2u);
+				EXPECT_EQ(refused_takes(h.queue) - dropped, 2u);
 				g_drop = 0;
 			}
 			// Room again, once they are freed.
@@ -480,11 +483,11 @@ TEST_F(Rcv, full__a_failed_clone_is_not_held)
 		kernel().fail(Fail::kClone);
 		EXPECT_EQ(hook(mox_packet_lev2_rcv, packet()), 0u);
 	}
-	EXPECT_EQ(g_queue_copies_refused[PACKET_LEV2_LOC], 0u);
+	EXPECT_EQ(refused_copies(kQueueLev2), 0u);
 	for (int i = 0; i < 3; i++)
 		hook(mox_packet_lev2_rcv, packet());
 	EXPECT_EQ(g_cpu_pkt_que[0][kQueueLev2].count, 2u);
-	EXPECT_EQ(g_queue_copies_refused[PACKET_LEV2_LOC], 1u);
+	EXPECT_EQ(refused_copies(kQueueLev2), 1u);
 }
 
 } // namespace

@@ -20,11 +20,14 @@ protected:
 	void SetUp() override
 	{
 		KernelTest::SetUp();
+		fake::kernel().cpu_ids = CPU_QUEUE_SLOTS;
 		ASSERT_EQ(mox_packet_sock_init(), 0);
 	}
 	void TearDown() override
 	{
 		mox_packet_sock_deinit();
+		// Chains are freed here by hand: that no ledger counts what left a queue so is right.
+		fake::kernel().hook_cpus = {};
 		fake::max_backlog = fake::kBacklogDefault;
 		KernelTest::TearDown();
 	}

@@ -221,6 +221,8 @@ TEST_F(Thread, task__present_cpus_beyond_the_possible_ids_are_not_visited)
 	mox_packet_thread_active(PACKET_LEV2_LOC);
 	kernel().run_thread();
 	EXPECT_EQ(g_cpu_pkt_que[9][kQueueLev2].count, 1u);
+	// It is freed with its queue, and counted there.
+	kernel().cpu_ids = 10;
 }
 
 // A hook marks a location while the thread drains: no wake-up, and the packet is

@@ -99,7 +99,7 @@ TEST_F(Dump, socket__every_field_and_every_rule_type)
 		sk_buff *skb = fake::skb_alloc(60);
 		skb->iif = 7;
 		skb->has_dev = false;
-		EXPECT_TRUE(seam_rcvq_offer(s.sk, skb));
+		EXPECT_TRUE(fake::deliver(s.sk, skb));
 	}
 	sk_buff in_flight;
 	s.sk->write_queue->assign(2, &in_flight);

@@ -130,7 +130,7 @@ TEST_F(Family, create__enters_the_namespaces_list_at_the_head_under_its_mutex)
 	ASSERT_EQ(first.create(kRaw, 0, &other_ns), 0);
 	LockTrace trace;
 	ASSERT_EQ(second.create(kRaw, 0, &other_ns), 0);
-	EXPECT_EQ(trace.steps, (Strings{ "+ns", "-ns" }));
+	EXPECT_EQ(trace.steps, (Strings{ "+ns", "-ns", "+registry", "-registry" }));
 	EXPECT_EQ(other_ns.list, (std::vector<sock *>{ second.sk, first.sk }));
 	EXPECT_EQ(other_ns.inuse, 2);
 	EXPECT_EQ(other_ns.refs, 3) << "each socket pins its namespace";
@@ -295,7 +295,8 @@ TEST_F(Family, release__in_the_initial_namespace_takes_one_mutex)
 	ASSERT_EQ(s.create(), 0);
 	LockTrace trace;
 	s.release();
-	EXPECT_EQ(trace.steps, (Strings{ "+ns", "-ns" }));
+	EXPECT_EQ(trace.steps, (Strings{ "+ns", "-ns", "+sock", "-sock", "+registry", "+closed",
+					 "-closed", "-registry" }));
 }
 
 // The initial namespace's mutex always, and the socket's own within it.
@@ -312,7 +313,9 @@ TEST_F(Family, release__in_another_namespace_takes_both_mutexes_nested)
 		};
 		s.release();
 	}
-	EXPECT_EQ(held, (Strings{ "+ns init", "+ns-nested init other", "-ns-nested init", "-ns" }));
+	EXPECT_EQ(held,
+		  (Strings{ "+ns init", "+ns-nested init other", "-ns-nested init", "-ns", "+sock",
+			    "-sock", "+registry", "+closed", "-closed", "-registry" }));
 	EXPECT_EQ(other_ns.inuse, 0);
 	EXPECT_EQ(other_ns.refs, 1);
 	EXPECT_EQ(fake::init_net().inuse, 0);
@@ -349,7 +352,7 @@ sk_buff *queue_buffer(Sock &s, u32 len)
 	memset(fake::skb_put(skb, len), 0x11, len);
 	skb->iif = 7;
 	skb->has_dev = false;
-	EXPECT_TRUE(seam_rcvq_offer(s.sk, skb));
+	EXPECT_TRUE(fake::deliver(s.sk, skb));
 	return skb;
 }
 

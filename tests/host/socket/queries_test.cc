@@ -40,7 +40,7 @@ protected:
 		memset(fake::skb_put(skb, size), 0x11, size);
 		skb->iif = 7;
 		skb->has_dev = false;
-		EXPECT_TRUE(seam_rcvq_offer(s.sk, skb));
+		EXPECT_TRUE(fake::deliver(s.sk, skb));
 		return skb;
 	}
 

@@ -37,7 +37,7 @@ protected:
 		skb->protocol = protocol;
 		for (u8 i = 0; i < 48; i++)
 			skb->cb[i] = 0x40 + i;
-		EXPECT_TRUE(seam_rcvq_offer(s.sk, skb));
+		EXPECT_TRUE(fake::deliver(s.sk, skb));
 		return skb;
 	}
 	int receive(msghdr &msg, size_t len, int flags = kDontWait)

@@ -2,6 +2,7 @@
 // A rule is changed in a loop while frames that it takes before and after each change pass on another CPU: every frame
 // that the hook took is delivered, or dropped by a full queue and counted there.
 #include "limits/measure.h"
+#include "support/capture.h"
 
 #include <atomic>
 #include <thread>
@@ -65,7 +66,7 @@ uint32_t dropped_by_queues()
 {
 	uint32_t all = 0;
 	for (uint32_t location = PACKET_LOCAL_LOC; location <= PACKET_WLAN_LOC; ++location)
-		all += lab::peek32("g_queue_frames_dropped", 4 * location);
+		all += uint32_t(location_word(location, MOX_CAPTURE_LOCATION_TAKES_REFUSED));
 	return all;
 }
 

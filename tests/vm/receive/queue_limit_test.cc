@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "support/capture.h"
 #include "support/copy_thread.h"
 #include "support/fixture.h"
 
@@ -91,11 +92,11 @@ protected:
 	}
 	static uint32_t refused(uint32_t location)
 	{
-		return lab::peek32("g_queue_copies_refused", 4 * location);
+		return uint32_t(location_word(location, MOX_CAPTURE_LOCATION_COPIES_REFUSED));
 	}
 	static uint32_t dropped(uint32_t location)
 	{
-		return lab::peek32("g_queue_frames_dropped", 4 * location);
+		return uint32_t(location_word(location, MOX_CAPTURE_LOCATION_TAKES_REFUSED));
 	}
 	int64_t held() const { return lab::books().live - before_.live; }
 	std::string backlog_;

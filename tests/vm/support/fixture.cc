@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
+#include "support/capture.h"
 #include "support/fixture.h"
 
 #include <cctype>
@@ -170,6 +171,7 @@ void VmTest::TearDown()
 	EXPECT_EQ(lab::books().misuse, before_.misuse) << "the platform was misused";
 	EXPECT_EQ(lab::registrations(), 0u) << "hooks still registered";
 	ASSERT_TRUE(module_present("mox_ef_socket"));
+	audit_ledgers();
 	// The module counts without atomics: what several CPUs counted at once may have drifted, for good.
 	if (!compare_records_)
 		return;

@@ -2,7 +2,9 @@
 /* Load and unload: the six units, up in one order and down in two. */
 #include "base/log.hpp"
 #include "base/module_state.hpp"
+#include "control/capture.hpp"
 #include "control/requests.hpp"
+#include "receive/arrivals.hpp"
 #include "receive/queue.hpp"
 #include "receive/thread.hpp"
 #include "rules/memory.hpp"
@@ -34,6 +36,9 @@ constexpr Unit kUnits[] = {
 
 using Deinit = void (*)();
 
+/* Behind the units: what it reads of them is up as long as it is. */
+constexpr Unit kReading = MOX_UNIT("PACKET-CAPTURE", mox_capture_init);
+
 /* After a failed load the thread goes first: nothing was queued for it yet. */
 constexpr Deinit kUnwind[] = {
 	mox_packet_thread_deinit, mox_packet_family_deinit,  mox_packet_msg_deinit,
@@ -49,6 +54,16 @@ constexpr Deinit kUnloadRest[] = {
 	mox_packet_sock_deinit, mox_packet_thread_deinit,
 };
 
+/** Take down what is up, as one unit is not. The load's result. */
+int give_up(const Unit &failed)
+{
+	failed.print_failure();
+	for (Deinit deinit : kUnwind)
+		deinit();
+	arrivals_deinit();
+	return -1;
+}
+
 } // namespace
 } // namespace mox
 
@@ -56,14 +71,12 @@ using namespace mox;
 
 extern "C" int mox_packet_init(void)
 {
-	for (const Unit &unit : kUnits) {
-		if (unit.init() == 0)
-			continue;
-		unit.print_failure();
-		for (Deinit deinit : kUnwind)
-			deinit();
-		return -1;
-	}
+	arrivals_init();
+	for (const Unit &unit : kUnits)
+		if (unit.init() != 0)
+			return give_up(unit);
+	if (kReading.init() != 0)
+		return give_up(kReading);
 	set_module_up(true);
 	return 0;
 }
@@ -71,6 +84,7 @@ extern "C" int mox_packet_init(void)
 extern "C" void mox_packet_exit(void)
 {
 	set_module_up(false);
+	mox_capture_deinit();
 	mox_packet_family_deinit();
 	/*
 	 * The last hook was deregistered with the last socket's rule, but one may
@@ -79,4 +93,5 @@ extern "C" void mox_packet_exit(void)
 	seam_wait_for_hooks();
 	for (Deinit deinit : kUnloadRest)
 		deinit();
+	arrivals_deinit();
 }

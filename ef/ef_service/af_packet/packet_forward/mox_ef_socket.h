@@ -8,10 +8,16 @@
 #ifndef MOX_EF_SOCKET_H
 #define MOX_EF_SOCKET_H
 
-#include "mox_packet_tables.h"
+#include "mox_capture.h"
 #include "seam/seam_types.h"
 
 struct mox_packet_sock;
+
+/** A counter that nothing clears: 63 bits, in two words (base/total.hpp). */
+struct mox_total {
+	u32 low;
+	u32 high;
+} __attribute__((aligned(8)));
 
 /** Bytes of a rule value. */
 #define REGULAR_VALUE_SIZE 8
@@ -81,6 +87,7 @@ struct regular_item {
 	struct list_head datas;    /* of regular_data, in the order of their arrival */
 	struct regular_data *root; /* of the tree of the same data, by value */
 	struct list_head lib_node; /* in the library's items of this type */
+	struct mox_total hits;     /* of an item without data: rules/hits.hpp */
 };
 
 /** One match value; the type decides how many of the bytes count. */
@@ -96,6 +103,7 @@ struct regular_data {
 		*entry;               /* of a datum that stands for its equals: the key, or null */
 	struct packet_regular *filed; /* the copy that is filed under this value, or null */
 	struct rule_anchor anchor;
+	struct mox_total hits; /* rules/hits.hpp */
 };
 
 /** One distinct key of a library, with the rules filed under it. */
@@ -189,6 +197,14 @@ struct mox_packet_counters {
 	MOX_PACKET_COUNTERS
 };
 
+/** The socket's ledger: by attribute of mox_capture's set of counters, less 1. */
+#define MOX_CAPTURE_COUNTER_ONE(...) +1
+#define MOX_SOCKET_TOTALS (0 MOX_CAPTURE_COUNTERS_TABLE(MOX_CAPTURE_COUNTER_ONE))
+
+struct socket_ledger {
+	struct mox_total totals[MOX_SOCKET_TOTALS];
+};
+
 /** The packet socket. The kernel allocates it as one object with its sock. */
 struct mox_packet_sock {
 	seam_sock sk;
@@ -209,8 +225,13 @@ struct mox_packet_sock {
 	u16 protocol; /* network order */
 	u32 reserved;
 	seam_spinlock rule_lock;
-	u32 rule_bytes; /* charged for the rule: rules/budget.hpp; under the socket lock */
+	u32 rule_bytes; /* charged for the rule: rules/budget.hpp; written under the socket lock */
 	u32 rule_work;  /* the same */
+	u8 dgram;       /* 1: of type SOCK_DGRAM */
+	u8 stamped;     /* 1: gets times of arrival (socket/stamps.hpp) */
+	struct list_head registered; /* with all sockets: socket/registry.hpp */
+	u64 serial;                  /* in the order of their opening */
+	struct socket_ledger ledger;
 };
 
 /** A CPU's queue of efbuffs for one location. */
@@ -218,12 +239,46 @@ struct efbuff_queue {
 	void *head SEAM_GUARDED_BY(lock);
 	u32 *tail SEAM_GUARDED_BY(lock); /* link word of the last efbuff */
 	u32 count SEAM_GUARDED_BY(lock);
+	u32 passed SEAM_GUARDED_BY(lock); /* efbuffs that were taken off */
 	seam_spinlock lock;
 };
 
 /** Slots of g_cpu_pkt_que and queues of a slot. */
 #define CPU_QUEUE_SLOTS 64
 #define CPU_QUEUES 8
+
+/** What hooks did with the frames of a location on one CPU: written there, bottom halves off. */
+struct hook_ledger {
+	struct mox_total seen;
+	struct mox_total wanted;
+	struct mox_total cloned;
+	struct mox_total taken;
+	struct mox_total clone_failed;
+	struct mox_total copies_refused;
+	struct mox_total takes_refused;
+	struct mox_total rnfp_drops;
+	struct mox_total rnfp_wlan_drops;
+};
+
+/** What became of a queue's frames: written by whoever took them off the queue. */
+struct delivery_ledger {
+	struct mox_total kept;
+	struct mox_total unkept;
+	struct mox_total unmatched;
+	struct mox_total freed;
+	struct mox_total offers;
+};
+
+/** What a hook finds of its CPU, and the ledgers of the CPU, by queue number. */
+struct hook_cpu {
+	u32 cpu;
+	u32 tracing;          /* 1: hooks follow frames (receive/tracer.hpp) */
+	u32 following;        /* 1: the hook of now does; by itself */
+	unsigned long efbuff; /* the platform's current one, with its tag: of the latest hook */
+	u32 *arrivals;        /* rings of times, while they are needed (receive/arrivals.hpp) */
+	struct hook_ledger hooks[CPU_QUEUES];
+	struct delivery_ledger delivered[CPU_QUEUES] __attribute__((aligned(64)));
+};
 
 /** The copy thread's state. wake, running and pending are written without a lock. */
 struct packet_thread_top {

@@ -10,12 +10,17 @@
 namespace mox {
 
 namespace err {
+inline constexpr int kPerm = -SEAM_EPERM;
+inline constexpr int kNoEnt = -SEAM_ENOENT;
 inline constexpr int kIntr = -SEAM_EINTR;
 inline constexpr int kNxIo = -SEAM_ENXIO;
 inline constexpr int kNoMem = -SEAM_ENOMEM;
 inline constexpr int kFault = -SEAM_EFAULT;
 inline constexpr int kNoDev = -SEAM_ENODEV;
+inline constexpr int kBusy = -SEAM_EBUSY;
 inline constexpr int kInval = -SEAM_EINVAL;
+inline constexpr int kRange = -SEAM_ERANGE;
+inline constexpr int kMsgSize = -SEAM_EMSGSIZE;
 inline constexpr int kNoProtoOpt = -SEAM_ENOPROTOOPT;
 inline constexpr int kSockTNoSupport = -SEAM_ESOCKTNOSUPPORT;
 inline constexpr int kOpNotSupp = -SEAM_EOPNOTSUPP;

@@ -17,8 +17,8 @@
 extern "C" {
 /**
  * Debug switches. Byte 0 is the general one. Bytes 1 to 8, by location number,
- * also gate the copy thread's own lines; the others gate nothing and exist
- * because operators set them.
+ * also gate the copy thread's own lines. The others, of the packet paths, gate nothing
+ * and exist because operators set them: there, only the platform's trace mark prints.
  */
 extern u8 mox_packet_debug[MOX_DEBUG_RECEIVE_ALL + 1];
 }
@@ -29,16 +29,6 @@ namespace mox {
 inline bool debug_on()
 {
 	return load(mox_packet_debug[0]) != 0;
-}
-
-/**
- * A packet path's own debug switch. The paths consult it for packets that the
- * platform did not mark and the debug filter passed, and print nothing all the
- * same: only the trace mark prints.
- */
-inline bool path_switch_on(u32 number)
-{
-	return load(mox_packet_debug[number]) != 0;
 }
 
 } // namespace mox

@@ -64,6 +64,19 @@ private:
 	seam_rwlock *lock_;
 };
 
+/** Reader of a lock that hooks read, in any context. */
+class SEAM_SCOPED_CAPABILITY BottomHalfReadGuard : Pinned {
+public:
+	explicit BottomHalfReadGuard(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock) : lock_(lock)
+	{
+		seam_read_lock_bh(lock);
+	}
+	~BottomHalfReadGuard() SEAM_RELEASE_GENERIC() { seam_read_unlock_bh(lock_); }
+
+private:
+	seam_rwlock *lock_;
+};
+
 /** Writer of a rule library. */
 class SEAM_SCOPED_CAPABILITY WriteGuard : Pinned {
 public:
@@ -141,6 +154,20 @@ template <typename T> inline T load(const T &word)
 template <typename T> inline void store(T &word, T value)
 {
 	__atomic_store_n(&word, value, __ATOMIC_RELAXED);
+}
+
+/**
+ * A pointer to memory that was filled before, for readers without a lock: who reads the
+ * pointer sees what was filled.
+ */
+template <typename T> inline void publish(T *&pointer, T *value)
+{
+	__atomic_store_n(&pointer, value, __ATOMIC_RELEASE);
+}
+
+template <typename T> inline T *published(T *const &pointer)
+{
+	return __atomic_load_n(&pointer, __ATOMIC_ACQUIRE);
 }
 
 /**

@@ -4,6 +4,7 @@
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "base/owned.hpp"
+#include "base/restriction.hpp"
 #include "control/dump_file.hpp"
 #include "control/reports.hpp"
 #include "control/switches.hpp"
@@ -220,6 +221,8 @@ void mox_packet_msg_deinit(void)
 
 int mox_packet_msg_recv(sk_buff *, genl_info *info)
 {
+	if (restriction_on() && !seam_capable_net_admin())
+		return err::kPerm;
 	const void *message = seam_genl_message(info);
 	u32 len = field<u32>(message, kMessageLen);
 

@@ -6,12 +6,15 @@
  */
 #include "receive/deliver.hpp"
 
+#include "base/counters.hpp"
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "base/socket_record.hpp"
 #include "packet/filter.hpp"
 #include "packet/trace.hpp"
+#include "receive/arrivals.hpp"
 #include "receive/queue.hpp"
+#include "receive/tracer.hpp"
 #include "rules/matching.hpp"
 #include "rules/ranges.hpp"
 #include "rules/types.hpp"
@@ -139,13 +142,16 @@ using OwnedSkb = Owned<sk_buff, drop_skb>;
 /** A socket buffer with the whole frame and its control record, or null. Not counted. */
 [[gnu::always_inline]] inline sk_buff *build_skb(const void *efbuff, u16 eth_type)
 {
-	const seam_frame frame = { mac_header(efbuff), field<u32>(efbuff, ef::kTotalLen),
-				   field<u16>(efbuff, ef::kL2Len), source_ifindex(efbuff),
-				   static_cast<u16>(vlan_id_of(efbuff)) };
+	SEAM_UNINITIALIZED seam_frame frame;
+	frame.data = mac_header(efbuff);
+	frame.len = field<u32>(efbuff, ef::kTotalLen);
+	frame.net_offset = field<u16>(efbuff, ef::kL2Len);
+	frame.ifindex = source_ifindex(efbuff);
+	frame.vlan_id = static_cast<u16>(vlan_id_of(efbuff));
 	sk_buff *skb = seam_skb_of_frame(&frame);
 
 	if (skb)
-		fill_ctrl(efbuff, eth_type, static_cast<mox_packet_ctrl_info *>(seam_skb_cb(skb)));
+		fill_ctrl(efbuff, eth_type, static_cast<mox_packet_ctrl_info *>(frame.cb));
 	return skb;
 }
 
@@ -158,7 +164,7 @@ public:
 	FrameBuffers(const void *efbuff, u16 eth_type) : efbuff_(efbuff), eth_type_(eth_type) {}
 
 	/** The next buffer will not be the last. */
-	void expect_more()
+	[[gnu::noinline]] void expect_more()
 	{
 		if (!master_)
 			master_ = Owned<sk_buff, seam_consume_skb>(build_skb(efbuff_, eth_type_));
@@ -168,12 +174,12 @@ public:
 	bool empty() const { return field<u32>(efbuff_, ef::kTotalLen) == 0; }
 
 	/** A buffer for one socket, or null, which is counted. */
-	OwnedSkb make(bool dgram)
+	[[gnu::always_inline]] OwnedSkb make(bool dgram)
 	{
 		/* Without memory for a master each socket's own attempt counts. */
 		sk_buff *skb = master_ ? seam_skb_clone(master_.get())
 				       : build_skb(efbuff_, eth_type_);
-		if (!skb) {
+		if (!skb) [[unlikely]] {
 			bump(g_packet_thread_debug.alloc_skb_failed);
 			return OwnedSkb();
 		}
@@ -189,8 +195,8 @@ private:
 	Owned<sk_buff, seam_consume_skb> master_;
 };
 
-/** What becomes of a socket's buffer. */
-enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull };
+/** What becomes of a frame that is offered to a socket. */
+enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull, kNoMemory };
 
 /**
  * The socket's filter. The filter call's 0, "accepted", is read as a snap length
@@ -212,70 +218,147 @@ enum class Verdict { kKeep, kFiltered, kTrimFailed, kQueueFull };
 	return Verdict::kKeep;
 }
 
-/** Count a buffer that the socket does not get. */
+/** Count a frame that the socket does not get. */
 [[gnu::noinline]] void count_drop(mox_packet_sock *po, Verdict verdict, bool trace)
 {
 	const char *text;
-	u32 *counter;
 
 	switch (verdict) {
 	case Verdict::kFiltered:
 		text = "MOX-PACKET-FW: drop packet by socket filter rules.\n";
-		counter = &po->filter_drops;
+		tally<MOX_CAPTURE_COUNTERS_FILTER_DROPS>(po);
 		break;
 	case Verdict::kTrimFailed:
 		text = "MOX-PACKET-FW: drop packet for trim skb fail.\n";
-		counter = &po->trim_fail_drops;
+		tally<MOX_CAPTURE_COUNTERS_TRIM_FAIL_DROPS>(po);
+		break;
+	case Verdict::kQueueFull:
+		text = "MOX-PACKET-FW: drop packet for socket recvbuff is full.\n";
+		tally<MOX_CAPTURE_COUNTERS_RCVBUF_FULL_DROPS>(po);
 		break;
 	default:
-		text = "MOX-PACKET-FW: drop packet for socket recvbuff is full.\n";
-		counter = &po->rcvbuf_full_drops;
+		text = "MOX-PACKET-FW: alloc skb failed.\n";
+		tally<MOX_CAPTURE_COUNTERS_MEMORY_DROPS>(po);
 		break;
 	}
 	if (trace)
 		MOX_TRACE("%s", text);
-	bump(*counter);
 }
 
-/** Offer a buffer to a socket; if it has no filter, empty says whether the buffer is. */
-Verdict offer(sock *sk, OwnedSkb &skb, bool filtered, bool empty)
+/** The same for a socket with a filter, or a frame without bytes. */
+[[gnu::noinline]] Verdict offer_filtered(sock *sk, sk_buff *skb)
 {
-	/* Without a filter the snap length is the buffer's: an empty one is dropped as well. */
-	if (filtered) {
-		Verdict verdict = apply_filter(sk, skb.get());
+	if (seam_sk_filtered(sk)) {
+		Verdict verdict = apply_filter(sk, skb);
 		if (verdict != Verdict::kKeep)
 			return verdict;
-	} else if (empty) {
+	} else if (seam_skb_len(skb) == 0) {
+		/* Without a filter the snap length is the buffer's: an empty one is dropped as well. */
 		return Verdict::kFiltered;
 	}
-	if (!seam_rcvq_offer(sk, skb.get()))
-		return Verdict::kQueueFull;
-	static_cast<void>(skb.release());
-	return Verdict::kKeep;
+	return seam_rcvq_offer(sk, skb, true) == SEAM_OFFER_QUEUED ? Verdict::kKeep
+								   : Verdict::kQueueFull;
 }
 
-/**
- * One packet for one socket, whose rule is in a library. False when there was no
- * memory for the buffer, which does not count as an offer.
- */
-bool deliver(FrameBuffers &buffers, bool trace, mox_packet_sock *po)
+/** Offer a buffer to a socket, whose it is then if the verdict is kKeep. */
+[[gnu::always_inline]] inline Verdict offer(sock *sk, sk_buff *skb, bool empty)
 {
-	sock *sk = sk_of(po);
-	const u32 receiver = seam_sk_receiver(sk);
-	const bool dgram = receiver & SEAM_RECEIVER_DGRAM;
+	int answer = SEAM_OFFER_FILTER;
+
+	if (!empty) [[likely]]
+		answer = seam_rcvq_offer(sk, skb, false);
+	if (answer == SEAM_OFFER_QUEUED) [[likely]]
+		return Verdict::kKeep;
+	return answer == SEAM_OFFER_FULL ? Verdict::kQueueFull : offer_filtered(sk, skb);
+}
+
+/** One packet for one socket, whose rule is in a library. mark(skb) comes before the offer. */
+template <typename Mark>
+[[gnu::always_inline]] inline Verdict deliver(FrameBuffers &buffers, bool trace,
+					      mox_packet_sock *po, Mark mark)
+{
+	const bool dgram = po->dgram != 0;
 	OwnedSkb skb = buffers.make(dgram);
-	if (!skb) {
-		if (trace)
-			MOX_TRACE("MOX-PACKET-FW: alloc skb failed.\n");
-		return false;
+
+	tally<MOX_CAPTURE_COUNTERS_MATCHED>(po);
+	Verdict verdict = Verdict::kNoMemory;
+	if (skb) [[likely]] {
+		const bool empty = dgram ? seam_skb_len(skb.get()) == 0 : buffers.empty();
+		mark(skb.get());
+		verdict = offer(sk_of(po), skb.get(), empty);
 	}
-	const bool empty = dgram ? seam_skb_len(skb.get()) == 0 : buffers.empty();
-	Verdict verdict = offer(sk, skb, receiver & SEAM_RECEIVER_FILTERED, empty);
-	if (verdict == Verdict::kKeep)
-		bump(po->recv_packets);
-	else
+	if (verdict == Verdict::kKeep) [[likely]] {
+		static_cast<void>(skb.release());
+		tally<MOX_CAPTURE_COUNTERS_RECV_PACKETS>(po);
+	} else {
 		count_drop(po, verdict, trace);
-	return true;
+	}
+	return verdict;
+}
+
+/** A frame while times of arrival are needed, which they are as well while frames are followed. */
+struct WatchedFrame {
+	u64 now;     /* monotonic */
+	u64 arrival; /* the same, or kNoArrival */
+	bool followed;
+	TraceHop hop;
+	FrameHeaders headers; /* of a frame that is followed */
+};
+
+[[gnu::noinline]] void watch_frame(const efbuff_queue *queue, u32 location, const void *efbuff,
+				   u32 number, WatchedFrame *frame)
+{
+	frame->now = seam_monotonic_ns();
+	frame->arrival = arrival_of(queue, number, frame->now);
+	frame->followed = false;
+	if (!tracer_on())
+		return;
+	frame->headers = read_headers(efbuff);
+	frame->followed = tracer_follows(frame->headers, location);
+	if (!frame->followed)
+		return;
+	frame->hop = {};
+	frame->hop.hop = MOX_CAPTURE_HOP_DELIVERY;
+	frame->hop.verdict = MOX_CAPTURE_VERDICT_UNMATCHED;
+	frame->hop.cpu = queue_cpu(queue);
+	frame->hop.location = location;
+	frame->hop.queued = true;
+	frame->hop.frame = number & 0xFFFF;
+	if (frame->arrival != kNoArrival)
+		frame->hop.since = frame->now - frame->arrival;
+}
+
+mox_capture_verdict trace_verdict(Verdict verdict)
+{
+	switch (verdict) {
+	case Verdict::kKeep:
+		return MOX_CAPTURE_VERDICT_PUT;
+	case Verdict::kFiltered:
+		return MOX_CAPTURE_VERDICT_FILTERED;
+	case Verdict::kTrimFailed:
+		return MOX_CAPTURE_VERDICT_TRIM_FAILED;
+	case Verdict::kQueueFull:
+		return MOX_CAPTURE_VERDICT_BUFFER_FULL;
+	default:
+		return MOX_CAPTURE_VERDICT_NO_MEMORY;
+	}
+}
+
+/** deliver() for a frame that is watched: its buffer gets the time, its outcome is recorded. */
+[[gnu::noinline]] Verdict deliver_watched(FrameBuffers &buffers, bool trace, mox_packet_sock *po,
+					  WatchedFrame &frame)
+{
+	const Verdict verdict = deliver(buffers, trace, po, [&](sk_buff *skb) {
+		if (load(po->stamped) && frame.arrival != kNoArrival)
+			seam_skb_set_time(skb,
+					  seam_real_ns() - (seam_monotonic_ns() - frame.arrival));
+	});
+	if (frame.followed) {
+		frame.hop.verdict = trace_verdict(verdict);
+		trace_socket(&frame.hop, po);
+		tracer_record(frame.headers, frame.hop);
+	}
+	return verdict;
 }
 
 /** The seven per-location queues. */
@@ -292,14 +375,15 @@ struct LocationDelivery {
 		pkt_info_build(buffer, &info);
 	}
 
-	/** Here the filter is compared with every matched packet; hooks compare unmarked ones only. */
+	/**
+	 * Only the platform's mark prints. The filter is asked all the same while it is on, here
+	 * for every matched packet; hooks ask it for unmarked ones only.
+	 */
 	void trace(const packet_regular &rule, bool marked)
 	{
-		const bool passes = pktd_filter_passes(info);
+		(void)pktd_filter_passes(info);
 		if (marked) [[unlikely]]
 			trace_delivery(info, rule);
-		else if (passes)
-			(void)path_switch_on(location);
 	}
 
 	/** Whether a rule whose socket was offered the frame ends its delivery. */
@@ -318,28 +402,61 @@ struct WlanDelivery {
 	/** The small summary has no field that the debug filter compares. */
 	void trace(const packet_regular &rule, bool marked)
 	{
-		if (marked)
+		if (marked) [[unlikely]]
 			trace_wlan_delivery(efbuff, info, rule);
-		else
-			(void)path_switch_on(PACKET_WLAN_LOC);
 	}
 
 	static bool ends(const packet_regular &) { return false; }
 };
 
+/** The frames of one hold of the change lock, until they are counted. */
+struct Sums {
+	u32 unkept = 0;
+	u32 unmatched = 0;
+	u32 offers = 0;
+
+	/** A frame that was offered to some sockets, of which one may have kept it. */
+	[[gnu::always_inline]] void add(u32 frame_offers, bool frame_kept)
+	{
+		offers += frame_offers;
+		if (frame_kept) [[likely]]
+			return;
+		if (frame_offers != 0)
+			unkept++;
+		else
+			unmatched++;
+	}
+	/** frames: how many there were. */
+	void count_in(delivery_ledger *ledger, u32 frames) const
+	{
+		count(ledger->kept, frames - unkept - unmatched);
+		count(ledger->unkept, unkept);
+		count(ledger->unmatched, unmatched);
+		count(ledger->offers, offers);
+	}
+};
+
+/** Count a frame that stays with the platform although the rule takes it. */
+[[gnu::noinline]] void count_passed_on(const packet_regular &rule)
+{
+	if (rule.treatment == PACKET_TRAP || rule.treatment == PACKET_FETCH)
+		tally<MOX_CAPTURE_COUNTERS_PASSED_ON>(rule.owner);
+}
+
 /** Offer a frame to the sockets of all rules that match it. Their number. */
 template <typename Delivery>
-u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
+[[gnu::always_inline]] inline u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff,
+						bool copy, Sums &sums, WatchedFrame *watched)
 	SEAM_REQUIRES(lib->change_lock)
 {
 	SEAM_UNINITIALIZED Delivery delivery(location, efbuff);
 	FrameBuffers buffers(efbuff, delivery.info.eth_type);
 	SEAM_UNINITIALIZED MatchingRules<typename Delivery::Info> matching(delivery.info, lib);
 	const bool trace = traced(efbuff);
-	u32 offered = 0;
+	u32 offers = 0;
+	bool kept = false;
 
-	packet_regular *rule = matching.first();
-	while (rule) {
+	for (packet_regular *rule = matching.first(); rule;) {
 		packet_regular *next = nullptr;
 		const bool ends = Delivery::ends(*rule);
 		if (!ends) {
@@ -348,14 +465,29 @@ u32 deliver_frame(u32 location, packet_regular_lib *lib, void *efbuff)
 				buffers.expect_more();
 		}
 		delivery.trace(*rule, trace);
+		if (copy && rule->treatment != PACKET_COPY) [[unlikely]]
+			count_passed_on(*rule);
 		/* The rule cannot leave meanwhile: its running mark holds the socket. */
-		if (deliver(buffers, trace, rule->owner) && ends)
-			break;
-		rule = ends ? matching.next() : next;
-		if (++offered % kSocketsOfTurn == 0)
+		const Verdict verdict = watched ? deliver_watched(buffers, trace, rule->owner,
+								  *watched)
+						: deliver(buffers, trace, rule->owner,
+							  [](sk_buff *) {});
+		offers++;
+		kept |= verdict == Verdict::kKeep;
+		rule = next;
+		if (ends) {
+			/* A trap without memory for a buffer leaves the frame to others. */
+			if (verdict != Verdict::kNoMemory) [[likely]]
+				break;
+			rule = matching.next();
+		}
+		if (rule && offers % kSocketsOfTurn == 0) [[unlikely]]
 			seam_cond_resched();
 	}
-	return offered;
+	sums.add(offers, kept);
+	if (watched && watched->followed && offers == 0)
+		tracer_record(watched->headers, watched->hop);
+	return offers;
 }
 
 void spend(u32 *budget)
@@ -366,6 +498,53 @@ void spend(u32 *budget)
 	seam_schedule();
 }
 
+/** A queue that is being delivered. */
+struct Draining {
+	u32 location;
+	packet_regular_lib *lib;
+	efbuff_queue *queue;
+	u32 *budget;
+	EfbuffChain chain;
+	OwnedEfbuff efbuff; /* the next one */
+};
+
+/**
+ * Deliver for one hold of the change lock. watched: null, or room for what times of
+ * arrival and traces ask for; a constant where this is inlined, since most often it is null.
+ */
+template <typename Delivery>
+[[gnu::always_inline]] inline void deliver_hold(Draining &draining, WatchedFrame *watched)
+{
+	MutexGuard guard(&draining.lib->change_lock);
+	/* The last frame of the budget yields: outside. */
+	u32 left = *draining.budget;
+	u32 work = 0;
+	Sums sums;
+
+	do {
+		if (watched)
+			watch_frame(draining.queue, draining.location, draining.efbuff.get(),
+				    draining.chain.number(), watched);
+		work += 1 + deliver_frame<Delivery>(draining.location, draining.lib,
+						    draining.efbuff.get(), draining.chain.is_copy(),
+						    sums, watched);
+		/* Freed before the next: the chain counts what is held. */
+		draining.efbuff = OwnedEfbuff();
+		draining.efbuff = OwnedEfbuff(draining.chain.next());
+		left--;
+	} while (draining.efbuff && left != 0 && work < kWorkOfHold &&
+		 (work % kWorkOfLook != 0 || !seam_need_resched()));
+	sums.count_in(queue_ledger(draining.queue), *draining.budget - left);
+	*draining.budget = left + 1;
+}
+
+template <typename Delivery> [[gnu::noinline]] void deliver_watched_hold(Draining &draining)
+{
+	SEAM_UNINITIALIZED WatchedFrame frame;
+
+	deliver_hold<Delivery>(draining, &frame);
+}
+
 /**
  * Deliver a queue. Rule changes wait for the change lock while it is held here,
  * and delivery waits for them: it lets go of the lock after a bounded amount of
@@ -374,26 +553,15 @@ void spend(u32 *budget)
 template <typename Delivery>
 void deliver_queue(u32 location, packet_regular_lib *lib, efbuff_queue *queue, u32 *budget)
 {
-	EfbuffChain chain = queue_detach(queue);
-	OwnedEfbuff efbuff(chain.next());
+	Draining draining{ location, lib, queue, budget, queue_detach(queue), OwnedEfbuff() };
 
-	while (efbuff) {
+	draining.efbuff = OwnedEfbuff(draining.chain.next());
+	while (draining.efbuff) {
 		spend(budget);
-		{
-			MutexGuard guard(&lib->change_lock);
-			/* The last frame of the budget yields: outside. */
-			u32 left = *budget;
-			u32 work = 0;
-			do {
-				work += 1 + deliver_frame<Delivery>(location, lib, efbuff.get());
-				/* Freed before the next: the chain counts what is held. */
-				efbuff = OwnedEfbuff();
-				efbuff = OwnedEfbuff(chain.next());
-				left--;
-			} while (efbuff && left != 0 && work < kWorkOfHold &&
-				 (work % kWorkOfLook != 0 || !seam_need_resched()));
-			*budget = left + 1;
-		}
+		if (arrivals_needed(queue_record(queue))) [[unlikely]]
+			deliver_watched_hold<Delivery>(draining);
+		else
+			deliver_hold<Delivery>(draining, nullptr);
 		seam_cond_resched();
 	}
 }

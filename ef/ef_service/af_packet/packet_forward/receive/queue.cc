@@ -1,13 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "receive/queue.hpp"
 
+#include "base/total.hpp"
 #include "packet/efbuff.hpp"
 
 extern "C" {
 constinit efbuff_queue g_cpu_pkt_que[CPU_QUEUE_SLOTS][CPU_QUEUES]{};
 constinit u8 mox_packet_sock_inited = 0;
-constinit u32 g_queue_copies_refused[PACKET_WLAN_LOC + 1]{};
-constinit u32 g_queue_frames_dropped[PACKET_WLAN_LOC + 1]{};
 }
 
 namespace mox {
@@ -46,6 +45,18 @@ void queue_append(efbuff_queue *queue, void *efbuff, Held held)
 	queue->count++;
 }
 
+u32 queue_cpu(const efbuff_queue *queue)
+{
+	return static_cast<u32>(queue - &g_cpu_pkt_que[0][0]) / CPU_QUEUES;
+}
+
+delivery_ledger *queue_ledger(const efbuff_queue *queue)
+{
+	const u32 place = static_cast<u32>(queue - &g_cpu_pkt_que[0][0]);
+
+	return &seam_hook_cpu(static_cast<int>(place / CPU_QUEUES))->delivered[place % CPU_QUEUES];
+}
+
 EfbuffChain queue_detach(efbuff_queue *queue)
 {
 	const u32 place = static_cast<u32>(queue - &g_cpu_pkt_que[0][0]);
@@ -55,8 +66,9 @@ EfbuffChain queue_detach(efbuff_queue *queue)
 	SpinBhGuard guard(&queue->lock);
 
 	if (queue->count == 0)
-		return EfbuffChain(nullptr, 0, of_queue, of_cpu);
-	EfbuffChain chain(queue->head, queue->count, of_queue, of_cpu);
+		return EfbuffChain(nullptr, 0, queue->passed, of_queue, of_cpu);
+	EfbuffChain chain(queue->head, queue->count, queue->passed, of_queue, of_cpu);
+	queue->passed += queue->count;
 	if (queue->tail)
 		*queue->tail &= kLinkBits;
 	queue->head = nullptr;
@@ -80,11 +92,17 @@ int mox_packet_sock_init(void) SEAM_NO_THREAD_SAFETY_ANALYSIS
 			queue.head = nullptr;
 			queue.tail = nullptr;
 			queue.count = 0;
+			queue.passed = 0;
 			seam_queue_lock_init(&queue);
 		}
 	}
 	for (CpuHeld &held : g_cpu_held)
 		held = CpuHeld{};
+	for (int cpu = seam_next_possible_cpu(-1); cpu < seam_nr_cpu_ids();
+	     cpu = seam_next_possible_cpu(cpu)) {
+		*seam_hook_cpu(cpu) = hook_cpu{};
+		seam_hook_cpu(cpu)->cpu = static_cast<u32>(cpu);
+	}
 	mox_packet_sock_inited = 1;
 	return 0;
 }
@@ -92,8 +110,15 @@ int mox_packet_sock_init(void) SEAM_NO_THREAD_SAFETY_ANALYSIS
 void mox_packet_efbuff_queue_deinit(efbuff_queue *queue)
 {
 	EfbuffChain chain = queue_detach(queue);
-	while (void *efbuff = chain.next())
+	u32 freed = 0;
+
+	while (void *efbuff = chain.next()) {
 		free_efbuff(efbuff);
+		freed++;
+	}
+	/* CPUs that are not possible have a queue as well, and never a frame. */
+	if (freed != 0)
+		count(queue_ledger(queue)->freed, freed);
 }
 
 void mox_packet_sock_deinit(void)

@@ -14,9 +14,6 @@
 extern "C" {
 extern efbuff_queue g_cpu_pkt_que[CPU_QUEUE_SLOTS][CPU_QUEUES];
 extern u8 mox_packet_sock_inited;
-/* By location: copies that were not made, and taken frames that were dropped, for want of room. */
-extern u32 g_queue_copies_refused[PACKET_WLAN_LOC + 1];
-extern u32 g_queue_frames_dropped[PACKET_WLAN_LOC + 1];
 
 /** Empty every queue, once. 0. Process. */
 int mox_packet_sock_init(void);
@@ -55,6 +52,14 @@ struct alignas(128) CpuHeld {
 
 extern CpuHeld g_cpu_held[CPU_QUEUE_SLOTS];
 
+/** The most efbuffs that one queue holds now. Negative numbers of the administrator's are 0. */
+inline u32 queue_limit()
+{
+	const s32 limit = load(*seam_max_backlog);
+
+	return limit < 0 ? 0 : limit > kQueueLimit ? kQueueLimit : static_cast<u32>(limit);
+}
+
 /** Whether one more is within a limit, of which copies may have half. */
 inline bool held_below(u32 held, Held more, s32 limit)
 {
@@ -89,6 +94,12 @@ inline bool queue_admit(u32 cpu, u32 number, Held more)
 	return true;
 }
 
+/** Number on its queue of the efbuff that was admitted last, modulo 2^16. Where it was admitted. */
+inline u32 queue_last_number(u32 cpu, u32 number)
+{
+	return (load(g_cpu_held[cpu].queues[number].queued) - 1) & 0xFFFF;
+}
+
 /** Count back what was admitted and is not appended. On the queue's CPU, bottom halves off. */
 void queue_count_back(u32 cpu, u32 number, Held less);
 
@@ -117,8 +128,9 @@ inline constexpr u32 kFreedOfCount = 16;
  */
 class EfbuffChain {
 public:
-	EfbuffChain(void *head, u32 count, HeldCount *queue, HeldCount *cpu)
-		: head_(head), left_(count), queue_(queue), cpu_(cpu)
+	/** first: number of the first one on its queue. */
+	EfbuffChain(void *head, u32 count, u32 first, HeldCount *queue, HeldCount *cpu)
+		: head_(head), left_(count), behind_(first + count), queue_(queue), cpu_(cpu)
 	{
 	}
 	/**
@@ -137,15 +149,22 @@ public:
 		void *efbuff = head_;
 		const u32 link = *link_of(efbuff);
 		head_ = address_of(link & ~kLinkBits);
-		given_ += static_cast<u32>(link & kCopyMark ? Held::kCopy : Held::kTaken);
+		copy_ = link & kCopyMark;
+		given_ += static_cast<u32>(copy_ ? Held::kCopy : Held::kTaken);
 		return efbuff;
 	}
+	/** Whether what next() returned last is a copy: the platform kept the frame. */
+	bool is_copy() const { return copy_ != 0; }
+	/** Its number on its queue, of which queue_last_number() has the lower half. */
+	u32 number() const { return behind_ - left_ - 1; }
 
 private:
 	void count_freed();
 
 	void *head_;
 	u32 left_;
+	u32 behind_; /* number of the one behind the last */
+	u32 copy_ = 0;
 	u32 given_ = 0; /* Held of those that next() returned and that still count */
 	HeldCount *queue_;
 	HeldCount *cpu_;
@@ -153,6 +172,15 @@ private:
 
 /** Append an efbuff that was admitted; the queue then owns it. Bottom halves off: a hook. */
 void queue_append(efbuff_queue *queue, void *efbuff, Held held);
+/** The CPU of a queue, and its record. */
+u32 queue_cpu(const efbuff_queue *queue);
+inline const hook_cpu *queue_record(const efbuff_queue *queue)
+{
+	return seam_hook_cpu(static_cast<int>(queue_cpu(queue)));
+}
+/** The ledger of a queue's frames behind it. */
+delivery_ledger *queue_ledger(const efbuff_queue *queue);
+
 /** Take everything off a queue. Any context. */
 EfbuffChain queue_detach(efbuff_queue *queue);
 

@@ -95,6 +95,21 @@ void handle_wake_up()
 
 } // namespace
 
+void thread_trace_running(u32 location)
+{
+	if (action_traced(location))
+		MOX_TRACE("THREAD-ACTION: copy-task is running\n");
+}
+
+void thread_wake()
+{
+	packet_thread_top &top = g_packet_thread_top;
+
+	store(top.wake, 1u);
+	seam_smp_wmb();
+	seam_wake_up(&top.wait_queue);
+}
+
 } // namespace mox
 
 using namespace mox;
@@ -110,17 +125,10 @@ void mox_packet_thread_active(u32 location)
 	else if (action_traced(location))
 		MOX_TRACE("THREAD-ACTION: act illegal type location !\n");
 	seam_smp_mb();
-	if (load(top.running)) {
-		if (action_traced(location))
-			MOX_TRACE("THREAD-ACTION: copy-task is running\n");
-		return;
-	}
-	/* Another hook has woken the thread, which will look at the byte: see handle_wake_up. */
-	if (load(top.wake))
-		return;
-	store(top.wake, 1u);
-	seam_smp_wmb();
-	seam_wake_up(&top.wait_queue);
+	if (load(top.running))
+		thread_trace_running(location);
+	else if (!load(top.wake))
+		thread_wake();
 }
 
 int mox_packet_copy_task(void *)

@@ -44,6 +44,7 @@ struct Budget {
 	u32 &used;
 	u32 all = 0;
 	u32 unprivileged = 0;
+	u32 refused = 0;
 
 	/** Add to what is used, up to a limit. */
 	bool take_up_to(u32 more, u32 limit)
@@ -61,7 +62,13 @@ struct Budget {
 	{
 		/* With CAP_NET_ADMIN others may have more than half of all. */
 		return more == 0 || take_up_to(more, unprivileged) ||
-		       (seam_capable_net_admin() && take_up_to(more, all));
+		       (seam_capable_net_admin() && take_up_to(more, all)) || refuse();
+	}
+	/** Count a refusal. False. */
+	bool refuse()
+	{
+		__atomic_fetch_add(&refused, 1u, __ATOMIC_RELAXED);
+		return false;
 	}
 	void give_back(u32 less) { __atomic_fetch_sub(&used, less, __ATOMIC_RELAXED); }
 	/** Whether a socket that has some already may have so much, as far as without the capability. */
@@ -193,8 +200,8 @@ bool take(mox_packet_sock *po, const Charge &charge)
 		g_bytes.give_back(bytes);
 		return false;
 	}
-	po->rule_bytes += bytes;
-	po->rule_work += work;
+	store(po->rule_bytes, po->rule_bytes + bytes);
+	store(po->rule_work, po->rule_work + work);
 	return true;
 }
 
@@ -210,6 +217,15 @@ void budget_init(u32 frame_work)
 	g_bytes.unprivileged = static_cast<u32>(memory / kUnprivilegedShare);
 	g_work.all = frame_work;
 	g_work.unprivileged = frame_work / 2;
+}
+
+BudgetState budget_state(BudgetOf which)
+{
+	const bool bytes = which == BudgetOf::kBytes;
+	const Budget &budget = bytes ? g_bytes : g_work;
+
+	return { load(budget.used), budget.all, budget.unprivileged,
+		 bytes ? g_socket_limit : budget.all, load(budget.refused) };
 }
 
 bool budget_fits(const mox_packet_sock *po, u32 type, u32 values)
@@ -229,7 +245,7 @@ int budget_charge(mox_packet_sock *po, u32 type, u32 values)
 		charge.bytes = po->rule_bytes;
 	if (charge.work < po->rule_work)
 		charge.work = po->rule_work;
-	if (charge.bytes <= g_socket_limit && take(po, charge))
+	if ((charge.bytes <= g_socket_limit || g_bytes.refuse()) && take(po, charge))
 		return 0;
 	__atomic_fetch_add(&g_packet_rule_refused, 1u, __ATOMIC_RELAXED);
 	MOX_DEBUG(
@@ -247,11 +263,11 @@ void budget_settle(mox_packet_sock *po)
 
 	if (charge.bytes < po->rule_bytes) {
 		g_bytes.give_back(po->rule_bytes - static_cast<u32>(charge.bytes));
-		po->rule_bytes = static_cast<u32>(charge.bytes);
+		store(po->rule_bytes, static_cast<u32>(charge.bytes));
 	}
 	if (charge.work < po->rule_work) {
 		g_work.give_back(po->rule_work - charge.work);
-		po->rule_work = charge.work;
+		store(po->rule_work, charge.work);
 	}
 }
 
@@ -259,8 +275,8 @@ void budget_release(mox_packet_sock *po)
 {
 	g_bytes.give_back(po->rule_bytes);
 	g_work.give_back(po->rule_work);
-	po->rule_bytes = 0;
-	po->rule_work = 0;
+	store(po->rule_bytes, 0u);
+	store(po->rule_work, 0u);
 }
 
 } // namespace mox

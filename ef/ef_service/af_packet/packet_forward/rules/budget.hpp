@@ -36,6 +36,19 @@ inline constexpr u32 kFrameWork = 50000;
 /** Set the limits: those of memory by the machine's, and that of work. Process. */
 void budget_init(u32 frame_work = kFrameWork);
 
+/** The two budgets. */
+enum class BudgetOf { kBytes, kWork };
+
+/** A budget of now: what is used, where it ends, and the calls that it refused. */
+struct BudgetState {
+	u32 used;
+	u32 all;
+	u32 unprivileged;
+	u32 socket;
+	u32 refused;
+};
+BudgetState budget_state(BudgetOf which);
+
 /**
  * Charge a socket for a rule that gets so many further values of a type; 0 for an
  * item without data. The socket lock is held. 0, or -ENOMEM, counted, with nothing

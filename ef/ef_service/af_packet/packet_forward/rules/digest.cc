@@ -54,17 +54,31 @@ void add_key(rule_digest *digest, const filter_list_data &key)
 		digest->only = kDigestMore;
 }
 
+/** Conditions that a digest without others holds as they are. */
+u32 conditions_of(const rule_digest &digest)
+{
+	return digest.only == kDigestNothing ? 0 : 1;
+}
+
 } // namespace
 
 rule_digest digest_of(const packet_regular *rule)
 {
 	rule_digest digest = kEmptyDigest;
+	u32 others = 0;
 
-	for (const regular_item *item : items_of(rule))
-		if (item != rule->anchored)
-			add_item(&digest, *item);
+	for (const regular_item *item : items_of(rule)) {
+		if (item == rule->anchored)
+			continue;
+		add_item(&digest, *item);
+		others++;
+	}
 	if (rule->entry && rule->anchored)
 		add_key(&digest, *rule->entry);
+	/* Items without a condition have hits, too, which are found by looking at all items. */
+	const bool found_by_value = !rule->entry && rule->anchored;
+	if (found_by_value && digest.only != kDigestMore && others != conditions_of(digest))
+		digest.only = kDigestMore;
 	return digest;
 }
 

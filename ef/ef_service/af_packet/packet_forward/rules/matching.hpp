@@ -2,12 +2,14 @@
 /* The search for all rules that a packet matches, for delivery. */
 #pragma once
 
+#include "rules/hits.hpp"
 #include "rules/probes.hpp"
 
 namespace mox {
 
 /** Whether a rule matches of which the anchored condition is known to pass. */
-template <typename Info> inline bool matches(const Info &info, const packet_regular &rule)
+template <typename Info>
+[[gnu::always_inline]] inline bool matches(const Info &info, const packet_regular &rule)
 {
 	if (rule.owner->vsd != 0)
 		return false;
@@ -17,8 +19,8 @@ template <typename Info> inline bool matches(const Info &info, const packet_regu
 
 /**
  * The rules of a library that match a packet and whose socket is of vsd 0, in the
- * library's order. The library's change lock is held while the object lives; info
- * outlives it.
+ * library's order; the packet counts as a hit of the values of each that is returned. The
+ * library's change lock is held while the object lives; info outlives it.
  */
 template <typename Info> class MatchingRules {
 public:
@@ -32,8 +34,20 @@ private:
 	void look_in_view(u32 present, u32 view);
 	void look_in_reserved();
 	packet_regular *search();
-	packet_regular *take_nearest();
-	packet_regular *take_only();
+	const rule_anchor *take_nearest();
+	const rule_anchor *take_only();
+	/** The rule that an anchor leads to, counted if it matches, else null. */
+	[[gnu::always_inline]] packet_regular *matched(const rule_anchor *at)
+	{
+		packet_regular *rule = at->rule;
+
+		if (!matches(info_, *rule)) {
+			fail();
+			return nullptr;
+		}
+		count_hits(info_, rule, at);
+		return rule;
+	}
 	void advance(u32 chain);
 	void fail()
 	{
@@ -82,10 +96,8 @@ template <typename Info> [[gnu::always_inline]] inline packet_regular *MatchingR
 		look_in_reserved();
 	/* Most often there is one candidate, and it matches. */
 	if (count_ == 1) {
-		packet_regular *rule = take_only();
-		if (matches(info_, *rule))
+		if (packet_regular *rule = matched(take_only()))
 			return rule;
-		fail();
 	}
 	return next();
 }
@@ -93,16 +105,14 @@ template <typename Info> [[gnu::always_inline]] inline packet_regular *MatchingR
 template <typename Info> [[gnu::noinline]] packet_regular *MatchingRules<Info>::search()
 {
 	while (count_ != 0) {
-		packet_regular *rule = count_ == 1 ? take_only() : take_nearest();
-		if (matches(info_, *rule))
+		if (packet_regular *rule = matched(count_ == 1 ? take_only() : take_nearest()))
 			return rule;
-		fail();
 	}
 	return nullptr;
 }
 
 template <typename Info>
-[[gnu::always_inline]] inline packet_regular *MatchingRules<Info>::take_only()
+[[gnu::always_inline]] inline const rule_anchor *MatchingRules<Info>::take_only()
 {
 	const rule_anchor *at = heads_[0];
 
@@ -110,20 +120,21 @@ template <typename Info>
 		advance(0);
 	else
 		count_ = 0;
-	return at->rule;
+	return at;
 }
 
 /** Of the chains' next candidates the one that comes first in the library's order. */
-template <typename Info> packet_regular *MatchingRules<Info>::take_nearest()
+template <typename Info> const rule_anchor *MatchingRules<Info>::take_nearest()
 {
-	packet_regular *first = heads_[0]->rule;
+	const rule_anchor *first = heads_[0];
 
+	/* A rule with a wildcard beside other values may be in two chains: the exact value counts. */
 	for (u32 chain = 1; chain < count_; chain++)
-		if (rule_before(heads_[chain]->rule, first))
-			first = heads_[chain]->rule;
-	/* A rule with a wildcard beside other values may be in two chains. */
+		if (rule_before(heads_[chain]->rule, first->rule) ||
+		    (heads_[chain]->rule == first->rule && heads_[chain]->spot < first->spot))
+			first = heads_[chain];
 	for (u32 chain = count_; chain-- > 0;)
-		if (heads_[chain]->rule == first)
+		if (heads_[chain]->rule == first->rule)
 			advance(chain);
 	return first;
 }

@@ -180,6 +180,7 @@ regular_data *mox_packet_alloc_init_data(u32 type)
 	data->entry = nullptr;
 	data->filed = nullptr;
 	data->anchor.prev = nullptr;
+	data->hits = {};
 	return data;
 }
 
@@ -206,6 +207,7 @@ regular_item *mox_packet_alloc_init_item(u32 type)
 	list_init(&item->datas);
 	item->root = nullptr;
 	item->count = 0;
+	item->hits = {};
 	return item;
 }
 

@@ -149,18 +149,42 @@ template <typename Info, typename Guard>
 	return FirstCopy<Info, Guard>(info, lib, guard, behind).find();
 }
 
+/** The copy that decides, or null. */
+template <typename Guard, typename Info, typename Library>
+[[gnu::always_inline]] inline const packet_regular *deciding(const Info &info, Library *lib,
+							     Guard &guard)
+{
+	const packet_regular *first = FirstCopy<Info, Guard>(info, lib, guard, nullptr).find();
+
+	/* A copy without a treatment would leave the decision to the next key. */
+	while (__builtin_expect(first && first->treatment == PACKET_TREATMENT_NONE, false))
+		first = first_copy_behind(info, lib, guard, first->entry);
+	return first;
+}
+
 template <typename Guard, typename Info, typename Library>
 inline u32 decide(const Info &info, Library *lib)
 {
 	Guard guard(lib);
-	const packet_regular *first = FirstCopy<Info, Guard>(info, lib, guard, nullptr).find();
+	const packet_regular *first = deciding(info, lib, guard);
+
+	return first ? first->treatment : u32{ PACKET_TREATMENT_NONE };
+}
+
+template <typename Info>
+Decision explain(const Info &info, packet_regular_lib *lib, DescribeSocket describe, void *context)
+{
+	LazyReadGuard guard(lib);
+	const packet_regular *first = deciding(info, lib, guard);
+	Decision decision{};
 
 	if (!first)
-		return PACKET_TREATMENT_NONE;
-	/* A copy without a treatment would leave the decision to the next key. */
-	while (__builtin_expect(first && first->treatment == PACKET_TREATMENT_NONE, false))
-		first = first_copy_behind(info, lib, guard, first->entry);
-	return first ? first->treatment : u32{ PACKET_TREATMENT_NONE };
+		return decision;
+	decision.treatment = first->treatment;
+	decision.key_type = first->entry->type;
+	__builtin_memcpy(decision.key, first->entry->value, sizeof(decision.key));
+	describe(context, first->owner);
+	return decision;
 }
 
 } // namespace
@@ -173,6 +197,18 @@ u32 filter_frame(const pkt_info &info, packet_regular_lib *lib)
 u32 filter_frame(const pkt_wlan_info &info, packet_regular_lib *lib)
 {
 	return decide<LazyReadGuard>(info, lib);
+}
+
+Decision explain_frame(const pkt_info &info, packet_regular_lib *lib, DescribeSocket describe,
+		       void *context)
+{
+	return explain(info, lib, describe, context);
+}
+
+Decision explain_frame(const pkt_wlan_info &info, packet_regular_lib *lib, DescribeSocket describe,
+		       void *context)
+{
+	return explain(info, lib, describe, context);
 }
 
 } // namespace mox

@@ -24,4 +24,21 @@ namespace mox {
 u32 filter_frame(const pkt_info &info, packet_regular_lib *lib);
 u32 filter_frame(const pkt_wlan_info &info, packet_regular_lib *lib);
 
+/** What decides at a hook, for those who follow a frame. */
+struct Decision {
+	u32 treatment; /* 0: no rule matches */
+	u32 key_type;
+	u8 key[REGULAR_VALUE_SIZE];
+};
+
+/**
+ * The fast filter once more: what it finds, and describe(context, socket) for the socket
+ * of the rule that decides, which stays meanwhile. Any context.
+ */
+using DescribeSocket = void (*)(void *context, mox_packet_sock *po);
+Decision explain_frame(const pkt_info &info, packet_regular_lib *lib, DescribeSocket describe,
+		       void *context);
+Decision explain_frame(const pkt_wlan_info &info, packet_regular_lib *lib, DescribeSocket describe,
+		       void *context);
+
 } // namespace mox

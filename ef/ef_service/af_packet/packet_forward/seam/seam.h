@@ -37,8 +37,17 @@ int seam_cpu(void);
 int seam_next_present_cpu(int cpu);
 /** Number of possible CPU ids. Any. */
 int seam_nr_cpu_ids(void);
-/** This CPU's efmp_cpu_buffer_cache, tag included. Bottom halves disabled. */
-unsigned long seam_current_efbuff(void);
+/** Next possible CPU after cpu (-1: the first), or a number >= seam_nr_cpu_ids(). Any. */
+int seam_next_possible_cpu(int cpu);
+/** This CPU's record, with efbuff set to efmp_cpu_buffer_cache. Bottom halves disabled. */
+struct hook_cpu *seam_hook_enter(void);
+/** The record of a possible CPU. Any. */
+struct hook_cpu *seam_hook_cpu(int cpu);
+/** Nanoseconds of the monotonic clock, and since the epoch. Any. */
+u64 seam_monotonic_ns(void);
+u64 seam_real_ns(void);
+/** Ticks of the kernel's clock, of 1 to 10 ms. Any. */
+u32 seam_clock_ticks(void);
 /** The current task's id. Process. */
 s32 seam_current_pid(void);
 /** The current task's command name, NUL-terminated, the rest zero. Process. */
@@ -76,6 +85,10 @@ void seam_queue_lock_init(struct efbuff_queue *queue);
 void seam_hook_lock_init(seam_spinlock *lock);
 void seam_request_mutex_init(seam_mutex *request_mutex);
 void seam_dump_mutex_init(seam_mutex *dump_mutex);
+void seam_registry_mutex_init(seam_mutex *registry_mutex);
+void seam_closed_mutex_init(seam_mutex *closed_mutex);
+void seam_arrivals_mutex_init(seam_mutex *arrivals_mutex);
+void seam_tracer_locks_init(seam_rwlock *tracer_lock, seam_mutex *tracer_mutex);
 
 void seam_spin_lock(seam_spinlock *lock) SEAM_ACQUIRE(lock);
 void seam_spin_unlock(seam_spinlock *lock) SEAM_RELEASE(lock);
@@ -84,6 +97,8 @@ void seam_spin_unlock_bh(seam_spinlock *lock) SEAM_RELEASE(lock);
 /** A reader with bottom halves off: a hook. */
 void seam_read_lock(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock);
 void seam_read_unlock(seam_rwlock *lock) SEAM_RELEASE_SHARED(lock);
+void seam_read_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE_SHARED(lock);
+void seam_read_unlock_bh(seam_rwlock *lock) SEAM_RELEASE_SHARED(lock);
 void seam_write_lock_bh(seam_rwlock *lock) SEAM_ACQUIRE(lock);
 void seam_write_unlock_bh(seam_rwlock *lock) SEAM_RELEASE(lock);
 /** Process. */
@@ -113,6 +128,8 @@ void seam_cache_free(struct kmem_cache *cache, void *object);
 unsigned long long seam_total_memory(void);
 /** Whether the current task holds CAP_NET_ADMIN. Process. */
 int seam_capable_net_admin(void);
+/** The same of CAP_NET_RAW. */
+int seam_capable_net_raw(void);
 /** A number that cannot be predicted from outside of the kernel. Any. */
 u32 seam_random(void);
 
@@ -198,18 +215,19 @@ u32 seam_writeq_len(const struct sock *sk);
 struct sk_buff *seam_rcvq_peek(struct sock *sk);
 /** Free all queued buffers. Any. */
 void seam_rcvq_purge(struct sock *sk);
+#define SEAM_OFFER_FULL 0   /* the buffer's truesize would fill the receive buffer */
+#define SEAM_OFFER_QUEUED 1 /* the socket has the buffer */
+#define SEAM_OFFER_FILTER 2 /* a socket filter is attached, which has not seen the buffer */
 /**
  * Charge a buffer, which has no owner and no route yet, to the socket's receive memory
  * (sock_rfree returns the charge), append it, and call the socket's data-ready
- * callback: 1. 0, with nothing done, when its truesize would fill the receive buffer.
- * Any.
+ * callback; or do nothing, and return why. filtered: the filter has seen it. Any.
  */
-int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb);
-
-/** What delivery asks of a socket, as bits. Any. */
-#define SEAM_RECEIVER_DGRAM 1    /* of type SOCK_DGRAM */
-#define SEAM_RECEIVER_FILTERED 2 /* a socket filter is attached */
-u32 seam_sk_receiver(const struct sock *sk);
+int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb, int filtered);
+/** Whether a socket filter is attached. Any. */
+int seam_sk_filtered(const struct sock *sk);
+/** 1 when the program asked for times of arrival, SO_TIMESTAMP and the like, else 0. Any. */
+int seam_sk_stamped(const struct sock *sk);
 
 /** SIOCGSTAMP and SIOCGSTAMPNS: 0 or a negative errno. Process. */
 int seam_sock_get_timestamp(struct sock *sk, void *user_to);
@@ -224,9 +242,10 @@ struct seam_frame {
 	u32 net_offset; /* of the network header */
 	u32 ifindex;    /* it came in on */
 	u16 vlan_id;
+	void *cb; /* out: the 48 bytes of the buffer's control block */
 };
 /** A buffer with a copy of a frame and no device, GFP_ATOMIC, or null. Any. */
-struct sk_buff *seam_skb_of_frame(const struct seam_frame *frame);
+struct sk_buff *seam_skb_of_frame(struct seam_frame *frame);
 /** Another buffer with the same data and control block, GFP_ATOMIC, or null. Any. */
 struct sk_buff *seam_skb_clone(struct sk_buff *skb);
 /** Remove len bytes from the front; null, and nothing done, when there are fewer. */
@@ -240,6 +259,8 @@ int seam_skb_nonlinear(const struct sk_buff *skb);
 int seam_skb_pskb_trim(struct sk_buff *skb, u32 len);
 /** Cut a linear buffer to len bytes. */
 void seam_skb_cut(struct sk_buff *skb, u32 len);
+/** Set a buffer's time of arrival, in nanoseconds since the epoch. */
+void seam_skb_set_time(struct sk_buff *skb, u64 time);
 /** Number of references. */
 u32 seam_skb_users(const struct sk_buff *skb);
 void seam_consume_skb(struct sk_buff *skb);
@@ -323,6 +344,8 @@ int mox_packet_setsockopt(struct socket *socket, int level, int option,
 			  const struct seam_uptr *value, unsigned int len);
 int mox_packet_getsockopt(struct socket *socket, int level, int option, char *user_value,
 			  int *user_len);
+/** A program waits for frames, or asks whether there are any. Process. */
+void mox_packet_poll(struct socket *socket);
 int mox_packet_sendmsg(struct socket *socket, struct msghdr *msg, size_t len);
 int mox_packet_recvmsg(struct socket *socket, struct msghdr *msg, size_t len, int flags);
 

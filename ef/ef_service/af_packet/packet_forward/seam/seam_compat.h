@@ -106,8 +106,24 @@
 /* 6.1 ignores that for operations from resv_start_op on, and requires policies of them. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 1, 0)
 #define SEAM_GENL_RESV_START .resv_start_op = MOX_PACKET_GENL_CMD + 1,
+#define SEAM_CAPTURE_RESV_START .resv_start_op = MOX_CAPTURE_CMD_TRACE + 1,
 #else
 #define SEAM_GENL_RESV_START
+#define SEAM_CAPTURE_RESV_START
+#endif
+
+/* A handler of socket diagnosis names its module since 6.9. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 9, 0)
+#define SEAM_DIAG_OWNER .owner = THIS_MODULE,
+#else
+#define SEAM_DIAG_OWNER
+#endif
+
+/* A dump can explain its errors since 5.0. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(5, 0, 0)
+#define seam_compat_dump_extack(cb) ((cb)->extack)
+#else
+#define seam_compat_dump_extack(cb) NULL
 #endif
 
 #endif

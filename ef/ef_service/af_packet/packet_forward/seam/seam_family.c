@@ -31,6 +31,12 @@ static int seam_getsockopt(struct socket *sock, int level, int option, char __us
 				     (int __force *)len);
 }
 
+static __poll_t seam_poll(struct file *file, struct socket *sock, struct poll_table_struct *wait)
+{
+	mox_packet_poll(sock);
+	return datagram_poll(file, sock, wait);
+}
+
 const struct proto_ops mox_packet_ops = { .family = PF_PACKET,
 					  .owner = THIS_MODULE,
 					  .release = mox_packet_release,
@@ -39,7 +45,7 @@ const struct proto_ops mox_packet_ops = { .family = PF_PACKET,
 					  .socketpair = sock_no_socketpair,
 					  .accept = sock_no_accept,
 					  .getname = mox_packet_getname,
-					  .poll = datagram_poll,
+					  .poll = seam_poll,
 					  .ioctl = mox_packet_ioctl,
 					  SEAM_GETTSTAMP.listen = sock_no_listen,
 					  .shutdown = sock_no_shutdown,

@@ -70,6 +70,11 @@ int seam_capable_net_admin(void)
 	return capable(CAP_NET_ADMIN);
 }
 
+int seam_capable_net_raw(void)
+{
+	return capable(CAP_NET_RAW);
+}
+
 u32 seam_random(void)
 {
 	return get_random_u32();

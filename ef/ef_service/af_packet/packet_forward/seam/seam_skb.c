@@ -5,7 +5,7 @@
 
 #include "seam.h"
 
-struct sk_buff *seam_skb_of_frame(const struct seam_frame *frame)
+struct sk_buff *seam_skb_of_frame(struct seam_frame *frame)
 {
 	struct sk_buff *skb = __alloc_skb(frame->len, GFP_ATOMIC, 0, NUMA_NO_NODE);
 
@@ -16,6 +16,7 @@ struct sk_buff *seam_skb_of_frame(const struct seam_frame *frame)
 	skb_set_network_header(skb, frame->net_offset);
 	skb->skb_iif = frame->ifindex;
 	skb->vlan_tci = frame->vlan_id;
+	frame->cb = skb->cb;
 	return skb;
 }
 
@@ -59,6 +60,11 @@ void seam_skb_cut(struct sk_buff *skb, u32 len)
 {
 	skb->len = len;
 	skb_set_tail_pointer(skb, len);
+}
+
+void seam_skb_set_time(struct sk_buff *skb, u64 time)
+{
+	skb->tstamp = ns_to_ktime(time);
 }
 
 u32 seam_skb_users(const struct sk_buff *skb)

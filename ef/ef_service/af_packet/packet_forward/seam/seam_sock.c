@@ -107,26 +107,37 @@ void seam_rcvq_purge(struct sock *sk)
 	skb_queue_purge(&sk->sk_receive_queue);
 }
 
-int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb)
+int seam_rcvq_offer(struct sock *sk, struct sk_buff *skb, int filtered)
 {
+	struct sk_buff_head *queue = &sk->sk_receive_queue;
+	unsigned long flags;
+
+	/* Only whether there is one: sk_filter_trim_cap() reads it anew, under RCU. */
+	if (rcu_access_pointer(sk->sk_filter) && !filtered)
+		return SEAM_OFFER_FILTER;
 	/* Unsigned sum: neither part is negative, and a full queue must not look empty. */
 	if ((u32)atomic_read(&sk->sk_rmem_alloc) + skb->truesize >= (u32)READ_ONCE(sk->sk_rcvbuf))
-		return 0;
+		return SEAM_OFFER_FULL;
 	/* As skb_set_owner_r() for a buffer that has no owner yet, and no route. */
 	skb->sk = sk;
 	skb->destructor = sock_rfree;
 	atomic_add(skb->truesize, &sk->sk_rmem_alloc);
 	sk_mem_charge(sk, skb->truesize);
-	skb_queue_tail(&sk->sk_receive_queue, skb);
+	spin_lock_irqsave(&queue->lock, flags);
+	__skb_queue_tail(queue, skb);
+	spin_unlock_irqrestore(&queue->lock, flags);
 	sk->sk_data_ready(sk);
-	return 1;
+	return SEAM_OFFER_QUEUED;
 }
 
-u32 seam_sk_receiver(const struct sock *sk)
+int seam_sk_filtered(const struct sock *sk)
 {
-	/* Only whether there is one: sk_filter_trim_cap() reads it anew, under RCU. */
-	return (sk->sk_type == SOCK_DGRAM ? SEAM_RECEIVER_DGRAM : 0) |
-	       (rcu_access_pointer(sk->sk_filter) ? SEAM_RECEIVER_FILTERED : 0);
+	return rcu_access_pointer(sk->sk_filter) != NULL;
+}
+
+int seam_sk_stamped(const struct sock *sk)
+{
+	return (sk->sk_flags & (1UL << SOCK_TIMESTAMP | 1UL << SOCK_TIMESTAMPING_RX_SOFTWARE)) != 0;
 }
 
 int seam_sock_get_timestamp(struct sock *sk, void *user_to)
@@ -161,6 +172,11 @@ int seam_copy_datagram(struct sk_buff *skb, struct msghdr *msg, size_t len)
 
 void seam_recv_timestamp(struct msghdr *msg, struct sock *sk, struct sk_buff *skb)
 {
+	const unsigned long options = 1UL << SOCK_RCVTSTAMP | 1UL << SOCK_WIFI_STATUS;
+
+	/* Most often all it would do is to store the time that is there, under a lock. */
+	if (!(sk->sk_flags & options) && !READ_ONCE(sk->sk_tsflags) && skb->tstamp == sk->sk_stamp)
+		return;
 	seam_compat_recv_timestamp(msg, sk, skb);
 }
 

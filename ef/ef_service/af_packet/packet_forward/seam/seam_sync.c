@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 /* Processors, barriers and locks. docs/locking.md describes each lock. */
 #include <linux/cpumask.h>
+#include <linux/jiffies.h>
+#include <linux/ktime.h>
+#include <linux/percpu.h>
 #include <linux/rcupdate.h>
 #include <linux/smp.h>
 
@@ -11,6 +14,8 @@
 #if defined(CONFIG_64BIT) || !defined(__LITTLE_ENDIAN)
 #error "The platform's records exist on 32-bit little-endian kernels only: build for ARMv7"
 #endif
+
+static DEFINE_PER_CPU_ALIGNED(struct hook_cpu, mox_hook_cpu);
 
 const int *const seam_max_backlog = &SEAM_MAX_BACKLOG;
 
@@ -30,9 +35,37 @@ int seam_nr_cpu_ids(void)
 	return nr_cpu_ids;
 }
 
-unsigned long seam_current_efbuff(void)
+int seam_next_possible_cpu(int cpu)
 {
-	return this_cpu_read(efmp_cpu_buffer_cache);
+	return cpumask_next(cpu, cpu_possible_mask);
+}
+
+struct hook_cpu *seam_hook_enter(void)
+{
+	struct hook_cpu *here = this_cpu_ptr(&mox_hook_cpu);
+
+	here->efbuff = this_cpu_read(efmp_cpu_buffer_cache);
+	return here;
+}
+
+struct hook_cpu *seam_hook_cpu(int cpu)
+{
+	return per_cpu_ptr(&mox_hook_cpu, cpu);
+}
+
+u64 seam_monotonic_ns(void)
+{
+	return ktime_get_ns();
+}
+
+u64 seam_real_ns(void)
+{
+	return ktime_get_real_ns();
+}
+
+u32 seam_clock_ticks(void)
+{
+	return (u32)jiffies;
 }
 
 void seam_smp_mb(void)
@@ -79,6 +112,27 @@ void seam_request_mutex_init(seam_mutex *request_mutex)
 	mutex_init(request_mutex);
 }
 
+void seam_registry_mutex_init(seam_mutex *registry_mutex)
+{
+	mutex_init(registry_mutex);
+}
+
+void seam_closed_mutex_init(seam_mutex *closed_mutex)
+{
+	mutex_init(closed_mutex);
+}
+
+void seam_arrivals_mutex_init(seam_mutex *arrivals_mutex)
+{
+	mutex_init(arrivals_mutex);
+}
+
+void seam_tracer_locks_init(seam_rwlock *tracer_lock, seam_mutex *tracer_mutex)
+{
+	rwlock_init(tracer_lock);
+	mutex_init(tracer_mutex);
+}
+
 void seam_dump_mutex_init(seam_mutex *dump_mutex)
 {
 	mutex_init(dump_mutex);
@@ -112,6 +166,16 @@ void seam_read_lock(seam_rwlock *lock)
 void seam_read_unlock(seam_rwlock *lock)
 {
 	read_unlock(lock);
+}
+
+void seam_read_lock_bh(seam_rwlock *lock)
+{
+	read_lock_bh(lock);
+}
+
+void seam_read_unlock_bh(seam_rwlock *lock)
+{
+	read_unlock_bh(lock);
 }
 
 void seam_write_lock_bh(seam_rwlock *lock)

@@ -9,6 +9,7 @@
 #include "services/vsd.hpp"
 #include "socket/address.hpp"
 #include "socket/rule_change.hpp"
+#include "socket/stamps.hpp"
 
 namespace mox {
 namespace {
@@ -39,7 +40,7 @@ int find_interface(u32 wanted, u32 *ifindex)
 /** Add the protocol to the socket's rule. 0 or a negative errno. */
 int add_protocol(mox_packet_sock *po, u16 protocol)
 {
-	po->protocol = protocol;
+	store(po->protocol, protocol);
 	OwnedData data = make_data(PACKET_ETH_PROT_EQUAL, &protocol, sizeof(protocol));
 	if (!data) {
 		MOX_DEBUG("MOX-PACKET-DO-BIND: Alloc data failed\n");
@@ -70,7 +71,7 @@ int do_bind(mox_packet_sock *po, u32 ifindex, u16 protocol)
 		return error;
 	change_rule<ChangeLock::kBind>(po, [&](seam_spinlock *lock) {
 		SpinGuard guard(lock);
-		po->ifindex = ifindex;
+		store(po->ifindex, ifindex);
 		if (protocol != 0)
 			error = add_protocol(po, protocol);
 		/* Without memory the socket stays out of the libraries until its next change. */
@@ -89,6 +90,7 @@ using namespace mox;
 extern "C" int mox_packet_bind(struct socket *socket, sockaddr *addr, int addr_len)
 {
 	MOX_DEBUG("MOX-PACKET-BIND\n");
+	stamps_look(po_of(seam_socket_sk(socket)));
 	if (addr_len < kShortestAddress) {
 		MOX_DEBUG("MOX-PACKET-BIND: Addr_len illegal\n");
 		return err::kInval;

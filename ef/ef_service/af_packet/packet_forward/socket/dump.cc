@@ -4,7 +4,7 @@
 #include "base/report.hpp"
 #include "base/socket_record.hpp"
 #include "rules/print.hpp"
-#include "socket/counters.hpp"
+#include "base/counters.hpp"
 
 namespace mox {
 

@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "socket/family.hpp"
 
+#include "base/counters.hpp"
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "base/module_state.hpp"
+#include "base/restriction.hpp"
 #include "base/socket_record.hpp"
 #include "rules/budget.hpp"
 #include "rules/edit.hpp"
 #include "rules/filing.hpp"
 #include "services/vsd.hpp"
+#include "socket/registry.hpp"
+#include "socket/stamps.hpp"
 
 extern "C" {
 constinit u8 mox_packet_family_init_ok = 0;
@@ -54,6 +58,7 @@ int init_record(mox_packet_sock *po, int protocol)
 	}
 	po->vsd = vsd;
 	po->reserved = 0;
+	po->dgram = seam_sk_type(sk_of(po)) == sock_type::kDgram;
 	seam_po_locks_init(po);
 	po->regular.owner = po;
 	po->regular.treatment = PACKET_TREATMENT_NONE;
@@ -102,6 +107,7 @@ int mox_packet_family_init(void)
 	if (mox_packet_family_init_ok)
 		return 0;
 	g_free_skb_num = 0;
+	registry_init();
 	int error = seam_proto_register();
 	if (error) {
 		mox_printk(MOX_KERN_INFO "PROTO-REGISTER return %d.\n", error);
@@ -146,6 +152,8 @@ void mox_packet_net_exit(net *) {}
 
 int mox_packet_create(net *net, struct socket *socket, int protocol, int)
 {
+	if (restriction_on() && !seam_capable_net_raw())
+		return err::kPerm;
 	MOX_DEBUG("PACKET-CREATE\n");
 	int type = seam_socket_type(socket);
 	if (type != sock_type::kDgram && type != sock_type::kRaw) {
@@ -178,6 +186,7 @@ int mox_packet_create(net *net, struct socket *socket, int protocol, int)
 	seam_ns_list_add(net, sk);
 	seam_prot_inuse_add(net, 1);
 	seam_ns_unlock(net);
+	registry_add(po);
 	return 0;
 }
 
@@ -196,16 +205,24 @@ int mox_packet_release(struct socket *socket)
 		seam_ns_list_del(sk);
 		seam_prot_inuse_add(net, -1);
 	}
-	if (po_flag(po, PO_RUNNING)) {
-		mox_packet_remove_regular(&po->regular);
-		po_clear_running(po);
+	stamps_release(po);
+	{
+		/* A dump of the rules that holds the socket reads its rule under this lock. */
+		SockGuard guard(sk);
+		if (po_flag(po, PO_RUNNING)) {
+			mox_packet_remove_regular(&po->regular);
+			po_clear_running(po);
+		}
+		mox_packet_empty_regular(&po->regular);
+		budget_release(po);
 	}
-	mox_packet_empty_regular(&po->regular);
-	budget_release(po);
 	seam_sock_orphan(sk);
 	seam_socket_clear_sk(socket);
-	bump(g_free_skb_num, static_cast<s32>(seam_rcvq_len(sk)));
+	const u32 unread = seam_rcvq_len(sk);
+	bump(g_free_skb_num, static_cast<s32>(unread));
 	seam_rcvq_purge(sk);
+	count(socket_total(po, MOX_CAPTURE_COUNTERS_FREED_UNREAD), unread);
+	registry_remove(po);
 	seam_sock_put(sk);
 	seam_net_put(net);
 	return 0;

@@ -9,6 +9,7 @@
 #include "services/services.hpp"
 #include "socket/dump.hpp"
 #include "socket/rule_change.hpp"
+#include "socket/stamps.hpp"
 
 namespace mox {
 namespace {
@@ -50,7 +51,7 @@ int set_treatment(mox_packet_sock *po, const seam_uptr *value, unsigned int len)
 	}
 	change_option(po, [po, treatment](seam_spinlock *lock) {
 		SpinGuard guard(lock);
-		po->regular.treatment = treatment;
+		store(po->regular.treatment, treatment);
 		/* Also at location 0: the socket counts as running from here on. */
 		return ReEnter::kAlways;
 	});
@@ -86,7 +87,7 @@ int set_location(mox_packet_sock *po, const seam_uptr *value, unsigned int len)
 	}
 	change_option(po, [po, location](seam_spinlock *lock) {
 		SpinGuard guard(lock);
-		po->regular.location = location;
+		store(po->regular.location, location);
 		return ReEnter::kWithLocation;
 	});
 	MOX_DEBUG("SETSOCKOPT: PACKET_LOCATION %s\n", location_name(location));
@@ -148,6 +149,7 @@ extern "C" int mox_packet_setsockopt(struct socket *socket, int level, int optio
 		return err::kNoProtoOpt;
 	}
 	mox_packet_sock *po = po_of(seam_socket_sk(socket));
+	stamps_look(po);
 	switch (option) {
 	case MOX_PACKET_ADD_RULE:
 		return change_rule_data(po, value, len, true);

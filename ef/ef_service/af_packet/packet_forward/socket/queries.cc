@@ -4,7 +4,7 @@
 #include "base/socket_record.hpp"
 #include "packet/efbuff.hpp"
 #include "socket/address.hpp"
-#include "socket/counters.hpp"
+#include "base/counters.hpp"
 
 namespace mox {
 namespace {

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 /* recvmsg: one queued packet, its source address and its control record. */
+#include "base/counters.hpp"
 #include "base/errors.hpp"
 #include "base/socket_record.hpp"
 #include "socket/address.hpp"
 #include "socket/family.hpp"
+#include "socket/stamps.hpp"
 
 namespace mox {
 namespace {
@@ -66,15 +68,24 @@ int hand_out(sock *sk, sk_buff *skb, msghdr *msg, size_t len, int flags)
 
 using namespace mox;
 
+extern "C" void mox_packet_poll(struct socket *socket)
+{
+	if (sock *sk = seam_socket_sk(socket))
+		stamps_look(po_of(sk));
+}
+
 extern "C" int mox_packet_recvmsg(struct socket *socket, msghdr *msg, size_t len, int flags)
 {
 	sock *sk = seam_socket_sk(socket);
 	if (!sk || (flags & ~kAllowedFlags))
 		return err::kInval;
+	stamps_look(po_of(sk));
 	int error = 0;
 	sk_buff *skb = seam_recv_datagram(sk, flags, &error);
 	if (!skb)
 		return error;
+	if (!(flags & msg::kPeek))
+		tally_shared<MOX_CAPTURE_COUNTERS_READ>(po_of(sk));
 	int result = hand_out(sk, skb, msg, len, flags);
 	/* Several readers count here without a lock; a packet that was only peeked at does not count. */
 	if (seam_skb_users(skb) == 1)

@@ -4,6 +4,7 @@
 
 #include "base/socket_record.hpp"
 #include "rules/filing.hpp"
+#include "socket/registry.hpp"
 
 namespace mox {
 
@@ -25,6 +26,13 @@ inline void stop_running(mox_packet_sock *po, seam_spinlock *lock)
 /** Which lock of the socket is held while the rule's fields and the running flag change. */
 enum class ChangeLock { kRule, kBind };
 
+/** Notes a change when it begins and when it is over: a list written between is of neither state. */
+class ChangeNote : Pinned {
+public:
+	ChangeNote() { registry_note_change(); }
+	~ChangeNote() { registry_note_change(); }
+};
+
 /**
  * Withdraw the socket's rule if it is running, change it, and enter it again.
  * change(lock) takes the lock where it changes the rule, for some values at a
@@ -35,6 +43,7 @@ template <ChangeLock which, typename Change> void change_rule(mox_packet_sock *p
 {
 	constexpr bool kBind = which == ChangeLock::kBind;
 	seam_spinlock *lock = kBind ? &po->bind_lock : &po->rule_lock;
+	ChangeNote note;
 	RuleChange library;
 
 	if (po_flag(po, PO_RUNNING)) {

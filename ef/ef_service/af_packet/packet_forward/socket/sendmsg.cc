@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 /* sendmsg: one frame, straight to the platform in the sender's context. */
+#include "base/counters.hpp"
 #include "base/errors.hpp"
 #include "base/log.hpp"
 #include "base/socket_record.hpp"
 #include "packet/efbuff.hpp"
+#include "receive/tracer.hpp"
 #include "services/services.hpp"
 #include "services/vsd.hpp"
 #include "socket/address.hpp"
@@ -25,7 +27,13 @@ constexpr int kShortestName = sizeof(link_layer_address);
 struct Message {
 	const link_layer_address *name; /* null without one; the kernel's copy */
 	bool has_ctrl;
-	mox_packet_ctrl_info ctrl; /* zero without one */
+	mox_packet_ctrl_info ctrl; /* without one only what is asked of every message is 0 */
+
+	Message() : name(nullptr), has_ctrl(false)
+	{
+		ctrl.flags = 0;
+		ctrl.pkt_ifx = 0;
+	}
 
 	bool debug() const { return (ctrl.flags & MOX_SEND_DEBUG) != 0; }
 };
@@ -63,9 +71,9 @@ const char *outcome_name(int number)
 }
 
 /** Count a failure and return its errno. */
-int fail(u32 &counter, int error)
+template <Tally which> int fail(mox_packet_sock *po, int error)
 {
-	bump(counter);
+	tally_shared<which>(po);
 	return error;
 }
 
@@ -80,7 +88,7 @@ int read_control(mox_packet_sock *po, msghdr *msg, Message *message)
 	if (len < sizeof(message->ctrl)) {
 		MOX_DEBUG("MOX-PACKET-SEND: msg controllen %u illegal.\n",
 			  static_cast<unsigned int>(len));
-		return fail(po->sendmsg_ill_fails, err::kInval);
+		return fail<MOX_CAPTURE_COUNTERS_SENDMSG_ILL_FAILS>(po, err::kInval);
 	}
 	__builtin_memcpy(&message->ctrl, control, sizeof(message->ctrl));
 	message->has_ctrl = true;
@@ -107,7 +115,7 @@ int read_name(mox_packet_sock *po, msghdr *msg, Message *message)
 	/* The MAC length is only there to be read once the name is long enough for it. */
 	if (len < kShortestName || len < static_cast<int>(kAddressHead) + name->address_len) {
 		MOX_DEBUG("MOX-PACKET-SEND: msg namelen %d illegal.\n", len);
-		return fail(po->sendmsg_ill_fails, err::kInval);
+		return fail<MOX_CAPTURE_COUNTERS_SENDMSG_ILL_FAILS>(po, err::kInval);
 	}
 	message->name = name;
 	return 0;
@@ -134,18 +142,18 @@ int build_header(mox_packet_sock *po, const link_layer_address *name, u8 *header
 {
 	if (!name || name->address_len < kMacSize) {
 		MOX_DEBUG("MOX-PACKET-SEND: sock_dgram but dst mac addr is null.\n");
-		return fail(po->macfunc_ill_fails, err::kInval);
+		return fail<MOX_CAPTURE_COUNTERS_MACFUNC_ILL_FAILS>(po, err::kInval);
 	}
 	/* Taken once: the platform may withdraw the service at any moment. */
 	mox_packet_local_mac_func get_local = load(mox_packet_get_local);
 	if (!get_local) {
 		MOX_DEBUG("MOX-PACKET-SEND: sock_dgram but get mac addr func is null.\n");
-		return fail(po->macfunc_ill_fails, err::kInval);
+		return fail<MOX_CAPTURE_COUNTERS_MACFUNC_ILL_FAILS>(po, err::kInval);
 	}
 	u8 local[kMacSize]{};
 	if (get_local(0, local)) {
 		MOX_DEBUG("MOX-PACKET-SEND: sock_dgram but get local mac error.\n");
-		return fail(po->macfunc_ill_fails, err::kInval);
+		return fail<MOX_CAPTURE_COUNTERS_MACFUNC_ILL_FAILS>(po, err::kInval);
 	}
 	u16 protocol = name->protocol ? name->protocol : load(po->protocol);
 	__builtin_memcpy(header, name->address, kMacSize);
@@ -181,11 +189,11 @@ int set_interfaces(mox_packet_sock *po, const Message &message, void *efbuff)
 		dst = lsm_get_intfcb(dst_index);
 		if (!dst) {
 			MOX_DEBUG("MOX-PACKET-SEND: get dst intf %u fail\n", dst_index);
-			return fail(po->dstintf_ill_fails, err::kNxIo);
+			return fail<MOX_CAPTURE_COUNTERS_DSTINTF_ILL_FAILS>(po, err::kNxIo);
 		}
 		if (!field<u32>(dst, intf::kLink)) {
 			MOX_DEBUG("MOX-PACKET-SEND: send %s is link down\n", intf_name(dst));
-			return fail(po->intf_linkdown_fails, err::kNetDown);
+			return fail<MOX_CAPTURE_COUNTERS_INTF_LINKDOWN_FAILS>(po, err::kNetDown);
 		}
 		set_field<u32>(efbuff, ef::kDstIntf, word_of(dst));
 	}
@@ -197,7 +205,7 @@ int set_interfaces(mox_packet_sock *po, const Message &message, void *efbuff)
 	const void *src = lsm_get_intfcb(src_index);
 	if (!src) {
 		MOX_DEBUG("MOX-PACKET-SEND: get src intf %u fail!\n", src_index);
-		return fail(po->srcintf_ill_fails, err::kNxIo);
+		return fail<MOX_CAPTURE_COUNTERS_SRCINTF_ILL_FAILS>(po, err::kNxIo);
 	}
 	set_field<u32>(efbuff, ef::kSrcIntf, word_of(src));
 	MOX_DEBUG("MOX-PACKET-SEND: send src intf: %s, dst intf: %s.\n", intf_name(src),
@@ -254,7 +262,7 @@ int fill_efbuff(mox_packet_sock *po, msghdr *msg, const Message &message, void *
 	}
 	if (seam_copy_from_msg(frame + header, msg, len)) {
 		MOX_DEBUG("MOX-PACKET-SEND: copy pkt failed\n");
-		return fail(po->pkt_copy_fails, err::kFault);
+		return fail<MOX_CAPTURE_COUNTERS_PKT_COPY_FAILS>(po, err::kFault);
 	}
 	describe_frame(efbuff, header + static_cast<u32>(len));
 	int error = set_interfaces(po, message, efbuff);
@@ -280,7 +288,7 @@ int output(mox_packet_sock *po, const Message &message, void *efbuff)
 		else
 			MOX_DEBUG("MOX-PACKET-SEND: process %s send pkt %p in vsd %u, fail: %s.\n",
 				  po->process, efbuff, kVsd, outcome_name(result));
-		return fail(po->ef_send_fails, err::kNetUnreach);
+		return fail<MOX_CAPTURE_COUNTERS_EF_SEND_FAILS>(po, err::kNetUnreach);
 	}
 	if (message.debug())
 		MOX_DEBUG("MOX-PACKET-SEND: process %s send debug pkt %p in vsd %u success.\n",
@@ -288,12 +296,58 @@ int output(mox_packet_sock *po, const Message &message, void *efbuff)
 	else
 		MOX_DEBUG("MOX-PACKET-SEND: process %s send pkt %p in vsd %u success.\n",
 			  po->process, efbuff, kVsd);
-	bump(po->send_packets);
+	tally_shared<MOX_CAPTURE_COUNTERS_SEND_PACKETS>(po);
 	return 0;
 }
 
+/** What a trace records of a send. */
+class SendTrace {
+public:
+	explicit SendTrace(mox_packet_sock *po) : po_(po), on_(tracer_on())
+	{
+		if (on_) [[unlikely]]
+			headers_ = {};
+	}
+
+	/** The efbuff is complete, and about to be handed over. */
+	void frame(const void *efbuff)
+	{
+		if (on_) [[unlikely]]
+			read(efbuff);
+	}
+	void end(int error) const
+	{
+		if (on_) [[unlikely]]
+			record(error);
+	}
+
+private:
+	[[gnu::noinline]] void read(const void *efbuff)
+	{
+		const void *dst = address_of(field<u32>(efbuff, ef::kDstIntf));
+
+		headers_ = read_headers(efbuff);
+		headers_.ifindex = dst ? field<u32>(dst, intf::kIfindex) : 0;
+	}
+	[[gnu::noinline]] void record(int error) const
+	{
+		TraceHop hop{};
+
+		hop.hop = MOX_CAPTURE_HOP_SEND;
+		hop.verdict = error ? MOX_CAPTURE_VERDICT_REFUSED : MOX_CAPTURE_VERDICT_ACCEPTED;
+		hop.cpu = static_cast<u32>(seam_cpu());
+		hop.error = error;
+		trace_socket(&hop, po_);
+		tracer_record(headers_, hop);
+	}
+
+	mox_packet_sock *po_;
+	bool on_;
+	FrameHeaders headers_;
+};
+
 /** Everything behind the control record. 0 or a negative errno. */
-int send_frame(mox_packet_sock *po, msghdr *msg, Message *message, size_t len)
+int send_frame(mox_packet_sock *po, msghdr *msg, Message *message, size_t len, SendTrace &trace)
 {
 	/* For failures before the platform gets the efbuff; its refusals have a line of their own. */
 	auto report = [&](int error) {
@@ -310,11 +364,12 @@ int send_frame(mox_packet_sock *po, msghdr *msg, Message *message, size_t len)
 	OwnedEfbuff efbuff(alloc_efbuff(len, header));
 	if (!efbuff) {
 		MOX_DEBUG("MOX-PACKET-SEND: alloc ebuff failed.\n");
-		return report(fail(po->alloc_efbuff_fails, err::kNoMem));
+		return report(fail<MOX_CAPTURE_COUNTERS_ALLOC_EFBUFF_FAILS>(po, err::kNoMem));
 	}
 	error = fill_efbuff(po, msg, *message, efbuff.get(), header, len);
 	if (error)
 		return report(error);
+	trace.frame(efbuff.get());
 	return output(po, *message, efbuff.release());
 }
 
@@ -324,22 +379,26 @@ int send_frame(mox_packet_sock *po, msghdr *msg, Message *message, size_t len)
 using namespace mox;
 
 /*
- * sendmsg takes no lock: the socket's fields are read as they are, and its
- * counters may drift when two CPUs send at once.
+ * sendmsg takes no lock: the socket's fields are read as they are, and those of its
+ * counters that a reading clears may drift when two CPUs send at once.
  */
 extern "C" int mox_packet_sendmsg(struct socket *socket, msghdr *msg, size_t len)
 {
 	mox_packet_sock *po = po_of(seam_socket_sk(socket));
+	tally_shared<MOX_CAPTURE_COUNTERS_SENDS>(po);
+	SEAM_UNINITIALIZED SendTrace trace(po);
 	u32 vsd = current_vsd();
 	if (vsd != 0) {
 		MOX_DEBUG("MOX-PACKET-SEND: get vsd id %d fail.\n", static_cast<int>(vsd));
-		return fail(po->sendmsg_ill_fails, err::kInval);
+		trace.end(err::kInval);
+		return fail<MOX_CAPTURE_COUNTERS_SENDMSG_ILL_FAILS>(po, err::kInval);
 	}
 	MOX_DEBUG("MOX-PACKET-SEND: process %s send pkt, len %zu.\n", po->process, len);
 
-	Message message{};
+	SEAM_UNINITIALIZED Message message;
 	int error = read_control(po, msg, &message);
 	if (!error)
-		error = send_frame(po, msg, &message, len);
+		error = send_frame(po, msg, &message, len, trace);
+	trace.end(error);
 	return error ? error : static_cast<int>(len);
 }
