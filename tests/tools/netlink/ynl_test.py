@@ -184,7 +184,7 @@ class Ynl(unittest.TestCase):
                 else:
                     replies = self.family.dump(command, request)
                 self.check(exchange, set_name, replies)
-        # So that a command that the specification adds is recorded, too.
+        # So that a command that the description adds is recorded, too.
         commands = {each["name"] for each in self.family.yaml["operations"]["list"] if "reply" in each.get(
             "dump", each.get("do", {}))}
         self.assertEqual(commands, {row[0] for row in table})
