@@ -237,6 +237,8 @@ TEST_F(Capture, a_rule_of_thirty_thousand_values)
 // met a change says so.
 TEST_F(Capture, dumps_while_everything_changes)
 {
+	// Three CPUs change rules at once.
+	compare_records_ = false;
 	Crowd stays(200);
 	std::set<uint64_t> staying;
 	for (const CaptureAttributes &each :
