@@ -2,9 +2,13 @@
 // What a received frame costs inside the module: in the hook, in the copy thread behind it, and in recvmsg.
 #include <algorithm>
 #include <cstdio>
+#include <fstream>
 #include <stdexcept>
 
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <csignal>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "bench.hpp"
@@ -67,6 +71,8 @@ public:
 			moxlab_measure out = once(what, frame, count, draining);
 			if (readers)
 				drain_all(*readers, out.queued + draining);
+			if (pause_us_)
+				::usleep(pause_us_);
 			if (!n) {
 				least = out;
 				continue;
@@ -77,6 +83,9 @@ public:
 		}
 		return least;
 	}
+
+	/// Time between two batches of best().
+	void pause(unsigned us) { pause_us_ = us; }
 
 	double rest(const moxlab_measure &m) const
 	{
@@ -106,6 +115,7 @@ public:
 
 private:
 	static constexpr unsigned kRepeats = 5;
+	unsigned pause_us_ = 0;
 	moxlab::Device lab_;
 	Overhead overhead_;
 };
@@ -221,6 +231,94 @@ void further(Ruler &ruler)
 	}
 }
 
+/// A "moxctl trace" of one EtherType, while the object lives.
+class Trace {
+public:
+	explicit Trace(uint16_t type)
+	{
+		char text[8];
+		std::snprintf(text, sizeof(text), "0x%04x", type);
+		::unlink(kRecords);
+		child_ = ::fork();
+		if (child_ < 0)
+			die("fork");
+		if (!child_) {
+			const int out = ::open(kRecords, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+			if (out >= 0 && ::dup2(out, 1) == 1)
+				::execlp("moxctl", "moxctl", "trace", "--ethertype", text, nullptr);
+			::_exit(127);
+		}
+	}
+	~Trace()
+	{
+		if (child_ > 0) {
+			::kill(child_, SIGKILL);
+			::waitpid(child_, nullptr, 0);
+		}
+	}
+	Trace(const Trace &) = delete;
+
+	static bool has_records() { return std::ifstream(kRecords).peek() != EOF; }
+	/// The program ends well only if it got every record.
+	void finish()
+	{
+		int status = 0;
+		::kill(child_, SIGINT);
+		::waitpid(std::exchange(child_, 0), &status, 0);
+		if (status)
+			throw std::runtime_error("the trace has lost records");
+	}
+
+private:
+	static constexpr const char *kRecords = "/tmp/bench-trace";
+	pid_t child_;
+};
+
+/// What an armed trace costs frames that it does not follow, and those that it does.
+void traces(Ruler &ruler)
+{
+	// Less than what a CPU may record in a tick, hook and delivery; ticks of 10 ms at most lie in between.
+	constexpr unsigned kFew = 12;
+	constexpr uint16_t kFollowed = 0x88b6, kOther = 0x88b7, kUnwanted = 0x88b8;
+	auto measure = [&](uint16_t type, unsigned count, const char *trace) {
+		const Frame frame{ plain_frame(type), kSource };
+		std::vector<Fd> readers;
+		if (type != kUnwanted)
+			readers.push_back(listener({ value16(PACKET_ETH_PROT_EQUAL, type) }));
+		const moxlab_measure m = ruler.best(MOXLAB_MEASURE_HOOK, frame, count, false,
+						    &readers);
+		const std::string end = std::string(", trace of ") + trace;
+		report(figure(((readers.empty() ? "hook, unwanted" : "hook, wanted by one") + end)
+				      .c_str(),
+			      "EtherType", 1, ruler.rest(m)));
+		if (!readers.empty())
+			report(figure(("delivery, wanted by one" + end).c_str(), "EtherType", 1,
+				      ruler.delivery(m)));
+	};
+	auto armed = [&](Trace &, uint16_t type) {
+		const Frame frame{ plain_frame(type), kSource };
+		for (int tries = 0; !Trace::has_records(); ++tries) {
+			if (tries == 200)
+				throw std::runtime_error("moxctl trace shows no frame");
+			ruler.once(MOXLAB_MEASURE_HOOK, frame, 2, false);
+			::usleep(50000);
+		}
+	};
+	Fd unrelated = listener({ value16(PACKET_ETH_PROT_EQUAL, 0x88b5) });
+	ruler.pause(20000);
+	for (const uint16_t type : { kFollowed, kUnwanted }) {
+		Trace trace(type);
+		armed(trace, type);
+		measure(type, kFew, "these frames");
+		if (type == kFollowed) {
+			measure(kUnwanted, kBatch, "other frames");
+			measure(kOther, kBatch, "other frames");
+		}
+		trace.finish();
+	}
+	ruler.pause(0);
+}
+
 } // namespace
 
 void receive_instructions(const std::vector<std::string> &only)
@@ -235,6 +333,7 @@ void receive_instructions(const std::vector<std::string> &only)
 		return;
 	hurting(ruler);
 	further(ruler);
+	traces(ruler);
 }
 
 } // namespace bench
