@@ -244,30 +244,30 @@ enum mox_capture_cmd { MOX_CAPTURE_CMD_TABLE(MOX_CAPTURE_CMD_NUMBER) };
 	X(SCHEDULED, 3, U64, "Wake-ups.")                                                     \
 	X(ALLOC_SKB_FAILED, 4, U64, "Frames for which it had no memory for a socket buffer.") \
 	X(RUNNING, 5, FLAG, "It is draining the queues.")                                     \
-	X(PENDING, 6, U32, "A location with frames that wait for it.")
+	X(PENDING, 6, U32, "A location with frames that wait for it; once for each.")
 
-#define MOX_CAPTURE_TRACE_TABLE(X)                                                            \
-	X(HOP, 1, U32, "enum mox_capture_hop.")                                               \
-	X(VERDICT, 2, U32, "enum mox_capture_verdict.")                                       \
-	X(TIME, 3, U64, "Nanoseconds since the epoch.")                                       \
-	X(SINCE, 4, U64, "At delivery: nanoseconds since the hook, where that is known.")     \
-	X(CPU, 5, U32, "The CPU of the hook; of a send: the sender's.")                       \
-	X(LOCATION, 6, U32, "enum mox_packet_location; absent for a send.")                   \
-	X(FRAME, 7, U32,                                                                      \
-	  "Number of the frame on its queue: with CPU and LOCATION the same at the hook and " \
-	  "at delivery. Absent for frames that were not queued.")                             \
-	X(LENGTH, 8, U32, "Bytes of the frame.")                                              \
-	X(IFINDEX, 9, U32, "Interface it came in on; of a send: it goes out of.")             \
-	X(VLAN, 10, U16, "VLAN id; 0 without one.")                                           \
-	X(SRC_MAC, 11, BINARY, "6 bytes.")                                                    \
-	X(DST_MAC, 12, BINARY, "6 bytes.")                                                    \
-	X(ETHER_TYPE, 13, U16, "Host byte order.")                                            \
-	X(KEY, 14, NEST_VALUE, "At the hook: the value that decided, without hits.")          \
-	X(COOKIE, 15, U64, "The socket: that decided, was offered the frame, or sent it.")    \
-	X(PID, 16, S32, "Its process.")                                                       \
-	X(PROCESS, 17, STRING, "Its name.")                                                   \
-	X(TREATMENT, 18, U32, "Of its rule: enum mox_packet_treatment.")                      \
-	X(ERROR, 19, S32, "Of a send: its negative errno, or 0.")                             \
+#define MOX_CAPTURE_TRACE_TABLE(X)                                                              \
+	X(HOP, 1, U32, "enum mox_capture_hop.")                                                 \
+	X(VERDICT, 2, U32, "enum mox_capture_verdict.")                                         \
+	X(TIME, 3, U64, "Nanoseconds since the epoch.")                                         \
+	X(SINCE, 4, U64, "At delivery: nanoseconds since the hook, where that is known.")       \
+	X(CPU, 5, U32, "The CPU of the hook; of a send: the sender's.")                         \
+	X(LOCATION, 6, U32, "enum mox_packet_location; absent for a send.")                     \
+	X(FRAME, 7, U32,                                                                        \
+	  "Number of the frame on its queue: with CPU and LOCATION the same at the hook and "   \
+	  "at delivery. Absent for frames that were not queued.")                               \
+	X(LENGTH, 8, U32, "Bytes of the frame.")                                                \
+	X(IFINDEX, 9, U32, "Interface it came in on; of a send: it goes out of, 0 if refused.") \
+	X(VLAN, 10, U16, "VLAN id; 0 without one.")                                             \
+	X(SRC_MAC, 11, BINARY, "6 bytes.")                                                      \
+	X(DST_MAC, 12, BINARY, "6 bytes.")                                                      \
+	X(ETHER_TYPE, 13, U16, "Host byte order.")                                              \
+	X(KEY, 14, NEST_VALUE, "At the hook: the value that decided, without hits.")            \
+	X(COOKIE, 15, U64, "The socket: that decided, was offered the frame, or sent it.")      \
+	X(PID, 16, S32, "Its process.")                                                         \
+	X(PROCESS, 17, STRING, "Its name.")                                                     \
+	X(TREATMENT, 18, U32, "Of its rule: enum mox_packet_treatment.")                        \
+	X(ERROR, 19, S32, "Of a send: its negative errno, or 0.")                               \
 	X(LOST, 20, U64, "Records that could not be sent to this reader so far.")
 
 /*

@@ -75,4 +75,13 @@ Status Problems::complain(const World &world) const
 	return texts_.empty() ? status_ok : status_incomplete;
 }
 
+Status finish(std::string &text, JsonWriter &json, const Problems &problems, const World &world)
+{
+	problems.write(json);
+	json.end_object();
+	text += '\n';
+	world.print(text);
+	return problems.complain(world);
+}
+
 } // namespace moxctl

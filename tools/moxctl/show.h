@@ -59,6 +59,9 @@ private:
 	std::vector<std::string> texts_;
 };
 
+/** Ends the one object of a report with the problems' members, and prints the rest of its text. How the command ends. */
+Status finish(std::string &text, JsonWriter &json, const Problems &problems, const World &world);
+
 } // namespace moxctl
 
 #endif

@@ -178,11 +178,7 @@ Status show_losses(const Options &options, CaptureClient &client, const World &w
 	json.begin_object();
 	write_locations(json, locations, options.all);
 	write_sockets(json, sockets, options.all);
-	problems.write(json);
-	json.end_object();
-	text += '\n';
-	world.print(text);
-	return problems.complain(world);
+	return finish(text, json, problems, world);
 }
 
 } // namespace moxctl

@@ -258,11 +258,7 @@ Status show_rules_json(const Options &options, CaptureClient &client, const Worl
 		json.end_object();
 	}
 	json.end_array();
-	problems.write(json);
-	json.end_object();
-	text += '\n';
-	world.print(text);
-	return problems.complain(world);
+	return finish(text, json, problems, world);
 }
 
 } // namespace moxctl

@@ -90,11 +90,7 @@ Status show_sockets(const Options &options, CaptureClient &client, const World &
 		json.end_object();
 	}
 	json.end_array();
-	problems.write(json);
-	json.end_object();
-	text += '\n';
-	world.print(text);
-	return problems.complain(world);
+	return finish(text, json, problems, world);
 }
 
 } // namespace moxctl

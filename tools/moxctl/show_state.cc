@@ -13,16 +13,6 @@ namespace {
 
 using Align = TextTable::Align;
 
-/** Prints the one object of a report, with the problems' members. */
-Status finish(std::string &text, JsonWriter &json, const Problems &problems, const World &world)
-{
-	problems.write(json);
-	json.end_object();
-	text += '\n';
-	world.print(text);
-	return problems.complain(world);
-}
-
 std::string queues_text(const Dump &queues)
 {
 	TextTable table({ { "LOCATION" },

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The ledgers of the locations, and the queues, as the family for reading has them.
 #include "capture_fixture.h"
+#include "contract/ledger.h"
 #include "fake/backlog.h"
 #include "services/services.hpp"
 #include "socket/closed.hpp"
@@ -98,20 +99,7 @@ protected:
 	// The sums that the interface promises of a ledger at rest.
 	static void balanced(const capture::Message &m)
 	{
-		const auto of = [&m](int number) { return m.u64(number); };
-		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_SEEN),
-			  of(MOX_CAPTURE_LOCATION_UNWANTED) + of(MOX_CAPTURE_LOCATION_WANTED));
-		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_WANTED),
-			  of(MOX_CAPTURE_LOCATION_CLONED) + of(MOX_CAPTURE_LOCATION_TAKEN) +
-				  of(MOX_CAPTURE_LOCATION_CLONE_FAILED) +
-				  of(MOX_CAPTURE_LOCATION_COPIES_REFUSED) +
-				  of(MOX_CAPTURE_LOCATION_TAKES_REFUSED) +
-				  of(MOX_CAPTURE_LOCATION_RNFP_DROPS) +
-				  of(MOX_CAPTURE_LOCATION_RNFP_WLAN_DROPS));
-		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_CLONED) + of(MOX_CAPTURE_LOCATION_TAKEN),
-			  of(MOX_CAPTURE_LOCATION_KEPT) + of(MOX_CAPTURE_LOCATION_UNKEPT) +
-				  of(MOX_CAPTURE_LOCATION_UNMATCHED) +
-				  of(MOX_CAPTURE_LOCATION_FREED) + of(MOX_CAPTURE_LOCATION_QUEUED));
+		contract::expect_location_sums([&m](int number) { return m.u64(number); });
 	}
 	// A frame through the hook of a location, which stays on its queue.
 	void hook_only(u32 location, int cpu, const ::Bytes &bytes)

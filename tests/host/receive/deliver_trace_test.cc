@@ -2,6 +2,7 @@
 // Delivery while it is watched: the record of each socket's outcome, and the time of arrival that
 // buffers get.
 #include "socket/stamps.hpp"
+#include "offer_outcomes.h"
 #include "trace_fixture.h"
 
 namespace {
@@ -53,34 +54,8 @@ TEST_F(DeliverTrace, verdict__each_outcome_of_an_offer)
 {
 	Sock s;
 	s.capture(PACKET_LEV2_LOC, PACKET_COPY);
-	const struct {
-		mox_capture_verdict verdict;
-		std::function<void()> make, undo;
-	} rows[] = {
-		{ MOX_CAPTURE_VERDICT_PUT, [] {}, [] {} },
-		{ MOX_CAPTURE_VERDICT_FILTERED,
-		  [&] {
-			  s.sk->has_filter = true;
-			  s.sk->verdict = 0;
-		  },
-		  [&] { s.sk->has_filter = false; } },
-		{ MOX_CAPTURE_VERDICT_TRIM_FAILED,
-		  [&] {
-			  s.sk->has_filter = true;
-			  s.sk->verdict = 20;
-			  kernel().nonlinear_skbs = true;
-			  kernel().fail(Fail::kSkbTrim);
-		  },
-		  [&] {
-			  s.sk->has_filter = false;
-			  kernel().nonlinear_skbs = false;
-		  } },
-		{ MOX_CAPTURE_VERDICT_BUFFER_FULL, [&] { s.sk->rcvbuf = 1; },
-		  [&] { s.sk->rcvbuf = 100000; } },
-		{ MOX_CAPTURE_VERDICT_NO_MEMORY, [&] { kernel().fail(Fail::kSkbAlloc); }, [] {} },
-	};
 	ASSERT_EQ(start(), 0);
-	for (const auto &row : rows) {
+	for (const OfferOutcome &row : offer_outcomes(s)) {
 		SCOPED_TRACE(row.verdict);
 		row.make();
 		const Messages got = deliver();

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The ledgers of locations and sockets: each counter by its own case. That they add up is
 // checked behind every test.
-#include "module_fixture.h"
+#include "offer_outcomes.h"
 #include "base/counters.hpp"
 #include "fake/backlog.h"
 #include "services/services.hpp"
@@ -165,33 +165,7 @@ TEST_F(Ledger, socket__each_outcome_of_an_offer)
 	Sock s;
 	s.capture(PACKET_LEV2_LOC, PACKET_COPY);
 	const auto deliver = [&] { frame(PACKET_LEV2_LOC, {}, lldp); };
-	const struct {
-		mox_capture_counters_attr counter;
-		std::function<void()> make, undo;
-	} rows[] = {
-		{ MOX_CAPTURE_COUNTERS_RECV_PACKETS, [] {}, [] {} },
-		{ MOX_CAPTURE_COUNTERS_FILTER_DROPS,
-		  [&] {
-			  s.sk->has_filter = true;
-			  s.sk->verdict = 0;
-		  },
-		  [&] { s.sk->has_filter = false; } },
-		{ MOX_CAPTURE_COUNTERS_TRIM_FAIL_DROPS,
-		  [&] {
-			  s.sk->has_filter = true;
-			  s.sk->verdict = 20;
-			  kernel().nonlinear_skbs = true;
-			  kernel().fail(Fail::kSkbTrim);
-		  },
-		  [&] {
-			  s.sk->has_filter = false;
-			  kernel().nonlinear_skbs = false;
-		  } },
-		{ MOX_CAPTURE_COUNTERS_RCVBUF_FULL_DROPS, [&] { s.sk->rcvbuf = 1; },
-		  [&] { s.sk->rcvbuf = 100000; } },
-		{ MOX_CAPTURE_COUNTERS_MEMORY_DROPS, [&] { kernel().fail(Fail::kSkbAlloc); },
-		  [] {} },
-	};
+	const auto rows = offer_outcomes(s);
 	uint64_t matched = 0;
 	for (const auto &row : rows) {
 		SCOPED_TRACE(row.counter);

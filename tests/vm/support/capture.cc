@@ -8,6 +8,8 @@
 #include <linux/genetlink.h>
 #include <linux/netlink.h>
 
+#include "contract/ledger.h"
+
 namespace vm {
 
 namespace {
@@ -203,19 +205,7 @@ void audit_ledgers()
 				      ? std::to_string(m.number(MOX_CAPTURE_LOCATION_CPU))
 				      : "all"));
 		const auto of = [&](mox_capture_location_attr word) { return m.number(word); };
-		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_SEEN),
-			  of(MOX_CAPTURE_LOCATION_UNWANTED) + of(MOX_CAPTURE_LOCATION_WANTED));
-		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_WANTED),
-			  of(MOX_CAPTURE_LOCATION_CLONED) + of(MOX_CAPTURE_LOCATION_TAKEN) +
-				  of(MOX_CAPTURE_LOCATION_CLONE_FAILED) +
-				  of(MOX_CAPTURE_LOCATION_COPIES_REFUSED) +
-				  of(MOX_CAPTURE_LOCATION_TAKES_REFUSED) +
-				  of(MOX_CAPTURE_LOCATION_RNFP_DROPS) +
-				  of(MOX_CAPTURE_LOCATION_RNFP_WLAN_DROPS));
-		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_CLONED) + of(MOX_CAPTURE_LOCATION_TAKEN),
-			  of(MOX_CAPTURE_LOCATION_KEPT) + of(MOX_CAPTURE_LOCATION_UNKEPT) +
-				  of(MOX_CAPTURE_LOCATION_UNMATCHED) +
-				  of(MOX_CAPTURE_LOCATION_FREED));
+		contract::expect_location_sums(of);
 		EXPECT_EQ(of(MOX_CAPTURE_LOCATION_QUEUED), 0u) << "not at rest";
 		if (m.has(MOX_CAPTURE_LOCATION_CPU))
 			continue;
