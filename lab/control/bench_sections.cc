@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <stdexcept>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
@@ -71,10 +72,22 @@ public:
 		char byte;
 		return ::read(ends_[0], &byte, 1) == 1;
 	}
-	void only_take() { ::close(ends_[1]); }
-	void only_give() { ::close(ends_[0]); }
+	~Turn()
+	{
+		only_take();
+		only_give();
+	}
+	Turn(const Turn &) = delete;
+	void only_take() { close_end(1); }
+	void only_give() { close_end(0); }
 
 private:
+	void close_end(int end)
+	{
+		if (ends_[end] >= 0)
+			::close(std::exchange(ends_[end], -1));
+	}
+
 	int ends_[2];
 };
 

@@ -52,6 +52,33 @@ protected:
 
 // ---- each outcome ---------------------------------------------------------------------
 
+// The copy thread may deliver a frame as soon as it is queued: its records follow the hook's.
+TEST_F(HookTrace, order__the_record_precedes_the_queueing)
+{
+	ASSERT_EQ(start(), 0);
+	for (const HookTraits &h : kHooks)
+		for (u32 treatment : { PACKET_COPY, PACKET_FETCH }) {
+			if (!accepted(h))
+				continue;
+			SCOPED_TRACE(std::string(h.name) + ", treatment " +
+				     std::to_string(treatment));
+			Sock s;
+			s.capture(h.location, treatment);
+			next_tick();
+			size_t before = 0;
+			kernel().at[Point::kLocking] = [&](const void *lock) {
+				if (lock == &g_cpu_pkt_que[0][h.queue].lock)
+					before = kernel().capture_answers.size();
+			};
+			through(h, lldp);
+			kernel().at.erase(Point::kLocking);
+			EXPECT_EQ(before, 1u);
+			EXPECT_EQ(records().size(), 1u);
+			drain();
+			records();
+		}
+}
+
 TEST_F(HookTrace, verdict__of_each_outcome_at_each_hook)
 {
 	const struct {

@@ -273,7 +273,7 @@ struct delivery_ledger {
 struct hook_cpu {
 	u32 cpu;
 	u32 tracing;          /* 1: hooks follow frames (receive/tracer.hpp) */
-	u32 following;        /* 1: the hook of now does; by itself */
+	void *following;      /* what the running hook follows its frame with; null: it does not */
 	unsigned long efbuff; /* the platform's current one, with its tag: of the latest hook */
 	u32 *arrivals;        /* rings of times, while they are needed (receive/arrivals.hpp) */
 	struct hook_ledger hooks[CPU_QUEUES];

@@ -56,6 +56,39 @@ bool service_drops(const pkt_rnfp_func &service, void *efbuff, mox_total &total)
 	return true;
 }
 
+/** A frame of the running hook while frames are followed; the CPU's record points to it. */
+struct Following {
+	const FrameHeaders &headers;
+	bool wanted; /* its record is still to be made */
+	TraceHop hop;
+
+	void record(mox_capture_verdict verdict, u32 queue)
+	{
+		if (!wanted)
+			return;
+		wanted = false;
+		hop.verdict = verdict;
+		hop.queued = verdict == MOX_CAPTURE_VERDICT_CLONED ||
+			     verdict == MOX_CAPTURE_VERDICT_TAKEN;
+		hop.frame = queue_last_number(hop.cpu, queue);
+		tracer_record(headers, hop);
+	}
+};
+
+/**
+ * Note the time of arrival of a frame that is about to be queued, and make its record: as
+ * soon as it is queued the copy thread may record its delivery.
+ */
+[[gnu::noinline, gnu::cold]] void watch_queueing(const hook_cpu *here, u32 queue, Held held)
+{
+	arrival_note(here, queue, queue_last_number(here->cpu, queue));
+	if (here->following)
+		static_cast<Following *>(here->following)
+			->record(held == Held::kCopy ? MOX_CAPTURE_VERDICT_CLONED
+						     : MOX_CAPTURE_VERDICT_TAKEN,
+				 queue);
+}
+
 /** This CPU's queue of a location, and its ledger. */
 template <u32 location> struct Place {
 	static constexpr u32 kNumber = location_row(location).queue;
@@ -70,7 +103,7 @@ template <u32 location> struct Place {
 	{
 		count(held == Held::kCopy ? ledger().cloned : ledger().taken);
 		if (arrivals_needed(here)) [[unlikely]]
-			arrival_note(here, kNumber, queue_last_number(here->cpu, kNumber));
+			watch_queueing(here, kNumber, held);
 		queue_append(&g_cpu_pkt_que[here->cpu][kNumber], efbuff, held);
 		thread_activate<location>();
 	}
@@ -265,25 +298,18 @@ template <u32 location> [[gnu::noinline, gnu::cold]] u32 follow(hook_cpu *here)
 	void *efbuff = current_efbuff(here);
 	const FrameHeaders headers = read_headers(efbuff);
 
-	const bool followed = tracer_follows(headers, location);
 	const hook_ledger before = ledger;
-	TraceHop hop{};
+	Following following{ headers, tracer_follows(headers, location), {} };
 
-	if (followed)
-		explain_decision<location>(efbuff, &hop);
-	here->following = 1;
+	following.hop.hop = MOX_CAPTURE_HOP_HOOK;
+	following.hop.cpu = here->cpu;
+	following.hop.location = location;
+	if (following.wanted)
+		explain_decision<location>(efbuff, &following.hop);
+	here->following = &following;
 	const u32 answer = receive<location>();
-	here->following = 0;
-	if (!followed)
-		return answer;
-	hop.hop = MOX_CAPTURE_HOP_HOOK;
-	hop.verdict = verdict_since(before, ledger);
-	hop.cpu = here->cpu;
-	hop.location = location;
-	hop.queued = hop.verdict == MOX_CAPTURE_VERDICT_CLONED ||
-		     hop.verdict == MOX_CAPTURE_VERDICT_TAKEN;
-	hop.frame = queue_last_number(hop.cpu, kNumber);
-	tracer_record(headers, hop);
+	here->following = nullptr;
+	following.record(verdict_since(before, ledger), kNumber);
 	return answer;
 }
 
