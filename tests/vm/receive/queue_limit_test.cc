@@ -41,6 +41,8 @@ public:
 	CopyThreadStopped() : real_time_(read_word(kRealTime)), thread_(0)
 	{
 		write_word(kRealTime, "-1");
+		// Newer kernels leave ordinary tasks a share of each second: the thread must not be one.
+		schedule_thread(SCHED_FIFO, 1);
 		busy_ = std::thread([this] {
 			pin(0);
 			sched_param first{};
@@ -57,10 +59,18 @@ public:
 	{
 		done_ = true;
 		busy_.join();
+		schedule_thread(SCHED_OTHER, 0);
 		write_word(kRealTime, real_time_);
 	}
 
 private:
+	static void schedule_thread(int policy, int priority)
+	{
+		sched_param parameter{};
+		parameter.sched_priority = priority;
+		EXPECT_EQ(::sched_setscheduler(copy_thread(), policy, &parameter), 0);
+	}
+
 	const std::string real_time_;
 	const CopyThreadOn thread_;
 	std::atomic<bool> runs_{ false }, done_{ false };
