@@ -58,12 +58,13 @@ END, OPERATOR, BEGIN = range(3)
 class Site:
     """mutants: texts that replace start..end. prefix etc. build the edits, NUMBER stands for the mutant's number."""
 
-    def __init__(self, kind, start, end, mutants, prefix, suffix, operator=None, outer=False):
+    def __init__(self, kind, start, end, mutants, prefix, suffix, operator=None, outer=False, constant=False):
         self.kind = kind
         self.start, self.end = start, end
         self.mutants = mutants
         self.prefix, self.suffix, self.operator = prefix, suffix, operator
         self.outer = outer
+        self.constant = constant  # in code that the compiler may evaluate
 
     def key(self):
         return (self.start, self.end, self.kind)
@@ -95,6 +96,7 @@ class Finder:
         self.texts = texts  # of each file, by its name relative to root
         self.sites = {}  # file -> {key: Site}
         self.file = None
+        self.constant = False  # in a constexpr function, or a member's first value
 
     # Locations: clang prints a file's name only where it differs from the one printed before.
 
@@ -145,7 +147,7 @@ class Finder:
 
     def add(self, span, kind, mutants, prefix, suffix, operator=None, outer=False):
         sites = self.sites.setdefault(span[0], {})
-        site = Site(kind, span[1], span[2], mutants, prefix, suffix, operator, outer)
+        site = Site(kind, span[1], span[2], mutants, prefix, suffix, operator, outer, self.constant)
         sites.setdefault(site.key(), site)
 
     # One method for each kind of site
@@ -252,9 +254,13 @@ class Finder:
         inner = [child for child in node.get('inner', ()) if child]
         if kind == 'VarDecl' and (node.get('constexpr') or not function or node.get('storageClass') == 'static'):
             return
+        if kind == 'FieldDecl':
+            self.constant = True
         if kind in FUNCTIONS:
             if node.get('consteval') or node.get('explicitlyDefaulted') or node.get('isImplicit'):
                 return
+            if not function:  # a lambda is of the function around it
+                self.constant = bool(node.get('constexpr'))
             function = type_of(node)
         span = node.get('@')
         if span:

@@ -3,9 +3,7 @@
 
 import hashlib
 import json
-import os
 import re
-import shutil
 import subprocess
 import sys
 from concurrent.futures import ThreadPoolExecutor
@@ -221,39 +219,3 @@ class Tree:
                     (references if site.kind in ('assignment', 'step') else others).add(number)
         # What takes its operand by reference fails most often, at a bit-field: the rest of the line gets another try.
         return references or others
-
-    # One mutant alone, for what no test reaches: it may be code for the compiler only
-
-    def compiles(self, mutant):
-        text = self.texts[mutant.file]
-        changed = text[:mutant.site.start] + (mutant.text.encode() or b'(void)0') + text[mutant.site.end:]
-        alone = self.build / 'alone' / mutant.key
-        shutil.rmtree(alone, ignore_errors=True)
-        forward = alone / FORWARD
-        try:
-            for name, original in self.texts.items():
-                path = forward / name
-                path.parent.mkdir(parents=True, exist_ok=True)
-                if name == mutant.file:
-                    path.write_bytes(changed)
-                else:
-                    os.link(self.forward / name, path)
-            units = [mutant.file] if mutant.file.endswith('.cc') else self.users(mutant.file)
-            return all(subprocess.run(
-                ['g++', '-fsyntax-only', '-w', '-std=gnu++20', '-ffreestanding', '-fno-exceptions', '-fno-rtti',
-                 f'-I{self.source}/tests/host/fake', f'-I{forward}', f'-I{self.source}/include', forward / unit],
-                capture_output=True).returncode == 0 for unit in units)
-        finally:
-            shutil.rmtree(alone, ignore_errors=True)
-
-    def users(self, header):
-        """The units that include a header, by way of others too."""
-        found, open_ = set(), [header]
-        while open_:
-            name = open_.pop()
-            line = f'#include "{name}"'.encode()
-            for other, text in self.texts.items():
-                if other not in found and line in text:
-                    found.add(other)
-                    open_.append(other)
-        return sorted(name for name in found if name.endswith('.cc'))

@@ -109,10 +109,9 @@ class Tests:
 
 
 class Trial:
-    def __init__(self, tests, units, results, compiles):
+    def __init__(self, tests, units, results):
         self.tests = tests
         self.results = results
-        self.compiles = compiles
         # The test programs of a unit have its name, or it and a further word: the longest name counts.
         self.owner = {}
         names = sorted({name.rsplit('.', 1)[0] for name in units}, key=len, reverse=True)
@@ -158,7 +157,8 @@ class Trial:
         entry = {'key': key, 'mutant': f'{mutant.file}:{mutant.line}: {mutant.mutation}', 'by': '',
                  'reached': bool(stages), 'programs': {name: now[name] for name, _ in stages}}
         if not stages:
-            entry['result'] = SURVIVED if self.compiles(mutant) else NOT_BUILT
+            # What the compiler evaluates cannot be chosen at run time.
+            entry['result'] = NOT_BUILT if mutant.site.constant else SURVIVED
         # The program that killed it before most likely does so again.
         stages.sort(key=lambda item: item[0] != kept.get('by'))
         for name, tests in stages:
