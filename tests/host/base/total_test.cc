@@ -49,4 +49,34 @@ TEST_F(Total, read__in_the_middle_of_a_carry)
 		EXPECT_EQ(read_total(total), 0x500000000u);
 }
 
+// Each half of a carry is seen before the next one: what the words are at the barriers.
+TEST_F(Total, count__carries_in_three_steps)
+{
+	using Words = std::vector<std::pair<u32, u32>>;
+	mox_total total = { 0xffffffff, 4 };
+	Words seen;
+	fake::kernel().at.watch(fake::Point::kBarrier,
+				[&](const void *) { seen.emplace_back(total.low, total.high); });
+	count(total);
+	EXPECT_EQ(seen, (Words{ { 0xffffffff, 4 | 1u << 31 }, { 0, 4 | 1u << 31 } }));
+	EXPECT_EQ(total.low, 0u);
+	EXPECT_EQ(total.high, 5u);
+}
+
+// The words are read with the high one on both sides: a carry in between is noticed.
+TEST_F(Total, read__while_it_carries)
+{
+	for (int when : { 1, 2 }) {
+		mox_total total = { 0xffffffff, 4 };
+		int barriers = 0;
+		fake::kernel().at[fake::Point::kBarrier] = [&](const void *) {
+			if (++barriers == when)
+				total = { 3, 5 };
+		};
+		EXPECT_EQ(read_total(total), 0x500000003u);
+		EXPECT_EQ(barriers, 4) << "two of each turn";
+		fake::kernel().at.clear();
+	}
+}
+
 } // namespace

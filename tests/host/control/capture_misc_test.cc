@@ -117,7 +117,13 @@ TEST_F(CaptureMisc, memory__objects_in_use)
 	ASSERT_EQ(s.create(), 0);
 	ASSERT_EQ(s.add(PACKET_ETH_PROT_EQUAL, 3, { 8, 0, 8, 6, 0x88, 0xcc }), 0);
 	ASSERT_EQ(s.add(PACKET_IPv4_PROT_EQUAL, 1, { 17 }), 0);
+	ASSERT_EQ(s.add(PACKET_PACKET_CODE_EQUAL, 1, { 1, 2 }), 0); // the first type
+	ASSERT_EQ(s.add(PACKET_ARP_TYPE, 1, { 0, 1 }), 0);          // the last one
 	EXPECT_EQ(objects("sockets"), 2u);
+	EXPECT_EQ(objects("rule values"), 6u);
+	EXPECT_EQ(objects("rule items"), 4u);
+	ASSERT_EQ(s.del(PACKET_PACKET_CODE_EQUAL, 1, { 1, 2 }), 0);
+	ASSERT_EQ(s.del(PACKET_ARP_TYPE, 1, { 0, 1 }), 0);
 	EXPECT_EQ(objects("rule values"), 4u);
 	EXPECT_EQ(objects("rule items"), 2u);
 	EXPECT_EQ(objects("filter keys"), 0u) << "the rule is at no location";
@@ -135,6 +141,13 @@ TEST_F(CaptureMisc, memory__objects_in_use)
 	g_packet_regular_data_free = 4;
 	EXPECT_EQ(objects("rule record buffers"), 3u);
 	g_packet_regular_data_alloc = g_packet_regular_data_free = 0;
+	// Both numbers only grow, and wrap.
+	const u32 made = g_alloc_skb_num, freed = g_free_skb_num;
+	g_alloc_skb_num = 3;
+	g_free_skb_num = 0xfffffffe;
+	EXPECT_EQ(objects("socket buffers"), 5u);
+	g_alloc_skb_num = made;
+	g_free_skb_num = freed;
 }
 
 TEST_F(CaptureMisc, memory__failed_allocations)

@@ -189,4 +189,22 @@ TEST_F(CaptureTrace, deinit__ends_all_traces)
 		EXPECT_EQ(start({}, reader), 0);
 }
 
+// The frame's address differs from the one asked for in the 25th bit.
+TEST_F(CaptureTrace, start__a_prefix)
+{
+	const struct {
+		int prefix;
+		bool follows;
+	} rows[] = { { 0, true }, { 23, true }, { 24, true }, { 25, false }, { 32, false } };
+	for (auto &row : rows) {
+		ASSERT_EQ(start(attribute(MOX_CAPTURE_REQUEST_ADDRESS, ::Bytes{ 192, 0, 2, 200 }) +
+				attribute<u8>(MOX_CAPTURE_REQUEST_PREFIX,
+					      static_cast<u8>(row.prefix))),
+			  0);
+		EXPECT_EQ(followed(udp), row.follows) << row.prefix;
+		EXPECT_FALSE(followed(tcp6)) << row.prefix;
+		ASSERT_EQ(stop(), 0);
+	}
+}
+
 } // namespace

@@ -110,7 +110,8 @@ sk_buff *seam_skb_of_frame(seam_frame *frame)
 	sk_buff *skb = fake::skb_alloc(frame->len);
 	if (!skb)
 		return nullptr;
-	std::memcpy(fake::skb_put(skb, frame->len), frame->data, frame->len);
+	if (frame->len != 0) // room for no bytes has no address
+		std::memcpy(fake::skb_put(skb, frame->len), frame->data, frame->len);
 	skb->mac = skb->begin;
 	skb->network = skb->begin + frame->net_offset;
 	skb->iif = frame->ifindex;

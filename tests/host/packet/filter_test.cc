@@ -442,4 +442,20 @@ TEST_F(DebugFilterDeathTest, paths__delivery_asks_for_every_matched_packet)
 }
 #endif
 
+// What the trace asks: a filter that is off lets everything pass, one that is on what it matches.
+TEST_F(DebugFilter, passes__when_off_or_matched)
+{
+	Everything e;
+	::Bytes other = e.filter();
+	other[8] ^= 1; // of the VLAN
+	for (u8 enable : { 0, 1, 2 })
+		for (bool matches : { true, false }) {
+			store(matches ? e.filter() : other, MOX_FILTER_VID);
+			g_pktd_kdbg_filter.enable = enable;
+			EXPECT_EQ(pktd_filter_passes(e.info), enable == 0 || matches)
+				<< int(enable) << matches;
+		}
+	g_pktd_kdbg_filter = {};
+}
+
 } // namespace

@@ -186,6 +186,9 @@ TEST_F(PktInfo, build__ipv6_upper_layer_bounds)
 	EXPECT_EQ(build6(ipv6(103, kHost6, { 135, 0, 0, 0 })).ip_proto, 103);
 	EXPECT_EQ(build6(ipv6(103, kHost6, { 135, 0, 0, 0 })).icmpv6_type, 0);
 	EXPECT_EQ(build6(ipv6(59, kHost6, ports(1, 2))).ip_proto, 0);
+	::Bytes last_hop = ipv6(17, kHost6, ports(546, 547, 8));
+	last_hop[7] = 59; // the hop limit: no next header
+	EXPECT_EQ(build6(last_hop).dst_port, net16(547));
 	EXPECT_EQ(build6(ipv6(50, kHost6, ports(1, 2))).ip_proto, 0);
 }
 

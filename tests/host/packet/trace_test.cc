@@ -61,6 +61,9 @@ TEST_F(Trace, third_line__by_what_the_packet_is)
 		  "MOX-PACKET-RCV: ip: ff02:0000:0000:0000:0000:0000:0000:0001, ip protocol: 103\n" },
 		{ 0x02, 0, 0, 0, 0, "MOX-PACKET-RCV: eapol pkt, type: 3\n" },
 		{ 0x00, 0, 0, 0, 0, "MOX-PACKET-RCV: packet type: 2\n" },
+		// Ports and an ICMPv6 type say nothing without IP.
+		{ 0x02, 17, 0, 0x2202, 0x2302, "MOX-PACKET-RCV: eapol pkt, type: 3\n" },
+		{ 0x00, 58, 143, 0, 0, "MOX-PACKET-RCV: packet type: 2\n" },
 	};
 	for (auto &c : cases) {
 		SCOPED_TRACE(c.line);

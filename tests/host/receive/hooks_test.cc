@@ -226,6 +226,18 @@ TEST_F(Rcv, clone__failure_leaves_the_packet_with_the_platform)
 		}
 }
 
+TEST_F(Rcv, clone__says_nothing_of_failure_when_there_is_none)
+{
+	for (const HookTraits &h : kHooks) {
+		listen(h.location, PACKET_COPY);
+		kernel().log.clear();
+		EXPECT_EQ(hook(h.func, packet({ .flags = ef::kFlagTrace })), h.go_on) << h.name;
+		EXPECT_EQ(g_cpu_pkt_que[0][h.queue].count, 1u);
+		EXPECT_EQ(kernel().count_said("alloc buff error"), 0u);
+		silence();
+	}
+}
+
 TEST_F(Rcv, clone__is_whole)
 {
 	listen(PACKET_LEV2_LOC, PACKET_COPY);

@@ -64,6 +64,25 @@ TEST_F(Queue, init__once_and_zeroed)
 		}
 }
 
+TEST_F(Queue, init__whatever_the_words_were)
+{
+	mox_packet_sock_deinit();
+	for (auto &slot : g_cpu_pkt_que)
+		for (efbuff_queue &q : slot) {
+			q.head = this;
+			q.tail = &q.count;
+			q.count = q.passed = 5;
+		}
+	ASSERT_EQ(mox_packet_sock_init(), 0);
+	for (auto &slot : g_cpu_pkt_que)
+		for (efbuff_queue &q : slot) {
+			EXPECT_EQ(q.head, nullptr);
+			EXPECT_EQ(q.tail, nullptr);
+			EXPECT_EQ(q.count, 0u);
+			EXPECT_EQ(q.passed, 0u);
+		}
+}
+
 TEST_F(Queue, append__links_carry_the_tag_and_the_chain_ends_in_1)
 {
 	void *a = owned(), *b = owned();
@@ -111,6 +130,47 @@ TEST_F(Queue, chain__stops_at_count_and_at_a_zero_link)
 	EXPECT_EQ(chain.next(), nullptr);
 	for (void *e : { a, b, c })
 		efmp_buff_free_sw_with_owner(e, 147);
+}
+
+// The last link is cut where the chain leaves the queue: whatever it says, nothing is behind it.
+TEST_F(Queue, chain__ends_at_the_tail_whatever_its_link_says)
+{
+	void *a = owned(), *b = owned(), *far = owned();
+	enqueue(queue, a);
+	enqueue(queue, b);
+	*static_cast<u32 *>(b) |= fake::word(far);
+	queue->count = 100;
+	EfbuffChain chain = queue_detach(queue);
+	EXPECT_EQ(chain.next(), a);
+	EXPECT_EQ(chain.next(), b);
+	EXPECT_EQ(chain.next(), nullptr);
+	for (void *e : { a, b, far })
+		efmp_buff_free_sw_with_owner(e, 147);
+}
+
+// A chain that ends before its count holds nothing any more.
+TEST_F(Queue, chain__shorter_than_its_count_is_counted_back)
+{
+	void *a = owned(), *b = owned();
+	enqueue(queue, a);
+	enqueue(queue, b, Held::kCopy);
+	queue->count = 7;
+	EfbuffChain chain = queue_detach(queue);
+	for (void *e : { a, b }) {
+		EXPECT_EQ(chain.next(), e);
+		efmp_buff_free_sw_with_owner(e, 147);
+	}
+	EXPECT_EQ(chain.next(), nullptr);
+	EXPECT_EQ(held(g_cpu_held[3].queues[kQueueIpv6]), 0u);
+	EXPECT_EQ(held(g_cpu_held[3].all), 0u);
+}
+
+TEST_F(Queue, chain__of_an_empty_queue_is_no_copy)
+{
+	EfbuffChain chain = queue_detach(queue);
+	EXPECT_FALSE(chain.is_copy());
+	EXPECT_EQ(chain.next(), nullptr);
+	EXPECT_FALSE(chain.is_copy());
 }
 
 TEST_F(Queue, deinit__frees_every_queue_of_every_slot)

@@ -70,6 +70,7 @@ TEST_F(Thread, init__failure)
 	EXPECT_EQ(kernel().log[0].text, "CAN NOT CREATE PACKET-COPY-THREAD !\n");
 	EXPECT_EQ(kernel().log[0].level, 6);
 	EXPECT_EQ(mox_packet_thread_had_init(), 0);
+	EXPECT_EQ(top.task, nullptr) << "an error number is no thread";
 	mox_packet_thread_deinit();
 	EXPECT_EQ(kernel().count_said("thread"), 0u);
 }
@@ -85,6 +86,26 @@ TEST_F(Thread, deinit__wakes_stops_and_clears)
 	EXPECT_EQ(mox_packet_thread_had_init(), 0);
 	mox_packet_thread_deinit();
 	EXPECT_EQ(kernel().wakeups, 1);
+}
+
+// Either of both is reason enough to stop nothing.
+TEST_F(Thread, deinit__without_a_thread_or_before_init)
+{
+	task_struct *task = top.task;
+	mox_packet_thread_init_ok = 0;
+	mox_packet_thread_deinit();
+	EXPECT_EQ(kernel().tasks.count(task), 1u);
+	EXPECT_EQ(top.task, task);
+	mox_packet_thread_init_ok = 1;
+	for (task_struct *none :
+	     { static_cast<task_struct *>(nullptr), reinterpret_cast<task_struct *>(-ENOMEM) }) {
+		top.task = none;
+		mox_packet_thread_deinit();
+		EXPECT_EQ(kernel().tasks.count(task), 1u);
+		EXPECT_EQ(mox_packet_thread_had_init(), 1);
+	}
+	top.task = task;
+	EXPECT_EQ(kernel().wakeups, 0);
 }
 
 TEST_F(Thread, active__pending_byte_of_each_location)
@@ -133,6 +154,11 @@ TEST_F(Thread, active__illegal_location_sets_nothing_and_still_wakes)
 	memset(mox_packet_debug, 1, sizeof mox_packet_debug);
 	mox_packet_thread_active(9);
 	EXPECT_EQ(kernel().text(), "[MOX-PACKET(0)]: THREAD-ACTION: act illegal type location !\n");
+	// A number behind the last switch has none.
+	kernel().log.clear();
+	mox_packet_thread_active(sizeof mox_packet_debug);
+	EXPECT_TRUE(kernel().log.empty());
+	memset(mox_packet_debug, 0, sizeof mox_packet_debug);
 }
 
 TEST_F(Thread, active__running_thread_is_not_woken)
@@ -166,6 +192,58 @@ TEST_F(Thread, active__lines_need_the_general_switch_and_the_locations)
 		}
 	top.running = 0;
 	memset(top.pending, 0, sizeof top.pending);
+}
+
+// As a hook calls it, whose location has a queue.
+TEST_F(Thread, activate__says_that_the_thread_runs)
+{
+	top.running = 1;
+	for (u8 general : { 0, 1 })
+		for (u8 own : { 0, 1 }) {
+			kernel().log.clear();
+			mox_packet_debug[0] = general;
+			mox_packet_debug[PACKET_IPv4_LOC] = own;
+			thread_activate<PACKET_IPv4_LOC>();
+			EXPECT_EQ(kernel().count_said("THREAD-ACTION: copy-task is running"),
+				  general && own ? 1u : 0u);
+			EXPECT_EQ(top.pending[kQueueIpv4], 1);
+		}
+	EXPECT_EQ(kernel().wakeups, 0);
+	memset(mox_packet_debug, 0, sizeof mox_packet_debug);
+	top.running = 0;
+	memset(top.pending, 0, sizeof top.pending);
+}
+
+// What the words are at each barrier: what the other side must not see before stands behind it.
+TEST_F(Thread, barriers__between_the_words_of_hook_and_thread)
+{
+	std::vector<std::string> seen;
+	const auto note = [&](const char *what) {
+		seen.push_back(std::string(what) + " pending " +
+			       std::to_string(top.pending[kQueueIpv4]) + " running " +
+			       std::to_string(top.running) + " wake " + std::to_string(top.wake));
+	};
+	kernel().at.watch(Point::kBarrier, [&](const void *) { note("full"); });
+	kernel().at.watch(Point::kStoreBarrier, [&](const void *) { note("store"); });
+	const std::vector<std::string> hook = { "full pending 1 running 0 wake 0",
+						"store pending 1 running 0 wake 1" };
+	const std::vector<std::string> thread = {
+		"full pending 1 running 0 wake 0", // wake is cleared before the bytes are looked at
+		"full pending 0 running 1 wake 0", // the byte before its queues are drained
+		"full pending 0 running 0 wake 0", // running before the bytes are looked at again
+	};
+	void (*const calls[])() = {
+		[] { mox_packet_thread_active(PACKET_IPv4_LOC); },
+		[] { thread_activate<PACKET_IPv4_LOC>(); },
+	};
+	for (auto call : calls) {
+		seen.clear();
+		call();
+		EXPECT_EQ(seen, hook);
+		seen.clear();
+		kernel().run_thread();
+		EXPECT_EQ(seen, thread);
+	}
 }
 
 TEST_F(Thread, task__drains_in_queue_order_and_cpus_ascending)

@@ -315,6 +315,34 @@ TEST_F(Tracer, traces__a_restart_replaces_the_filter)
 	EXPECT_FALSE(tracer_follows(udp4(), kLocation));
 }
 
+TEST_F(Tracer, deinit__ends_every_trace)
+{
+	for (u32 reader : { 1u, 2u, 3u })
+		ASSERT_EQ(tracer_start(reader, filter({})), 0);
+	tracer_deinit();
+	EXPECT_FALSE(tracer_on());
+	EXPECT_FALSE(arrivals_needed(&kernel().hook_cpus[0])) << "each need is given back";
+	EXPECT_FALSE(tracer_follows(udp4(), kLocation));
+	for (u32 reader : { 1u, 2u, 3u })
+		EXPECT_EQ(tracer_stop(reader), -ENOENT);
+	// Nothing of it is counted twice.
+	ASSERT_EQ(start(), 0);
+	EXPECT_TRUE(arrivals_needed(&kernel().hook_cpus[0]));
+	ASSERT_EQ(stop(), 0);
+	EXPECT_FALSE(arrivals_needed(&kernel().hook_cpus[0]));
+}
+
+TEST_F(Tracer, init__without_traces_whatever_was_there)
+{
+	ASSERT_EQ(tracer_start(1, filter({})), 0);
+	tracer_init();
+	EXPECT_FALSE(tracer_follows(udp4(), kLocation));
+	ASSERT_EQ(tracer_start(1, filter({})), 0);
+	ASSERT_EQ(tracer_stop(1), 0);
+	EXPECT_FALSE(tracer_on()) << "the only one has ended";
+	arrivals_release(); // of the one that init forgot
+}
+
 // ---- records -------------------------------------------------------------------------
 
 TraceHop hook_hop()
@@ -421,6 +449,7 @@ TEST_F(Tracer, record__each_value)
 	EXPECT_EQ(key.u32(MOX_CAPTURE_VALUE_TYPE), u32{ PACKET_DEST_MAC_EQUAL });
 	EXPECT_EQ(key.bytes(MOX_CAPTURE_VALUE_DATA), kDst);
 	EXPECT_FALSE(key.has(MOX_CAPTURE_VALUE_HITS));
+	EXPECT_NE(s.sk->cookie, 0u) << "a cookie is made where it is first asked for";
 	EXPECT_EQ(record.u64(MOX_CAPTURE_TRACE_COOKIE), s.sk->cookie);
 	EXPECT_EQ(record.s32(MOX_CAPTURE_TRACE_PID), 4711);
 	EXPECT_EQ(record.text(MOX_CAPTURE_TRACE_PROCESS), "captured");
@@ -571,6 +600,18 @@ TEST_F(Lost, allowance__is_for_records)
 	EXPECT_EQ(records().size(), 1u);
 	EXPECT_EQ(lost(), 0u);
 	ASSERT_EQ(tracer_stop(kReader), 0);
+}
+
+// A record that several readers get is one of the allowance.
+TEST_F(Lost, allowance__counts_a_frame_once_for_all_readers)
+{
+	for (u32 reader : { 1u, 2u, 3u })
+		ASSERT_EQ(start({}, reader), 0);
+	next_tick();
+	for (u32 i = 0; i < kRecordsOfTick + 1; i++)
+		record();
+	for (u32 reader : { 1u, 2u, 3u })
+		EXPECT_EQ(records(reader).size(), kRecordsOfTick) << reader;
 }
 
 // In a hook nothing may sleep: the fakes complain of what does.

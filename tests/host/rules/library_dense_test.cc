@@ -3,6 +3,8 @@
 // dense_fixture.h. SEED=n replays a run; STEPS=n and RULES=n change its size.
 #include "dense_fixture.h"
 
+#include "rules/index.hpp"
+
 namespace {
 
 using Dense = DenseTest;
@@ -30,6 +32,24 @@ TEST_F(Dense, module_and_reference_agree_on_keys_that_stay)
 {
 	run("Dense.module_and_reference_agree_on_keys_that_stay",
 	    { .steps = 3000, .stray_keys = true }, given_seed());
+}
+
+// All values of all types have one hash: what buckets and digests tell apart otherwise is compared
+// exactly.
+TEST_F(Dense, module_and_reference_agree_when_all_hashes_are_equal)
+{
+	g_index_seeds = {};
+	run("Dense.module_and_reference_agree_when_all_hashes_are_equal", { .steps = 1500 },
+	    given_seed());
+}
+
+// Only some are: the hash is the value's first word, whatever its type.
+TEST_F(Dense, module_and_reference_agree_when_types_share_hashes)
+{
+	g_index_seeds = {};
+	g_index_seeds.low = 1;
+	run("Dense.module_and_reference_agree_when_types_share_hashes", { .steps = 1500 },
+	    given_seed());
 }
 
 } // namespace

@@ -71,6 +71,24 @@ TEST_F(RegularMem, init_regular_lib__empty_with_a_ready_lock)
 	EXPECT_EQ(lib.filter_count, 0u);
 	EXPECT_EQ(lib.regulars.next, &lib.regulars);
 	EXPECT_EQ(lib.filter_list.prev, &lib.filter_list);
+	const rule_index none{};
+	EXPECT_EQ(memcmp(&lib.filter, &none, sizeof none), 0);
+	EXPECT_EQ(memcmp(&lib.delivery, &none, sizeof none), 0);
+	for (const rule_anchor *bucket : lib.filter_buckets)
+		EXPECT_EQ(bucket, nullptr);
+	for (const rule_anchor *bucket : lib.delivery_buckets)
+		EXPECT_EQ(bucket, nullptr);
+	for (u32 type = 0; type < contract::kTypes; type++) {
+		EXPECT_EQ(lib.last_entry[type], nullptr);
+		EXPECT_EQ(lib.values[type], nullptr);
+		EXPECT_EQ(lib.items[type].next, &lib.items[type]);
+	}
+	EXPECT_EQ(lib.nameless, 0u);
+	const lib_report no_report{};
+	for (const lib_report &report : lib.reports)
+		EXPECT_EQ(memcmp(&report, &no_report, sizeof report), 0);
+	EXPECT_EQ(lib.entries_made, 0u);
+	EXPECT_EQ(lib.rules_entered, 0u);
 	seam_write_lock_bh(&lib.lock);
 	seam_write_unlock_bh(&lib.lock);
 }
@@ -84,6 +102,9 @@ TEST_F(RegularMem, data__counted_by_type_and_zeroed)
 		EXPECT_EQ(d->node.next, &d->node);
 		for (unsigned char b : d->value)
 			EXPECT_EQ(b, 0);
+		EXPECT_EQ(d->entry, nullptr);
+		EXPECT_EQ(d->filed, nullptr);
+		EXPECT_EQ(d->anchor.prev, nullptr);
 		EXPECT_EQ(g_regular_data_stats[type], 1u);
 		mox_packet_free_data(d);
 		EXPECT_EQ(g_regular_data_stats[type], 0u);
@@ -97,6 +118,9 @@ TEST_F(RegularMem, item__counted_by_type)
 		ASSERT_NE(item, nullptr);
 		EXPECT_EQ(item->type, type);
 		EXPECT_TRUE(mox_packet_item_empty(item));
+		EXPECT_EQ(item->node.next, &item->node);
+		EXPECT_EQ(item->root, nullptr);
+		EXPECT_EQ(item->count, 0u);
 		EXPECT_EQ(g_regular_item_stats[type], 1u);
 		mox_packet_free_item(item);
 		EXPECT_EQ(g_regular_item_stats[type], 0u);
@@ -108,11 +132,20 @@ TEST_F(RegularMem, entry_and_copy__counted_in_20_and_21)
 	const u8 value[8] = { 1, 2, 3, 4, 5, 6, 7, 8 };
 	filter_list_data *e = pkt_alloc_filter_list_data(PACKET_SRC_MAC_EQUAL, value);
 	EXPECT_EQ(memcmp(e->value, value, 8), 0);
+	EXPECT_EQ(e->node.next, &e->node);
+	EXPECT_EQ(e->last_trap, nullptr);
 	EXPECT_EQ(e->match_list.next, &e->match_list);
 	EXPECT_EQ(e->local_match_list.next, &e->local_match_list);
 	packet_regular *copy = pkt_alloc_regular_data();
 	EXPECT_EQ(copy->items.next, &copy->items);
 	EXPECT_EQ(copy->lib_node.next, &copy->lib_node);
+	EXPECT_EQ(copy->owner, nullptr);
+	EXPECT_EQ(copy->treatment, u32{ PACKET_TREATMENT_NONE });
+	EXPECT_EQ(copy->location, u32{ PACKET_NONE_LOC });
+	EXPECT_EQ(copy->entry, nullptr);
+	EXPECT_EQ(copy->filed_at, nullptr);
+	EXPECT_EQ(copy->anchored, nullptr);
+	EXPECT_EQ(copy->anchor.prev, nullptr);
 	EXPECT_EQ(g_regular_data_stats[20], 1u);
 	EXPECT_EQ(g_regular_data_stats[21], 1u);
 	ASSERT_EQ(mox_packet_add_data_to_regular(datum(PACKET_ETH_PROT_EQUAL, { 8, 0 }), copy), 0);

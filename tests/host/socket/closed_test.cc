@@ -47,6 +47,9 @@ TEST_F(Closed, add__every_counter)
 		for (int i = 0; i < 3; i++)
 			frame(PACKET_LEV2_LOC, {}, lldp);
 		ASSERT_EQ(s.queued(), 3u);
+		s.sk->has_filter = true;
+		s.sk->verdict = 0;
+		frame(PACKET_LEV2_LOC, {}, lldp);
 		// The send counters of a socket that was never used for sending.
 		for (u32 number = MOX_CAPTURE_COUNTERS_SENDMSG_ILL_FAILS;
 		     number <= MOX_CAPTURE_COUNTERS_SEND_PACKETS; number++)
@@ -58,7 +61,8 @@ TEST_F(Closed, add__every_counter)
 		const ClosedSockets row = closed_read(PACKET_LEV2_LOC);
 		const u64 times = static_cast<u64>(round);
 		EXPECT_EQ(row.sockets, times);
-		EXPECT_EQ(of(row, MOX_CAPTURE_COUNTERS_MATCHED), 3 * times);
+		EXPECT_EQ(of(row, MOX_CAPTURE_COUNTERS_FILTER_DROPS), times);
+		EXPECT_EQ(of(row, MOX_CAPTURE_COUNTERS_MATCHED), 4 * times);
 		EXPECT_EQ(of(row, MOX_CAPTURE_COUNTERS_RECV_PACKETS), 3 * times);
 		EXPECT_EQ(of(row, MOX_CAPTURE_COUNTERS_FREED_UNREAD), 3 * times);
 		EXPECT_EQ(of(row, MOX_CAPTURE_COUNTERS_READ), 0u);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // A packet socket's life: create, release, destructor, and what each leaves.
 #include "socket_fixture.h"
+#include "socket/registry.hpp"
 
 namespace {
 
@@ -76,6 +77,21 @@ TEST_F(Family, create__fills_the_record)
 	seam_spin_unlock(&po.bind_lock);
 	seam_spin_lock(&po.rule_lock);
 	seam_spin_unlock(&po.rule_lock);
+}
+
+// The record is written before whatever makes the socket known.
+TEST_F(Family, create__the_record_is_visible_first)
+{
+	u32 known = ~0u;
+	int barriers = 0;
+	kernel().at.watch(Point::kStoreBarrier, [&](const void *) {
+		barriers++;
+		known = registry_size();
+	});
+	Sock s;
+	ASSERT_EQ(s.create(), 0);
+	EXPECT_EQ(barriers, 1);
+	EXPECT_EQ(known, 0u);
 }
 
 TEST_F(Family, create__without_protocol_is_not_running_and_has_no_rule_data)

@@ -129,4 +129,36 @@ TEST_F(Registry, changes__of_sockets_and_of_rules_and_never_0)
 	EXPECT_NE(registry_changes(), 0u);
 }
 
+// A list that is written while a rule changes is of neither state: the number changes before and
+// after.
+TEST_F(Registry, changes__at_both_ends_of_a_rule_change)
+{
+	Sock s;
+	s.capture(PACKET_LEV2_LOC, PACKET_COPY);
+	const ::Bytes arp = { 8, 6 };
+	const u32 before = registry_changes();
+	u32 during = before;
+	kernel().at[Point::kLock] = [&](const void *lock) {
+		if (lock == &g_lev2_packet_regular_lib.lock)
+			during = registry_changes();
+	};
+	ASSERT_EQ(s.add(PACKET_ETH_PROT_EQUAL, 1, arp), 0);
+	kernel().at.clear();
+	EXPECT_NE(during, before);
+	EXPECT_NE(registry_changes(), during);
+	EXPECT_NE(registry_changes(), before);
+}
+
+TEST_F(Registry, serials__begin_with_1_at_init)
+{
+	for (int times = 0; times < 2; times++) {
+		registry_init();
+		std::deque<Sock> socks(3);
+		for (u64 serial = 1; serial <= 3; serial++) {
+			ASSERT_EQ(socks[serial - 1].create(), 0);
+			EXPECT_EQ(socks[serial - 1].po().serial, serial);
+		}
+	}
+}
+
 } // namespace
