@@ -515,52 +515,71 @@ void DenseTest::count_libraries()
 		}
 }
 
-void DenseTest::run(const char *name, Shape given_shape, uint64_t seed)
+void DenseTest::prepare(const Shape &given_shape)
 {
 	shape = given_shape;
-	shape.steps = given("STEPS", shape.steps);
-	shape.rules = std::max(1, given("RULES", shape.rules));
-	printf("SEED=%llu STEPS=%d RULES=%d %s\n", static_cast<unsigned long long>(seed),
-	       shape.steps, shape.rules, name);
-	fflush(stdout);
-	rng.seed(seed);
 	socks.resize(shape.rules);
 	owners.resize(shape.rules);
 	vsd.resize(shape.rules);
 	new_fashion();
-	for (u32 i = 0; i < kRanges[PACKET_SRC_INTF_EQUAL].most; i++) {
+	const Range &range = kRanges[PACKET_SRC_INTF_EQUAL];
+	for (u32 i = 0; i < std::min(range.most, range.tiny * shape.spread); i++) {
 		const u8 mac[6] = { 2, 0, 0, 0, u8(i >> 8), u8(i) };
 		interfaces[7 + i] = fake::word(efmp().add_interface(7 + i, "eth", mac));
 	}
+}
+
+// One change with its frames, and the comparison behind it when it is due.
+void DenseTest::turn(int number, bool last)
+{
+	if (number % shape.fashion == 0)
+		new_fashion();
+	step();
+	compare_calls();
+	for (int f = 0; f < shape.frames; f++)
+		frame();
+	tally.steps = number;
+	if (last || number % shape.compare_every == 0) {
+		for (int f = 0; f < shape.last_frames; f++)
+			frame();
+		compare();
+		count_libraries();
+		for (u32 where = 1; where <= contract::kLibraries; where++)
+			verify_index(lib_of(where));
+	}
+	if (!shape.stray_keys && number % shape.verify_every == 0)
+		verify_all();
+	if (shape.stray_keys && number % 64 == 0) {
+		clean_stray_keys();
+		release(below(socks.size()));
+	}
+}
+
+void DenseTest::close_all()
+{
+	shape.failing = false;
+	if (shape.stray_keys)
+		clean_stray_keys();
+	socks.clear();
+}
+
+void DenseTest::run(const char *name, Shape given_shape, uint64_t seed)
+{
+	given_shape.steps = given("STEPS", given_shape.steps);
+	given_shape.rules = std::max(1, given("RULES", given_shape.rules));
+	printf("SEED=%llu STEPS=%d RULES=%d %s\n", static_cast<unsigned long long>(seed),
+	       given_shape.steps, given_shape.rules, name);
+	fflush(stdout);
+	rng.seed(seed);
+	prepare(given_shape);
 	for (int id = 0; id < shape.rules; id++)
 		create(id);
 	// Somewhat longer where something rare has not happened yet.
 	int steps = shape.steps;
 	for (int i = 1; i <= steps; i++) {
-		if (i % shape.fashion == 0)
-			new_fashion();
-		step();
-		compare_calls();
-		for (int f = 0; f < shape.frames; f++)
-			frame();
-		const bool last = i == steps;
-		tally.steps = i;
-		if (last || i % shape.compare_every == 0) {
-			for (int f = 0; f < shape.last_frames; f++)
-				frame();
-			compare();
-			count_libraries();
-			for (u32 where = 1; where <= contract::kLibraries; where++)
-				verify_index(lib_of(where));
-		}
-		if (last && steps < 8 * shape.steps && !missing().empty())
+		turn(i, i == steps);
+		if (i == steps && steps < 8 * shape.steps && !missing().empty())
 			steps += shape.steps / 4 + 1;
-		if (!shape.stray_keys && i % shape.verify_every == 0)
-			verify_all();
-		if (shape.stray_keys && i % 64 == 0) {
-			clean_stray_keys();
-			release(below(socks.size()));
-		}
 		if (HasFailure()) {
 			ADD_FAILURE() << "seed " << seed << " step " << i;
 			break;
@@ -568,8 +587,16 @@ void DenseTest::run(const char *name, Shape given_shape, uint64_t seed)
 	}
 	if (!HasFailure())
 		EXPECT_EQ(missing(), "") << "never happened";
-	shape.failing = false;
-	if (shape.stray_keys)
-		clean_stray_keys();
-	socks.clear();
+	close_all();
+}
+
+int DenseTest::replay(const Shape &given_shape, const uint8_t *bytes, size_t size)
+{
+	rng.take_from(bytes, size);
+	prepare(given_shape);
+	int number = 0;
+	while (!rng.exhausted() && number < shape.steps)
+		turn(++number, false);
+	close_all();
+	return number;
 }

@@ -31,6 +31,8 @@ protected:
 	void SetUp() override;
 	// SEED, STEPS and RULES of the environment come first. Prints one line.
 	void run(const char *name, Shape shape, uint64_t seed);
+	// The steps that the bytes choose, shape.steps at most: how many there were.
+	int replay(const Shape &shape, const uint8_t *bytes, size_t size);
 	static uint64_t given_seed();
 	static int given(const char *name, int otherwise);
 
@@ -51,7 +53,7 @@ protected:
 	Tally tally;
 
 private:
-	u32 below(u32 n) { return rng() % n; }
+	u32 below(u32 n) { return static_cast<u32>(rng.below(n)); }
 	bool there(int id) const { return socks[id] != nullptr; }
 	const oracle::Regular &rule_of(int id) { return reference.at(id).regular; }
 
@@ -61,6 +63,10 @@ private:
 	u32 some_type(u32 where);
 	u32 location();
 	void new_fashion();
+
+	void prepare(const Shape &shape);
+	void turn(int number, bool last);
+	void close_all();
 
 	// One change each: the same to both sides.
 	void create(int id);
@@ -91,7 +97,7 @@ private:
 	std::string missing() const;
 
 	Shape shape;
-	std::mt19937_64 rng;
+	oracle::Choices rng;
 	oracle::Sockets reference;
 	std::vector<std::unique_ptr<Sock>> socks;
 	Owners owners;

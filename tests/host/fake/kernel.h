@@ -87,6 +87,8 @@ public:
 
 	std::vector<uint8_t> bytes;
 	size_t fault_at = SIZE_MAX;
+	size_t span =
+		0; // so far from the first byte on an access faults instead of failing the test
 };
 
 struct Kernel {

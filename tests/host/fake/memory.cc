@@ -14,10 +14,12 @@ namespace fake {
 
 UserBuf::UserBuf(size_t size, uint8_t fill) : bytes(size, fill)
 {
+	bytes.reserve(1); // no bytes have an address, too
 	kernel().user.push_back(this);
 }
 UserBuf::UserBuf(const std::vector<uint8_t> &content) : bytes(content)
 {
+	bytes.reserve(1);
 	kernel().user.push_back(this);
 }
 UserBuf::~UserBuf()
@@ -32,7 +34,7 @@ bool Kernel::user_touch(const void *address, size_t len, size_t *reachable)
 	auto *p = static_cast<const uint8_t *>(address);
 	for (UserBuf *b : user) {
 		auto *begin = b->bytes.data();
-		if (p < begin || p > begin + b->bytes.size())
+		if (p < begin || p > begin + std::max(b->bytes.size(), b->span))
 			continue;
 		size_t end = std::min(b->bytes.size(), b->fault_at);
 		size_t at = p - begin;

@@ -58,7 +58,7 @@ Bytes AimedFrame::bytes() const
 	return b + Bytes(40, 0);
 }
 
-AimedFrame any_frame(std::mt19937_64 &rng)
+AimedFrame any_frame(Choices &rng)
 {
 	uint64_t bits = rng();
 	auto below = [&](uint32_t n) {
@@ -96,9 +96,9 @@ AimedFrame any_frame(std::mt19937_64 &rng)
 	return f;
 }
 
-void satisfy(AimedFrame &f, const Item &item, std::mt19937_64 &rng)
+void satisfy(AimedFrame &f, const Item &item, Choices &rng)
 {
-	const Value v = item.datas.empty() ? Value{} : item.datas[rng() % item.datas.size()];
+	const Value v = item.datas.empty() ? Value{} : item.datas[rng.below(item.datas.size())];
 	const uint16_t half = load<uint16_t>(v.data());
 	switch (item.type) {
 	case kCode:
@@ -182,28 +182,28 @@ void satisfy(AimedFrame &f, const Item &item, std::mt19937_64 &rng)
 	case kArp:
 		f.eth_net = net16(0x0806);
 		// Of a value above 255 the first byte alone, as a key compares it, as well.
-		f.word20_net = half > 255 && rng() % 2 ? v[0] : half;
+		f.word20_net = half > 255 && rng.below(2) ? v[0] : half;
 		break;
 	default:
 		break;
 	}
 }
 
-void spoil(AimedFrame &f, const Item &item, std::mt19937_64 &rng)
+void spoil(AimedFrame &f, const Item &item, Choices &rng)
 {
 	// Half of the time a value that other rules have, otherwise one that no rule has.
-	const uint8_t flip = rng() % 2 ? 3 : 0x80;
-	const bool other_way = rng() % 2;
+	const uint8_t flip = rng.below(2) ? 3 : 0x80;
+	const bool other_way = rng.below(2);
 	const Value v = item.datas.empty() ? Value{} : item.datas.front();
 	switch (item.type) {
 	case kCode:
 		(other_way ? f.meta.code : f.meta.sub_code) ^= flip;
 		break;
 	case kDstMac:
-		f.dst_mac[rng() % 6] ^= flip;
+		f.dst_mac[rng.below(6)] ^= flip;
 		break;
 	case kSrcMac:
-		f.src_mac[rng() % 6] ^= flip;
+		f.src_mac[rng.below(6)] ^= flip;
 		break;
 	case kEth:
 		f.eth_net ^= other_way ? flip : flip << 8;
@@ -228,7 +228,7 @@ void spoil(AimedFrame &f, const Item &item, std::mt19937_64 &rng)
 		if (other_way)
 			f.meta.kind = f.meta.kind == kV4Kind ? kV6Kind : kV4Kind;
 		else
-			port = rng() % 2 ? 0 : port ^ (flip << 8);
+			port = rng.below(2) ? 0 : port ^ (flip << 8);
 		break;
 	}
 	case kIntf:

@@ -3,8 +3,7 @@
 // condition broken. Aimed only: what a frame matches is the reference's to say.
 #pragma once
 
-#include <random>
-
+#include "choices.h"
 #include "frames.h"
 #include "rules.h"
 
@@ -32,10 +31,10 @@ struct AimedFrame {
 };
 
 // Any frame over the tiny ranges of values that the rules have, too.
-AimedFrame any_frame(std::mt19937_64 &rng);
+AimedFrame any_frame(Choices &rng);
 // Makes the frame satisfy the condition, as far as what stands in it already allows.
-void satisfy(AimedFrame &frame, const Item &item, std::mt19937_64 &rng);
+void satisfy(AimedFrame &frame, const Item &item, Choices &rng);
 // Changes the field that the condition reads.
-void spoil(AimedFrame &frame, const Item &item, std::mt19937_64 &rng);
+void spoil(AimedFrame &frame, const Item &item, Choices &rng);
 
 } // namespace oracle

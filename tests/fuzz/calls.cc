@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: GPL-2.0
+// Socket calls, frames and failing allocations as the bytes choose them, beside the reference:
+// rules, keys, copies, answers, offers and counters are compared behind every step.
+#include "dense_fixture.h"
+#include "harness.h"
+
+namespace {
+
+class Calls : public DenseTest {
+public:
+	void play(fuzz::Input &input)
+	{
+		// Steps are bounded so that a case stays short: a longer one finds no more.
+		Shape shape{ .rules = 6, .steps = 64, .frames = 2, .fashion = 16 };
+		shape.failing = input.below(4) == 0;
+		const std::vector<uint8_t> bytes = input.rest();
+		replay(shape, bytes.data(), bytes.size());
+	}
+};
+
+} // namespace
+
+void fuzz_case(fuzz::Input input)
+{
+	fuzz::Case<Calls>::run([&](Calls &calls) { calls.play(input); });
+}
