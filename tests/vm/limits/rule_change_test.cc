@@ -103,7 +103,7 @@ TEST_P(RuleChanges, no_taken_frame_is_lost)
 	traffic.join();
 	pin(-1);
 	EXPECT_EQ(refused, 0);
-	EXPECT_TRUE(lab::settle(20000));
+	EXPECT_TRUE(lab::settle());
 
 	const mox_packet_stats stats = socket.stats();
 	show("frames taken", taken, "");

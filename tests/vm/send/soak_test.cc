@@ -273,7 +273,7 @@ TEST_F(Soak, sends_and_captures_on_four_cpus)
 		std::fflush(stdout);
 	}
 	join();
-	EXPECT_TRUE(lab::settle(20000));
+	EXPECT_TRUE(lab::settle());
 	EXPECT_EQ(platform().balance(0).live_all, 0u) << "efbuffs of any owner";
 	for (const std::string &what : trouble_)
 		ADD_FAILURE() << what;
@@ -346,7 +346,7 @@ TEST_F(Soak, services_come_and_go_under_datagrams_and_hooks)
 		Clock::now() < begin + std::chrono::seconds(60)))
 		std::this_thread::sleep_for(std::chrono::milliseconds(50));
 	join();
-	EXPECT_TRUE(lab::settle(20000));
+	EXPECT_TRUE(lab::settle());
 	for (const std::string &what : trouble_)
 		ADD_FAILURE() << what;
 	std::printf(

@@ -116,8 +116,9 @@ struct Books {
 	uint64_t misuse; ///< double frees, wrong owners, calls from a forbidden context
 };
 Books books();
-/// Waits until the module holds no efbuff: everything queued has been delivered and freed. False after the time.
-bool settle(int milliseconds = 5000);
+/// Waits until the module holds no efbuff: everything queued has been delivered and freed. False after the time, which
+/// leaves room for a virtual machine that shares its processors.
+bool settle(int milliseconds = 20000);
 /// The forward reason (header byte 43) that the hook left in the frame injected last.
 uint8_t last_forward_reason();
 
