@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Kernel differences, 4.19 to 6.12. The only place with version numbers.
+ * Kernel differences, 4.19 to 6.18. The only place with version numbers.
  * Where a later kernel has no equal, what a caller observes stays that of 4.19.
  */
 #ifndef SEAM_COMPAT_H
@@ -28,6 +28,13 @@
 #define SEAM_GETTSTAMP
 #define seam_compat_get_timestamp(sk, to) sock_get_timestamp(sk, to)
 #define seam_compat_get_timestampns(sk, to) sock_get_timestampns(sk, to)
+#endif
+
+/* bind's address is of a type without a size of its own since 6.18. */
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 18, 0)
+#define SEAM_BIND_ADDR struct sockaddr_unsized
+#else
+#define SEAM_BIND_ADDR struct sockaddr
 #endif
 
 /* sendpage left the operations table in 6.5. */

@@ -31,6 +31,11 @@ static int seam_getsockopt(struct socket *sock, int level, int option, char __us
 				     (int __force *)len);
 }
 
+static int seam_bind(struct socket *sock, SEAM_BIND_ADDR *addr, int length)
+{
+	return mox_packet_bind(sock, (struct sockaddr *)addr, length);
+}
+
 static __poll_t seam_poll(struct file *file, struct socket *sock, struct poll_table_struct *wait)
 {
 	mox_packet_poll(sock);
@@ -40,7 +45,7 @@ static __poll_t seam_poll(struct file *file, struct socket *sock, struct poll_ta
 const struct proto_ops mox_packet_ops = { .family = PF_PACKET,
 					  .owner = THIS_MODULE,
 					  .release = mox_packet_release,
-					  .bind = mox_packet_bind,
+					  .bind = seam_bind,
 					  .connect = sock_no_connect,
 					  .socketpair = sock_no_socketpair,
 					  .accept = sock_no_accept,

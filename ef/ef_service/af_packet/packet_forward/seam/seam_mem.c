@@ -122,10 +122,7 @@ char *seam_cwd_path(char *buf, size_t size)
 	struct path pwd;
 	char *text;
 
-	spin_lock_bh(&current->fs->lock);
-	pwd = current->fs->pwd;
-	path_get(&pwd);
-	spin_unlock_bh(&current->fs->lock);
+	get_fs_pwd(current->fs, &pwd);
 	text = d_path(&pwd, buf, size);
 	path_put(&pwd);
 	return IS_ERR(text) ? NULL : text;
