@@ -13,7 +13,10 @@
 
 #ifdef __KERNEL__
 #if defined(__cplusplus)
-#include <cstdint>
+/* A kernel's C++ has no header of the toolchain. */
+typedef __UINT8_TYPE__ uint8_t;
+typedef __UINT16_TYPE__ uint16_t;
+typedef __UINT32_TYPE__ uint32_t;
 #else
 #include <linux/types.h>
 #endif

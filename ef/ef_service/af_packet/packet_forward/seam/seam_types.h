@@ -33,16 +33,26 @@ typedef wait_queue_head_t seam_waitqueue;
 
 #else
 
+/*
+ * The compiler's own names for the integer types: the C++ headers of a toolchain need a C
+ * library for its float ABI, which may not be the kernel's.
+ */
+#if __STDC_HOSTED__
 #include <cstddef>
 #include <cstdint>
+#else
+using size_t = __SIZE_TYPE__;
+using uintptr_t = __UINTPTR_TYPE__;
+#define offsetof(type, member) __builtin_offsetof(type, member)
+#endif
 
 #include "record_sizes.h"
 
-using u8 = std::uint8_t;
-using u16 = std::uint16_t;
-using u32 = std::uint32_t;
-using u64 = std::uint64_t;
-using s32 = std::int32_t;
+using u8 = __UINT8_TYPE__;
+using u16 = __UINT16_TYPE__;
+using u32 = __UINT32_TYPE__;
+using u64 = __UINT64_TYPE__;
+using s32 = __INT32_TYPE__;
 
 /* clang checks these in the host build (-Wthread-safety); others skip them. */
 #if defined(__clang__)
