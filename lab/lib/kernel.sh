@@ -42,8 +42,14 @@ kernel_version_of() { # of a source tree, from the head of its Makefile
 	awk -F' *= *' '/^VERSION/{v=$2} /^PATCHLEVEL/{p=$2} /^SUBLEVEL/{s=$2} NR>6{exit} END{print v"."p"."s}' "$1/Makefile"
 }
 
-# kernel_id: the name of the source, "debian-6.1" for the distribution's package, DIRECTORY-VERSION for KERNEL_SRC.
+# kernel_id: the name of a kernel: of its source, "debian-6.1" for the distribution's package, DIRECTORY-VERSION for
+# KERNEL_SRC, and of the toolchain, unless it is the usual one.
 kernel_id() {
+	local source
+	source=$(source_id) || return
+	printf '%s%s\n' "$source" "${LAB_TOOLCHAIN:+-$LAB_TOOLCHAIN}"
+}
+source_id() {
 	local version
 	if [ -n "${KERNEL_SRC:-}" ]; then
 		[ -z "${LAB_KERNEL:-}" ] || die "KERNEL_SRC and LAB_KERNEL both choose a kernel" "give one of them"
@@ -67,11 +73,27 @@ kernel_image() {
 	printf '%s/arch/arm/boot/zImage\n' "$dir"
 }
 
+# A flavour is plain or checked, and "+VARIANT" for each file of lab/kernel/variants that it takes in addition.
+readonly VARIANTS=$ROOT/lab/kernel/variants
 check_flavour() {
+	local variant
 	case " $KERNEL_FLAVOURS " in
-	*" $1 "*) ;;
-	*) die "no kernel flavour '$1'" "the flavours are: $KERNEL_FLAVOURS" ;;
+	*" ${1%%+*} "*) ;;
+	*) die "no kernel flavour '$1'" "the flavours are: $KERNEL_FLAVOURS, each with +VARIANT behind it" ;;
 	esac
+	for variant in $(flavour_variants "$1"); do
+		[ -f "$VARIANTS/$variant.config" ] ||
+			die "no kernel variant '$variant' in '$1'" "the variants are: $(cd "$VARIANTS" && echo *.config | sed 's/\.config//g')"
+	done
+}
+flavour_variants() { [[ $1 != *+* ]] || tr + '\n' <<<"${1#*+}"; }
+# flavour_fragments FLAVOUR: the files of its configuration, in the order in which a later one overrides.
+flavour_fragments() {
+	local variant
+	printf '%s\n' "$ROOT/lab/kernel/base.config" "$ROOT/lab/kernel/${1%%+*}.config"
+	for variant in $(flavour_variants "$1"); do
+		printf '%s\n' "$VARIANTS/$variant.config"
+	done
 }
 
 # kernel_source: the source tree's directory; unpacks the distribution's tar when that is new.
@@ -82,7 +104,7 @@ kernel_source() {
 		return
 	fi
 	tar=$(kernel_tar) || return
-	dir=$KERNELS/src/$(kernel_id)
+	dir=$KERNELS/src/$(source_id)
 	stamp=$(stat -c '%n %s %Y' "$tar")
 	if [ "$(cat "$dir/.lab-stamp" 2>/dev/null)" != "$stamp" ]; then
 		rm -rf "$dir"
