@@ -17,6 +17,7 @@
 
 #include "scene.h"
 #include "support/module.h"
+#include "support/unrest.h"
 
 namespace {
 
@@ -24,14 +25,6 @@ using namespace vm;
 using namespace frames;
 using lab::Hook;
 using Clock = std::chrono::steady_clock;
-
-unsigned seed_of_run()
-{
-	const char *given = std::getenv("MOX_SEED");
-	unsigned seed = given ? unsigned(std::atoi(given)) : unsigned(std::random_device{}());
-	std::printf("seed %u\n", seed);
-	return seed;
-}
 
 class Storm : public ControlTest {
 protected:

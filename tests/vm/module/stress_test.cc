@@ -10,6 +10,7 @@
 
 #include "support/churn.h"
 #include "support/fixture.h"
+#include "support/unrest.h"
 
 namespace {
 
@@ -22,9 +23,7 @@ using Stress = VmTest;
 
 TEST_F(Stress, floods_on_four_cpus_while_everything_changes)
 {
-	const char *given = std::getenv("MOX_SEED");
-	unsigned seed = given ? unsigned(std::atoi(given)) : unsigned(std::random_device{}());
-	std::printf("seed %u\n", seed);
+	const unsigned seed = seed_of_run();
 	const int seconds = std::getenv("MOX_STRESS_SECONDS")
 				    ? std::atoi(std::getenv("MOX_STRESS_SECONDS"))
 				    : 20;
