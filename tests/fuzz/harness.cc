@@ -3,9 +3,19 @@
 
 #include <gtest/gtest.h>
 
+__attribute__((weak)) void fuzz_begin() {}
+
+// Freed blocks are kept long enough for a case to touch them, and for allocations one caller is
+// noted: ASAN_OPTIONS of the environment come later.
+extern "C" const char *__asan_default_options()
+{
+	return "quarantine_size_mb=8:malloc_context_size=2";
+}
+
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
 	GTEST_FLAG_SET(break_on_failure, true);
+	fuzz_begin();
 	return 0;
 }
 

@@ -26,3 +26,5 @@ private:
 
 // What each target defines: plays one case.
 void fuzz_case(fuzz::Input input);
+// What a target may define: runs before the first case.
+void fuzz_begin();
