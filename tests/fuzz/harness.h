@@ -3,6 +3,7 @@
 // the fixture's audits behind it. A failed expectation ends the process, as a crash does.
 #pragma once
 
+#include "fake/fixture.h"
 #include "input.h"
 
 namespace fuzz {
@@ -16,6 +17,9 @@ public:
 		fixture.SetUp();
 		play(fixture);
 		fixture.TearDown();
+		// What the fakes noted would be taken for a leak of the case.
+		fake::kernel().reset();
+		fake::efmp().reset();
 	}
 
 private:
