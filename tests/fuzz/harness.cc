@@ -1,7 +1,22 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "harness.h"
 
+#include <cstdlib>
+
 #include <gtest/gtest.h>
+
+namespace {
+
+// Ends the process as a crash does, which makes libFuzzer keep the case: a trap would not.
+class AbortOnFailure : public testing::EmptyTestEventListener {
+	void OnTestPartResult(const testing::TestPartResult &result) override
+	{
+		if (result.failed())
+			abort();
+	}
+};
+
+} // namespace
 
 __attribute__((weak)) void fuzz_begin() {}
 
@@ -14,7 +29,7 @@ extern "C" const char *__asan_default_options()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
-	GTEST_FLAG_SET(break_on_failure, true);
+	testing::UnitTest::GetInstance()->listeners().Append(new AbortOnFailure);
 	fuzz_begin();
 	return 0;
 }
