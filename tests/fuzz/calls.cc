@@ -3,7 +3,7 @@
 // rules, keys, copies, answers, offers and counters are compared behind every step, as far as it can
 // have changed them, and all of them at the end.
 #include "dense_fixture.h"
-#include "harness.h"
+#include "fixture_case.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Any efbuff, header and frame, through a hook and delivery. What lies behind the frame's end, or
 // behind what a hook may read, is poisoned.
-#include "harness.h"
+#include "fixture_case.h"
 #include "module_fixture.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Calls, frames, requests, dumps, failing allocations and loads in the middle of each other, as the
 // bytes choose them.
-#include "harness.h"
+#include "fixture_case.h"
 #include "play.h"
 
 void fuzz_case(fuzz::Input input)

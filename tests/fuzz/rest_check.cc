@@ -55,6 +55,18 @@ std::vector<Filed> filed_in(const oracle::Library &library)
 	return out;
 }
 
+// Without memory for a key a rule is filed under its other values, or under its next condition.
+bool may_be_filed(const Filed &filed, const oracle::Library &library)
+{
+	for (const oracle::Regular *rule : library.regulars)
+		for (const oracle::Item &item : rule->items)
+			if (rule->owner == std::get<2>(filed) && item.type == std::get<0>(filed) &&
+			    (item.datas.empty() ||
+			     std::ranges::count(item.datas, std::get<1>(filed))))
+				return true;
+	return false;
+}
+
 void check_hooks(u32 location, bool wanted)
 {
 	for (const contract::Hook &hook : contract::hooks(location))
@@ -120,8 +132,9 @@ void RestCheck::run(const Socks &socks) const
 			check_hooks(location, !library.regulars.empty());
 			continue;
 		}
-		// A copy without memory for one of its items is filed without that item.
-		EXPECT_LE(got.size(), want.size()) << "copies at location " << location;
+		for (const Filed &filed : got)
+			EXPECT_TRUE(may_be_filed(filed, library))
+				<< "a copy at location " << location;
 	}
 	fake::audit_frames();
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Sends of any name, control record and data in a world that changes, compared with the reference.
-#include "harness.h"
+#include "fixture_case.h"
 #include "random_send_fixture.h"
 
 namespace {
