@@ -52,12 +52,19 @@ private:
 	void receive(int id);
 	void send(int id);
 	void query(int id);
-	void request(int);
-	void dump(int);
+	void option(int id);
+	void look(int id);
 	void frame(int id);
 	void deliver(int);
-	void service(int);
 	void reload(int);
+	// play_operator.cc: what others do.
+	void request(int);
+	void dump(int);
+	void trace(int);
+	void diagnose(int);
+	void service(int);
+	void do_capture(u8 command, const Bytes &attributes);
+
 	Bytes element(u32 type);
 	void learn(int id);
 	void receive_request(const Bytes &record);
@@ -65,7 +72,7 @@ private:
 
 	const Action &chosen();
 
-	static const Action kActions[16];
+	static const Action kActions[20];
 
 	oracle::Choices rng_;
 	std::vector<std::unique_ptr<Sock>> socks_;

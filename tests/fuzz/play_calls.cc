@@ -2,6 +2,7 @@
 // What a process, the platform or the copy thread does, as the bytes choose it. Results are not
 // predicted: what ran at the same time decides some of them.
 #include "play.h"
+#include "services/services.hpp"
 
 namespace fuzz {
 namespace {
@@ -16,13 +17,6 @@ private:
 	int &calls_;
 };
 
-// The local-MAC service.
-int local_mac(u32, u8 mac[6])
-{
-	memset(mac, 2, 6);
-	return 0;
-}
-
 } // namespace
 
 const Play::Action Play::kActions[] = {
@@ -36,10 +30,14 @@ const Play::Action Play::kActions[] = {
 	{ "receive", &Play::receive, 4 },
 	{ "send", &Play::send, 3 },
 	{ "query", &Play::query, 2 },
+	{ "option", &Play::option, 2 },
+	{ "look", &Play::look, 3 },
 	{ "request", &Play::request, 4 },
 	{ "dump", &Play::dump, 4 },
 	{ "frame", &Play::frame, 7 },
 	{ "deliver", &Play::deliver, 4 },
+	{ "trace", &Play::trace, 2 },
+	{ "diagnosis", &Play::diagnose, 1 },
 	{ "service", &Play::service, 1 },
 	{ "reload", &Play::reload, 1 },
 };
@@ -184,50 +182,50 @@ void Play::query(int id)
 			      reinterpret_cast<int *>(length.data()));
 }
 
-// A request of an operator: a report, a switch, the filter or the dump file.
-void Play::request(int)
+// Options that change no rule, and unknown ones.
+void Play::option(int id)
 {
-	const u16 type = u16(below(17));
-	Bytes body;
-	if (type == MOX_MSG_DEBUG) {
-		// Not the hooks: they are taken away until an operator gives them back.
-		body = debug_body(below(MOX_DEBUG_HOOK_FIRST), below(2));
-	} else {
-		body.resize(below(2) ? 80 : 0);
-		for (u8 &byte : body)
-			byte = u8(below(3));
-	}
-	receive_request(record(type, body));
+	if (!there(id))
+		return create(id);
+	Busy busy(calls_[id]);
+	const int options[] = { MOX_PACKET_DUMP_SOCKET, PACKET_CTRL_INFO, MOX_PACKET_CONTROL_HOOK,
+				int(below(32)) };
+	Bytes value(below(4) ? 4 : below(48));
+	for (u8 &byte : value)
+		byte = u8(below(2));
+	socks_[id]->setsockopt(options[below(std::size(options))], value);
 }
 
-void Play::receive_request(const Bytes &record)
+// What the kernel asks a socket, and what a process set at the kernel itself.
+void Play::look(int id)
 {
-	CaptureTest::receive(message(record));
-}
-
-// The next batch of a dump that is open, or a request for one answer.
-void Play::dump(int)
-{
-	const u32 what = below(8);
-	if (what == 0) {
-		const u8 commands[] = { MOX_CAPTURE_CMD_INFO, MOX_CAPTURE_CMD_THREAD,
-					MOX_CAPTURE_CMD_TRACE_START, MOX_CAPTURE_CMD_TRACE_STOP };
-		const u8 command = commands[below(std::size(commands))];
-		std::string text;
-		const seam_request request{ &fake::init_net(), kClient, 99, 0, &text };
-		mox_capture_do(command, nullptr, 0, &request);
+	if (!there(id))
+		return create(id);
+	Busy busy(calls_[id]);
+	Sock &s = *socks_[id];
+	fake::UserBuf memory(64);
+	const unsigned commands[] = { SEAM_SIOCOUTQ, SEAM_SIOCINQ, SEAM_SIOCGSTAMP, 1 };
+	switch (below(6)) {
+	case 0:
+		return mox_packet_poll(&s.socket);
+	case 1:
+		mox_packet_getname(&s.socket, reinterpret_cast<sockaddr *>(memory.data()),
+				   int(below(2)));
 		return;
+	case 2:
+		mox_packet_ioctl(&s.socket, commands[below(std::size(commands))],
+				 reinterpret_cast<unsigned long>(memory.data()));
+		return;
+	case 3:
+		s.sk->stamped = below(2);
+		return;
+	case 4:
+		s.sk->has_filter = below(2);
+		s.sk->verdict = int(below(2));
+		return;
+	default:
+		s.sk->rcvbuf = below(2) ? 2000 : 212992;
 	}
-	if (filling_)
-		return;
-	filling_ = true;
-	if (!reader_ || what == 1)
-		reader_ = std::make_unique<Reader>(
-			u8(MOX_CAPTURE_CMD_LOCATIONS +
-			   below(MOX_CAPTURE_CMD_MEMORY - MOX_CAPTURE_CMD_LOCATIONS + 1)));
-	if (reader_->started != 0 || reader_->fill(512 + below(256)) <= 0)
-		reader_.reset();
-	filling_ = false;
 }
 
 // A frame that satisfies a rule, or misses it by one condition.
@@ -245,7 +243,7 @@ void Play::frame(int id)
 		bytes.erase(bytes.begin(), bytes.begin() + oracle::AimedFrame::kL2Len);
 	const HookTraits &h = kHooks[below(contract::kHookIds)];
 	const Bytes content = oracle::efbuff(aimed.meta, bytes);
-	if (depth_ > 1 || until_other_ || until_failure_) {
+	if (depth_ > 1 || until_other_ || until_failure_ || pkt_rnfp || pkt_rnfp_wlan) {
 		void *efbuff = efmp().efbuff(content);
 		if (efmp().call(h.func, efbuff, h.taken, kernel().cpu) != h.taken)
 			efmp().drop(efbuff);
@@ -285,14 +283,6 @@ void Play::deliver(int)
 	delivering_ = true;
 	kernel().run_thread();
 	delivering_ = false;
-}
-
-void Play::service(int)
-{
-	if (below(2))
-		efmp().publish(11, 10, reinterpret_cast<void *>(local_mac));
-	else
-		efmp().withdraw(11, 10);
 }
 
 // The module out, with hooks that still run, and in again, which may fail.
