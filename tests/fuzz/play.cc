@@ -136,11 +136,13 @@ void Play::step()
 	rest();
 }
 
-// Nothing runs: what there is must be what the reference files.
+// Nothing runs: what there is must be what the reference files. In most cases that is compared at
+// the end only, which leaves time for more of them.
 void Play::rest()
 {
 	EXPECT_TRUE(kernel().held.empty());
-	check_.run(socks_);
+	if (compares_each_)
+		check_.run(socks_);
 	for (int id = 0; id < kSockets; id++)
 		learn(id);
 	kernel().log.clear();
@@ -155,9 +157,11 @@ void Play::run(Input &input)
 {
 	const std::vector<uint8_t> bytes = input.rest();
 	rng_.take_from(bytes.data(), bytes.size());
+	compares_each_ = below(8) == 0;
 	for (int steps = 0; steps < kSteps && !rng_.exhausted(); steps++)
 		step();
 	deliver(0);
+	check_.run(socks_);
 }
 
 } // namespace fuzz

@@ -12,7 +12,7 @@ namespace fuzz {
 
 class Play : public CaptureTest {
 public:
-	// Plays the case; at rest after each step the libraries are compared with the reference.
+	// Plays the case; at rest the libraries are compared with the reference.
 	void run(Input &input);
 
 protected:
@@ -83,6 +83,7 @@ private:
 	int depth_ = 0;
 	u32 until_other_ = 0; // points before another CPU acts; 0: none does
 	u32 until_failure_ = 0;
+	bool compares_each_ = true;
 	const bool shown_ = getenv("MOX_FUZZ_STEPS") != nullptr;
 	RestCheck check_;
 };
