@@ -62,8 +62,18 @@ void Play::create(int id)
 	calls_[id]++;
 	const int result = sock->create(below(2) ? kRaw : kDgram, below(4) ? 0 : 0x0608);
 	calls_[id]--;
-	if (result == 0 && !there(id))
-		socks_[id] = std::move(sock);
+	if (result != 0 || there(id))
+		return;
+	socks_[id] = std::move(sock);
+	if (below(8) == 0)
+		return;
+	// Most capture something that others capture as well.
+	const u32 locations[] = { PACKET_LEV2_LOC, PACKET_LEV2_LOC, PACKET_IPv4_LOC,
+				  PACKET_WLAN_LOC };
+	Busy busy(calls_[id]);
+	add_rule(id);
+	socks_[id]->set(PACKET_TREATMENT, 1 + below(contract::kTreatments - 1));
+	socks_[id]->set(PACKET_LOCATION, locations[below(std::size(locations))]);
 }
 
 void Play::release(int id)
@@ -104,7 +114,8 @@ void Play::add_rule(int id)
 	if (!there(id))
 		return create(id);
 	Busy busy(calls_[id]);
-	const u32 type = below(contract::kTypes + 1), count = below(3);
+	const u32 type = below(2) ? below(contract::kTypes + 1) : u32(PACKET_SRC_MAC_EQUAL);
+	const u32 count = below(3);
 	Bytes elements;
 	for (u32 i = 0; i < count && type < contract::kTypes; i++)
 		elements = elements + element(type);
