@@ -1,19 +1,35 @@
 // SPDX-License-Identifier: GPL-2.0
 // Any efbuff, header and frame, through a hook and delivery. What lies behind the frame's end, or
 // behind what a hook may read, is poisoned.
-#include "harness.h"
-#include "module_fixture.h"
+#include "capture_fixture.h"
+#include "fixture_case.h"
 
 namespace {
 
 // The reference reads as much of the frame as the platform promises to be there.
 constexpr size_t kMostBytes = 512;
 
+class Frames : public CaptureTest {
+public:
+	// The operator's filter for debug lines, and a trace.
+	void watch(fuzz::Input &input, bool filter, bool trace)
+	{
+		if (filter) {
+			Bytes body = input.bytes(sizeof(mox_packet_filter));
+			body.resize(sizeof(mox_packet_filter));
+			body[0] = 1;
+			ask(MOX_MSG_FILTER, body);
+		}
+		if (trace)
+			ask_one(MOX_CAPTURE_CMD_TRACE_START, input.bytes(input.byte() % 64));
+	}
+};
+
 } // namespace
 
 void fuzz_case(fuzz::Input input)
 {
-	fuzz::Case<ModuleTest>::run([&](ModuleTest &) {
+	fuzz::Case<Frames>::run([&](Frames &frames) {
 		Sock all, some;
 		const u32 location = 1 + input.below(8);
 		const u8 how = input.byte();
@@ -26,6 +42,8 @@ void fuzz_case(fuzz::Input input)
 			some.set(PACKET_TREATMENT, 1 + how / 16 % 3);
 			some.set(PACKET_LOCATION, location);
 		}
+		const u8 watched = input.byte();
+		frames.watch(input, watched & 1, watched & 2);
 		packets::Meta meta;
 		meta.kind = input.byte();
 		meta.l2_len = input.byte() % 64;

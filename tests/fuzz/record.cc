@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Options of a socket with any value, length and reach of user memory, rule records above all.
-#include "harness.h"
+#include "fixture_case.h"
 #include "module_fixture.h"
 
 void fuzz_case(fuzz::Input input)

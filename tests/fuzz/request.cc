@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Requests to both netlink families: any message, any attributes, any room for a dump's messages.
 #include "capture_fixture.h"
-#include "harness.h"
+#include "fixture_case.h"
 
 namespace {
 

@@ -266,6 +266,9 @@ void DenseTest::set_treatment(int id, u32 treatment)
 
 void DenseTest::set_location(int id, u32 where)
 {
+	for (u32 location : { rule_of(id).location, where })
+		if (const int library = contract::library(location); library >= 0)
+			changed.set(library);
 	EXPECT_EQ(socks[id]->set(PACKET_LOCATION, where), reference.set_location(id, where));
 }
 
@@ -425,6 +428,8 @@ void DenseTest::step()
 	const int id = below(socks.size());
 	if (!there(id))
 		return create(id);
+	if (const int library = contract::library(rule_of(id).location); library >= 0)
+		changed.set(library);
 	const u32 what = below(100);
 	if (what < 3) {
 		if (!shape.stray_keys)
@@ -483,21 +488,52 @@ void DenseTest::compare_sockets()
 	}
 }
 
-void DenseTest::compare()
+void DenseTest::compare_library(u32 where)
 {
-	for (u32 where = 1; where <= contract::kLibraries; where++) {
-		const packet_regular_lib *got = lib_of(where);
-		const oracle::Library &want = *reference.model.library(where);
-		if (!same_library(*got, want, owners)) {
-			ADD_FAILURE() << "location " << where;
-			EXPECT_EQ(text_of(*got, owners), text_of(want));
-		}
+	const packet_regular_lib *got = lib_of(where);
+	const oracle::Library &want = *reference.model.library(where);
+	if (!same_library(*got, want, owners)) {
+		ADD_FAILURE() << "location " << where;
+		EXPECT_EQ(text_of(*got, owners), text_of(want));
 	}
+}
+
+void DenseTest::compare_counters()
+{
 	EXPECT_EQ(counters(), reference.model.counters);
 	EXPECT_EQ(g_alloc_skb_num, reference.in_flight);
 	EXPECT_EQ(g_packet_thread_debug.alloc_skb_failed, reference.skb_failures);
 	EXPECT_EQ(g_packet_regular_data_alloc, g_packet_regular_data_free);
+}
+
+void DenseTest::compare()
+{
+	for (u32 where = 1; where <= contract::kLibraries; where++)
+		compare_library(where);
+	compare_counters();
 	compare_sockets();
+}
+
+void DenseTest::compare_changed()
+{
+	for (u32 where = 1; where <= contract::kLibraries; where++) {
+		if (!changed[contract::library(where)])
+			continue;
+		compare_library(where);
+		verify_index(lib_of(where));
+	}
+	changed.reset();
+	compare_counters();
+	compare_sockets();
+}
+
+void DenseTest::compare_everything()
+{
+	compare();
+	count_libraries();
+	for (u32 where = 1; where <= contract::kLibraries; where++)
+		verify_index(lib_of(where));
+	changed.reset();
 }
 
 void DenseTest::count_libraries()
@@ -539,15 +575,20 @@ void DenseTest::turn(int number, bool last)
 	for (int f = 0; f < shape.frames; f++)
 		frame();
 	tally.steps = number;
+	if (shape.changed_only && !last)
+		compare_changed();
+	else
+		check_behind(number, last);
+}
+
+void DenseTest::check_behind(int number, bool last)
+{
 	if (last || number % shape.compare_every == 0) {
 		for (int f = 0; f < shape.last_frames; f++)
 			frame();
-		compare();
-		count_libraries();
-		for (u32 where = 1; where <= contract::kLibraries; where++)
-			verify_index(lib_of(where));
+		compare_everything();
 	}
-	if (!shape.stray_keys && number % shape.verify_every == 0)
+	if (!shape.stray_keys && (number % shape.verify_every == 0 || shape.changed_only))
 		verify_all();
 	if (shape.stray_keys && number % 64 == 0) {
 		clean_stray_keys();
@@ -595,8 +636,11 @@ int DenseTest::replay(const Shape &given_shape, const uint8_t *bytes, size_t siz
 	rng.take_from(bytes, size);
 	prepare(given_shape);
 	int number = 0;
-	while (!rng.exhausted() && number < shape.steps)
-		turn(++number, false);
+	bool last = false;
+	while (!last) {
+		last = rng.exhausted() || ++number == shape.steps;
+		turn(number, last);
+	}
 	close_all();
 	return number;
 }

@@ -3,6 +3,7 @@
 // every type in every place, and frames aimed at a rule that miss it by one condition at most.
 #pragma once
 
+#include <bitset>
 #include <random>
 
 #include "library_compare.h"
@@ -23,6 +24,9 @@ protected:
 		u32 spread = 1;
 		int fashion = 100;    // steps with the same location and types crowded
 		bool failing = false; // one of thirty allocations of each cache
+		// Behind each step only the libraries that it can have changed are compared, and
+		// everything at the end.
+		bool changed_only = false;
 		// Data-less items of types with a value come first as well. Withdrawal does not
 		// find their keys again, so no rule may be released.
 		bool stray_keys = false;
@@ -66,6 +70,7 @@ private:
 
 	void prepare(const Shape &shape);
 	void turn(int number, bool last);
+	void check_behind(int number, bool last);
 	void close_all();
 
 	// One change each: the same to both sides.
@@ -91,6 +96,10 @@ private:
 	void count_offers(u32 location, const std::vector<int> &offered);
 
 	void compare();
+	void compare_changed();
+	void compare_everything();
+	void compare_library(u32 location);
+	void compare_counters();
 	void compare_sockets();
 	void compare_calls();
 	void count_libraries();
@@ -105,8 +114,9 @@ private:
 	std::map<u32, u32> interfaces; // words of the blocks, by index
 	std::vector<Fail> taken, asked;
 	std::map<Fail, u32> taken_count, asked_count;
-	std::vector<const void *> ready; // sockets whose data-ready callback ran
-	u32 home = 0;                    // the crowded location, and what is in fashion there
+	std::bitset<contract::kLibraries> changed; // libraries, since the last comparison
+	std::vector<const void *> ready;           // sockets whose data-ready callback ran
+	u32 home = 0; // the crowded location, and what is in fashion there
 	std::array<u32, 3> favourites{};
 	u32 fashions = 0;
 };

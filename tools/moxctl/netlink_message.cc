@@ -77,6 +77,16 @@ std::optional<std::uint8_t> command_of(const nlmsghdr *message)
 	return static_cast<const genlmsghdr *>(nlmsg_data(message))->cmd;
 }
 
+namespace {
+
+/** An errno as messages have it, negative; the least number has no positive one and stays. */
+int negated(std::int32_t error)
+{
+	return static_cast<int>(0u - static_cast<std::uint32_t>(error));
+}
+
+} // namespace
+
 std::optional<Acknowledgement> acknowledgement(const nlmsghdr *message, std::uint32_t sequence)
 {
 	if (message->nlmsg_seq != sequence)
@@ -86,7 +96,7 @@ std::optional<Acknowledgement> acknowledgement(const nlmsghdr *message, std::uin
 		if (nlmsg_datalen(message) < static_cast<int>(sizeof(error)))
 			return Acknowledgement{};
 		std::memcpy(&error, nlmsg_data(message), sizeof(error));
-		return Acknowledgement{ error < 0 ? -error : 0,
+		return Acknowledgement{ error < 0 ? negated(error) : 0,
 					extended_text(message, sizeof(error)) };
 	}
 	if (message->nlmsg_type != NLMSG_ERROR ||
@@ -98,7 +108,7 @@ std::optional<Acknowledgement> acknowledgement(const nlmsghdr *message, std::uin
 	if (!(message->nlmsg_flags & NLM_F_CAPPED) && answer->msg.nlmsg_len > NLMSG_HDRLEN)
 		fixed += std::min<std::size_t>(NLMSG_ALIGN(answer->msg.nlmsg_len) - NLMSG_HDRLEN,
 					       static_cast<std::size_t>(nlmsg_datalen(message)));
-	return Acknowledgement{ -answer->error, extended_text(message, fixed) };
+	return Acknowledgement{ negated(answer->error), extended_text(message, fixed) };
 }
 
 std::optional<std::uint16_t> find_family(NetlinkSocket &socket, const std::string &name,

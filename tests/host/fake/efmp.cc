@@ -11,7 +11,11 @@
 #include "kernel.h"
 #include "platform.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+// GCC defines the one, Clang has the other.
+#ifndef __has_feature
+#define __has_feature(name) 0
+#endif
+#if defined(__SANITIZE_ADDRESS__) || __has_feature(address_sanitizer)
 #include <sanitizer/asan_interface.h>
 #else
 #define ASAN_POISON_MEMORY_REGION(at, size) ((void)(at), (void)(size))

@@ -10,21 +10,26 @@ namespace oracle {
 
 class Choices {
 public:
-	void seed(uint64_t seed) { engine_.seed(seed); }
+	void seed(uint64_t seed)
+	{
+		is_seeded_ = true;
+		engine_.seed(seed);
+	}
 	// From then on the bytes decide, the first one first; they stay where they are. Behind the
 	// last one every choice is 0.
 	void take_from(const uint8_t *bytes, size_t size)
 	{
+		is_seeded_ = false;
 		bytes_ = bytes;
 		left_ = size;
 	}
-	bool exhausted() const { return bytes_ && left_ == 0; }
+	bool exhausted() const { return !is_seeded_ && left_ == 0; }
 
-	uint64_t operator()() { return bytes_ ? number(sizeof(uint64_t)) : engine_(); }
+	uint64_t operator()() { return is_seeded_ ? engine_() : number(sizeof(uint64_t)); }
 	// A number below n, which is not 0. Of bytes as few are used as n needs.
 	uint64_t below(uint64_t n)
 	{
-		if (!bytes_)
+		if (is_seeded_)
 			return engine_() % n;
 		size_t size = 1;
 		while (size < sizeof(uint64_t) && n > uint64_t{ 1 } << 8 * size)
@@ -41,6 +46,7 @@ private:
 		return value;
 	}
 
+	bool is_seeded_ = true;
 	std::mt19937_64 engine_;
 	const uint8_t *bytes_ = nullptr;
 	size_t left_ = 0;

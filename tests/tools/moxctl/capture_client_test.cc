@@ -4,6 +4,7 @@
 #include "expect_error.h"
 #include "fake_capture.h"
 
+#include <limits>
 #include <random>
 
 namespace {
@@ -176,6 +177,23 @@ TEST_F(Family, errors__at_the_end_of_a_dump)
 	};
 	expect_error<Failure>([this] { client().dump(MOX_CAPTURE_CMD_SOCKETS); },
 			      { "Cannot allocate memory", "(too many sockets)" });
+}
+
+TEST_F(Family, errors__a_number_that_has_no_positive_one)
+{
+	for (std::uint16_t type : { 2, 3 }) { // an acknowledgement, the end of a dump
+		netlink.on_capture = [&](const Bytes &datagram) {
+			std::uint32_t sequence;
+			std::memcpy(&sequence, datagram.data() + 8, sizeof(sequence));
+			Bytes body;
+			put<std::int32_t>(body, std::numeric_limits<std::int32_t>::min());
+			body.resize(4 + 16);
+			netlink.queue(
+				netlink_message(type, 0, sequence, FakeNetlink::own_port, body));
+		};
+		expect_error<Failure>([this] { client().dump(MOX_CAPTURE_CMD_SOCKETS); },
+				      { "Unknown error" });
+	}
 }
 
 TEST_F(Family, silence_ends_in_a_time_out)
