@@ -9,6 +9,8 @@ mac_of() { tr -d : <"/sys/class/net/$1/address"; }
 start() {
 	name=$1
 	shift
+	# Read from now on, even if the process is not yet running.
+	: >"$work/$name.log"
 	"$@" >"$work/$name.log" 2>&1 &
 	echo $! >"$work/$name.pid"
 	helpers="$helpers $!"
