@@ -85,22 +85,23 @@ std::vector<Bytes> CaptureAttributes::all(int type) const
 	return all;
 }
 
-bool is_dump(mox_capture_cmd command)
+enum class How { IS_DO, IS_DUMP, IS_EVENT };
+
+static How how_of(uint8_t command)
 {
 	switch (command) {
-#define IS_DO false
-#define IS_DUMP true
-#define IS_EVENT false
 #define ROW(name, number, how, ...)  \
 	case MOX_CAPTURE_CMD_##name: \
-		return IS_##how;
+		return How::IS_##how;
 		MOX_CAPTURE_CMD_TABLE(ROW)
 #undef ROW
-#undef IS_DO
-#undef IS_DUMP
-#undef IS_EVENT
 	}
-	return false;
+	return How::IS_DO;
+}
+
+bool is_dump(mox_capture_cmd command)
+{
+	return how_of(uint8_t(command)) == How::IS_DUMP;
 }
 
 CaptureReply capture_request(mox_capture_cmd command, const Bytes &attributes, GenlSocket *socket)
@@ -112,7 +113,9 @@ CaptureReply capture_request(mox_capture_cmd command, const Bytes &attributes, G
 	::setsockopt(asker.fd(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on);
 	CaptureReply reply;
 	GenlMessage message;
-	message.type = genl_family_id(asker, MOX_CAPTURE_NAME);
+	// Not by the asker: records of its trace may be queued there before the answer.
+	GenlSocket other;
+	message.type = genl_family_id(other, MOX_CAPTURE_NAME);
 	if (message.type == 0)
 		throw std::runtime_error("no family " MOX_CAPTURE_NAME);
 	message.flags = NLM_F_REQUEST | (is_dump(command) ? NLM_F_DUMP : NLM_F_ACK);
@@ -141,6 +144,9 @@ CaptureReply capture_request(mox_capture_cmd command, const Bytes &attributes, G
 					      : 0;
 			return reply;
 		default:
+			// A trace goes on until its end is acknowledged.
+			if (how_of(next->bytes.at(NLMSG_HDRLEN)) == How::IS_EVENT)
+				continue;
 			EXPECT_EQ(next->bytes.at(NLMSG_HDRLEN), command) << name_of(command);
 			reply.messages.emplace_back(next->bytes, NLMSG_HDRLEN + GENL_HDRLEN);
 		}

@@ -77,4 +77,18 @@ unsigned FailNth::disarm()
 	return left;
 }
 
+AllocationsFail::AllocationsFail()
+	: fd_(::open("/proc/thread-self/make-it-fail", O_RDWR | O_CLOEXEC))
+{
+	if (fd_ < 0 || ::pwrite(fd_, "1", 1, 0) != 1)
+		throw std::runtime_error("make-it-fail");
+}
+
+AllocationsFail::~AllocationsFail()
+{
+	while (::pwrite(fd_, "0", 1, 0) != 1)
+		std::perror("make-it-fail");
+	::close(fd_);
+}
+
 } // namespace vm

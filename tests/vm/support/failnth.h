@@ -29,6 +29,18 @@ private:
 	int fd_;
 };
 
+/// While it exists, allocations of the calling thread fail as the kernel's failslab draws them.
+class AllocationsFail {
+public:
+	AllocationsFail();
+	~AllocationsFail();
+	AllocationsFail(const AllocationsFail &) = delete;
+
+private:
+	/// Open from the start: with failing allocations it might not open any more.
+	int fd_;
+};
+
 /// Runs call() with its first, its second, ... allocation failing, and after() behind each, until one run hits no
 /// failure any more. The number of failures injected; -1 when that never came to an end.
 template <class Call, class After>

@@ -4,20 +4,20 @@
 
 #include <cctype>
 
-#include <sched.h>
+#include <pthread.h>
 
 #include "support/module.h"
 
 namespace vm {
 
-void pin(int cpu)
+void pin(int cpu, pthread_t thread)
 {
 	cpu_set_t set;
 	CPU_ZERO(&set);
 	for (int i = 0; i < 4; ++i)
 		if (cpu < 0 || cpu == i)
 			CPU_SET(i, &set);
-	ASSERT_EQ(sched_setaffinity(0, sizeof set, &set), 0);
+	ASSERT_EQ(pthread_setaffinity_np(thread, sizeof set, &set), 0);
 }
 
 DebugOn::DebugOn()

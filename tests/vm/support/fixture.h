@@ -3,6 +3,7 @@
 // misuse of the platform.
 #pragma once
 
+#include <pthread.h>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -16,8 +17,8 @@
 
 namespace vm {
 
-/// Pins the calling thread to one CPU; -1 gives all four back.
-void pin(int cpu);
+/// Pins a thread, by default the calling one, to one CPU; -1 gives all four back.
+void pin(int cpu, pthread_t thread = pthread_self());
 
 /// The module's debug lines of byte 0 of mox_packet_debug, switched on for the life of the object.
 class DebugOn {

@@ -12,13 +12,13 @@ namespace vm {
 void Unrest::run(int cpu, unsigned pause, std::function<void(std::minstd_rand &)> work)
 {
 	threads_.emplace_back(
-		[this, cpu, pause, work = std::move(work), number = unsigned(threads_.size())] {
-			pin(cpu);
+		[this, pause, work = std::move(work), number = unsigned(threads_.size())] {
 			std::minstd_rand random(seed_ + number);
 			for (; !stop_; std::this_thread::sleep_for(
 				     std::chrono::microseconds(random() % (pause * 1000))))
 				work(random);
 		});
+	pin(cpu, threads_.back().native_handle());
 }
 
 void Unrest::stop()
