@@ -5,15 +5,16 @@ ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 # LAB_BUILD moves everything the lab makes to another place (a bigger disk, a directory that CI keeps).
 BUILD=${LAB_BUILD:-$ROOT/build}
 # LAB_TOOLCHAIN chooses what compiles kernel and modules: gcc-11 and the like are other versions of the soft-float GCC,
-# gnueabihf is the hard-float one, llvm is clang with LLVM's own tools.
+# gnueabihf is the hard-float one, llvm and llvm-16 and the like are clang with LLVM's own tools.
 CROSS=arm-linux-gnueabi- TOOLCHAIN_CC=arm-linux-gnueabi-gcc TOOLCHAIN_ARGS=()
 case ${LAB_TOOLCHAIN:-} in
 '') ;;
 gcc-*) TOOLCHAIN_CC=arm-linux-gnueabi-$LAB_TOOLCHAIN TOOLCHAIN_ARGS=("CC=$TOOLCHAIN_CC") ;;
 gnueabihf) CROSS=arm-linux-gnueabihf- TOOLCHAIN_CC=arm-linux-gnueabihf-gcc ;;
 llvm) TOOLCHAIN_CC=clang TOOLCHAIN_ARGS=(LLVM=1) ;;
+llvm-*) TOOLCHAIN_CC=clang-${LAB_TOOLCHAIN#llvm-} TOOLCHAIN_ARGS=("LLVM=-${LAB_TOOLCHAIN#llvm-}") ;;
 *)
-	printf "lab: error: no toolchain '%s'\n     LAB_TOOLCHAIN is gcc-VERSION, gnueabihf or llvm; without it arm-linux-gnueabi-gcc compiles\n" \
+	printf "lab: error: no toolchain '%s'\n     LAB_TOOLCHAIN is gcc-VERSION, gnueabihf, llvm or llvm-VERSION; without it arm-linux-gnueabi-gcc compiles\n" \
 		"$LAB_TOOLCHAIN" >&2
 	exit 1
 	;;

@@ -4,6 +4,12 @@
 PASSED=0
 FAILED=0
 SUMMARY=()
+COUNTED=$SECONDS # when the last line of SUMMARY was added
+# summarise NAME TEXT: a line of SUMMARY, with the time since the one before.
+summarise() {
+	SUMMARY+=("$(printf '%-28s %6s  %s' "$1" "$(mmss $((SECONDS - COUNTED)))" "$2")")
+	COUNTED=$SECONDS
+}
 
 # account NAME STATUS LOG ALLOW_NONE: adds what LOG's last line counts. A suite that ends badly without a failed test,
 # or without a count, is one failure; one without any test too, unless ALLOW_NONE (a filter may match nothing).
@@ -20,5 +26,5 @@ account() {
 		last="no result (status $status)"
 	fi
 	PASSED=$((PASSED + p)) FAILED=$((FAILED + f))
-	SUMMARY+=("$(printf '%-28s %s' "$name" "$last")")
+	summarise "$name" "$last"
 }
