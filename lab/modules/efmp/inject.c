@@ -4,6 +4,7 @@
  * point of the pipeline on one CPU.
  */
 #include <linux/completion.h>
+#include <linux/cpu.h>
 #include <linux/cpumask.h>
 #include <linux/if_ether.h>
 #include <linux/interrupt.h>
@@ -242,6 +243,18 @@ static long inject_here(void *data)
 	return 0;
 }
 
+/* On a CPU that stays online meanwhile: -ENODEV when it is not. */
+static long inject_there(struct job *job)
+{
+	long err = -ENODEV;
+
+	cpus_read_lock();
+	if (cpu_online(job->in->cpu))
+		err = work_on_cpu(job->in->cpu, inject_here, job);
+	cpus_read_unlock();
+	return err;
+}
+
 static int run_all(struct job *job)
 {
 	struct moxlab_inject *in = job->in;
@@ -254,7 +267,7 @@ static int run_all(struct job *job)
 		if (in->cpu == MOXLAB_ANY_CPU)
 			err = inject_here(job);
 		else
-			err = work_on_cpu_safe(in->cpu, inject_here, job);
+			err = inject_there(job);
 		if (left && signal_pending(current))
 			return -EINTR;
 		cond_resched();

@@ -10,6 +10,7 @@
 #include <linux/mutex.h>
 #include <linux/ptrace.h>
 #include <linux/string.h>
+#include "compat.h"
 #include "efmp.h"
 
 #define PERIOD_MIN 10000
@@ -77,8 +78,7 @@ static int start(u32 period_ns)
 	memset(&seen, 0, sizeof(seen));
 	period = ns_to_ktime(period_ns);
 	tasklet_init(&tasklet, tock, 0);
-	hrtimer_init(&timer, CLOCK_MONOTONIC, HRTIMER_MODE_REL_PINNED);
-	timer.function = tick;
+	efmp_hrtimer_setup(&timer, tick);
 	started = true;
 	hrtimer_start(&timer, period, HRTIMER_MODE_REL_PINNED);
 	return 0;

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "contract/control.h"
@@ -22,6 +23,21 @@
 #include "support/lab.h"
 
 namespace fuzz {
+
+// The system calls themselves. The C library reads the values of some options itself, for kernels without their 64-bit
+// forms, and would fault where the kernel answers EFAULT.
+static long set_option(int fd, int level, int name, const void *value, socklen_t length)
+{
+	return ::syscall(SYS_setsockopt, fd, level, name, value, length);
+}
+static long get_option(int fd, int level, int name, void *value, socklen_t *length)
+{
+	return ::syscall(SYS_getsockopt, fd, level, name, value, length);
+}
+static long io_control(int fd, unsigned long request, void *value)
+{
+	return ::syscall(SYS_ioctl, fd, request, value);
+}
 
 Window::Window()
 {
@@ -164,8 +180,8 @@ void Player::rule(Input &input)
 		byte = how % 4 ? few[input.below(std::size(few))] : input.byte();
 	const Bytes record = rule.record();
 	const uint32_t length = how >= 224 ? input.number<uint16_t>() : uint32_t(record.size());
-	::setsockopt(to, MOX_SOL_PACKET, how % 4 ? MOX_PACKET_ADD_RULE : MOX_PACKET_DEL_RULE,
-		     pointer(input, record), length);
+	set_option(to, MOX_SOL_PACKET, how % 4 ? MOX_PACKET_ADD_RULE : MOX_PACKET_DEL_RULE,
+		   pointer(input, record), length);
 }
 
 void Player::where_and_how(Input &input)
@@ -176,7 +192,7 @@ void Player::where_and_how(Input &input)
 	const int option = which < 96    ? PACKET_LOCATION
 			   : which < 192 ? PACKET_TREATMENT
 					 : PACKET_CTRL_INFO;
-	::setsockopt(to, MOX_SOL_PACKET, option, pointer(input, vm::le32(value)), 4);
+	set_option(to, MOX_SOL_PACKET, option, pointer(input, vm::le32(value)), 4);
 }
 
 void Player::option(Input &input)
@@ -188,14 +204,14 @@ void Player::option(Input &input)
 	};
 	const sock_fprog program{ 4, accept };
 	if (how < 48) {
-		::setsockopt(to, SOL_SOCKET, how % 4 ? SO_ATTACH_FILTER : SO_DETACH_FILTER,
-			     &program, sizeof program);
+		set_option(to, SOL_SOCKET, how % 4 ? SO_ATTACH_FILTER : SO_DETACH_FILTER, &program,
+			   sizeof program);
 		return;
 	}
 	const Bytes value = input.bytes(how < 200 ? 4 : input.byte());
 	const int level = how < 128 ? SOL_SOCKET : how < 250 ? MOX_SOL_PACKET : input.byte();
 	const int name = input.byte() % 80;
-	::setsockopt(to, level, name, pointer(input, value), socklen_t(value.size()));
+	set_option(to, level, name, pointer(input, value), socklen_t(value.size()));
 }
 
 void Player::read_option(Input &input)
@@ -204,7 +220,7 @@ void Player::read_option(Input &input)
 	socklen_t length = how < 128 ? 8 : how < 240 ? input.byte() : input.number<uint32_t>();
 	const int level = how % 4 ? MOX_SOL_PACKET : SOL_SOCKET;
 	const int name = how % 2 ? MOX_PACKET_STATISTICS : input.byte() % 80;
-	::getsockopt(fd(input), level, name, window_.room(how % 32), &length);
+	get_option(fd(input), level, name, window_.room(how % 32), &length);
 }
 
 void Player::bind(Input &input)
@@ -309,11 +325,14 @@ void Player::other(Input &input)
 		::shutdown(one, how % 3);
 		break;
 	case 6:
-		::ioctl(one, how & 16 ? FIONREAD : TIOCOUTQ, how & 32 ? &word : nullptr);
+		io_control(one, how & 16 ? FIONREAD : TIOCOUTQ, how & 32 ? &word : nullptr);
 		break;
-	case 7:
-		::ioctl(one, 0x8900ul | input.byte(), &address);
+	case 7: {
+		// Some of these write a struct ifreq, and others follow its pointers, which are null.
+		alignas(8) uint8_t request[256] = {};
+		io_control(one, 0x8900ul | input.byte(), request);
 		break;
+	}
 	case 8: {
 		pollfd waiting{ one, short(input.byte()), 0 };
 		::poll(&waiting, 1, 0);

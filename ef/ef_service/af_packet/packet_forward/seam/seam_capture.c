@@ -230,7 +230,7 @@ void seam_sock_identify(struct sock *sk, struct seam_sock_identity *identity)
 {
 	identity->cookie = seam_sk_cookie(sk);
 	identity->inode = sock_i_ino(sk);
-	identity->uid = from_kuid_munged(&init_user_ns, sock_i_uid(sk));
+	identity->uid = from_kuid_munged(&init_user_ns, seam_compat_user(sk));
 	identity->netns = sock_net(sk)->ns.inum;
 	identity->type = sk->sk_type;
 	identity->rcvbuf = READ_ONCE(sk->sk_rcvbuf);

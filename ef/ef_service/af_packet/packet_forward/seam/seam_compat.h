@@ -6,6 +6,7 @@
 #ifndef SEAM_COMPAT_H
 #define SEAM_COMPAT_H
 
+#include <linux/filter.h>
 #include <linux/version.h>
 #include <net/sock.h>
 
@@ -132,5 +133,27 @@
 #else
 #define seam_compat_dump_extack(cb) NULL
 #endif
+
+/* The socket filter says why it dropped a buffer since 6.17. */
+static inline int seam_compat_filter(struct sock *sk, struct sk_buff *skb, unsigned int cap)
+{
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 17, 0)
+	enum skb_drop_reason reason;
+
+	return sk_filter_trim_cap(sk, skb, cap, &reason);
+#else
+	return sk_filter_trim_cap(sk, skb, cap);
+#endif
+}
+
+/* A socket's user is read without a lock since 6.17. */
+static inline kuid_t seam_compat_user(struct sock *sk)
+{
+#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 17, 0)
+	return sk_uid(sk);
+#else
+	return sock_i_uid(sk);
+#endif
+}
 
 #endif

@@ -74,7 +74,7 @@ int seam_diag_put(struct sk_buff *skb, struct netlink_callback *cb,
 			.pdi_flags = socket->running ? PDI_RUNNING : 0,
 		};
 		const u32 uid = from_kuid_munged(sk_user_ns(NETLINK_CB(cb->skb).sk),
-						 sock_i_uid(sk));
+						 seam_compat_user(sk));
 
 		if (nla_put(skb, PACKET_DIAG_INFO, sizeof(info), &info) ||
 		    nla_put_u32(skb, PACKET_DIAG_UID, uid))

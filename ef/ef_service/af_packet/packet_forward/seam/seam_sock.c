@@ -152,7 +152,7 @@ int seam_sock_get_timestampns(struct sock *sk, void *user_to)
 
 int seam_sk_filter_trim_cap(struct sock *sk, struct sk_buff *skb, u32 cap)
 {
-	return sk_filter_trim_cap(sk, skb, cap);
+	return seam_compat_filter(sk, skb, cap);
 }
 
 struct sk_buff *seam_recv_datagram(struct sock *sk, int flags, int *error)
