@@ -73,10 +73,10 @@ const Player::Call Player::kTable[] = {
 };
 const size_t Player::kTableSize = std::size(kTable);
 
-Player::Player(const Families &families, bool fails) : families_(families), may_fail_(fails)
+Player::Player(const Families &families, bool operates) : families_(families), operates_(operates)
 {
 	sockets_.fill(-1);
-	if (may_fail_)
+	if (operates_ && vm::can_inject_failures())
 		injector_.emplace();
 }
 
@@ -95,7 +95,7 @@ void Player::rest()
 	for (int &one : sockets_)
 		if (int was = std::exchange(one, -1); was >= 0)
 			::close(was);
-	if (may_fail_ && genl_)
+	if (operates_ && genl_)
 		lift_switches();
 	genl_.reset();
 }

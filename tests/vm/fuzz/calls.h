@@ -46,8 +46,9 @@ private:
 /// Plays cases in the calling process. Nothing of a case is left when play() returns.
 class Player {
 public:
-	/// fails: the process may make its own allocations fail (CAP_SYS_RESOURCE).
-	Player(const Families &families, bool fails);
+	/// operates: the process has an operator's capabilities, and may make its own allocations fail
+	/// where the kernel can.
+	Player(const Families &families, bool operates);
 
 	void play(Input input);
 	/// What ends a case, for one that an exception has ended.
@@ -88,7 +89,7 @@ private:
 	void lift_switches();
 
 	Families families_;
-	bool may_fail_;
+	bool operates_;
 	Window window_;
 	std::array<int, kSockets> sockets_;
 	std::unique_ptr<vm::GenlSocket> genl_;
