@@ -88,7 +88,8 @@ TEST_P(RuleChanges, no_taken_frame_is_lost)
 	std::thread traffic([&] {
 		pin(kFrameCpu);
 		for (uint32_t sent = 0;
-		     sent < kMostFrames && (sent < kFrames || changes < kChangesMeanwhile);
+		     sent < kMostFrames &&
+		     (sent < kFrames || changes < kChangesMeanwhile || taken <= kFrames / 10);
 		     sent += kPortion) {
 			while (lab::books().live - before_.live > kHeld)
 				::usleep(500);
