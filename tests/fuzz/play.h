@@ -48,6 +48,7 @@ private:
 	void set_location(int id);
 	void add_rule(int id);
 	void del_rule(int id);
+	void crowd(int id);
 	void bind(int id);
 	void receive(int id);
 	void send(int id);
@@ -63,7 +64,8 @@ private:
 	void trace(int);
 	void diagnose(int);
 	void service(int);
-	void do_capture(u8 command, const Bytes &attributes);
+	void surroundings(int);
+	void do_capture(u8 command, const Bytes &attributes, u32 client = kClient);
 
 	Bytes element(u32 type);
 	void learn(int id);
@@ -72,7 +74,7 @@ private:
 
 	const Action &chosen();
 
-	static const Action kActions[20];
+	static const Action kActions[22];
 
 	oracle::Choices rng_;
 	std::vector<std::unique_ptr<Sock>> socks_;
@@ -83,6 +85,7 @@ private:
 	int depth_ = 0;
 	u32 until_other_ = 0; // points before another CPU acts; 0: none does
 	u32 until_failure_ = 0;
+	u32 until_signal_ = 0; // points before a fatal signal for the call
 	bool compares_each_ = true;
 	const bool shown_ = getenv("MOX_FUZZ_STEPS") != nullptr;
 	RestCheck check_;
