@@ -40,10 +40,15 @@ public:
 		if (watched & 8)
 			services(input.byte());
 		if (watched & 16)
-			fake::max_backlog = static_cast<int8_t>(input.byte());
-		const u32 repeats = watched & 32 ? 1u + input.below(8) : 1;
+			fake::max_backlog = static_cast<int8_t>(input.byte()) * (watched & 1 ? 64 : 1);
+		if (watched & 128)
+			age();
+		const u32 repeats = watched & 32 ? repeats_of(input.byte()) : 1;
 		for (u32 n = 0; n < repeats; n++)
 			hook(input.byte());
+		// A signal to the thread, which nothing sends, and a second look.
+		if (watched & 128)
+			kernel().wait_script = { [] { return -ERESTART; } };
 		kernel().run_thread();
 		receive_all();
 		fake::max_backlog = fake::kBacklogDefault;
@@ -96,6 +101,25 @@ private:
 		const Bytes attributes = fuzz::trace_of(input, frame_, location_);
 		mox_capture_do(MOX_CAPTURE_CMD_TRACE_START, exact(attributes).get(),
 			       attributes.size(), &request);
+	}
+
+	// Few mostly; hardly ever more than the copy thread delivers in one go.
+	static u32 repeats_of(u8 how)
+	{
+		return how == 255 ? 1100 : how > 240 ? 34 : 1 + how % 8;
+	}
+
+	// Hooks and delivery have counted for long: the lower words are about to overflow.
+	static void age()
+	{
+		for (int cpu = 0; cpu < kernel().cpu_ids; cpu++)
+			for (int number = 0; number < CPU_QUEUES; number++) {
+				hook_ledger &hook = kernel().hook_cpus[cpu].hooks[number];
+				delivery_ledger &behind = kernel().hook_cpus[cpu].delivered[number];
+				for (mox_total *total : { &hook.seen, &hook.wanted, &hook.cloned,
+							  &behind.kept, &behind.offers })
+					total->low = ~1u;
+			}
 	}
 
 	void services(u8 which)

@@ -68,6 +68,7 @@ private:
 	void do_capture(u8 command, const Bytes &attributes, u32 client = kClient);
 
 	Bytes element(u32 type);
+	const HookTraits &hook_for(int id);
 	void learn(int id);
 	void receive_request(const Bytes &record);
 	void compare_answer(const HookTraits &hook, const Bytes &content);

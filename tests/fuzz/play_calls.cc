@@ -259,6 +259,18 @@ void Play::look(int id)
 	}
 }
 
+// Of the socket's location mostly, where its rule is.
+const HookTraits &Play::hook_for(int id)
+{
+	const u32 other = below(16);
+	if (other < contract::kHookIds)
+		return kHooks[other];
+	const u32 where = there(id) ? socks_[id]->po().regular.location : 0;
+	if (where == 0 || where > PACKET_LEV3_RESV_LOC)
+		return kHooks[contract::kLev2Hook];
+	return kHooks[where > PACKET_WLAN_LOC ? u32(contract::kResvHook) : where - 1];
+}
+
 // A frame that satisfies a rule, or misses it by one condition.
 void Play::frame(int id)
 {
@@ -272,7 +284,7 @@ void Play::frame(int id)
 	Bytes bytes = aimed.bytes();
 	if (aimed.meta.l2_len == 0)
 		bytes.erase(bytes.begin(), bytes.begin() + oracle::AimedFrame::kL2Len);
-	const HookTraits &h = kHooks[below(contract::kHookIds)];
+	const HookTraits &h = hook_for(id);
 	const Bytes content = oracle::efbuff(aimed.meta, bytes);
 	if (depth_ > 1 || until_other_ || until_failure_ || pkt_rnfp || pkt_rnfp_wlan) {
 		void *efbuff = efmp().efbuff(content);

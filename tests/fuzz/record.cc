@@ -43,6 +43,15 @@ private:
 		const int type = how & 2 ? kDgram : how & 4 ? input.byte() : kRaw;
 		s.create(type, how & 8 ? input.number<u16>() : 0,
 			 how & 16 ? &other_ns : &fake::init_net());
+		if (s.sk && !(how & 32))
+			capture_all(s);
+	}
+
+	void capture_all(Sock &s)
+	{
+		s.add(PACKET_ALL);
+		s.set(PACKET_TREATMENT, PACKET_COPY);
+		s.set(PACKET_LOCATION, PACKET_LEV2_LOC);
 	}
 
 	void call(fuzz::Input &input)
@@ -66,6 +75,11 @@ private:
 		case 4:
 			frame(PACKET_LEV2_LOC, {}, input.bytes(input.byte()));
 			return;
+		case 8:
+			if (what & 16)
+				return too_long(input, s);
+			frame(PACKET_LEV2_LOC, {}, Bytes(what / 2));
+			return receive(input, s);
 		case 5:
 			return hook(input.byte());
 		case 6:
@@ -123,6 +137,19 @@ private:
 		mox_packet_setsockopt(&s.socket, level, option, &at, static_cast<u32>(length));
 	}
 
+	// More than any record has: what lies behind has to be there, and is not looked at.
+	static void too_long(fuzz::Input &input, Sock &s)
+	{
+		constexpr size_t kLongest = 6 + 65535 * 6;
+		const u16 type = u16(input.below(contract::kTypes)), count = input.byte();
+		Bytes record(kLongest + 1000 * size_t{ input.byte() });
+		memcpy(&record[0], &type, 2);
+		memcpy(&record[4], &count, 2);
+		const u8 short_by = input.byte();
+		s.setsockopt(MOX_PACKET_ADD_RULE, record, MOX_SOL_PACKET, -1,
+			     short_by & 1 ? record.size() - short_by : SIZE_MAX);
+	}
+
 	// A rule of many values, of which some are there already.
 	static void crowd(fuzz::Input &input, Sock &s)
 	{
@@ -168,7 +195,7 @@ private:
 		if (!(how & 2))
 			address[5] = address[6] = address[7] = 0;
 		if (!(how & 4))
-			address[4] = how & 8 ? 7 : 0;
+			address[4] = how & 8 ? 0 : 7;
 		mox_packet_bind(&s.socket, reinterpret_cast<sockaddr *>(address.data()),
 				how & 16 ? int(int8_t(input.byte())) : 20);
 	}

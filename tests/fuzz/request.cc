@@ -124,6 +124,11 @@ private:
 		case 6:
 			return file(input.byte());
 		default:
+			if (what == 255) {
+				ask_one(MOX_CAPTURE_CMD_RESTRICT,
+					attribute(MOX_CAPTURE_REQUEST_RESTRICT, input.byte()));
+				return;
+			}
 			ask_one(what & 128 ? what : MOX_CAPTURE_CMD_INFO + what / 8 % 14,
 				attributes(input));
 		}
@@ -132,7 +137,7 @@ private:
 	static Bytes body(fuzz::Input &input, u16 type)
 	{
 		if (type == MOX_MSG_DEBUG)
-			return debug_body(input.byte(), input.byte());
+			return debug_body(input.byte() % (MOX_DEBUG_HOOK_ALL + 2), input.byte());
 		if (type == MOX_MSG_FILTER) {
 			Bytes filter = Bytes{ u8(input.below(2)), 0, 0, 0 } +
 				       u32_bytes(input.number<u16>());

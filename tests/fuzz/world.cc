@@ -58,9 +58,10 @@ World::World(Input &input)
 	}
 	if (what & 32) {
 		failing_ = static_cast<Fail>(input.below(static_cast<unsigned>(Fail::kCount)));
-		fails_after_ = input.byte();
-		failures_ = fails_after_ & 128 ? ~0u : 1;
-		fails_after_ &= 127;
+		// The first ones mostly; one, or all from then on.
+		const uint8_t after = input.byte();
+		fails_after_ = after % 8 * (after & 8 ? 8 : 1);
+		failures_ = after & 128 ? ~0u : 1;
 		k.fault = [this](Fail call) { return fails(call); };
 	}
 }
