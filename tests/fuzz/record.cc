@@ -76,7 +76,7 @@ private:
 			frame(PACKET_LEV2_LOC, {}, input.bytes(input.byte()));
 			return;
 		case 8:
-			if (what & 16)
+			if ((what & 112) == 112)
 				return too_long(input, s);
 			frame(PACKET_LEV2_LOC, {}, Bytes(what / 2));
 			return receive(input, s);
@@ -157,14 +157,14 @@ private:
 				      PACKET_SRC_INTF_EQUAL, PACKET_ETH_PROT_EQUAL };
 		const u32 type = types[input.below(std::size(types))];
 		const u32 width = contract::width(type);
-		const u16 count = static_cast<u16>(4 * input.byte());
-		const u8 first = input.byte(), step = input.byte();
+		const u8 how = input.byte(), first = input.byte(), step = input.byte();
+		// Few cases have as many as take long.
+		const u16 count = static_cast<u16>(input.byte() * (how >= 248 ? 4 : 1));
 		Bytes elements(size_t{ count } * width);
 		u16 value = first;
 
 		for (size_t at = 0; at < elements.size(); at += width, value += step)
 			memcpy(&elements[at], &value, sizeof value);
-		const u8 how = input.byte();
 		s.rule(!(how & 1), static_cast<u16>(type), count, elements);
 	}
 

@@ -16,18 +16,18 @@ public:
 		const u8 how = input.byte();
 		for (u32 i = 0; i < std::size(socks_); i++)
 			socks_[i].capture(PACKET_LEV2_LOC + i % 2, PACKET_COPY + i % 3);
-		if (how & 1)
+		if (how % 4 == 1)
 			crowd(input);
 		if (how & 2)
 			leave_in_queues();
 		// More than a report, a dump or a listing looks at in one go.
-		std::vector<std::unique_ptr<Sock>> many((how & 24) == 24 ? 257 : how & 8 ? 65 : 0);
+		std::vector<std::unique_ptr<Sock>> many(how >= 252 ? 257 : how >= 240 ? 65 : 0);
 		for (auto &sock : many) {
 			sock = std::make_unique<Sock>();
-			if (how & 32)
+			if (how & 1)
 				sock->capture(PACKET_LEV2_LOC, PACKET_COPY);
 			else
-				sock->create(kRaw, 0, how & 64 ? &other_ns : &fake::init_net());
+				sock->create(kRaw, 0, how & 2 ? &other_ns : &fake::init_net());
 		}
 		fuzz::World world(input);
 		if (how & 4)
