@@ -84,6 +84,8 @@ private:
 		some_.sk->stamped = all_.sk->stamped = socket & 8;
 		mox_packet_poll(&all_.socket);
 		kernel().need_resched = socket & 16;
+		if (socket >= 224 && socket & 2)
+			kernel().fault = [](Fail call) { return call == Fail::kSkbTrim; };
 		if (socket & 32)
 			all_.set(PACKET_CTRL_INFO, 1);
 		for (u32 n = 2; socket > 248 && n < std::size(socks_); n++)
@@ -112,6 +114,7 @@ private:
 	// Hooks and delivery have counted for long: the lower words are about to overflow.
 	static void age()
 	{
+		kernel().monotonic_ns = 0;
 		for (int cpu = 0; cpu < kernel().cpu_ids; cpu++)
 			for (int number = 0; number < CPU_QUEUES; number++) {
 				hook_ledger &hook = kernel().hook_cpus[cpu].hooks[number];

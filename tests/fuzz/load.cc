@@ -68,6 +68,10 @@ private:
 		if (what % 8 == 5) {
 			EXPECT_EQ(mox_packet_thread_had_init() != 0, unit_up(5));
 			EXPECT_EQ(mox_packet_family_had_init() != 0, unit_up(4));
+			if (loaded_) {
+				mox_packet_thread_active(what / 8);
+				kernel().run_thread();
+			}
 			return;
 		}
 		// Of a module that is not up, or whose units are up once more.

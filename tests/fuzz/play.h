@@ -56,7 +56,7 @@ private:
 	void option(int id);
 	void look(int id);
 	void frame(int id);
-	void deliver(int);
+	void deliver(int id);
 	void reload(int);
 	// play_operator.cc: what others do.
 	void request(int);

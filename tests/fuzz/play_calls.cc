@@ -318,11 +318,13 @@ void Play::compare_answer(const HookTraits &h, const Bytes &content)
 		efmp().drop(efbuff);
 }
 
-// The copy thread, until it would sleep.
-void Play::deliver(int)
+// The copy thread, until it would sleep; a few frames first.
+void Play::deliver(int id)
 {
 	if (delivering_)
 		return;
+	for (u32 frames = below(4); frames != 0; frames--)
+		frame(id);
 	delivering_ = true;
 	kernel().run_thread();
 	delivering_ = false;

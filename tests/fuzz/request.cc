@@ -5,6 +5,7 @@
 #include "control/diag.hpp"
 #include "fixture_case.h"
 #include "frame_bytes.h"
+#include "rules/print.hpp"
 #include "world.h"
 
 namespace {
@@ -119,6 +120,8 @@ private:
 		case 4:
 			return diagnose(input);
 		case 5:
+			if (what & 16)
+				return direct(input);
 			mox_capture_client_gone(what & 8 ? kClient : 1);
 			return;
 		case 6:
@@ -168,6 +171,33 @@ private:
 		}
 		receive(message(record(type, content), how % 16 == 12 ? input.number<u16>() : -1,
 				how % 16 == 8 ? input.number<u16>() : -1));
+	}
+
+	// What the units offer each other, with numbers that their callers check.
+	static void direct(fuzz::Input &input)
+	{
+		const u8 what = input.byte(), number = input.byte();
+		const u32 body[2] = { number, what };
+		const u8 value[REGULAR_VALUE_SIZE] = { number, what };
+
+		switch (what % 8) {
+		case 0:
+			(void)mox_packet_dereg_msg_deal(body);
+			return;
+		case 1:
+			return mox_packet_show_regular(number);
+		case 2:
+			return mox_packet_show_cpu_queue(number);
+		case 3:
+			return mox_packet_show_regular_spec(
+				what & 8 ? MOX_MSG_SHOW_NAME : MOX_MSG_SHOW_PID, number % 16,
+				what & 16 ? kernel().comm.c_str() : nullptr,
+				what & 32 ? kernel().pid : 0);
+		case 4:
+			return mox_packet_dump_regular_type(number);
+		default:
+			return mox_packet_dump_regular_data(number, value);
+		}
 	}
 
 	// Attributes of the right length mostly, with values that sockets here have.
