@@ -40,7 +40,8 @@ World::World(Input &input)
 		k.net_raw = caps & 2;
 		mox::restriction_set(caps & 4);
 		const char *const places[] = { "/root", "/data/var/run/vsd/3",
-					       "/data/var/run/vsd/-3", "/data/var/run/vsd/0" };
+					       "/data/var/run/vsd/4000000000",
+				       "/data/var/run/vsd/0" };
 		k.cwd = places[caps / 8 % 4];
 		k.cwd_renders = !(caps & 32);
 	}
