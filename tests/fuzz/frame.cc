@@ -25,13 +25,14 @@ public:
 	void play(fuzz::Input &input)
 	{
 		fuzz::World world(input);
-		location_ = 1 + input.below(8);
+		const u8 from = input.byte();
+		location_ = 1 + from % 8;
 		const bool capturing = location_ != 5 && location_ != 6;
 		if (capturing)
 			open(input);
 		const u8 watched = input.byte();
 		frame_ = fuzz::any_frame(input);
-		frame_.meta.source = port;
+		frame_.meta.source = from & 128 ? 0 : port;
 		frame_.meta.dest = watched & 64 ? port : 0;
 		if (watched & 1)
 			receive(message(record(MOX_MSG_FILTER, fuzz::filter_on(input, frame_))));
@@ -40,7 +41,8 @@ public:
 		if (watched & 8)
 			services(input.byte());
 		if (watched & 16)
-			fake::max_backlog = static_cast<int8_t>(input.byte()) * (watched & 1 ? 64 : 1);
+			fake::max_backlog = static_cast<int8_t>(input.byte()) *
+					    (watched & 1 ? 64 : 1);
 		if (watched & 128)
 			age();
 		const u32 repeats = watched & 32 ? repeats_of(input.byte()) : 1;
@@ -106,10 +108,7 @@ private:
 	}
 
 	// Few mostly; hardly ever more than the copy thread delivers in one go.
-	static u32 repeats_of(u8 how)
-	{
-		return how == 255 ? 1100 : how > 240 ? 34 : 1 + how % 8;
-	}
+	static u32 repeats_of(u8 how) { return how == 255 ? 1100 : how > 240 ? 34 : 1 + how % 8; }
 
 	// Hooks and delivery have counted for long: the lower words are about to overflow.
 	static void age()
@@ -138,8 +137,8 @@ private:
 
 	void hook(u8 how)
 	{
-		const HookTraits &hook = kHooks[location_ == PACKET_WLAN_LOC ? 7 + how / 2 % 2
-									    : location_ - 1];
+		const HookTraits &hook =
+			kHooks[location_ == PACKET_WLAN_LOC ? 7 + how / 2 % 2 : location_ - 1];
 		void *efbuff = packets::make(frame_.meta, frame_.bytes);
 		kernel().monotonic_ns += u64{ how } << 20;
 		kernel().clock_ticks += how / 64;

@@ -189,8 +189,8 @@ Bytes filter_on(Input &input, const Frame &frame)
 	Bytes out = Bytes{ uint8_t(input.below(4) != 0), 0, 0, 0 } +
 		    little(input.number<uint16_t>(), 4) + little(vid, 4) + part(frame, 6, 6) +
 		    part(frame, 0, 6) + little(kPort, 4) + little(kPort, 4) +
-		    part(frame, net + 12, 4) + part(frame, net + 16, 4) +
-		    part(frame, net + 8, 16) + part(frame, net + 24, 16);
+		    part(frame, net + 12, 4) + part(frame, net + 16, 4) + part(frame, net + 8, 16) +
+		    part(frame, net + 24, 16);
 	const uint8_t at = input.byte();
 
 	if (at >= 8 && at < out.size())

@@ -120,7 +120,8 @@ private:
 		if (how & 8)
 			kernel().at.watch(Point::kGrace, [how](const void *) {
 				for (u32 frames = 1 + how / 64; frames != 0; frames--)
-					packets::enqueue(&g_cpu_pkt_que[how / 16 % 2][how / 32 * 3 % CPU_QUEUES],
+					packets::enqueue(&g_cpu_pkt_que[how / 16 % 2]
+								       [how / 32 * 3 % CPU_QUEUES],
 							 efmp().efbuff(Bytes(256),
 								       fake::Owner::kModule),
 							 how & 16 ? Held::kCopy : Held::kTaken);
@@ -136,7 +137,9 @@ private:
 
 	void service(u8 how)
 	{
-		const std::pair<u32, u32> services[] = { { 11, 10 }, { 32, 0 }, { 32, 3 }, { 1, 1 } };
+		const std::pair<u32, u32> services[] = {
+			{ 11, 10 }, { 32, 0 }, { 32, 3 }, { 1, 1 }
+		};
 		const auto [service_class, instance] = services[how / 4 % std::size(services)];
 
 		if (how % 4 == 0)

@@ -117,9 +117,9 @@ private:
 
 	static void set(fuzz::Input &input, Sock &s)
 	{
-		const int options[] = { MOX_PACKET_ADD_RULE, MOX_PACKET_ADD_RULE,
-					MOX_PACKET_DEL_RULE, PACKET_LOCATION,
-					PACKET_TREATMENT,    PACKET_CTRL_INFO,
+		const int options[] = { MOX_PACKET_ADD_RULE,    MOX_PACKET_ADD_RULE,
+					MOX_PACKET_DEL_RULE,    PACKET_LOCATION,
+					PACKET_TREATMENT,       PACKET_CTRL_INFO,
 					MOX_PACKET_DUMP_SOCKET, MOX_PACKET_CONTROL_HOOK };
 		const u8 what = input.byte();
 		const int option = what < 224 ? options[what % std::size(options)]

@@ -49,9 +49,12 @@ private:
 	// Rules of so many values that a report of them takes several pages.
 	void crowd(fuzz::Input &input)
 	{
-		const u16 types[] = { PACKET_SRC_MAC_EQUAL,	   PACKET_ETH_PROT_EQUAL,
-				      PACKET_IPv4_DEST_PORT_EQUAL, PACKET_SRC_INTF_EQUAL,
-				      PACKET_PACKET_CODE_EQUAL,	   PACKET_PID_T,
+		const u16 types[] = { PACKET_SRC_MAC_EQUAL,
+				      PACKET_ETH_PROT_EQUAL,
+				      PACKET_IPv4_DEST_PORT_EQUAL,
+				      PACKET_SRC_INTF_EQUAL,
+				      PACKET_PACKET_CODE_EQUAL,
+				      PACKET_PID_T,
 				      PACKET_ARP_TYPE };
 		const u16 type = types[input.below(std::size(types))];
 		const u32 width = contract::width(type);
@@ -91,7 +94,8 @@ private:
 		left_ = 1u + input.byte();
 		const u8 what = input.byte();
 		kernel().at.watch(Point::kUnlock, [this, what](const void *) {
-			if (!kernel().held.empty() || kernel().in_hook || left_ == 0 || --left_ != 0)
+			if (!kernel().held.empty() || kernel().in_hook || left_ == 0 ||
+			    --left_ != 0)
 				return;
 			Sock &sock = socks_[what % std::size(socks_)];
 			if (!sock.sk)
@@ -232,8 +236,9 @@ private:
 	// The next batches of the dump that is open, or of a new one.
 	void dump(fuzz::Input &input, u8 how)
 	{
-		const u8 command = u8(MOX_CAPTURE_CMD_LOCATIONS +
-				      how % (MOX_CAPTURE_CMD_MEMORY - MOX_CAPTURE_CMD_LOCATIONS + 2));
+		const u8 command = u8(
+			MOX_CAPTURE_CMD_LOCATIONS +
+			how % (MOX_CAPTURE_CMD_MEMORY - MOX_CAPTURE_CMD_LOCATIONS + 2));
 		if (!reader_ || how & 16) {
 			reader_.reset();
 			reader_ = std::make_unique<Reader>(command, attributes(input));

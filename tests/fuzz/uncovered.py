@@ -6,6 +6,7 @@ Prints lines and branches reached in each file of the module, and in all. EXPORT
 what llvm-profdata shows of all functions. OUT gets the lines and branches that no case reaches, as rows like those of REASONS: file,
 the line's text, reason. Lines without a reason are printed. The last line reads "N passed, N failed": the goals are two
 tests, and each row of REASONS is one, which fails if its line is reached or gone.
+A line that is not reached has the reason of the one before it, or behind it for a lone brace.
 
 A branch is a place in the source: the instances of a template are taken together, each expansion of a macro is a place of
 its own. Not counted are branches that the compiler decides, and functions of which it emits no code, as it evaluates them
@@ -190,9 +191,15 @@ def main():
             print(f"{short:36}lines {share(*counts[:2])} of {counts[1]:4}  branches {share(*counts[2:])} of {counts[3]:4}")
             with open(name, encoding="utf-8") as source:
                 text = source.read().splitlines()
-            for number, missed in sorted(file.uncovered().items()):
+            before, uncovered = (0, ""), file.uncovered()
+            for number, missed in sorted(uncovered.items()):
                 key = (short, text[number - 1].strip())
-                reason = known[key][2] if key in known else ""
+                # The first brace of a function that is not reached at all.
+                known_as = (short, text[number].strip()) if key[1] == "{" and number + 1 in uncovered else key
+                reason = known[known_as][2] if known_as in known else ""
+                if not reason and "not reached" in missed and before[0] == number - 1:
+                    reason = before[1]
+                before = (number, reason)
                 seen.add(key)
                 out.write("\t".join((*key, reason)) + "\n")
                 if not reason:

@@ -22,8 +22,7 @@ constexpr uint64_t kLittleMemory = 1 << 20;
 
 bool may_fail(Fail call)
 {
-	return call != Fail::kDeregModule && call != Fail::kDeregRecv &&
-	       call != Fail::kDeregOutput;
+	return call != Fail::kDeregModule && call != Fail::kDeregRecv && call != Fail::kDeregOutput;
 }
 
 World::World(Input &input)
@@ -41,7 +40,7 @@ World::World(Input &input)
 		mox::restriction_set(caps & 4);
 		const char *const places[] = { "/root", "/data/var/run/vsd/3",
 					       "/data/var/run/vsd/4000000000",
-				       "/data/var/run/vsd/0" };
+					       "/data/var/run/vsd/0" };
 		k.cwd = places[caps / 8 % 4];
 		k.cwd_renders = !(caps & 32);
 	}
