@@ -2,15 +2,15 @@
 # SPDX-License-Identifier: GPL-2.0
 """usage: uncovered.py EXPORT FUNCTIONS REASONS OUT
 
-Prints lines and branches reached in each file of the module, and in all. EXPORT is what llvm-cov exports as text, FUNCTIONS
-what llvm-profdata shows of all functions. OUT gets the lines and branches that no case reaches, as rows like those of REASONS: file,
-the line's text, reason. Lines without a reason are printed. The last line reads "N passed, N failed": the goals are two
-tests, and each row of REASONS is one, which fails if its line is reached or gone.
-A line that is not reached has the reason of the one before it, or behind it for a lone brace.
+Prints lines and branches reached in each file of the module, and in all. EXPORT is what llvm-cov exports as text,
+FUNCTIONS what llvm-profdata shows of all functions. OUT gets the lines and branches that no case reaches, as rows
+like those of REASONS: file, the line's text, reason. Lines without a reason are printed. The last line reads "N
+passed, N failed": the goals are two tests, and each row of REASONS is one, which fails if its line is reached or
+gone. A line that is not reached has the reason of the one before it, or behind it for a lone brace.
 
-A branch is a place in the source: the instances of a template are taken together, each expansion of a macro is a place of
-its own. Not counted are branches that the compiler decides, and functions of which it emits no code, as it evaluates them
-itself or nothing calls them.
+A branch is a place in the source: the instances of a template are taken together, each expansion of a macro is a
+place of its own. Not counted are branches that the compiler decides, and functions of which it emits no code, as it
+evaluates them itself or nothing calls them.
 """
 import collections
 import json
