@@ -17,8 +17,12 @@ public:
 		shape.failing = how % 4 == 0;
 		// Slower, and what one step breaks elsewhere shows behind that step.
 		shape.changed_only = how / 4 % 8 != 0;
+		// Lines are made, which takes longest of all.
+		debug(how / 32 == 7);
+		shape.stray_keys = how / 32 == 6 && !shape.failing;
 		const std::vector<uint8_t> bytes = input.rest();
 		replay(shape, bytes.data(), bytes.size());
+		debug(false);
 	}
 };
 

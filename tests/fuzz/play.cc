@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "base/restriction.hpp"
+
 namespace fuzz {
 namespace {
 
@@ -43,23 +45,29 @@ void Play::SetUp()
 
 void Play::TearDown()
 {
-	until_other_ = until_failure_ = 0;
+	until_other_ = until_failure_ = until_signal_ = 0;
+	kernel().killed = false;
+	restriction_set(false);
 	reader_.reset();
 	socks_.clear();
 	memset(mox_packet_debug, 0, sizeof mox_packet_debug);
 	CaptureTest::TearDown();
 }
 
-// What happens in the middle of the next call, and which of its allocations fails.
+// What happens in the middle of the next call, which of its allocations fails, and when its
+// process gets a fatal signal.
 void Play::plan()
 {
 	const u32 when = below(256);
 	until_other_ = when < 96 ? 0 : when - 95;
 	const u32 failure = below(256);
 	until_failure_ = failure < 208 ? 0 : failure - 207;
+	const u32 signal = failure >= 192 && failure < 208 ? below(256) : 0;
+	kernel().killed = signal == 255;
+	until_signal_ = signal == 255 ? 0 : signal;
 	if (shown_)
-		fprintf(stderr, "another CPU at point %u, failure of call %u:\n", until_other_,
-			until_failure_);
+		fprintf(stderr, "another CPU at point %u, failure of call %u, signal at %u:\n",
+			until_other_, until_failure_, until_signal_);
 }
 
 bool Play::fails(Fail call)
@@ -82,6 +90,8 @@ bool Play::hook_only_locks() const
 
 void Play::at_point(Point point)
 {
+	if (depth_ == 1 && until_signal_ && --until_signal_ == 0)
+		kernel().killed = true;
 	// Only a hook can still run while the module is unloaded, and only up to the wait for it.
 	if (unloading_) {
 		if (point == Point::kGrace && until_other_)
@@ -101,7 +111,7 @@ void Play::on_other_cpu(Place place)
 	fake::Kernel &k = kernel();
 	auto held = std::move(k.held);
 	const int bh_disabled = k.bh_disabled, cpu = k.cpu;
-	const bool in_hook = k.in_hook;
+	const bool in_hook = k.in_hook, killed = std::exchange(k.killed, false);
 	k.held.clear();
 	k.bh_disabled = 0;
 	k.in_hook = false;
@@ -112,6 +122,7 @@ void Play::on_other_cpu(Place place)
 	k.held = std::move(held);
 	k.bh_disabled = bh_disabled;
 	k.in_hook = in_hook;
+	k.killed = killed;
 	k.cpu = cpu;
 }
 
@@ -132,7 +143,8 @@ void Play::step()
 {
 	plan();
 	act(Place::kAnywhere);
-	until_other_ = until_failure_ = 0;
+	until_other_ = until_failure_ = until_signal_ = 0;
+	kernel().killed = false;
 	rest();
 }
 
@@ -141,6 +153,7 @@ void Play::step()
 void Play::rest()
 {
 	EXPECT_TRUE(kernel().held.empty());
+	check_.dumps = reader_ ? 1 : 0;
 	if (compares_each_)
 		check_.run(socks_);
 	for (int id = 0; id < kSockets; id++)
@@ -161,6 +174,8 @@ void Play::run(Input &input)
 	for (int steps = 0; steps < kSteps && !rng_.exhausted(); steps++)
 		step();
 	deliver(0);
+	reader_.reset();
+	check_.dumps = 0;
 	check_.run(socks_);
 }
 

@@ -48,6 +48,7 @@ private:
 	void set_location(int id);
 	void add_rule(int id);
 	void del_rule(int id);
+	void crowd(int id);
 	void bind(int id);
 	void receive(int id);
 	void send(int id);
@@ -55,7 +56,7 @@ private:
 	void option(int id);
 	void look(int id);
 	void frame(int id);
-	void deliver(int);
+	void deliver(int id);
 	void reload(int);
 	// play_operator.cc: what others do.
 	void request(int);
@@ -63,16 +64,18 @@ private:
 	void trace(int);
 	void diagnose(int);
 	void service(int);
-	void do_capture(u8 command, const Bytes &attributes);
+	void surroundings(int);
+	void do_capture(u8 command, const Bytes &attributes, u32 client = kClient);
 
 	Bytes element(u32 type);
+	const HookTraits &hook_for(int id);
 	void learn(int id);
 	void receive_request(const Bytes &record);
 	void compare_answer(const HookTraits &hook, const Bytes &content);
 
 	const Action &chosen();
 
-	static const Action kActions[20];
+	static const Action kActions[22];
 
 	oracle::Choices rng_;
 	std::vector<std::unique_ptr<Sock>> socks_;
@@ -83,6 +86,7 @@ private:
 	int depth_ = 0;
 	u32 until_other_ = 0; // points before another CPU acts; 0: none does
 	u32 until_failure_ = 0;
+	u32 until_signal_ = 0; // points before a fatal signal for the call
 	bool compares_each_ = true;
 	const bool shown_ = getenv("MOX_FUZZ_STEPS") != nullptr;
 	RestCheck check_;

@@ -26,6 +26,7 @@ const Play::Action Play::kActions[] = {
 	{ "set location", &Play::set_location, 4 },
 	{ "add to rule", &Play::add_rule, 8 },
 	{ "take from rule", &Play::del_rule, 4 },
+	{ "many values", &Play::crowd, 2 },
 	{ "bind", &Play::bind, 2 },
 	{ "receive", &Play::receive, 4 },
 	{ "send", &Play::send, 3 },
@@ -39,6 +40,7 @@ const Play::Action Play::kActions[] = {
 	{ "trace", &Play::trace, 2 },
 	{ "diagnosis", &Play::diagnose, 1 },
 	{ "service", &Play::service, 1 },
+	{ "surroundings", &Play::surroundings, 1 },
 	{ "reload", &Play::reload, 1 },
 };
 const Play::Action &Play::chosen()
@@ -60,7 +62,8 @@ void Play::create(int id)
 	// In its place only when it is complete: nothing else finds it before.
 	auto sock = std::make_unique<Sock>();
 	calls_[id]++;
-	const int result = sock->create(below(2) ? kRaw : kDgram, below(4) ? 0 : 0x0608);
+	const int result = sock->create(below(2) ? kRaw : kDgram, below(4) ? 0 : 0x0608,
+					below(8) ? &fake::init_net() : &other_ns);
 	calls_[id]--;
 	if (result != 0 || there(id))
 		return;
@@ -135,6 +138,23 @@ void Play::del_rule(int id)
 	if (!item.datas.empty())
 		memcpy(element.data(), item.datas.front().data(), element.size());
 	socks_[id]->rule(false, u16(item.type), 1, element);
+}
+
+// More values than are looked at in one go, in or out; some rules have half of them.
+void Play::crowd(int id)
+{
+	static constexpr u16 kTypesOfMany[] = { PACKET_SRC_MAC_EQUAL, PACKET_ETH_PROT_EQUAL,
+						PACKET_IPv4_DEST_PORT_EQUAL };
+	if (!there(id))
+		return create(id);
+	Busy busy(calls_[id]);
+	const u16 type = kTypesOfMany[below(std::size(kTypesOfMany))];
+	const u32 count = below(3) ? 3 + below(16) : 130, first = below(2) * 65;
+	const u32 width = contract::width(type);
+	Bytes elements(count * width);
+	for (u32 i = 0; i < count; i++)
+		elements[(i + 1) * width - 1] = u8(first + i);
+	socks_[id]->rule(below(4) != 0, type, u16(count), elements);
 }
 
 void Play::bind(int id)
@@ -239,6 +259,18 @@ void Play::look(int id)
 	}
 }
 
+// Of the socket's location mostly, where its rule is.
+const HookTraits &Play::hook_for(int id)
+{
+	const u32 other = below(16);
+	if (other < contract::kHookIds)
+		return kHooks[other];
+	const u32 where = there(id) ? socks_[id]->po().regular.location : 0;
+	if (where == 0 || where > PACKET_LEV3_RESV_LOC)
+		return kHooks[contract::kLev2Hook];
+	return kHooks[where > PACKET_WLAN_LOC ? u32(contract::kResvHook) : where - 1];
+}
+
 // A frame that satisfies a rule, or misses it by one condition.
 void Play::frame(int id)
 {
@@ -252,7 +284,7 @@ void Play::frame(int id)
 	Bytes bytes = aimed.bytes();
 	if (aimed.meta.l2_len == 0)
 		bytes.erase(bytes.begin(), bytes.begin() + oracle::AimedFrame::kL2Len);
-	const HookTraits &h = kHooks[below(contract::kHookIds)];
+	const HookTraits &h = hook_for(id);
 	const Bytes content = oracle::efbuff(aimed.meta, bytes);
 	if (depth_ > 1 || until_other_ || until_failure_ || pkt_rnfp || pkt_rnfp_wlan) {
 		void *efbuff = efmp().efbuff(content);
@@ -286,11 +318,13 @@ void Play::compare_answer(const HookTraits &h, const Bytes &content)
 		efmp().drop(efbuff);
 }
 
-// The copy thread, until it would sleep.
-void Play::deliver(int)
+// The copy thread, until it would sleep; a few frames first.
+void Play::deliver(int id)
 {
 	if (delivering_)
 		return;
+	for (u32 frames = below(4); frames != 0; frames--)
+		frame(id);
 	delivering_ = true;
 	kernel().run_thread();
 	delivering_ = false;
@@ -313,6 +347,8 @@ void Play::reload(int)
 	unloading_ = false;
 	until_failure_ = failing;
 	until_other_ = 0;
+	// Of the machine's memory rules may have a part.
+	kernel().total_memory = below(2) ? fake::Kernel::kTotalMemory : u64{ 1 } << 22;
 	if (mox_packet_init() != 0) {
 		EXPECT_TRUE(kernel().blocks.empty())
 			<< "memory of a load that failed, of " << kernel().blocks.begin()->second;

@@ -2,6 +2,8 @@
 // What operators, their programs and other parts of the platform do, as the bytes choose it.
 #include "play.h"
 
+#include "base/restriction.hpp"
+
 namespace fuzz {
 namespace {
 
@@ -34,6 +36,10 @@ void Play::request(int)
 			byte = below(4) ? 0 : u8(below(256));
 		if (type == MOX_MSG_FILTER && !body.empty())
 			body[0] = u8(below(4) != 0);
+		if (type == MOX_MSG_SHOW_PID)
+			body = u32_bytes(below(4) ? u32(kernel().pid) : 0);
+		if (type == MOX_MSG_SHOW_NAME && below(4))
+			body = Bytes(kernel().comm.begin(), kernel().comm.end()) + Bytes{ 0 };
 	}
 	receive_request(record(type, body));
 }
@@ -62,18 +68,21 @@ void Play::dump(int)
 	filling_ = false;
 }
 
-void Play::do_capture(u8 command, const Bytes &attributes)
+void Play::do_capture(u8 command, const Bytes &attributes, u32 client)
 {
 	std::string text;
-	const seam_request request{ &fake::init_net(), kClient, 99, 0, &text };
+	const seam_request request{ &fake::init_net(), client, 99, 0, &text };
 	mox_capture_do(command, exact(attributes).get(), attributes.size(), &request);
 }
 
-// Begins or ends a trace.
+// Begins or ends a trace, of more clients than may have one.
 void Play::trace(int)
 {
-	if (below(4) == 0)
-		return do_capture(MOX_CAPTURE_CMD_TRACE_STOP, {});
+	const u32 client = 1 + below(MOX_CAPTURE_TRACES + 1), what = below(8);
+	if (what == 0)
+		return mox_capture_client_gone(client);
+	if (what == 1)
+		return do_capture(MOX_CAPTURE_CMD_TRACE_STOP, {}, client);
 	Bytes attributes;
 	for (u32 left = below(3); left; left--) {
 		const u8 lengths[] = {
@@ -85,7 +94,7 @@ void Play::trace(int)
 			byte = u8(below(8));
 		attributes = attributes + attribute(u16(type), value);
 	}
-	do_capture(MOX_CAPTURE_CMD_TRACE_START, attributes);
+	do_capture(MOX_CAPTURE_CMD_TRACE_START, attributes, client);
 }
 
 // Socket diagnosis lists the sockets, as many as fit each time.
@@ -96,6 +105,20 @@ void Play::diagnose(int)
 	for (int calls = 0; calls < 3; calls++)
 		mox_packet_diag_dump(nullptr, nullptr, &fake::init_net(), &at);
 	kernel().diag_listed.clear();
+}
+
+// What a process may do, where it is, and what time it is.
+void Play::surroundings(int)
+{
+	const u32 what = below(256);
+	fake::Kernel &k = kernel();
+	k.net_admin = what & 1;
+	k.net_raw = what & 2;
+	restriction_set((what & 12) == 12);
+	k.cwd = (what & 48) == 48 ? "/data/var/run/vsd/3" : "/root";
+	k.need_resched = what & 64;
+	k.clock_ticks += what / 128;
+	k.monotonic_ns += u64{ what } << 18;
 }
 
 void Play::service(int)

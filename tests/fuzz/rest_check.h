@@ -10,6 +10,8 @@ namespace fuzz {
 struct RestCheck {
 	// Allocations have failed since the sockets were opened: keys and copies may be missing.
 	bool failed = false;
+	// Dumps that are open: each may hold the socket whose rule it has begun.
+	u32 dumps = 0;
 
 	// Every rule of these sockets is where its record says, and nothing else is.
 	void run(const std::vector<std::unique_ptr<Sock>> &socks) const;

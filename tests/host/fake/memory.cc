@@ -183,7 +183,7 @@ int seam_copy_from_uptr_at(void *to, const seam_uptr *from, size_t at, size_t le
 	if (!kernel().user_touch(from->buf->data() + at, len, &reachable))
 		breach("copy from outside user memory");
 	if (kernel().failing(Fail::kCopyFromUser))
-		reachable = len / 2;
+		reachable = std::min(reachable, len / 2);
 	if (reachable)
 		std::memcpy(to, from->buf->data() + at, reachable);
 	std::memset(static_cast<uint8_t *>(to) + reachable, 0, len - reachable);
