@@ -43,7 +43,9 @@ typedef wait_queue_head_t seam_waitqueue;
 #else
 using size_t = __SIZE_TYPE__;
 using uintptr_t = __UINTPTR_TYPE__;
+#ifndef offsetof
 #define offsetof(type, member) __builtin_offsetof(type, member)
+#endif
 #endif
 
 #include "record_sizes.h"
