@@ -6,7 +6,7 @@
 #include "fake/backlog.h"
 #include "fixture_case.h"
 #include "frame_bytes.h"
-#include "world.h"
+#include "surroundings.h"
 
 namespace {
 

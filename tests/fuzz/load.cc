@@ -10,7 +10,7 @@
 #include "rules/memory.hpp"
 #include "services/services.hpp"
 #include "socket_fixture.h"
-#include "world.h"
+#include "surroundings.h"
 
 namespace {
 

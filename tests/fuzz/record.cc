@@ -4,7 +4,7 @@
 #include "fixture_case.h"
 #include "services/services.hpp"
 #include "socket_fixture.h"
-#include "world.h"
+#include "surroundings.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "fixture_case.h"
 #include "frame_bytes.h"
 #include "rules/print.hpp"
-#include "world.h"
+#include "surroundings.h"
 
 namespace {
 

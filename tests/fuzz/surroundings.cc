@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "world.h"
+#include "surroundings.h"
 
 #include <cstring>
 
