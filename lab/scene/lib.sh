@@ -1,5 +1,6 @@
 # shellcheck shell=sh disable=SC2154
-# The functions of the scene's script. Sourced; uses $here, $work, $out and $stations.
+# The access point that lab/demo and lab/try run in, and the functions of the demo's script. Sourced; uses $here, $work,
+# $out and $stations.
 
 captures=
 waiting=
@@ -48,6 +49,28 @@ add_port() {
 	ip link set "$1" addrgenmode none
 	ip link set "$1" up
 	moxlab port add "$1" >/dev/null || fail "$1 does not become a port"
+}
+
+# The modules, a namespace with eth0 for each of the stations (port1, port2), the TAP device port3, and ap0 with 10.0.0.1.
+make_access_point() {
+	mkdir -p /run/netns /var/lib/misc
+	load-modules || fail "the modules do not load"   # nothing to do where the lab has done it
+	number=0
+	for station in $stations; do
+		number=$((number + 1))
+		ip netns add "$station" 2>"$work/ip.log" || fail "no namespace for $station: $(cat "$work/ip.log")"
+		ip link add name "port$number" type veth peer name eth0 netns "$station" || fail "no port$number"
+		at "$station" ip link set eth0 address "02:00:00:00:0$number:01"
+		add_port "port$number"
+	done
+	ip tuntap add dev port3 mode tap || fail "no port3"
+	add_port port3
+	ip link set ap0 up
+	ip addr add 10.0.0.1/24 brd + dev ap0
+	for station in $stations; do
+		at "$station" ip link set lo up
+		at "$station" ip link set eth0 up
+	done
 }
 
 # --- captures -------------------------------------------------------------------------------------------------
