@@ -62,23 +62,25 @@ TEST_F(Buffer, frames_that_the_default_and_the_largest_buffer_hold)
 {
 	struct Size {
 		const char *name;
-		int request; ///< 0: none, the default
+		int option, request; ///< 0: none, the default
 		int room;
 	};
 	const int default_room = value_of("rmem_default"), most = value_of("rmem_max");
 	const Size sizes[] = {
-		{ "default", 0, default_room },
-		{ "net.core.rmem_max", most, 2 * most },
-		{ "beyond net.core.rmem_max", 100 * most, 2 * most },
+		{ "default", 0, 0, default_room },
+		{ "net.core.rmem_max", SO_RCVBUF, most, 2 * most },
+		{ "beyond net.core.rmem_max", SO_RCVBUF, 100 * most, 2 * most },
+		{ "SO_RCVBUFFORCE", SO_RCVBUFFORCE, 1 << 20, 2 << 20 },
 	};
 	for (const Size &size : sizes)
 		for (uint32_t length : { 60u, 590u, 1514u }) {
 			SCOPED_TRACE(std::string(size.name) + ", " + std::to_string(length));
 			Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
-			if (size.request)
-				ASSERT_EQ(socket.option_raw(SOL_SOCKET, SO_RCVBUF, &size.request,
+			if (size.option) {
+				ASSERT_EQ(socket.option_raw(SOL_SOCKET, size.option, &size.request,
 							    sizeof size.request),
 					  0);
+			}
 			EXPECT_EQ(room(socket), size.room);
 			lab::Frame frame = frames::plain(0x88b5, length);
 			put(lab::Hook::Lev2, frame);

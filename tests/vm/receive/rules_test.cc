@@ -105,6 +105,9 @@ TEST_F(Rules, type_3_ethertype)
 TEST_F(Rules, type_4_snap_type)
 {
 	Rule wanted = be16s(PACKET_SNAP_ETH_TYPE_EQUAL, { 0x809b });
+	// The two bytes in the place of a length are not read: the payload of an ordinary frame may begin like LLC/SNAP.
+	Frame behind_ethertype = snap(0x809b);
+	behind_ethertype.bytes[12] = 0x88, behind_ethertype.bytes[13] = 0xb5;
 	Frame half = snap(0x809b);
 	half.bytes[15] = 0xab;
 	Frame other_half = snap(0x809b);
@@ -113,6 +116,7 @@ TEST_F(Rules, type_4_snap_type)
 	       row("another type", wanted, snap(0x809c), false),
 	       row("any", be16s(PACKET_SNAP_ETH_TYPE_EQUAL, { 3 }), snap(0x1234), true),
 	       row("any needs LLC/SNAP", be16s(PACKET_SNAP_ETH_TYPE_EQUAL, { 3 }), plain(), false),
+	       row("AA AA behind any EtherType counts", wanted, behind_ethertype, true),
 	       row("AA AB is no SNAP", wanted, half, false),
 	       row("42 AA is no SNAP", wanted, other_half, false) });
 }
@@ -147,6 +151,9 @@ TEST_F(Rules, type_6_ipv6_protocol)
 TEST_F(Rules, type_7_ipv4_destination_port)
 {
 	Rule wanted = be16s(7, { 53 });
+	// 128 bytes into the datagram, no port is where the first fragment has them.
+	Frame later_fragment = ipv4(17, udp(1000, 53));
+	later_fragment.bytes[14 + 7] = 128 / 8;
 	lev2({ row("UDP", wanted, ipv4(17, udp(1000, 53)), true),
 	       row("TCP", wanted, ipv4(6, tcp(1000, 53)), true),
 	       row("off by one", wanted, ipv4(17, udp(1000, 54)), false),
@@ -155,6 +162,8 @@ TEST_F(Rules, type_7_ipv4_destination_port)
 	       row("IPv6", wanted, ipv6(17, udp(1, 53)), false),
 	       row("SCTP has no ports here", wanted, ipv4(132, udp(1000, 53)), false),
 	       row("behind IP options", wanted, ipv4(17, udp(1000, 53), 0x0a000002, 8), true),
+	       row("a later fragment is read as if it began with ports", wanted, later_fragment,
+		   true),
 	       row("port 0 never matches", be16s(7, { 0 }), ipv4(17, udp(1000, 0)), false) });
 }
 
