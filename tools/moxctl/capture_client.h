@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The channel to the module's family for reading: mox_capture. */
 #ifndef MOXCTL_CAPTURE_CLIENT_H
 #define MOXCTL_CAPTURE_CLIENT_H

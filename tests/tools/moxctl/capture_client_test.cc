@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Requests to "mox_capture" and their answers, message by message. */
 #include "capture_client.h"
 #include "expect_error.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The family "mox_capture" as the module answers it, message by message, and samples of each kind of entry. Attributes
  * are made byte by byte here.

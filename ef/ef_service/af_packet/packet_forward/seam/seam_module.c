@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Load and unload, and what modinfo shows. */
 #include <linux/init.h>
 #include <linux/module.h>
