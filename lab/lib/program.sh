@@ -1,21 +1,27 @@
 # shellcheck shell=bash
-# A user's program for the virtual machine: compiled from one source file, and checked before anything is booted.
+# A user's program for the virtual machine: compiled from one source file, and checked before anything is booted. Sourced
+# after common.sh and cpio.sh.
 
-# compile_program SOURCE RESULT: with the project's headers; with the library's sources when SOURCE includes them.
+LIBMOX=$BUILD/libmox # where lab/lib/build-library installs it
+
+# compile_program SOURCE RESULT: with the public headers; with libmox when SOURCE includes its headers.
 compile_program() {
-	local source=$1 result=$2 compiler=$CROSS_VM-g++ command language
+	local source=$1 result=$2 compiler=$CROSS_VM-g++ language=-std=c++20 library=() flags
 	case $source in
 	*.c) compiler=$CROSS_VM-gcc language=-std=gnu11 ;;
-	*) language=-std=c++20 ;;
 	esac
 	need_program "$compiler"
-	command=("$compiler" "$language" -O2 -g -Wall -Wextra "-I$ROOT/include" "-I$ROOT/lib" "$source")
 	if grep -qE '^[[:space:]]*#[[:space:]]*include[[:space:]]*[<"]mox/' "$source"; then
-		command+=("$ROOT"/lib/mox/*.cc)
+		need_program pkg-config
+		"$ROOT/lab/lib/build-library" || return
+		flags=$(PKG_CONFIG_LIBDIR=$LIBMOX/lib/pkgconfig pkg-config --cflags --libs mox) || return
+		read -ra library <<<"$flags"
+	else
+		library=("-I$ROOT/include")
 	fi
-	command+=(-pthread -o "$result")
-	say "   ${command[*]}"
-	"${command[@]}" || die "$source does not compile" "the compiler's messages are above"
+	set -- "$compiler" "$language" -O2 -g -Wall -Wextra "$source" "${library[@]}" -pthread -o "$result"
+	say "   $*"
+	"$@" || die "$source does not compile" "the compiler's messages are above"
 }
 
 # check_program FILE [--file VALUE...]: whether the virtual machine can run it; says what to do when not.
@@ -38,6 +44,7 @@ check_program() {
 	while read -r library; do
 		found=
 		for each in "$@"; do [ "$(basename "${each%%=*}")" != "$library" ] || found=1; done
+		[ ! -e "$LIBMOX/lib/$library" ] || found=1
 		for each in lib usr/lib; do [ ! -e "$ARMHF/$each/$CROSS_VM/$library" ] || found=1; done
 		[ -n "$found" ] || die "$file needs the library $library, which the virtual machine does not have" \
 			"give it with --file PATH/$library, or link with -static"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * Preloaded into the program of lab/try. Its output goes to a pipe, for which
  * the C library collects some kilobytes before it writes; each line is to be

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // How many frames a receive buffer holds, and how large a program may make it. The numbers that docs/daemons.md gives are
 // printed here.
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Options that daemons know from other sockets: which do nothing here, and which do something.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A frame that was trapped, looked at and sent on its way again: what it keeps, where it leaves, and when it is captured
 // once more.
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Restarts of a daemon that traps, while frames keep coming: which of them the platform forwards, which are lost, which
 // are handled twice. docs/daemons.md states what these tests measure.
 #include <atomic>

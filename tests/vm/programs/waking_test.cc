@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // How a daemon ends a thread that waits for frames, and what it hears of a port that goes: nothing from its socket.
 #include <atomic>
 #include <cerrno>
