@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * Names of the numbers in mox_packet.h: locations, treatments, send flags and rule types, with the short aliases that
  * command lines use.

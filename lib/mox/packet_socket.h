@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * A socket of family 17: opening, naming its interface, sending. CaptureSocket adds receiving, so that one socket can
  * receive requests and send answers.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * Rule records: what MOX_PACKET_ADD_RULE and MOX_PACKET_DEL_RULE take.
  *

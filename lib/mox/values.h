@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * Parsers for the values that rules compare: MAC addresses, EtherTypes, IP protocols, ports and the rest.
  *

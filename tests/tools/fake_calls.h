@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * A kernel made of vectors: it records every call, answers as the test sets it, and returns queued frames. Its
  * descriptor is an event counter that is readable while frames are queued, so that waiting works for real.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* VLAN tags, in frames and in the control record of a received frame. */
 #ifndef MOXCAP_VLAN_H
 #define MOXCAP_VLAN_H

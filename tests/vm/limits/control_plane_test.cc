@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The frames of control protocols arrive, however many other wanted frames there are: three CPUs inject copies at LEV2 and
 // IPv4, and the fourth one receives LLDP and EAPOL at RESV.
 #include "limits/measure.h"
