@@ -11,12 +11,15 @@ inherit cmake pkgconfig systemd update-rc.d
 OECMAKE_SOURCEPATH = "${S}/tools"
 EXTRA_OECMAKE = "-DMOX_SHARED_TOOLS=ON"
 
-PACKAGES =+ "libmox mox-tools"
+PACKAGES =+ "libmox mox-compat mox-tools"
 FILES:libmox = "${libdir}/libmox.so.*"
+# Loaded by name (LD_PRELOAD), so it is no file of -dev.
+FILES:mox-compat = "${libdir}/libmox-compat.so ${libexecdir}/mox-relay"
+INSANE_SKIP:mox-compat = "dev-so"
 FILES:mox-tools = "${bindir}/moxcap ${bindir}/moxsend ${bindir}/moxctl ${bindir}/lldpagent ${sbindir}/mox-load \
     ${sysconfdir}/init.d ${sysconfdir}/sysctl.d ${nonarch_libdir}/tmpfiles.d ${systemd_system_unitdir}"
 ALLOW_EMPTY:${PN} = "1"
-RDEPENDS:${PN} = "mox-tools"
+RDEPENDS:${PN} = "mox-tools mox-compat"
 
 SYSTEMD_PACKAGES = "mox-tools"
 SYSTEMD_SERVICE:mox-tools = "mox-ef-socket.service lldpagent.service"
