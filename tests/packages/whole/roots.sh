@@ -20,7 +20,7 @@ new_root() {
 	local dir=$ROOTS/$1
 	[ ! -f "$dir/.complete" ] || return 0
 	rm -rf "$dir"
-	nice -n 5 mmdebstrap --quiet --variant=apt --architectures="$2" --include="${3:-}" "$SUITE" "$dir" "$(mirror)" >"$ROOTS/$1.log" 2>&1 || {
+	nice -n 5 mmdebstrap --quiet --variant=apt --architectures="$2" ${3:+--include="$3"} "$SUITE" "$dir" "$(mirror)" >"$ROOTS/$1.log" 2>&1 || {
 		tail -n 20 "$ROOTS/$1.log"
 		return 1
 	}

@@ -8,9 +8,8 @@ define Build/Compile
 	cmake --build '$(CMAKE_BUILD)' -j '$(JOBS)'
 	DESTDIR='$(PKG_INSTALL_DIR)' cmake --install '$(CMAKE_BUILD)'
 endef
-ifneq ($(CMAKE_INSTALL),)
-define Build/InstallDev
+define Build/InstallDev/cmake
 	mkdir -p '$(1)'
 	$(CP) '$(PKG_INSTALL_DIR)'/* '$(1)/'
 endef
-endif
+Build/InstallDev=$(if $(CMAKE_INSTALL),$(Build/InstallDev/cmake))
