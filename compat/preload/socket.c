@@ -5,6 +5,7 @@
 #define _GNU_SOURCE
 #include "preload/ask.h"
 #include "preload/real.h"
+#include "preload/ring.h"
 #include "preload/start.h"
 #include "preload/table.h"
 #include "wire.h"
@@ -127,7 +128,10 @@ static int set_option(int fd, int level, int option, const void *value, socklen_
 					    .level = level,
 					    .option = option };
 	struct iovec part = { (void *)value, length };
+	int result;
 
+	if (level == SOL_PACKET && value && mox_ring_set(fd, option, value, length, &result))
+		return result;
 	if (level == SOL_SOCKET && option == SO_ATTACH_FILTER) {
 		const struct sock_fprog *program = value;
 
@@ -150,11 +154,14 @@ static int get_option(int fd, int level, int option, void *value, socklen_t *len
 					    .level = level,
 					    .option = option };
 	struct mox_reply_data reply;
+	int result;
 
 	if ((int)*length < 0) {
 		errno = EINVAL;
 		return -1;
 	}
+	if (level == SOL_PACKET && mox_ring_get(fd, option, value, length, &result))
+		return result;
 	if (mox_ask(fd, &request, NULL, 0, &reply) != 0)
 		return -1;
 	copy_out(&reply, value, length, false);

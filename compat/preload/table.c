@@ -2,6 +2,7 @@
 #define _GNU_SOURCE
 #include "preload/table.h"
 
+#include "preload/ring.h"
 #include "preload/say.h"
 #include "wire.h"
 
@@ -42,6 +43,7 @@ bool mox_unmark(int fd)
 	    !__atomic_exchange_n(&mox_sockets[fd].ours, false, __ATOMIC_RELAXED))
 		return false;
 	__atomic_fetch_sub(&in_use, 1, __ATOMIC_RELAXED);
+	mox_ring_drop(fd);
 	return true;
 }
 

@@ -82,6 +82,21 @@ void take_word(const std::string &word, Words &words)
 			  std::string(kAllowed));
 }
 
+/**
+ * The library's text in one line: of the rows that list what is allowed, which are indented, only the names.
+ */
+std::string in_one_line(const std::string &text)
+{
+	std::string line;
+	for (const std::string &row : split(text, "\n")) {
+		if (row.front() != ' ')
+			line += (line.empty() ? "" : " ") + row;
+		else
+			line += " " + split(row, kBlanks).front();
+	}
+	return line;
+}
+
 /** Checks the texts and makes settings of them. Throws ConfigError without the place. */
 Settings settings_of(const Words &words, const mox::InterfaceLookup &lookup)
 {
@@ -96,7 +111,7 @@ Settings settings_of(const Words &words, const mox::InterfaceLookup &lookup)
 		for (const std::string &each : words.rules)
 			settings.rules.push_back(mox::Rule::parse(each, lookup));
 	} catch (const mox::UsageError &error) {
-		throw ConfigError(error.what());
+		throw ConfigError(in_one_line(error.what()));
 	}
 	if (settings.locations.empty())
 		settings.locations.push_back(PACKET_LEV2_LOC);

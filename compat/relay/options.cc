@@ -29,8 +29,7 @@ struct Refused {
 	const char *text; // null: programs try it and go on without, so it is refused in silence
 };
 constexpr Refused kRefused[] = {
-	{ PACKET_RX_RING,
-	  "PACKET_RX_RING: a capture socket has no ring; the program has to use recvmsg" },
+	{ PACKET_RX_RING, "PACKET_RX_RING: a capture socket has rings of TPACKET_V2 only" },
 	{ PACKET_TX_RING,
 	  "PACKET_TX_RING: a capture socket has no ring; the program has to use sendmsg" },
 	{ PACKET_VNET_HDR, "PACKET_VNET_HDR: a capture socket has no offload headers" },

@@ -126,6 +126,8 @@ TEST(CompatConfig, errors__name_line_and_remedy)
 			const std::string text = error.what();
 			EXPECT_EQ(text.rfind(row.begins, 0), 0u) << text;
 			EXPECT_NE(text.find(row.has), std::string::npos) << text;
+			EXPECT_EQ(text.find('\n'), std::string::npos) << text;
+			EXPECT_EQ(text.find("  "), std::string::npos) << text;
 		}
 	}
 }

@@ -18,6 +18,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -558,7 +559,7 @@ TEST(CompatPreload, options__answers)
 	packet_mreq elsewhere{};
 	elsewhere.mr_ifindex = kNoPort;
 	int on = 1;
-	char sixteen[16] = {};
+	const unsigned sixteen[4] = { 4096, 1, 256, 16 }; // of TPACKET_V1
 	const struct {
 		int level, option;
 		const void *value;
@@ -573,13 +574,12 @@ TEST(CompatPreload, options__answers)
 		{ SOL_PACKET, PACKET_ORIGDEV, &on, sizeof(on), 0 },
 		{ SOL_PACKET, PACKET_COPY_THRESH, &on, sizeof(on), 0 },
 		{ SOL_PACKET, PACKET_QDISC_BYPASS, &on, sizeof(on), 0 },
-		{ SOL_PACKET, PACKET_VERSION, &on, sizeof(on), ENOPROTOOPT },
 		{ SOL_PACKET, PACKET_RX_RING, sixteen, sizeof(sixteen), ENOPROTOOPT },
 		{ SOL_PACKET, PACKET_TX_RING, sixteen, sizeof(sixteen), ENOPROTOOPT },
 		{ SOL_PACKET, PACKET_FANOUT, &on, sizeof(on), ENOPROTOOPT },
 		{ SOL_PACKET, PACKET_TIMESTAMP, &on, sizeof(on), ENOPROTOOPT },
 		{ SOL_PACKET, PACKET_VNET_HDR, &on, sizeof(on), ENOPROTOOPT },
-		{ SOL_PACKET, PACKET_RESERVE, &on, sizeof(on), ENOPROTOOPT },
+		{ SOL_PACKET, PACKET_LOSS, &on, sizeof(on), ENOPROTOOPT },
 		{ 0x1234, 1, &on, sizeof(on), ENOPROTOOPT },
 		{ SOL_SOCKET, SO_ATTACH_BPF, &on, sizeof(on), EOPNOTSUPP },
 		{ SOL_SOCKET, SO_TIMESTAMPNS, &on, 1, EINVAL },
@@ -602,8 +602,7 @@ TEST(CompatPreload, options__answers)
 		{ SOL_SOCKET, SO_ERROR, 0, 0 },
 		{ SOL_PACKET, PACKET_ORIGDEV, 0, 1 },
 		{ SOL_PACKET, PACKET_AUXDATA, 0, 0 },
-		{ SOL_PACKET, PACKET_HDRLEN, ENOPROTOOPT, 0 },
-		{ SOL_PACKET, PACKET_VERSION, ENOPROTOOPT, 0 },
+		{ SOL_PACKET, PACKET_ROLLOVER_STATS, ENOPROTOOPT, 0 },
 	};
 	for (const auto &row : gets) {
 		int value = 0;
