@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <exception>
 #include <new>
+#include <string>
 
 namespace mox {
 
@@ -30,6 +31,23 @@ Result guarded(Result failed, const Function &function) noexcept
 		note_failure(EINVAL, error.what());
 	}
 	return failed;
+}
+
+/** Runs a function of the C API that returns 0, or -1 after an exception. */
+template <typename Function> int done(const Function &function) noexcept
+{
+	return guarded(-1, [&] {
+		function();
+		return 0;
+	});
+}
+
+/** The text. Throws UsageError for NULL; what names the argument. */
+inline const char *not_null(const char *text, const char *what)
+{
+	if (!text)
+		throw UsageError(std::string(what) + " is NULL: give a text");
+	return text;
 }
 
 } // namespace mox

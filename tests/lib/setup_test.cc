@@ -92,6 +92,11 @@ TEST_F(Handle, rules__the_record_to_the_byte)
 			  return mox_add_rule_elements(h, PACKET_IPv4_MCAST_TRAFFIC, nullptr, 0);
 		  },
 		  { 12, 0, 0, 0, 1, 0 } },
+		{ "a value that is not compared",
+		  [](mox_socket *h) {
+			  return mox_add_rule_elements(h, PACKET_EAPOL_TYPE_WPS, nullptr, 0);
+		  },
+		  { 15, 0, 1, 0, 1, 0, 0 } },
 		{ "every frame",
 		  [](mox_socket *h) { return mox_add_rule_elements(h, PACKET_ALL, nullptr, 0); },
 		  { 16, 0, 0, 0, 0, 0 } },
