@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 WITH Linux-syscall-note */
+/* SPDX-License-Identifier: GPL-2.0-only WITH Linux-syscall-note */
 /*
  * mox_capture.h - the generic netlink family "mox_capture", for reading what
  * mox_ef_socket does with frames: ledgers, sockets, rules, queues, memory, the copy

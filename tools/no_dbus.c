@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Only for static programs. The distribution's libpcap.a can also capture from the D-Bus and then needs libdbus and
  * libsystemd, which have no static build. The tools write and read files with libpcap and capture nothing through it:

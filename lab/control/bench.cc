@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // lab-bench - what a send costs, in the virtual machine: sends a second through mox_ef_socket next to the kernel's own
 // packet socket on the same device, and instructions of one send inside the module. lab/bench runs it.
 #include <algorithm>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What changing a rule costs, and how much memory rules take.
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The operators' side: what the debug filter costs a frame, and how long a command takes with many sockets open.
 #include "bench.hpp"
 

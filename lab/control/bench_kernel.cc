@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // recvmsg, and the kernel's own packet socket beside the module's, on the same kernel.
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a received frame costs inside the module: in the hook, in the copy thread behind it, and in recvmsg.
 #include <algorithm>
 #include <cstdio>

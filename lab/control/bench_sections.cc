@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The longest time with bottom halves off, and the longest holds of the module's locks, while an unprivileged user does
 // what takes long.
 #include <algorithm>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The shapes that many rules have in the receive rounds: what tells one rule from the next, and what all share.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the rounds of lab-bench share: figures as text and JSON, time, capture sockets, modules in and out.
 #pragma once
 

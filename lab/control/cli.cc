@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // moxlab - the lab platform's control device for scripts.
 #include <algorithm>
 #include <cstdio>

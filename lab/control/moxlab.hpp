@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The lab platform's control device for C++ programs. Every call either does what it says or throws an Error that
 // names the call, the thing and the reason. A Device may be used by several threads at once.
 #pragma once

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 WITH Linux-syscall-note */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * moxlab_tables.h - what the control interface numbers, one row each, for the
  * platform's modules and for their client. A table is a macro that applies X to

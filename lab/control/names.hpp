@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The control interface's numbers by name, for people, and the parsing of what people type. Parsers throw Usage with a
 // text that lists what is allowed.
 #pragma once

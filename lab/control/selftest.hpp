@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the files of the platform's own test share. It runs in the virtual machine with the platform loaded and the
 // capture module not needed: a platform that overlooks a misuse or miscounts would make every other result worthless.
 #pragma once

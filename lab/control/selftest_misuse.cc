@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Misuse of the platform is seen for what it is, announced or not, up to the unload.
 #include "selftest.hpp"
 

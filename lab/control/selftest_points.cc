@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Injection at each point: the header that the frame gets, the CPU it runs on, and what is refused.
 #include "selftest.hpp"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the platform holds and publishes: interfaces, services, and its measurements.
 #include "selftest.hpp"
 

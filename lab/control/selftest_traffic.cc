@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Frames through the whole platform: sends, ports, reserved destinations, learned stations, floods.
 #include "selftest.hpp"
 

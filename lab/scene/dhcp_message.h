@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* DHCP (RFC 2131) inside an IPv4 packet, as far as a server for a handful of stations needs it. */
 #ifndef DHCP_MESSAGE_H
 #define DHCP_MESSAGE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * A DHCP server that needs no network stack below it: it traps the requests before they are forwarded, and sends each
  * answer out of the interface that the request came in on.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * A station that sends single frames, or records what it gets: the other end of a TAP device is its wire. In a kernel
  * whose packet sockets are the capture sockets this is how a program gets a frame of its own making onto a port, and

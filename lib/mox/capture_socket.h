@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * A capture socket of family 17.
  *
@@ -21,6 +21,7 @@
 #ifndef MOX_CAPTURE_SOCKET_H
 #define MOX_CAPTURE_SOCKET_H
 
+#include "mox/export.h"
 #include "mox/packet_socket.h"
 #include "mox/rule.h"
 #include "mox_packet.h"
@@ -45,9 +46,16 @@ struct Frame {
 	bool truncated() const { return bytes.size() < length; }
 };
 
-class CaptureSocket : public PacketSocket {
+class MOX_API CaptureSocket : public PacketSocket {
 public:
-	using PacketSocket::PacketSocket;
+	/** As PacketSocket's. */
+	explicit CaptureSocket(SocketKind kind, std::uint16_t protocol = 0,
+			       SocketCalls &calls = SocketCalls::system());
+	/**
+     * As PacketSocket's. Whether control records are on cannot be read from the kernel: until set_control_info is
+     * called, a frame has its record if the kernel stored one.
+     */
+	explicit CaptureSocket(Adopted adopted, SocketCalls &calls = SocketCalls::system());
 
 	void set_location(std::uint32_t location);
 	void set_treatment(std::uint32_t treatment);
@@ -67,6 +75,15 @@ public:
      */
 	std::optional<Frame> receive(std::span<std::uint8_t> buffer, bool wait = false);
 
+	/**
+     * The frames that are there, up to one for each buffer, in one call. Waits for the first one when wait is true. The
+     * first result many of `frames` are set; frames.size() has to be at least buffers.size(). At most kMostFrames a
+     * call: further buffers are not used. 0 as receive returns nothing.
+     */
+	std::size_t receive_many(std::span<const std::span<std::uint8_t>> buffers,
+				 std::span<Frame> frames, bool wait = false);
+	static constexpr std::size_t kMostFrames = 64;
+
 	/** The counters since the previous reading: the kernel clears them as it answers. */
 	mox_packet_stats take_statistics();
 
@@ -74,11 +91,15 @@ private:
 	void set_u32(int option, std::uint32_t value, const char *what);
 	void change_rule(int option, const Rule &rule, const char *what);
 
-	bool control_info_ = false;
+	/** Unknown for an adopted socket. */
+	enum class ControlInfo { kOff, kOn, kUnknown };
+	ControlInfo control_info_ = ControlInfo::kOff;
+	struct Room;
+	Frame taken(Room &room, std::size_t length, std::span<std::uint8_t> buffer);
 };
 
 /** Adds up readings of take_statistics, since each one starts again from 0. */
-class StatisticsSum {
+class MOX_API StatisticsSum {
 public:
 	void add(const mox_packet_stats &reading);
 	/** Frames that rules matched, the dropped ones included. */

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /* One hexadecimal digit. */
 #ifndef MOX_HEX_DIGIT_H
 #define MOX_HEX_DIGIT_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * Names of the numbers in mox_packet.h: locations, treatments, send flags and rule types, with the short aliases that
  * command lines use.
@@ -7,6 +7,8 @@
  */
 #ifndef MOX_NAMES_H
 #define MOX_NAMES_H
+
+#include "mox/export.h"
 
 #include <cstdint>
 #include <optional>
@@ -28,11 +30,11 @@ struct Name {
 };
 
 /** All locations in the order of their numbers; those that PACKET_LOCATION refuses are included. */
-std::span<const Name> locations();
+MOX_API std::span<const Name> locations();
 /** All treatments in the order of their numbers. */
-std::span<const Name> treatments();
+MOX_API std::span<const Name> treatments();
 /** All flags of a send's control record in the order of their bits. */
-std::span<const Name> send_flags();
+MOX_API std::span<const Name> send_flags();
 
 /** Whether a socket can be set to the location (MPLS and TRILL have names but no receiver). */
 constexpr bool location_is_open(std::uint32_t location)
@@ -41,33 +43,33 @@ constexpr bool location_is_open(std::uint32_t location)
 }
 
 /** The row with this full name or alias; nothing when there is none. */
-std::optional<Name> find_name(std::span<const Name> table, std::string_view text);
+MOX_API std::optional<Name> find_name(std::span<const Name> table, std::string_view text);
 
 /**
  * The number of a location that captures. Throws UsageError listing the allowed names for an unknown name, for
  * "none" and for the locations that the module refuses.
  */
-std::uint32_t parse_location(std::string_view text);
+MOX_API std::uint32_t parse_location(std::string_view text);
 
 /** The number of a treatment that captures (not "none"). Throws UsageError listing the allowed names. */
-std::uint32_t parse_treatment(std::string_view text);
+MOX_API std::uint32_t parse_treatment(std::string_view text);
 
 /** The bit of a send flag. Throws UsageError listing the allowed names. */
-std::uint32_t parse_send_flag(std::string_view text);
+MOX_API std::uint32_t parse_send_flag(std::string_view text);
 /** First aliases of the flags in a word, blanks between them; bits without a name as one hexadecimal number. */
-std::string send_flags_text(std::uint32_t flags);
+MOX_API std::string send_flags_text(std::uint32_t flags);
 
 /** Full name of a location, "Unknown" beyond the table, as the module prints it. */
-std::string_view location_name(std::uint32_t location);
+MOX_API std::string_view location_name(std::uint32_t location);
 /** Full name of a treatment, "Unknown" beyond the table. */
-std::string_view treatment_name(std::uint32_t treatment);
+MOX_API std::string_view treatment_name(std::uint32_t treatment);
 
 /** Whether two names are the same but for case and '_' against '-'. */
-bool same_name(std::string_view a, std::string_view b);
+MOX_API bool same_name(std::string_view a, std::string_view b);
 /** The text without a leading "PACKET_" in any case. */
-std::string_view without_prefix(std::string_view text);
+MOX_API std::string_view without_prefix(std::string_view text);
 /** Whether the text is one of the words of a space-separated list (compared with same_name). */
-bool in_word_list(std::string_view words, std::string_view text);
+MOX_API bool in_word_list(std::string_view words, std::string_view text);
 
 } // namespace mox
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 #include "mox/packet_socket.h"
 
 #include "mox/error.h"
@@ -40,6 +40,25 @@ const std::string kVsdRemedy = std::string("a process whose working directory li
 	default:
 		throw_socket_error(what);
 	}
+}
+
+const char *const kLinuxRemedy = "family 17 is served by Linux's own packet sockets: unload "
+				 "them and load mox_ef_socket.ko";
+
+bool is_linux_packet_socket(SocketCalls &calls, int fd)
+{
+	int version = 0;
+	socklen_t length = sizeof(version);
+	return calls.getsockopt(fd, MOX_SOL_PACKET, kLinuxPacketVersion, &version, &length) == 0;
+}
+
+int socket_option(SocketCalls &calls, int fd, int option, const std::string &what)
+{
+	int value = 0;
+	socklen_t length = sizeof(value);
+	if (calls.getsockopt(fd, SOL_SOCKET, option, &value, &length) != 0)
+		throw_socket_error(what, "a socket of family 17 is needed");
+	return value;
 }
 
 LinkAddress link_address(std::uint32_t ifindex, std::uint16_t protocol)
@@ -99,6 +118,12 @@ ssize_t SocketCalls::sendmsg(int fd, const msghdr *message, int flags)
 	return ::sendmsg(fd, message, flags);
 }
 
+int SocketCalls::recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags)
+{
+	// For the same reason.
+	return static_cast<int>(::syscall(SYS_recvmmsg, fd, messages, count, flags, nullptr));
+}
+
 int SocketCalls::close(int fd)
 {
 	return ::close(fd);
@@ -124,15 +149,38 @@ PacketSocket::PacketSocket(SocketKind kind, std::uint16_t protocol, SocketCalls 
 		fail_to_open();
 
 	// Linux's own packet sockets give other meanings to options 15 to 17 and would accept them.
-	int version = 0;
-	socklen_t length = sizeof(version);
-	if (calls_.getsockopt(fd_, MOX_SOL_PACKET, kLinuxPacketVersion, &version, &length) == 0) {
+	if (is_linux_packet_socket(calls_, fd_)) {
 		calls_.close(std::exchange(fd_, -1));
 		errno = EPROTONOSUPPORT;
-		throw_socket_error("cannot open a packet socket",
-				   "family 17 is served by Linux's own packet sockets: unload "
-				   "them and load mox_ef_socket.ko");
+		throw_socket_error("cannot open a packet socket", kLinuxRemedy);
 	}
+}
+
+PacketSocket::PacketSocket(Adopted adopted, SocketCalls &calls) : calls_(calls)
+{
+	std::string what = "cannot adopt descriptor " + std::to_string(adopted.fd);
+	int family = socket_option(calls_, adopted.fd, SO_DOMAIN, what);
+	int type = socket_option(calls_, adopted.fd, SO_TYPE, what);
+	errno = EPROTONOSUPPORT;
+	if (family != MOX_PACKET_FAMILY)
+		throw_socket_error(what, "it is a socket of family " + std::to_string(family) +
+						 ", not of 17");
+	if (is_linux_packet_socket(calls_, adopted.fd)) {
+		errno = EPROTONOSUPPORT;
+		throw_socket_error(what, kLinuxRemedy);
+	}
+	LinkAddress address{};
+	socklen_t length = sizeof(address);
+	if (calls_.getsockname(adopted.fd, reinterpret_cast<sockaddr *>(&address), &length) != 0)
+		throw_socket_error(what);
+	kind_ = type == SOCK_RAW ? SocketKind::kRaw : SocketKind::kDatagram;
+	bound_to_ = static_cast<std::uint32_t>(address.ifindex);
+	fd_ = adopted.fd;
+}
+
+int PacketSocket::release()
+{
+	return std::exchange(fd_, -1);
 }
 
 PacketSocket::~PacketSocket()

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * A socket of family 17: opening, naming its interface, sending. CaptureSocket adds receiving, so that one socket can
  * receive requests and send answers.
@@ -12,6 +12,7 @@
 #ifndef MOX_PACKET_SOCKET_H
 #define MOX_PACKET_SOCKET_H
 
+#include "mox/export.h"
 #include "mox/send.h"
 
 #include <sys/socket.h>
@@ -24,7 +25,7 @@
 namespace mox {
 
 /** The system calls that a packet socket makes; tests replace them. Results and errno as in libc. */
-class SocketCalls {
+class MOX_API SocketCalls {
 public:
 	virtual ~SocketCalls() = default;
 	virtual int socket(int family, int type, int protocol);
@@ -33,6 +34,8 @@ public:
 	virtual int setsockopt(int fd, int level, int option, const void *value, socklen_t length);
 	virtual int getsockopt(int fd, int level, int option, void *value, socklen_t *length);
 	virtual ssize_t recvmsg(int fd, msghdr *message, int flags);
+	/** Without a time limit. */
+	virtual int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags);
 	virtual ssize_t sendmsg(int fd, const msghdr *message, int flags);
 	virtual int close(int fd);
 
@@ -61,9 +64,14 @@ struct LinkAddress {
 static_assert(sizeof(LinkAddress) == 20);
 
 /** Index of an interface name, 0 when there is none. */
-std::uint32_t system_interface_index(const std::string &name);
+MOX_API std::uint32_t system_interface_index(const std::string &name);
 
-class PacketSocket {
+/** An open descriptor of family 17 that another part, or another process, opened. */
+struct Adopted {
+	int fd;
+};
+
+class MOX_API PacketSocket {
 public:
 	/**
      * Opens a socket. protocol is an EtherType in host order; other than 0 it becomes the socket's first rule
@@ -71,6 +79,11 @@ public:
      */
 	explicit PacketSocket(SocketKind kind, std::uint16_t protocol = 0,
 			      SocketCalls &calls = SocketCalls::system());
+	/**
+     * Takes over an open socket with all that is set on it: its rules, location and options stay. Throws SocketError
+     * with EPROTONOSUPPORT for a descriptor that is no socket of mox_ef_socket; the descriptor stays the caller's then.
+     */
+	explicit PacketSocket(Adopted adopted, SocketCalls &calls = SocketCalls::system());
 	~PacketSocket();
 	PacketSocket(PacketSocket &&other) noexcept;
 	PacketSocket(const PacketSocket &) = delete;
@@ -79,6 +92,11 @@ public:
 
 	/** For poll; this object keeps the ownership. */
 	int fd() const { return fd_; }
+	/** Ends the ownership and returns the descriptor, which stays open. Only the destructor may follow. */
+	int release();
+	/** The interface that the socket is bound to, 0: none. */
+	std::uint32_t bound_to() const { return bound_to_; }
+	SocketKind kind() const { return kind_; }
 
 	/**
      * Names the socket's interface (0: all) and, with a protocol other than 0, adds an EtherType rule. The
@@ -106,12 +124,13 @@ private:
 
 	SocketCalls &calls_;
 	int fd_ = -1;
-	SocketKind kind_;
+	SocketKind kind_ = SocketKind::kRaw;
 	std::uint32_t bound_to_ = 0;
 };
 
 /** Throws a SocketError with errno: "WHAT: reason (REMEDY)". */
-[[noreturn]] void throw_socket_error(const std::string &what, const std::string &remedy = {});
+[[noreturn]] MOX_API void throw_socket_error(const std::string &what,
+					     const std::string &remedy = {});
 
 } // namespace mox
 

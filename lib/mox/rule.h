@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * Rule records: what MOX_PACKET_ADD_RULE and MOX_PACKET_DEL_RULE take.
  *
@@ -8,6 +8,7 @@
 #ifndef MOX_RULE_H
 #define MOX_RULE_H
 
+#include "mox/export.h"
 #include "mox/values.h"
 #include "mox_packet.h"
 
@@ -50,13 +51,13 @@ struct RuleType {
 };
 
 /** All rule types in the order of their numbers. */
-std::span<const RuleType> rule_types();
+MOX_API std::span<const RuleType> rule_types();
 
 /** The row of a name or alias. Throws UsageError listing the allowed names. */
-const RuleType &find_rule_type(std::string_view text);
+MOX_API const RuleType &find_rule_type(std::string_view text);
 
 /** One rule type with its values. */
-class Rule {
+class MOX_API Rule {
 public:
 	/** A rule without values yet. Throws UsageError for a number that is no rule type. */
 	explicit Rule(std::uint32_t type);
@@ -102,7 +103,7 @@ private:
  *
  * protocol_given says that the socket was opened with a protocol, which is a first EtherType rule already.
  */
-std::vector<Rule> in_filing_order(std::vector<Rule> rules, bool protocol_given);
+MOX_API std::vector<Rule> in_filing_order(std::vector<Rule> rules, bool protocol_given);
 
 } // namespace mox
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: MIT */
 /*
  * One frame to send: its bytes, its destination interface and its control record.
  *
@@ -8,6 +8,7 @@
 #ifndef MOX_SEND_H
 #define MOX_SEND_H
 
+#include "mox/export.h"
 #include "mox/values.h"
 #include "mox_packet.h"
 
@@ -45,7 +46,7 @@ struct SendControl {
 		proxy_capture; /**< sets MOX_SEND_PROXY_CAPTURE too; without that flag it is not read */
 
 	/** The record as sendmsg reads it. Throws UsageError for a VLAN id that does not fit. */
-	mox_packet_ctrl_info record() const;
+	MOX_API mox_packet_ctrl_info record() const;
 };
 
 /** One frame to send. The bytes must stay valid until the send returns. */

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The operators' channel as the tests expect it: debug switches and the debug packet filter.
 #pragma once
 

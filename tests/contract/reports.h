@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the reports must read, composed from what a test expects in them. A report is kept as the
 // pieces in which the module writes it: a full staging buffer drops whole pieces.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Rules as the tests expect them: types, treatments, and how the records in memory are counted.
 #pragma once
 

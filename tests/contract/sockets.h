@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The socket calls as the tests expect them: counters, option numbers, and what a send does.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Socket calls, frames and failing allocations as the bytes choose them, beside the reference:
 // rules, keys, copies, answers, offers and counters are compared behind every step, as far as it can
 // have changed them, and all of them at the end.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // One case of a fuzz target in a fixture of the host tests: a fresh kernel and module before it,
 // the fixture's audits behind it.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Any efbuffs, headers and frames, through a hook and delivery, under filters and traces that are
 // about these frames. What lies behind the frame's end, or behind what a hook may read, is
 // poisoned.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Frames with headers that fit each other, changed in a few bytes, and filters and traces that are
 // about such a frame, or miss it by one byte.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a target defines. A failed expectation ends the process, as a crash does.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The bytes of a case, taken from the front. Behind the last one every number is 0.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Calls, frames, requests, dumps, failing allocations and loads in the middle of each other, as the
 // bytes choose them.
 #include "fixture_case.h"

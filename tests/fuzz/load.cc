@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Loads and unloads of the module and of its units, with calls that fail, services that come and
 // go, and frames of the last moment.
 #include "base/module_state.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A case of calls, frames, requests and dumps that run in the middle of each other. Where a call
 // holds no lock, another CPU can do anything; where it holds only locks that sleep, a hook can run.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a process, the platform or the copy thread does, as the bytes choose it. Results are not
 // predicted: what ran at the same time decides some of them.
 #include "play.h"

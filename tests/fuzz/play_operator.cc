@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What operators, their programs and other parts of the platform do, as the bytes choose it.
 #include "play.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The targets of the module rely on poisoned memory: without it they would pass whatever is read.
 #include <sanitizer/asan_interface.h>
 

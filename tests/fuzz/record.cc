@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Calls of a process on its sockets with any option, value, length and reach of user memory, rule
 // records above all.
 #include "fixture_case.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Requests to both netlink families and socket diagnosis: any message, any attributes, any room
 // for a dump's messages, about sockets with few and many values that may go in the middle.
 #include "capture_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What must hold of the libraries when no call runs, whatever ran at the same time before: they
 // hold exactly what the reference files for the rules that they list.
 #pragma once

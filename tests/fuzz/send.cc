@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sends of any name, control record and data in a world that changes, compared with the reference.
 #include "fixture_case.h"
 #include "random_send_fixture.h"

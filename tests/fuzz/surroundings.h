@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What surrounds the calls of a case, as its bytes choose it: debug lines, capabilities, a pending
 // signal, memory, a call that fails, and a process in a virtual switch device.
 #pragma once

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """usage: uncovered.py EXPORT FUNCTIONS REASONS OUT
 
 Prints lines and branches reached in each file of the module, and in all. EXPORT is what llvm-cov exports as text,

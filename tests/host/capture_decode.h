@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Messages of the family for reading, taken apart. Whatever the interface's tables do not have,
 // or have in another size, fails the running test.
 #pragma once

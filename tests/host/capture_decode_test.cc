@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the decoder and the fakes of the family for reading find fault with: a test of the module
 // that passes has passed these checks, too.
 #include <gtest/gtest-spi.h>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // For tests of the family for reading: requests as bytes, answers and dumps as messages.
 #pragma once
 

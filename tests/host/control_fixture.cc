@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 #include "control_fixture.h"
 
 Bytes ControlTest::message(const Bytes &record, int nlmsg_len, int nla_len)

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // For tests of the operators' side: requests as messages, and what came of them.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Random changes of rules, and the comparison behind them.
 #include "dense_fixture.h"
 #include "rules/budget.hpp"

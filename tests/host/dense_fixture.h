@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The module beside the reference with rules that collide all the time: tiny ranges of values,
 // every type in every place, and frames aimed at a rule that miss it by one condition at most.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Frames aimed at the rules of the reference, and the count of what they showed.
 #include <algorithm>
 

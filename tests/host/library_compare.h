@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A library of the module beside its twin in the reference, compared in place.
 #pragma once
 

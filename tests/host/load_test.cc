@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Load and unload of the real units together, and the family unit's own init.
 #include "base/module_state.hpp"
 #include "packets.h"

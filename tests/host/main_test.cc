@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The load and unload entries alone: the six units, the family for reading behind them, and the
 // times of arrival around them are stand-ins that write down when they are called, and any of
 // them that can fail can be made to fail.

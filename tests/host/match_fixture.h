@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // One packet against rules: as items of a rule, and as keys of a filter list.
 #pragma once
 

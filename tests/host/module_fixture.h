@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The whole module, loaded into the fake kernel, with sockets to play with.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Everything that an offer of a frame to a socket can end in, each made to happen.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 #include "random_send_fixture.h"
 
 void RandomSendTest::SetUp()

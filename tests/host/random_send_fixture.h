@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sends of any name, control record and data on a few sockets, in a world that changes, beside the
 // reference. What they are, a generator or the bytes of a case choose.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The word's page cannot be touched: an access faults, is let through for one
 // instruction (the processor's trap flag), and then the page is closed again.
 #include "read_trap.h"

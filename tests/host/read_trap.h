@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The other CPU between two instructions: acts right behind each access to one word,
 // where no fake is called that could play it.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Rules for tests of the library: rules outside of any socket, readings of what a
 // library holds, and a verifier that recounts its lists.
 #pragma once

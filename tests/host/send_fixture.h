@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // For tests of sendmsg: messages as processes make them, the local-MAC service,
 // interfaces up and down, and what a send may change.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // For tests of the socket calls: the order of locks, what one socket owns, a
 // second namespace, and the other CPU played at every point of a call.
 #pragma once

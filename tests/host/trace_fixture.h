@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // For tests of traces: readers that start and stop them, and the records that they get.
 #pragma once
 

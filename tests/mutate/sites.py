@@ -1,4 +1,4 @@
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """Finds where the module's C++ can be broken, in the syntax tree that clang prints as JSON.
 
 A site is an operator, a constant or a statement together with its mutants. Each site knows the

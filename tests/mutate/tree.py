@@ -1,4 +1,4 @@
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """The mutated tree: a copy of the module with every mutant of every file in it, and its test programs."""
 
 import hashlib

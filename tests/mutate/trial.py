@@ -1,4 +1,4 @@
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """Runs the tests on one mutant after the other, keeps what came out, and reads the table of explained ones."""
 
 import json

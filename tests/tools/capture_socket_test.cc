@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "expect_error.h"
 #include "fake_calls.h"
 #include "mox/error.h"
@@ -322,6 +322,36 @@ TEST(capture_socket, receive__waits_only_when_asked)
 	socket.receive(buffer);
 	socket.receive(buffer, true);
 	EXPECT_EQ(calls.receive_flags, (std::vector<int>{ MSG_TRUNC | MSG_DONTWAIT, MSG_TRUNC }));
+}
+
+TEST(capture_socket, receive_many__one_frame_for_each_buffer)
+{
+	FakeCalls calls;
+	mox::CaptureSocket socket(mox::SocketKind::kRaw, 0, calls);
+	std::uint8_t rooms[3][4];
+	const std::span<std::uint8_t> buffers[] = { rooms[0], rooms[1], rooms[2] };
+	mox::Frame frames[3];
+	EXPECT_EQ(socket.receive_many(buffers, frames), 0u);
+	for (std::uint8_t i = 1; i <= 4; ++i)
+		calls.queue({ std::vector<std::uint8_t>(i + 1u, i), {} });
+	ASSERT_EQ(socket.receive_many(buffers, frames), 3u);
+	for (std::uint8_t i = 1; i <= 3; ++i) {
+		EXPECT_EQ(frames[i - 1].length, i + 1u);
+		EXPECT_EQ(frames[i - 1].bytes.data(), rooms[i - 1]);
+		EXPECT_EQ(rooms[i - 1][0], i);
+	}
+	// Fewer frames than buffers, and the wait is for the first one only.
+	EXPECT_EQ(socket.receive_many(buffers, { frames, 2 }, true), 1u);
+	EXPECT_EQ(frames[0].length, 5u);
+	EXPECT_TRUE(frames[0].truncated());
+	EXPECT_EQ(calls.many_flags,
+		  (std::vector<int>{ MSG_TRUNC | MSG_DONTWAIT, MSG_TRUNC | MSG_DONTWAIT,
+				     MSG_TRUNC | MSG_WAITFORONE }));
+	EXPECT_EQ(socket.receive_many({}, {}, true), 0u) << "without a call";
+	EXPECT_EQ(calls.many_flags.size(), 3u);
+	calls.receive_error = EFAULT;
+	expect_error<mox::SocketError>([&] { socket.receive_many(buffers, frames); },
+				       { "cannot receive" });
 }
 
 TEST(capture_socket, receive__an_interrupted_wait_is_no_error_but_others_are)

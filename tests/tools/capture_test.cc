@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* From options to a socket, and from a socket's frames to lines and counters. */
 #include "capture.h"
 

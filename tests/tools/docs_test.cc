@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The documents' tables against the tables that the module and the tools are built from. */
 #include "mox_packet_tables.h"
 

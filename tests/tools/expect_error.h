@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Expectations about the text of an error: that it names the thing, what is allowed and the remedy. */
 #ifndef EXPECT_ERROR_H
 #define EXPECT_ERROR_H

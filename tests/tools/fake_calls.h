@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * A kernel made of vectors: it records every call, answers as the test sets it, and returns queued frames. Its
  * descriptor is an event counter that is readable while frames are queued, so that waiting works for real.
@@ -41,7 +41,8 @@ struct OptionCall {
 struct QueuedFrame {
 	std::vector<std::uint8_t> bytes;
 	mox_packet_ctrl_info control{};
-	timespec stamp{}; // reported with SO_TIMESTAMPNS only
+	timespec stamp{};    // reported with SO_TIMESTAMPNS only
+	bool coarse = false; // reported with SO_TIMESTAMP, too, in microseconds
 };
 
 /** What a sendmsg call handed over. */
@@ -61,9 +62,9 @@ public:
 	bool wide_stamps =
 		false; // the form of time stamps that 32-bit programs with a 64-bit time_t ask for
 	std::map<int, int> option_errors;
-	int name_error = 0;
-	std::vector<std::uint8_t> name; // answer of getsockname
-	std::deque<int> send_errors;    // of the coming sends, 0: success; success when used up
+	int name_error = 0, domain_error = 0; // of getsockname, of getsockopt(SOL_SOCKET)
+	std::vector<std::uint8_t> name;       // answer of getsockname
+	std::deque<int> send_errors; // of the coming sends, 0: success; success when used up
 	mox_packet_stats statistics{};
 	std::function<void(const OptionCall &)> on_option;
 	std::function<void()> on_receive; // called after a frame was handed out
@@ -72,10 +73,14 @@ public:
 	int family = -1, type = -1, protocol = -1;
 	std::vector<std::uint8_t> bound_to;
 	std::vector<OptionCall> options;
-	std::vector<int> receive_flags;
-	std::vector<SentMessage> sent; // the refused ones, too
+	std::vector<int> receive_flags, many_flags; // of recvmsg, of recvmmsg
+	std::vector<SentMessage> sent;              // the refused ones, too
 	std::function<void()> on_send;
 	int statistics_reads = 0;
+	bool is_open() const { return open_ == 1; }
+	int descriptor() const { return fd_; }
+	/** A caller that releases a descriptor closes it itself. */
+	void closed_elsewhere() { --open_; }
 
 	void queue(QueuedFrame frame)
 	{
@@ -114,7 +119,8 @@ public:
 		if (name_error)
 			return fail(name_error);
 		EXPECT_GE(*length, name.size());
-		std::memcpy(address, name.data(), name.size());
+		if (!name.empty())
+			std::memcpy(address, name.data(), name.size());
 		*length = static_cast<socklen_t>(name.size());
 		return 0;
 	}
@@ -151,6 +157,8 @@ public:
 	}
 	int getsockopt(int, int level, int option, void *value, socklen_t *length) override
 	{
+		if (level == SOL_SOCKET)
+			return get_own_option(option, value, length);
 		EXPECT_EQ(level, 263);
 		if (option == 10 && linux_packet_sockets)
 			return 0;
@@ -199,6 +207,21 @@ public:
 			on_receive();
 		return static_cast<ssize_t>(flags & MSG_TRUNC ? frame.bytes.size() : copied);
 	}
+	/** As the kernel does: one recvmsg after the other, and of the last one's error nothing once there is a frame. */
+	int recvmmsg(int fd, mmsghdr *messages, unsigned count, int flags) override
+	{
+		many_flags.push_back(flags);
+		unsigned taken = 0;
+		flags &= ~MSG_WAITFORONE;
+		for (; taken < count; ++taken) {
+			ssize_t length = recvmsg(fd, &messages[taken].msg_hdr,
+						 flags | MSG_DONTWAIT);
+			if (length < 0)
+				break;
+			messages[taken].msg_len = static_cast<unsigned>(length);
+		}
+		return taken == 0 ? -1 : static_cast<int>(taken);
+	}
 	int close(int fd) override
 	{
 		EXPECT_EQ(fd, fd_);
@@ -207,6 +230,17 @@ public:
 	}
 
 private:
+	int get_own_option(int option, void *value, socklen_t *length) const
+	{
+		int number = option == SO_DOMAIN ? family : option == SO_TYPE ? type & 0xf : -1;
+		if (domain_error)
+			return fail(domain_error);
+		if (number < 0)
+			return fail(ENOPROTOOPT);
+		EXPECT_EQ(*length, sizeof(number));
+		std::memcpy(value, &number, sizeof(number));
+		return 0;
+	}
 	/** The value that a 4-byte option was last set to. */
 	std::uint32_t last_set(int level, int option) const
 	{
@@ -238,7 +272,11 @@ private:
 		for (const auto &each : table) {
 			if (last_set(SOL_SOCKET, each.option) == 0)
 				continue;
-			if (each.option == SO_TIMESTAMPNS)
+			if (each.option == SO_TIMESTAMP && frame.coarse)
+				messages.push_back(stamp_message<long>(
+					SO_TIMESTAMP_OLD,
+					{ frame.stamp.tv_sec, frame.stamp.tv_nsec / 1000 }));
+			else if (each.option == SO_TIMESTAMPNS)
 				messages.push_back(
 					wide_stamps ? stamp_message<std::int64_t>(
 							      SO_TIMESTAMPNS_NEW, frame.stamp)

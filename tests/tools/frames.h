@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Frames written out in hexadecimal, as they would be on the wire, with what the decoder says to them. */
 #ifndef FRAMES_H
 #define FRAMES_H

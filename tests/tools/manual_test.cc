@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The options of moxcap --help against those of the manual page. */
 #include "options.h"
 

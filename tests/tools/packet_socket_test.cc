@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The sending half of a socket: what is passed to the kernel, to the byte, and the texts of refusals. */
 #include "mox/packet_socket.h"
 

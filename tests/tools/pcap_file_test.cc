@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Files are read back with libpcap: what counts is what other programs see. */
 #include "pcap_file.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Reads a pcapng file of this machine's byte order, written from the format's description, and checks its form. */
 #ifndef PCAPNG_READER_H
 #define PCAPNG_READER_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* A capture of a few frames, written by the code under test, for tests with programs that read pcapng. */
 #ifndef PCAPNG_SAMPLE_H
 #define PCAPNG_SAMPLE_H

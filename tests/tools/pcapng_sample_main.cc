@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Writes the sample to a file, or to standard output ("-"). */
 #include "pcapng_sample.h"
 

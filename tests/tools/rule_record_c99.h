@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What rule_record_c99.c compiles as C99, for the test in C++. */
 #ifndef RULE_RECORD_C99_H
 #define RULE_RECORD_C99_H

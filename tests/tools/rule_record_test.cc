@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The public header's rule builder, in C++ and in C99. */
 #include "rule_record_c99.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "expect_error.h"
 #include "mox/error.h"
 #include "mox/rule.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Capture files as libpcap reads them back. */
 #ifndef STORED_FILE_H
 #define STORED_FILE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The bytes that capture files store: headers and VLAN tags that frames lack. */
 #include "stored_frame.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* How the programs end: by a signal, or at once with a text. Independent of sockets. */
 #ifndef MOX_TOOLS_COMMON_ENDING_H
 #define MOX_TOOLS_COMMON_ENDING_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The agent: what it announces, when and on which port, and how it handles received frames. Independent of sockets. */
 #ifndef LLDPAGENT_AGENT_H
 #define LLDPAGENT_AGENT_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* How the agent reports that the system refused something. */
 #ifndef LLDPAGENT_ERROR_H
 #define LLDPAGENT_ERROR_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * An LLDPDU (IEEE 802.1AB): what a station announces of itself, and the Ethernet frame around it.
  */

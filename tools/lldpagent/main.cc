@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* lldpagent: LLDP on the ports of the forwarding platform. */
 #include "common/ending.h"
 #include "error.h"

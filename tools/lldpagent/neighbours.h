@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The neighbours of each port until their TTL runs out. */
 #ifndef LLDPAGENT_NEIGHBOURS_H
 #define LLDPAGENT_NEIGHBOURS_H

@@ -1,6 +1,7 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "options.h"
 
+#include "mox_version.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
@@ -198,6 +199,7 @@ std::optional<Ending> read_options(int argc, const char *const *argv, const Defa
 		"An LLDP agent: announces the device on ports of the forwarding platform and lists its neighbours.",
 		"lldpagent"
 	};
+	app.set_version_flag("--version", "lldpagent " MOX_VERSION, "Print the version and exit");
 	Words words;
 	options.identity.name = defaults.name;
 	options.identity.description = defaults.description;

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* lldpagent's command line. */
 #ifndef LLDPAGENT_OPTIONS_H
 #define LLDPAGENT_OPTIONS_H

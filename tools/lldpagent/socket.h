@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The sockets of an LLDP agent: one that takes LLDP off the forwarding pipeline, and one for each port that sends out
  * of it. Everything that is particular to family 17 is here and in the library (mox/capture_socket.h); read socket.cc

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The agent's state for an operator and for scripts. */
 #ifndef LLDPAGENT_STATE_H
 #define LLDPAGENT_STATE_H

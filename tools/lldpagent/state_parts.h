@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What both forms of the agent's state have in common: the counters' names and how times are shown. */
 #ifndef LLDPAGENT_STATE_PARTS_H
 #define LLDPAGENT_STATE_PARTS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* How "lldpagent show" asks a running agent: a Unix socket, one request and one answer for each connection. */
 #ifndef LLDPAGENT_STATUS_H
 #define LLDPAGENT_STATUS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Received bytes in a form that is safe to print. */
 #ifndef LLDPAGENT_TEXT_H
 #define LLDPAGENT_TEXT_H

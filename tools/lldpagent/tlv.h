@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The type-length-value elements that an LLDPDU is made of: a 16-bit header (7 bits of type, 9 bits of length, network
  * order) and up to 511 bytes of value.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The capture itself: from an open socket to lines, files and counters. */
 #ifndef MOXCAP_CAPTURE_H
 #define MOXCAP_CAPTURE_H

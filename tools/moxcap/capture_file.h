@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What the formats of capture files have in common. */
 #ifndef MOXCAP_CAPTURE_FILE_H
 #define MOXCAP_CAPTURE_FILE_H

@@ -1,9 +1,9 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "decode.h"
 
 #include "decode_ip.h"
+#include "mox/vlan.h"
 #include "reader.h"
-#include "vlan.h"
 
 #include <cstdio>
 
@@ -140,8 +140,9 @@ void decode_ethernet(const Reader &frame, Description &result)
 
 	std::size_t at = 12;
 	std::uint16_t ether_type = frame.u16(at);
-	while (is_vlan_protocol(ether_type)) {
-		result.protocol += "tag " + std::to_string(frame.u16(at + 2) & kVlanIdMask) + " ";
+	while (mox::is_vlan_protocol(ether_type)) {
+		result.protocol += "tag " + std::to_string(frame.u16(at + 2) & mox::kVlanIdMask) +
+				   " ";
 		at += 4;
 		ether_type = frame.u16(at);
 	}

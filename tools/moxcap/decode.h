@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What a frame is, in a few words. */
 #ifndef MOXCAP_DECODE_H
 #define MOXCAP_DECODE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The decoder's half for IPv4 and IPv6, and what both halves share. All may throw CutShort. */
 #ifndef MOXCAP_DECODE_IP_H
 #define MOXCAP_DECODE_IP_H

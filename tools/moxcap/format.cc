@@ -1,8 +1,8 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "format.h"
 
 #include "mox/names.h"
-#include "vlan.h"
+#include "mox/vlan.h"
 
 #include <cstdio>
 
@@ -94,7 +94,7 @@ std::string format_hex(std::span<const std::uint8_t> bytes)
 std::string format_vlan(const mox_packet_ctrl_info &control)
 {
 	std::string text;
-	VlanTags tags = vlan_tags(control);
+	mox::VlanTags tags = mox::vlan_tags(control);
 	if (tags.has_outer()) {
 		text += ", vlan " + std::to_string(tags.id);
 		if (tags.priority != 0)

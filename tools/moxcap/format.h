@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The text that moxcap prints. Every function returns whole lines, the last one ended, so that one write of the
  * result keeps lines together when several captures share a terminal. */
 #ifndef MOXCAP_FORMAT_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* moxcap: captures frames from the forwarding platform. */
 #include "capture.h"
 #include "common/ending.h"

@@ -1,8 +1,9 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "options.h"
 
 #include "mox/error.h"
 #include "mox/names.h"
+#include "mox_version.h"
 
 #include <CLI/CLI.hpp>
 
@@ -185,6 +186,7 @@ std::optional<Ending> read_options(int argc, const char *const *argv,
 		"Captures frames from the forwarding platform through the capture sockets of mox_ef_socket.",
 		"moxcap"
 	};
+	app.set_version_flag("--version", "moxcap " MOX_VERSION, "Print the version and exit");
 	Words words;
 	describe_command_line(app, words, options);
 	try {

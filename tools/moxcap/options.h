@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* moxcap's command line. */
 #ifndef MOXCAP_OPTIONS_H
 #define MOXCAP_OPTIONS_H

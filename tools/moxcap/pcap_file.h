@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Capture files in the pcap format, written through libpcap. */
 #ifndef MOXCAP_PCAP_FILE_H
 #define MOXCAP_PCAP_FILE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* One block of a pcapng file: its fields, and its options. In the byte order of this machine. */
 #ifndef MOXCAP_PCAPNG_BLOCK_H
 #define MOXCAP_PCAPNG_BLOCK_H

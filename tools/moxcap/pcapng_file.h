@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Capture files in the pcapng format, which has room for the interface of a frame and its control record. */
 #ifndef MOXCAP_PCAPNG_FILE_H
 #define MOXCAP_PCAPNG_FILE_H

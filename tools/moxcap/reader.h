@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Reading of frames that may end anywhere. */
 #ifndef MOXCAP_READER_H
 #define MOXCAP_READER_H

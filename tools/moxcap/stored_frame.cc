@@ -1,30 +1,16 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "stored_frame.h"
 
-#include "vlan.h"
+#include "mox/vlan.h"
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 namespace moxcap {
 namespace {
 
-constexpr std::size_t kEthernetHeader = 14, kCookedHeader = 16, kEtherTypeField = 2, kTag = 4;
-constexpr std::size_t kMostTags = 2;
-
-/** Up to two tags, as bytes of the frame. */
-struct Tags {
-	std::array<std::uint8_t, kMostTags * kTag> bytes{};
-	std::size_t length = 0;
-
-	void add(std::uint16_t protocol, std::uint16_t control)
-	{
-		for (std::uint16_t word : { protocol, control }) {
-			bytes[length++] = static_cast<std::uint8_t>(word >> 8);
-			bytes[length++] = static_cast<std::uint8_t>(word);
-		}
-	}
-};
+constexpr std::size_t kEthernetHeader = 14, kCookedHeader = 16, kEtherTypeField = 2;
 
 /** A frame whose layer-2 header begins with `header` and continues in `bytes`. */
 class Joined {
@@ -50,31 +36,18 @@ private:
 };
 
 /** The tags of the control record that the bytes of a frame, with its EtherType field at an offset, do not have. */
-Tags missing_tags(const Joined &frame, std::size_t type_at, const ReceivedFrame &received)
+mox::VlanTagBytes missing_tags(const Joined &frame, std::size_t type_at,
+			       const ReceivedFrame &received)
 {
-	Tags tags;
 	if (!received.control)
-		return tags;
-	VlanTags record = vlan_tags(*received.control);
-	if (!record.has_outer())
-		return tags;
-
+		return {};
 	// Where the bytes end before the EtherType, the control record has it.
 	std::uint16_t type = frame.size() >= type_at + kEtherTypeField ? frame.u16(type_at)
 								       : received.ether_type;
-	bool tagged = is_vlan_protocol(type);
-	// The id of a tag that is cut off is that of the outer tag: no platform leaves the inner one alone.
-	std::uint16_t id = frame.size() >= type_at + kTag
-				   ? frame.u16(type_at + kEtherTypeField) & kVlanIdMask
-				   : record.id;
-	if (tagged && id == record.id)
-		return tags;
-	bool inner = record.inner_id != 0 && !(tagged && id == record.inner_id);
-	tags.add(inner || tagged ? kServiceTag : kVlanTag,
-		 static_cast<std::uint16_t>(record.priority << 13 | record.id));
-	if (inner)
-		tags.add(kVlanTag, record.inner_id);
-	return tags;
+	std::optional<std::uint16_t> tag_control;
+	if (frame.size() >= type_at + mox::kVlanTagSize)
+		tag_control = frame.u16(type_at + kEtherTypeField);
+	return mox::missing_vlan_tags(*received.control, type, tag_control);
 }
 
 } // namespace
@@ -82,7 +55,7 @@ Tags missing_tags(const Joined &frame, std::size_t type_at, const ReceivedFrame 
 std::size_t FrameStorer::most_added() const
 {
 	// Of the two headers the cooked one is the longer.
-	return kCookedHeader + (vlan_tags_ ? kMostTags * kTag : 0);
+	return kCookedHeader + (vlan_tags_ ? mox::kMostVlanTags * mox::kVlanTagSize : 0);
 }
 
 StoredFrame FrameStorer::store(const ReceivedFrame &received)
@@ -101,7 +74,7 @@ StoredFrame FrameStorer::store(const ReceivedFrame &received)
 	std::size_t type_at = (layout_ == Layout::kNetwork ? kCookedHeader : kEthernetHeader) -
 			      kEtherTypeField;
 	std::size_t length = front + received.length;
-	Tags tags;
+	mox::VlanTagBytes tags;
 	if (vlan_tags_ && layout_ != Layout::kWlan && length >= type_at + kEtherTypeField)
 		tags = missing_tags(Joined(added, received.bytes), type_at, received);
 	if (front + tags.length == 0)

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What capture files store of a frame, whatever their format: the header it lacks, and its VLAN tags. */
 #ifndef MOXCAP_STORED_FRAME_H
 #define MOXCAP_STORED_FRAME_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Files that are replaced as a whole. */
 #ifndef MOXCTL_ATOMIC_FILE_H
 #define MOXCTL_ATOMIC_FILE_H

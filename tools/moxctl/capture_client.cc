@@ -1,10 +1,11 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "capture_client.h"
 
-#include "status.h"
+#include "mox_version.h"
 
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 namespace moxctl {
 namespace {
@@ -14,7 +15,28 @@ const CommandRow &row_of(mox_capture_cmd command)
 	return capture_commands()[command - 1];
 }
 
-Failure refused(mox_capture_cmd command, const Acknowledgement &answer)
+/** The feature that a module without the request lacks, as MOX_CAPTURE_FEATURE_TABLE names it; nothing if it has none. */
+std::string_view feature_of(mox_capture_cmd command)
+{
+	switch (command) {
+	case MOX_CAPTURE_CMD_LOCATIONS:
+	case MOX_CAPTURE_CMD_SOCKETS:
+		return "ledger";
+	case MOX_CAPTURE_CMD_RULES:
+		return "rules";
+	case MOX_CAPTURE_CMD_RESTRICT:
+		return "restrict";
+	case MOX_CAPTURE_CMD_TRACE_START:
+	case MOX_CAPTURE_CMD_TRACE_STOP:
+		return "trace";
+	default:
+		return {};
+	}
+}
+
+} // namespace
+
+Failure CaptureClient::refused(mox_capture_cmd command, const Acknowledgement &answer)
 {
 	std::string text = "the module refused the request \"" + lower_name(row_of(command).name) +
 			   "\": ";
@@ -24,14 +46,31 @@ Failure refused(mox_capture_cmd command, const Acknowledgement &answer)
 	if (answer.error == EPERM || answer.error == EACCES)
 		text += "; the capability CAP_NET_ADMIN is needed: run moxctl as root";
 	else if (answer.error == EOPNOTSUPP)
-		text += "; mox_ef_socket.ko is older than this moxctl";
+		text += "; mox_ef_socket.ko is older than this moxctl" + what_it_lacks(command);
 	else if (answer.error == EBUSY && command == MOX_CAPTURE_CMD_TRACE_START)
 		text += "; at most " + std::to_string(MOX_CAPTURE_TRACES) +
 			" traces run at the same time: end one of them";
 	return Failure(text);
 }
 
-} // namespace
+std::string CaptureClient::what_it_lacks(mox_capture_cmd command)
+{
+	std::string_view feature = feature_of(command);
+	std::string text;
+	if (!feature.empty())
+		text += " and lacks the feature \"" + std::string(feature) + "\"";
+	// The one request that every module of the family answers.
+	if (command != MOX_CAPTURE_CMD_INFO) {
+		try {
+			Record info = ask(MOX_CAPTURE_CMD_INFO, {});
+			text += "; its version is " +
+				std::string(info.text(MOX_CAPTURE_INFO_MODULE_VERSION));
+		} catch (const std::runtime_error &) {
+			// The refusal that is being reported matters more.
+		}
+	}
+	return text + ": load one of version " MOX_VERSION " or later (moxctl info lists features)";
+}
 
 std::optional<CaptureClient> CaptureClient::find(NetlinkSocket &socket, Milliseconds timeout)
 {

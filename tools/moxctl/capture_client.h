@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The channel to the module's family for reading: mox_capture. */
 #ifndef MOXCTL_CAPTURE_CLIENT_H
 #define MOXCTL_CAPTURE_CLIENT_H
@@ -6,9 +6,11 @@
 #include "capture_record.h"
 #include "capture_request.h"
 #include "netlink_message.h"
+#include "status.h"
 
 #include <functional>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace moxctl {
@@ -62,6 +64,10 @@ private:
 	void send(mox_capture_cmd command, std::uint16_t flags, const CaptureRequest &request);
 	Dump dump_once(mox_capture_cmd command, const CaptureRequest &request);
 	bool take_event(const nlmsghdr *head);
+	/** What to report when the module refused a request. */
+	Failure refused(mox_capture_cmd command, const Acknowledgement &answer);
+	/** The feature and the version of a module that does not have the request. Asks the module. */
+	std::string what_it_lacks(mox_capture_cmd command);
 
 	NetlinkSocket *socket_;
 	Milliseconds timeout_;

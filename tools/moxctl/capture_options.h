@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The command lines of what moxctl reads from the family "mox_capture". */
 #ifndef MOXCTL_CAPTURE_OPTIONS_H
 #define MOXCTL_CAPTURE_OPTIONS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Why a frame does not arrive, or is not sent: the counters and verdicts of "mox_capture", each with its remedy. */
 #ifndef MOXCTL_CAPTURE_REASONS_H
 #define MOXCTL_CAPTURE_REASONS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The attributes of one message of the family "mox_capture", taken apart by the tables of the header. */
 #ifndef MOXCTL_CAPTURE_RECORD_H
 #define MOXCTL_CAPTURE_RECORD_H

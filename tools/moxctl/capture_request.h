@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Requests to the family "mox_capture". */
 #ifndef MOXCTL_CAPTURE_REQUEST_H
 #define MOXCTL_CAPTURE_REQUEST_H

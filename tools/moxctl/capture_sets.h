@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The attributes and commands of the family "mox_capture" as data, made from the tables of mox_capture.h. */
 #ifndef MOXCTL_CAPTURE_SETS_H
 #define MOXCTL_CAPTURE_SETS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What the attributes of "mox_capture" mean, as text and as JSON. */
 #ifndef MOXCTL_CAPTURE_VALUES_H
 #define MOXCTL_CAPTURE_VALUES_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Executes a command. */
 #ifndef MOXCTL_COMMANDS_H
 #define MOXCTL_COMMANDS_H

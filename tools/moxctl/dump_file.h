@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The file that the module writes for MOX_MSG_TECH. */
 #ifndef MOXCTL_DUMP_FILE_H
 #define MOXCTL_DUMP_FILE_H

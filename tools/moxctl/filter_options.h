@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The debug packet filter from the words of a command line. */
 #ifndef MOXCTL_FILTER_OPTIONS_H
 #define MOXCTL_FILTER_OPTIONS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Reports as JSON. */
 #ifndef MOXCTL_JSON_H
 #define MOXCTL_JSON_H

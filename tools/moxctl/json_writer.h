@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * JSON as text, written from front to back. A report on ten thousand sockets has a million values: a tree of them first
  * would take more time than everything else.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The kernel log, record by record, as read from /dev/kmsg. */
 #ifndef MOXCTL_KERNEL_LOG_H
 #define MOXCTL_KERNEL_LOG_H

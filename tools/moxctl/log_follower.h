@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * Reads the kernel log while a request is served, so that a report may be longer than the log's buffer. The module
  * prints faster than records can be taken apart: that is left until the request is done.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* moxctl: reads what mox_ef_socket does, and switches its debugging and hooks. */
 #include "commands.h"
 #include "common/ending.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Counters as OpenMetrics text. */
 #ifndef MOXCTL_METRICS_H
 #define MOXCTL_METRICS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The channel to the module's family for requests: PACKET_GENL. */
 #ifndef MOXCTL_NETLINK_H
 #define MOXCTL_NETLINK_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* A netlink socket, as far as the channels to the module need one. */
 #ifndef MOXCTL_NETLINK_SOCKET_H
 #define MOXCTL_NETLINK_SOCKET_H

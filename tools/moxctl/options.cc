@@ -1,9 +1,10 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "options.h"
 
 #include "capture_options.h"
 #include "filter_options.h"
 #include "mox/error.h"
+#include "mox_version.h"
 #include "status.h"
 #include "switches.h"
 
@@ -262,6 +263,7 @@ std::optional<Ending> read_options(int argc, const char *const *argv,
 		"Reads what the capture module mox_ef_socket does with frames, and switches its debugging and its hooks.",
 		"moxctl"
 	};
+	app.set_version_flag("--version", "moxctl " MOX_VERSION, "Print the version and exit");
 	app.require_subcommand(1);
 	app.footer(kExamples);
 	Words words;

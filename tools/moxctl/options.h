@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* moxctl's command line. */
 #ifndef MOXCTL_OPTIONS_H
 #define MOXCTL_OPTIONS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The content of a report. */
 #ifndef MOXCTL_REPORT_H
 #define MOXCTL_REPORT_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Every line that a report can have: one table to recognize them among other log lines and to parse them. */
 #ifndef MOXCTL_REPORT_LINES_H
 #define MOXCTL_REPORT_LINES_H

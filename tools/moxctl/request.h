@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The requests of a command, as bytes. */
 #ifndef MOXCTL_REQUEST_H
 #define MOXCTL_REQUEST_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Which entries a report has. */
 #ifndef MOXCTL_SELECTION_H
 #define MOXCTL_SELECTION_H

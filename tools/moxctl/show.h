@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The reports that moxctl makes of what the family "mox_capture" has. */
 #ifndef MOXCTL_SHOW_H
 #define MOXCTL_SHOW_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The rules as JSON. Its keys were those of the report in the kernel log before the module had a family for reading, and
  * scripts use them: so they stay, with the same meaning, and what only the family has comes beside them.

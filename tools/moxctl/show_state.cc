@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Queues, memory, the copy thread, and the module itself. */
 #include "show.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* How moxctl ends. */
 #ifndef MOXCTL_STATUS_H
 #define MOXCTL_STATUS_H

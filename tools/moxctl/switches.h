@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Names of what message type MOX_MSG_DEBUG switches: debug switches and hooks. */
 #ifndef MOXCTL_SWITCHES_H
 #define MOXCTL_SWITCHES_H

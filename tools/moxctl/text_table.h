@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Tables for people: aligned columns of limited width. */
 #ifndef MOXCTL_TEXT_TABLE_H
 #define MOXCTL_TEXT_TABLE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Frames followed through the module. */
 #ifndef MOXCTL_TRACE_H
 #define MOXCTL_TRACE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Rates of locations and sockets, again and again. */
 #ifndef MOXCTL_WATCH_H
 #define MOXCTL_WATCH_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What commands use of the system. */
 #ifndef MOXCTL_WORLD_H
 #define MOXCTL_WORLD_H

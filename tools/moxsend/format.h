@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The text that moxsend prints, in whole lines. */
 #ifndef MOXSEND_FORMAT_H
 #define MOXSEND_FORMAT_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Frames written out in hexadecimal digits. */
 #ifndef MOXSEND_HEX_H
 #define MOXSEND_HEX_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* moxsend: sends frames out through the forwarding platform. */
 #include "common/ending.h"
 #include "format.h"

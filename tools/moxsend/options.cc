@@ -1,9 +1,10 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "options.h"
 
 #include "hex.h"
 #include "mox/error.h"
 #include "mox/names.h"
+#include "mox_version.h"
 #include "words.h"
 
 #include <algorithm>
@@ -266,6 +267,7 @@ std::optional<Ending> read_options(int argc, const char *const *argv, const Mach
 		"Sends frames out through the forwarding platform, by the sockets of mox_ef_socket.",
 		"moxsend"
 	};
+	app.set_version_flag("--version", "moxsend " MOX_VERSION, "Print the version and exit");
 	Words words;
 	FrameWords frame_words;
 	describe_source(app, words, options);

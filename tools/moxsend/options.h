@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* moxsend's command line. */
 #ifndef MOXSEND_OPTIONS_H
 #define MOXSEND_OPTIONS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* When the next frame is due. */
 #ifndef MOXSEND_PACING_H
 #define MOXSEND_PACING_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The frames that moxsend can make itself, from the MAC header to the last byte of the protocol, not padded. */
 #ifndef MOXSEND_PROTOCOLS_H
 #define MOXSEND_PROTOCOLS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The sending itself: from a source of frames to sends and counters. Independent of files, terminals and clocks. */
 #ifndef MOXSEND_SENDER_H
 #define MOXSEND_SENDER_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Sources of frames: a list in memory, or a capture file that is read while it is sent. */
 #ifndef MOXSEND_SOURCE_H
 #define MOXSEND_SOURCE_H

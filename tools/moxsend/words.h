@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The command line as it was typed, before anything is looked up. */
 #ifndef MOXSEND_WORDS_H
 #define MOXSEND_WORDS_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * failpoint.h - make a platform call fail on demand: let some calls pass, then
  * fail some. Usable in any context; costs one plain read while it is not armed.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * ring.h - a bounded ring of records for tests to read. The oldest record makes
  * room for the newest and is counted as lost. Writers may be in any context;

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * bench.c - what one send or receipt costs, measured around the capture module's
  * sendmsg or recvmsg, and around the platform calls that a send makes, so that the

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * buff_query.c - what the accounts of efbuffs have to say, and how they are kept.
  */

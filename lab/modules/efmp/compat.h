@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * compat.h - what differs between the kernels that the lab runs on, 4.19 to 6.18.
  */

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * ctl.c - /dev/moxlab: one ioctl a verb, see moxlab.h.
  */

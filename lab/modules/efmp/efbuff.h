@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * efbuff.h - the efbuff as every module of the platform sees it, on 32-bit
  * little-endian kernels. Check with efbuff_check_layout().

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * host.c - "ap0", the port behind which the device's own network stack stands:
  * its DHCP server and whatever answers a ping are reached through the bridge

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * inject.c - one frame, with a header as the test sets it, at one
  * point of the pipeline on one CPU.

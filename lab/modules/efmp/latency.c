@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * latency.c - how long bottom halves stay off: a timer interrupt raises a tasklet
  * in short intervals, and its longest wait counts.

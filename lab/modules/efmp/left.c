@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * left.c - a record of the frames that left, or found nowhere to go, kept while
  * a test asks for it.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * efmp - a forwarding platform for the lab. Network devices become ports of a
  * learning bridge; each frame becomes an efbuff, passes the functions that other

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * measure.c - what one received frame costs in a hook, and in the copy thread
  * behind it, without the stand-in's own functions: no clone is made and no efbuff

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * measure_stack.c - what the kernel's own stack spends on a received frame, which
  * is handed to it as a driver does: with no socket, and with the kernel's packet

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * memory.c - reading and writing globals of the capture module and of this one by
  * the addresses that /proc/kallsyms gives. So a test turns debug switches that

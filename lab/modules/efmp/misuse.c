@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * misuse.c - breaches of the platform's rules: a kernel warning each, so that no
  * run passes over one. The platform's own test announces those that it commits.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * pipeline.c - the path of a frame: conversion to an efbuff, hooks, forwarding,
  * transmission.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * port.c - network devices as ports: frames come in by the device's receive
  * handler and leave by its transmit queue.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * track.h - the accounts of efbuffs, between buff.c, which keeps them, and
  * buff_query.c, which reads them.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * lock_times.c - the longest hold of each of the capture module's locks, by name.
  *

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * lsm_ko - interface control blocks for the lab. Blocks are made and changed by
  * the lab's efmp and never freed before unload: the holder of one may go on

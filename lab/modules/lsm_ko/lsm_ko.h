@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * lsm_ko.h - interface control blocks by interface index, and what the lab adds.
  */

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * mox_dprintk - the platform's logging function, for the lab: every line goes to
  * the kernel log and is kept, as formatted, in a ring that tests read.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // moxcap: any frames with any control records into pcap and pcapng files, which are read again.
 #include <memory>
 

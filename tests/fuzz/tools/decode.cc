@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // moxcap: what any bytes of a frame are described as, and the text that is printed of them.
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // moxsend: frames from any pcap file, and from any lines of hexadecimal digits.
 #include <sstream>
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // lldpagent: any frames from neighbours; what is shown of them, and what is read can be written.
 #include <nlohmann/json.hpp>
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // moxctl: any records of the kernel log; the report that is picked out of them, and its JSON.
 #include <nlohmann/json.hpp>
 

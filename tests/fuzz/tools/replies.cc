@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // moxctl: any replies of the kernel to any of its commands, and what it prints of them.
 #include <cstring>
 

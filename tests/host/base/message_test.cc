@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Messages of the family for reading: texts, and what does not fit.
 #include "base/message.hpp"
 

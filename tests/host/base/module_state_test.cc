@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Who sets the flag and when: main_test.cc.
 #include "base/module_state.hpp"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A page: lines that wait until it ends, of the task whose page it is.
 #include "control_fixture.h"
 

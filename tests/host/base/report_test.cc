@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Where a line of a report goes: to the log at any length, or into the staging buffer
 // of the dump file, cut or dropped.
 #include "control_fixture.h"

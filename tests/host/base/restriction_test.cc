@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The restriction, and what it refuses.
 #include "base/restriction.hpp"
 #include "control_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The kernel and the platform of the benchmark: as much as rules and their search need, and no
 // more work than the kernel's own functions do. The locks are real ones, made of one atomic word;
 // they switch no bottom halves. Only memory and the locks are used while rules are entered, only

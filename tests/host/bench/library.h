@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The rule library that is measured: that of layer 2, with rules of one shape, each the rule of a
 // socket of its own; and the frames that are looked up in it.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * What a frame costs in the search for its rules, on the caches and with the atomic operations of
  * a real CPU: in the fast filter of a hook, with and without its lock, and in delivery. Names read

@@ -1,4 +1,4 @@
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 # For the tests of the build's own checks: names, filter and JSON results as
 # GoogleTest has them, so that tests/host/run counts these with the others.
 # The sourcing script defines usage(), lists its cases with `test_case`, and

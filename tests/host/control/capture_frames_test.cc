@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The ledgers of the locations, and the queues, as the family for reading has them.
 #include "capture_fixture.h"
 #include "contract/ledger.h"

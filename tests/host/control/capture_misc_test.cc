@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The module, its memory, and the copy thread, as the family for reading has them.
 #include "capture_fixture.h"
 #include "base/restriction.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The rules, as the family for reading has them: whole, in parts, and while they change.
 #include "capture_fixture.h"
 #include "rules/hits.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The sockets, as the family for reading has them.
 #include "capture_fixture.h"
 

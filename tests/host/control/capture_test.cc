@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The family for reading: its life, its commands, and what holds for every dump.
 #include "capture_fixture.h"
 #include "base/restriction.hpp"

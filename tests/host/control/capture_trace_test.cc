@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The requests that start and end traces, and readers that close their socket.
 #include "trace_fixture.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The capture sockets in the kernel's socket diagnosis.
 #include "capture_fixture.h"
 #include "control/diag.hpp"

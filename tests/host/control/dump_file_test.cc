@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The dump file: where it is, what stands in it, and what a long report loses.
 #include "control_fixture.h"
 

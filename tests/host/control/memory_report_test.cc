@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The memory report, word by word.
 #include "contract/reports.h"
 #include "control_fixture.h"

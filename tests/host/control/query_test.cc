@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The attributes of requests: right, wrong, and at random.
 #include "capture_fixture.h"
 

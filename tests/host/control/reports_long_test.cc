@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Long reports are printed in batches, with the locks dropped between: how many, and what
 // is printed of a list that changes meanwhile.
 #include "control_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The reports on locations, filter lists, queues and processes, word by word. Tests of their
 // own: single lines (base/report_test.cc), long reports (reports_long_test.cc), memory
 // (memory_report_test.cc) and the report on one socket (socket/dump_test.cc).

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The control channel: the family's life, receiving, and each request that asks for a
 // report or an answer. What changes something has its own tests (msg_switch_test.cc).
 #include <functional>

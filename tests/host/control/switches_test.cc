@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The requests of the control channel that change something: the debug switches, the
 // hooks' switch and the filter for frames.
 #include "contract/control.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The family for reading: buffers of any size, which messages are written to as the kernel
 // lays them out, and what sockets and tasks are for those who list them.
 #include <algorithm>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Clocks, which stand still unless a test moves them.
 #include "kernel.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Generic netlink, files and text.
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The forwarding platform for tests: efbuffs and interface blocks below 4 GiB,
 // with owners, poisoned beyond what a hook may read; registrations with a log.
 #pragma once

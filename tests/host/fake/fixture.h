@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Base of every test that runs module code: a fresh kernel and platform before,
 // an audit of everything left over behind.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Circumstances, faults, events, and the audit at the end of a test.
 #include "kernel.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A kernel for tests: every seam function on plain memory, strict about
 // contexts and locks, and accounting for everything that it hands out.
 //

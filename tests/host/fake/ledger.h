@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The sums that the module's ledgers must add up to, checked behind every test.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // mox_printk: renders what the module logs, with the kernel's pointer formats.
 #include <cstdarg>
 #include <cstdio>

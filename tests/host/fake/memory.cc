@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Blocks, slab caches and user memory.
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Where a test can act as the other CPU, and which calls it can make fail. What a test arms must
 // happen before the test ends, or it fails: a test of an interleaving that never came proves
 // nothing.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a test arms and what then does not happen fails the test.
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>

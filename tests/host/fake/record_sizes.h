@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The host's answer to the header that a kernel build generates: room for the
  * fake kernel's own locks and sockets. The two views of a record are one here,

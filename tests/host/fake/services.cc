@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The platform's services: published, withdrawn, followed.
 #include "efmp.h"
 #include "kernel.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Socket buffers, receive queues and messages.
 #include <algorithm>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sockets, namespaces and the family's registration.
 #include <algorithm>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The copy thread, run by the test in its own thread: at each sleep the test
 // decides how it ends.
 #include "kernel.h"

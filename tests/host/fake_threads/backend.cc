@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The threaded tests' processor, locks, memory, copy thread and control channel.
 #include "backend.h"
 

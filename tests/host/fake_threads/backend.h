@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A second kernel for tests, made of real threads: locks are pthread locks, a CPU is
 // a thread, and ThreadSanitizer watches. It keeps no books beyond counting, because a
 // book-keeping lock would order what the module must order by itself.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The threaded tests' family for reading: messages as netlink has them, in buffers of the
 // tests.
 #include "backend.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The platform of the threaded tests: efbuffs in low memory, hooks that run while they
 // are taken away, sends and the services' handler.
 #include "backend.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Two CPUs send datagrams and two run hooks while others publish, replace and withdraw
 // the services that both use. What a reader has taken it calls, whatever comes then.
 //

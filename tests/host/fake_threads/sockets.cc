@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Namespaces, sockets, socket buffers and messages of the threaded tests.
 #include "backend.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Processes, hooks and the copy thread on real threads, at once. ThreadSanitizer
 // reports accesses without a lock; at the end nothing may be left.
 //

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Registration of the platform hooks.
 #include "locations/table.hpp"
 #include "packet/info.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Where random choices come from: a generator with a seed, or bytes that a fuzzer has chosen.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Builds efbuffs byte by byte, in a plain vector: header of 256 bytes, frame behind.
 #pragma once
 

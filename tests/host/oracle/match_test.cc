@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Pins naive matching: for each rule type a value that matches and its near miss,
 // as a condition (item) and as a key.
 #include <gtest/gtest.h>

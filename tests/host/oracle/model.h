@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The rule libraries of the reference: ordering, filing, hook registration and
 // the memory counters.
 #pragma once

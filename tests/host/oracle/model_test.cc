@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Pins ordering, filing, hooks and delivery of the reference with small scenes.
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Frames aimed at a rule: one that satisfies its conditions, and the same frame with one
 // condition broken. Aimed only: what a frame matches is the reference's to say.
 #pragma once

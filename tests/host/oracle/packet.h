@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A naive reading of an efbuff: what each rule type compares with.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Pins the naive parser with frames whose reading was worked out by hand.
 #include <gtest/gtest.h>
 

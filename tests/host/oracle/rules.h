@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The rule records of the reference: the same facts as the module's records,
 // held in plain vectors. Nothing here is shared with the module, so that a
 // mistake in one is not repeated in the other. Numbers and widths come from the

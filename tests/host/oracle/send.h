@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // One send of the reference: from a message to an errno, a counter, lines and the
 // efbuff that leaves.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The reference's send, pinned by examples worked out by hand.
 #include "send.h"
 

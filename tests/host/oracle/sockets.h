@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sockets of the reference: what the socket calls do to a regular, and what
 // delivery gives to whom.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The debug packet filter: its match, its lines, and where it is applied.
 #include "contract/control.h"
 #include "control_fixture.h"

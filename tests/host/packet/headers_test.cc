@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The headers that traces read: by hand for whole frames; and for frames cut at every length
 // against a second reading, with memory that cannot be touched behind their end.
 #include <sys/mman.h>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The packet summaries: by hand where a rule hangs on it, against the reference
 // for everything else.
 #include <random>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The trace lines of a packet by what it is; hooks and delivery print them in
 // receive/hooks_test.cc and receive/deliver_test.cc.
 #include "packet/trace.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Times of arrival: the rings beside the queues, and the numbers that lead from a frame to its
 // entry.
 #include "receive/arrivals.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Delivery: frames without bytes, and snap lengths at the length of the frame.
 #include "module_fixture.h"
 

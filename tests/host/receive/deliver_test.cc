@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Delivery: who gets a frame, what it looks like, what is dropped and counted.
 #include "module_fixture.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Delivery while it is watched: the record of each socket's outcome, and the time of arrival that
 // buffers get.
 #include "socket/stamps.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Delivery: how much of it goes on before others get the change lock or the CPU.
 #include "module_fixture.h"
 

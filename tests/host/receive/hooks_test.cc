@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The hooks: classify, clone or take, queue, answer; and their trace lines.
 #include "module_fixture.h"
 #include "read_trap.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Hooks while frames are traced: the record of each outcome, and that a trace changes nothing
 // that the platform, the sockets and the ledgers see.
 #include "fake/backlog.h"

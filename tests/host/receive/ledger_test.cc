@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The ledgers of locations and sockets: each counter by its own case. That they add up is
 // checked behind every test.
 #include "offer_outcomes.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Traces: which frames they follow, how many there are, what a record has, and what becomes of
 // records that cannot be sent.
 #include "trace_fixture.h"

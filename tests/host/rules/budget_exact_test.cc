@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What is charged to the byte, and both sides of each limit.
 #include "read_trap.h"
 #include "rules/budget.hpp"

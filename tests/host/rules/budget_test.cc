@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What is charged to a socket for its rule, and when a charge is refused.
 #include "rules/budget.hpp"
 #include "socket_fixture.h"

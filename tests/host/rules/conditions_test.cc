@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Classes of frames, of summaries that no parse leaves: each word of a class counts.
 #include "rules/conditions.hpp"
 

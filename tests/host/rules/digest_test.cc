@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a digest holds of a rule, and that a frame's is equal when its conditions pass.
 #include "rules/digest.hpp"
 #include "match_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Filing a rule at a location: which library, and when its hooks follow.
 #include "rules_fixture.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Which values of a rule a frame counts for.
 #include "module_fixture.h"
 #include "rules/ranges.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Which condition a rule is anchored by, and how long the lock is held for it.
 #include "rules/index.hpp"
 #include "rules_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The index beside the lists of a library. The random tests of the library recount it
 // after each step; here stand the cases that they are not sure to reach.
 #include "rules/index.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Rules that collide all the time, and frames that miss them by one condition at most: see
 // dense_fixture.h. SEED=n replays a run; STEPS=n and RULES=n change its size.
 #include "dense_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The long comparison of the module with the reference, built with optimisation and without
 // sanitizers: tests/host/run --long.
 #include <chrono>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The module against the naive reference: random rules, edits and frames over tiny
 // value ranges, so that rules collide. After each step every list of a library is
 // recounted and compared, entry by entry and copy by copy, with what the reference

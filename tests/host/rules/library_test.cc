@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Entering rules in a library and withdrawing them.
 #include "rules_fixture.h"
 

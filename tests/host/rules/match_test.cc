@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The rule matches and the fast filters: every rule type with a packet that
 // matches and one that nearly does, as a condition and as a key.
 #include "match_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The CPU is offered once in 64 steps, in each loop that takes them.
 #include "rules/pauses.hpp"
 #include "rules_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Places in the lists of a library, and the numbers that compare as the lists are ordered.
 #include "rules/places.hpp"
 #include "rules_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A rule in reports, word by word; every type with its values: socket/dump_test.cc.
 #include "rules/print.hpp"
 

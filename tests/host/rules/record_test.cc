@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Options 11 and 12: the rule record, its lengths, its 20 types, and what is left
 // when it fails half way.
 #include "socket_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The search for the rules of a packet: which rule decides, and that candidates which
 // share all that the index looks up are compared as the rules say.
 #include "match_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The shared table of rule types against the tests' own.
 #include "rules/types.hpp"
 

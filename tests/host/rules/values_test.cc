@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Searches by value: in items and in libraries, against a map.
 #include <map>
 #include <random>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The service unit: services taken at start and followed, and the control hook's slot.
 #include "services/services.hpp"
 

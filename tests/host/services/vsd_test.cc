@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The virtual switch device that a working directory names.
 #include "services/vsd.hpp"
 

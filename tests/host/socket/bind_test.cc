@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // bind: the address, the interface, one more protocol, and its locks.
 #include "socket_fixture.h"
 

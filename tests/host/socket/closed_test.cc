@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What closed sockets leave behind, by location.
 #include "module_fixture.h"
 #include "socket/closed.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The reports on a socket and its rule, word by word.
 #include "contract/reports.h"
 #include "rules/print.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A packet socket's life: create, release, destructor, and what each leaves.
 #include "socket_fixture.h"
 #include "socket/registry.hpp"

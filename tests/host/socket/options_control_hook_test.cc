@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The control hook's option: what another component's handler gets, and what the
 // process gets back.
 #include "services/services.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // setsockopt: every option number, and the options with one word as argument.
 // Rule records: rule_record_test.cc; the control hook: control_hook_test.cc.
 #include "contract/sockets.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // recvmsg: a queued packet, its address and its control record, out to the process.
 #include "socket_fixture.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // All sockets in the order of their opening, a few at a time, while others come and go.
 #include "module_fixture.h"
 #include "socket/registry.hpp"

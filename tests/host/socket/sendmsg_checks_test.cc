@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // sendmsg: each check on the way, alone and against all others, with its errno, its
 // counter and its line.
 #include "send_fixture.h"

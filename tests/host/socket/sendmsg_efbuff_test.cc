@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // sendmsg: what of the control record reaches the efbuff's header, and where.
 #include "send_fixture.h"
 

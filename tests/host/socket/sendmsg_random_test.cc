@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // sendmsg against the reference: random messages on a few sockets, in a world that
 // changes. After each send result, every counter, every line and the whole efbuff are
 // what the reference has.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // sendmsg: which frame leaves, to where, and what the platform's answer makes of it.
 // What can fail on the way: send_checks_test.cc; the efbuff's header: send_efbuff_test.cc.
 #include <climits>

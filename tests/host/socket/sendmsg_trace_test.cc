@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sends while frames are traced: accepted, and each failure with its errno.
 #include "send_fixture.h"
 #include "trace_fixture.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sockets that ask for times of arrival: which calls look at the option, and what is given back.
 #include "capture_fixture.h"
 #include "receive/arrivals.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * What the mutated text calls. A site's first mutant has its number, the second one the next.
  * Without a chosen mutant, and wherever the compiler evaluates, each function does what the

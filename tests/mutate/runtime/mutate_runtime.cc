@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Beside the tests of a mutated module: chooses the mutant and limits what it may use, or notes
  * which mutants' sites each test reaches.

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# SPDX-License-Identifier: MIT
+# SPDX-License-Identifier: GPL-2.0-only
 """Runs a program that knows nothing of it, this Python, with libmox-compat.so and the relay of the tests.
 
 usage: program_test.py libmox-compat.so RELAY

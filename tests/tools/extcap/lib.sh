@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 # shellcheck disable=SC2034  # the tests end with the value of failed
 # What the tests of the extcap program share. Sets failed to 1 when something is not as expected.
 export LC_ALL=C.UTF-8 TZ=UTC

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The parser reads received bytes. Every buffer here is on the heap at its exact size, so that the address
  * sanitizer stops the test at the first byte read beyond it. */
 #include "agent.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* An LLDPDU with every TLV that the agent writes, and its bytes, written out by hand. */
 #ifndef LLDP_SAMPLES_H
 #define LLDP_SAMPLES_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The calls that the agent makes, their order, and how it handles the answers. */
 #include "samples.h"
 #include "socket.h"

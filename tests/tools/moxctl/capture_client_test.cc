@@ -1,8 +1,9 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Requests to "mox_capture" and their answers, message by message. */
 #include "capture_client.h"
 #include "expect_error.h"
 #include "fake_capture.h"
+#include "mox_version.h"
 
 #include <limits>
 #include <random>
@@ -154,6 +155,32 @@ TEST_F(Family, errors__have_the_remedy_and_the_kernels_text)
 			for (const char *part : each.expected)
 				EXPECT_NE(what.find(part), std::string::npos) << what;
 		}
+}
+
+TEST_F(Family, errors__an_older_module__names_the_feature_and_the_version)
+{
+	module.error = EOPNOTSUPP;
+	module.entries[MOX_CAPTURE_CMD_INFO] = { Attributes().text(MOX_CAPTURE_INFO_MODULE_VERSION,
+								   "0.7") };
+	struct {
+		mox_capture_cmd command;
+		const char *feature;
+	} const cases[] = {
+		{ MOX_CAPTURE_CMD_TRACE_START, "lacks the feature \"trace\"" },
+		{ MOX_CAPTURE_CMD_RESTRICT, "lacks the feature \"restrict\"" },
+		{ MOX_CAPTURE_CMD_THREAD, "" },
+	};
+	for (const auto &each : cases) {
+		module.error_of = each.command;
+		expect_error<Failure>([&] { client().ask(each.command); },
+				      { "older than this moxctl", each.feature,
+					"its version is 0.7", "load one of version " MOX_VERSION });
+	}
+	// A module that does not even describe itself: what was asked for is what is reported.
+	module.error_of = 0;
+	expect_error<Failure>([&] { client().ask(MOX_CAPTURE_CMD_RESTRICT); },
+			      { "the request \"restrict\"",
+				"lacks the feature \"restrict\": load" });
 }
 
 TEST_F(Family, errors__a_fifth_trace)

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Command lines of what is read from "mox_capture". */
 #include "fake_capture.h"
 #include "options.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Attributes of "mox_capture" taken apart: whole, unknown, broken and random ones. */
 #include "capture_record.h"
 #include "expect_error.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* A command's world for tests: a fake module behind netlink and the kernel log, and a directory as the root. */
 #ifndef MOXCTL_COMMANDS_FIXTURE_H
 #define MOXCTL_COMMANDS_FIXTURE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Switches, filters and reports as whole commands against a fake module. */
 #include "commands_fixture.h"
 #include "expect_error.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The family "mox_capture" as the module answers it, message by message, and samples of each kind of entry. Attributes
  * are made byte by byte here.
@@ -70,6 +70,7 @@ public:
 	std::size_t per_datagram = 2;
 	unsigned interrupted = 0; /**< dumps that change while they are read */
 	int error = 0;
+	unsigned error_of = 0; /**< the only command that fails; 0: all of them */
 	std::string error_text;
 	bool capped = true;    /**< errors come without the request */
 	bool silent = false;   /**< nothing is answered */
@@ -98,7 +99,7 @@ private:
 		requests.push_back(request);
 		if (silent)
 			return;
-		if (error != 0)
+		if (error != 0 && (error_of == 0 || error_of == request.command))
 			return fail(datagram, sequence);
 		if ((request.flags & kDump) == kDump)
 			return dump(request.command, sequence);

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The kernel as moxctl sees it: generic netlink with the module's family behind it, and the kernel log. Netlink
  * messages are made and read byte by byte here, without the library that the program uses.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Records of /dev/kmsg, and picking a report out of them. */
 #include "fake_module.h"
 #include "kernel_log.h"

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """What moxctl prints as metrics, read by promtool and by a parser of OpenMetrics.
 
 usage: metrics_test.py SAMPLES

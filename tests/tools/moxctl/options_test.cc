@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* From words to options, and from options to the bytes of requests. */
 #include "options.h"
 #include "request.h"

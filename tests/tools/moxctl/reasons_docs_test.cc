@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * docs/troubleshooting.md: the table of reasons against the one that moxctl prints from, and the commands that lead to
  * them against those that the scene of the demo runs.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Report texts taken apart, and as JSON. */
 #include "json.h"
 #include "report.h"

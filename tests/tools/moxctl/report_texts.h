@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Reports as the module prints them, trailing blanks included, and what the kernel log makes of them. */
 #ifndef REPORT_TEXTS_H
 #define REPORT_TEXTS_H

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Prints what moxctl prints of a module with samples of everything, for the tests in Python that compare it with other
  * programs' view of the formats.

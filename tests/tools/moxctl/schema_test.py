@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """What moxctl prints as JSON against docs/moxctl.schema.json.
 
 usage: schema_test.py SAMPLES SCHEMA

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Reports read from "mox_capture" as whole commands. */
 #include "capture_reasons.h"
 #include "commands_fixture.h"

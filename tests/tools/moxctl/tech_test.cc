@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The dump as a whole command against a fake module, and where its file is. */
 #include "commands_fixture.h"
 #include "dump_file.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Rates and metrics as whole commands. */
 #include "commands_fixture.h"
 #include "expect_error.h"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* A clock that moves only while the program waits. */
 #ifndef FAKE_CLOCK_H
 #define FAKE_CLOCK_H

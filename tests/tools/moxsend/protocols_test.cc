@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Every frame that moxsend makes, to the byte. */
 #include "protocols.h"
 

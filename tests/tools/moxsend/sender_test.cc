@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* From options and frames to sends, in order, in time, and counted. */
 #include "sender.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Capture files are written here byte by byte, as other machines would have written them. */
 #include "source.h"
 

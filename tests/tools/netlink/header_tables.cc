@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Prints the tables of mox_capture.h as one JSON object, for spec_test.py. */
 #include "capture_sets.h"
 #include "mox/names.h"

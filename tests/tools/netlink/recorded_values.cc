@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Prints what moxctl decodes from a recording of the family "mox_capture" as JSON, for ynl_test.py: of each exchange its
  * messages, each with its set and its attributes by the header's names. Every attribute is a list of all its values.

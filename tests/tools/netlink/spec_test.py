@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """docs/netlink/mox_capture.yaml against the tables of include/mox_capture.h, in both directions.
 
 usage: spec_test.py HEADER_TABLES SPEC [SCHEMA]

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 """The kernel's own client ynl reads the family "mox_capture" by docs/netlink/mox_capture.yaml.
 
 A recording of the module takes the place of the kernel: the client's requests have to be those that were recorded, and

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Every allocation on the way of a request fails once: that is printed, the client is not left waiting if there is a way to
 // answer, and nothing stays behind.
 #include "control.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The family "mox_capture" in a kernel: dumps of any size, against changes and slow readers; who may ask; restrict.
 #include <atomic>
 #include <chrono>

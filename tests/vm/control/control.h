@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // For tests of the operators' channel: requests as bytes, and the lines that came of them, to the byte.
 #pragma once
 

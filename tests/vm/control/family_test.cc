@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The family as generic netlink lists it, who may ask, and which parts of a message count.
 #include "control.h"
 

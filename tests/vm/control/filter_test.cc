@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The debug filter: what is stored of a request, what is printed of it, and that it changes nothing for any frame.
 #include "control.h"
 

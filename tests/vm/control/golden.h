@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The reports as the contract has them, for this machine's CPUs and this program's sockets.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The hook switch: what it asks of the platform at each location, with rules there and without, and that frames stop
 // arriving and arrive again.
 #include "control.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Requests of every length: what the kernel's own layer keeps back, what the module refuses, and that a record ends where
 // its message ends.
 #include "control.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Each type of request with the exact lines that it prints, debugging and not, and the debug switches.
 #include "control.h"
 

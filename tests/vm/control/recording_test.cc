@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Writes what the family "mox_capture" answers, byte by byte, to /out/mox_capture.txt: tests/tools/recorded/ has a copy,
 // which other programs' readers of the family are tested with. Requests are the bytes that the kernel's own client makes.
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The reports in the log, to the byte, on known sockets.
 #include "control.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Requests without end, at random and against everything that changes meanwhile. What counts is what the checked kernel
 // says, and that the books balance afterwards. Seeds are printed; MOX_SEED repeats a run's choices.
 #include "control.h"

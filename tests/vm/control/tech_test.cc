@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The dump file: where it lies, that it reads as the log would, what a full staging buffer loses, and the answer.
 #include "control.h"
 

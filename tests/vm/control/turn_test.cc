@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Requests take turns among themselves and hold up nothing else: other families are answered while a report is printed on a
 // slow console, and who is killed while it waits, or while its report is printed, is gone.
 #include "control.h"

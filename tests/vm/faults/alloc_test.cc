@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Every allocation that a socket call makes fails once: the call answers, nothing is left behind, the module lives on.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Every allocation and user copy of a request to the family for reading, and of a socket dump, fails once: the kernel says
 // so or does without, the next request is answered in full, and nothing stays behind.
 #include <cerrno>

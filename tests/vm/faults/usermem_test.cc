@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // User memory that ends half way, cannot be written, or changes while the kernel looks.
 #include <algorithm>
 #include <atomic>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A case: a byte string that stands for a sequence of system calls and frames.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Cases that a worker has found worth keeping, and new ones made of them.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Random and half-valid system calls and netlink messages on four CPUs, for MOX_FUZZ_MINUTES (lab/test --fuzz; otherwise
 // 10 seconds), three of them without any privilege and one as an operator, who also makes its own allocations fail. With
 // KCOV the cases are those that took new branches, and changes of them. What counts is what the checked kernel says, that

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The branches of the module that the calling thread's system calls take, where the kernel has KCOV.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A process that plays cases on one CPU, with few privileges or none.
 #pragma once
 

@@ -1,10 +1,11 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The frames of control protocols arrive, however many other wanted frames there are: three CPUs inject copies at LEV2 and
 // IPv4, and the fourth one receives LLDP and EAPOL at RESV.
 #include "limits/measure.h"
 
 #include <atomic>
 #include <chrono>
+#include <stop_token>
 #include <thread>
 
 #include <sys/socket.h>
@@ -48,13 +49,13 @@ TEST_F(ControlPlane, lldp_and_eapol_arrive_while_three_cpus_flood)
 	Socket layer_2 = capture(PACKET_LEV2_LOC, PACKET_COPY, all());
 	Socket ipv4 = capture(PACKET_IPv4_LOC, PACKET_COPY, all());
 	const lab::Frame plain = frames::plain(), packet = frames::ipv4(17, frames::udp(1, 2));
-	std::atomic<bool> stop{ false };
 	std::atomic<uint64_t> flooded{ 0 };
-	std::vector<std::thread> floods;
+	// These stop and end before the test does, however it ends.
+	std::vector<std::jthread> floods;
 	for (int cpu = 0; cpu < kQuietCpu; ++cpu)
-		floods.emplace_back([&, cpu] {
+		floods.emplace_back([&, cpu](const std::stop_token &stop) {
 			pin(cpu);
-			while (!stop) {
+			while (!stop.stop_requested()) {
 				flooded += lab::flood(lab::Hook::Lev2, plain, 16, -1);
 				flooded += lab::flood(lab::Hook::Ipv4, packet, 16, -1);
 				// Without a pause emulated CPUs only wait for each other's locks in the lab.
@@ -71,9 +72,7 @@ TEST_F(ControlPlane, lldp_and_eapol_arrive_while_three_cpus_flood)
 			received[reader] += agents[reader].drain();
 		std::this_thread::sleep_until(next += kInterval);
 	}
-	stop = true;
-	for (std::thread &flood : floods)
-		flood.join();
+	floods.clear();
 	EXPECT_TRUE(lab::settle());
 	show("wanted frames of other locations meanwhile", double(flooded), "");
 	EXPECT_GT(flooded, kFrames * 2u) << "no flood: nothing was tested";

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a frame costs does not grow with the number of rules: one that no rule asks for, and one that a single rule asks
 // for. The shapes are those in which many rules come: what differs from rule to rule, and what all share.
 #include "limits/measure.h"

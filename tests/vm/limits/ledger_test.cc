@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A flood on all CPUs, wanted by several sockets, while others come and go: each frame is in the ledger, once.
 #include <atomic>
 #include <cstdio>

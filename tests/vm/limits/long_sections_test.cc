@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // No call of a user, no report and no frame keeps bottom halves off for long, however many values a rule has and however
 // many sockets there are. Each scenario runs on one CPU, and so does the timer that looks. A busy host can stop that CPU
 // for a while: the shortest of a few runs counts.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What tests of costs share: the time of one frame in a hook and in delivery, the longest time with bottom halves off,
 // and rules of many values. The test kernel is slow and the host may be busy, so that the shortest of several
 // measurements counts: nothing makes a measurement too short.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Memory of rules and of delivered frames: all that a large rule takes comes back, and sockets that receive the same frame
 // share its bytes.
 #include "limits/measure.h"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A rule is changed in a loop while frames that it takes before and after each change pass on another CPU: every frame
 // that the hook took is delivered, or dropped by a full queue and counted there.
 #include "limits/measure.h"

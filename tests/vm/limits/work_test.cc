@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Rules of several conditions are refused before those of all sockets together could cost a frame more than the module
 // allows. Half of that is for callers with CAP_NET_ADMIN.
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Loading and unloading: what is refused, what a failed load leaves, and unloading with frames on their way.
 #include <algorithm>
 #include <atomic>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Loads and unloads under traffic, sockets and requests: MOX_LOADS of them (lab/test --loads; otherwise a few). What a load
 // leaves behind shows at the end of the machine, when kmemleak has looked.
 #include <atomic>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sockets of other network namespaces: counted where they were made, closed from anywhere, and never outlived by theirs.
 #include <cerrno>
 #include <cstring>

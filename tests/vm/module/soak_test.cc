@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Everything at once on four CPUs, for MOX_SOAK_MINUTES (lab/test --soak; otherwise 10 seconds): sends, floods at all
 // hooks, services, sockets that come and go, rules of thousands of values, reports, dumps, traces, network namespaces,
 // CPUs that go offline, memory that runs short, and allocations that fail. In the end every send is accounted for by its

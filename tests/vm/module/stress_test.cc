@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Four CPUs flood while rules, sockets and readers come and go. What counts is what the checked kernel reports meanwhile,
 // and that the books balance afterwards. The seed is printed; MOX_SEED repeats a run's choices.
 #include <atomic>

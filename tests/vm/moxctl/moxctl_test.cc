@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The operators' program against the module: what it prints is what the module printed, and what it switches is switched.
 #include <atomic>
 #include <cstdio>

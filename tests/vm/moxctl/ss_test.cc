@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The capture sockets in the kernel's own list of sockets, as ss prints it, next to moxctl's.
 #include <algorithm>
 #include <cstdio>

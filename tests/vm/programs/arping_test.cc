@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A program written for the kernel's own family 17: busybox arping. It sends; it cannot receive.
 #include <fstream>
 

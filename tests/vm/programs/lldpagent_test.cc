@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The LLDP agent on the real module: what it puts on the wire, whom it lists, and how it goes.
 #include <algorithm>
 #include <csignal>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // From the queue to the socket: what a frame becomes, and the three ways a socket loses one.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Traces of single frames over "mox_capture", and times of arrival.
 #include <cerrno>
 #include <cstring>

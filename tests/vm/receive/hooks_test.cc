@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The hooks themselves: what they answer, what they write into the frame's header, whom they ask, what they trace.
 #include <string>
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The walk through IPv6 extension headers: where it goes on, where it stops, and what is known when it does.
 #include "receive/match_table.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Rows of "this rule, this frame, that answer", and the two ways in which every row is tried.
 #pragma once
 

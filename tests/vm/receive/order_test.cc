@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Which rule decides about a frame and which sockets receive it, when several rules match.
 #include "support/fixture.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the queues hold while the copy thread does not run: no more than their limits, and nothing that a rule takes goes on.
 #include <atomic>
 #include <fstream>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Which platform call a location's first rule makes, which its last one undoes, and what a refusing platform changes.
 #include <cerrno>
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The reserved-multicast location: a receive function answers the other way round, and three locations share one library.
 #include "support/fixture.h"
 

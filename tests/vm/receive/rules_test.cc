@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // All twenty rule types at the pipeline's layer-2 point, each with frames that match and frames that just do not.
 #include <arpa/inet.h>
 

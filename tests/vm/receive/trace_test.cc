@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a frame with the platform's trace mark leaves in the log, at the hook and at every socket; and that no other
 // frame leaves anything.
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The WLAN location: its own summary, its own short list of rule types, two hooks, and a trap that only copies.
 #include "receive/match_table.h"
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What a send may fail for, each reason alone and in front of all that would come after it: the errno, the counter, the
 // debug text, and whose the efbuff was.
 #include <cerrno>

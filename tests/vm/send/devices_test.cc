@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Real network devices behind the platform's ports: what a send puts on the wire.
 #include <cerrno>
 #include <cstring>

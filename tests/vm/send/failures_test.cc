@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Every allocation and every user copy of a send failing in turn, by the kernel's own failure injection.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the platform is handed: the frame byte by byte, and the efbuff's header with each field of the send control
 // record in its place.
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Lengths from nothing to more than the platform has room for, data in pieces and data that cannot be read, and the other
 // system calls that end in a send.
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // One socket sends, another captures at LOCAL, where every frame about to leave passes: what the second one sees, whether
 // the frame still leaves, and what the first one gets as its result.
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the platform answers to a send, and what is printed about it.
 #include <cerrno>
 #include <climits>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sends while something else changes: the socket's own binding, its counters, the device.
 #include <atomic>
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Services that come and go while datagrams and hooks ask them.
 #include <atomic>
 #include <cerrno>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The platform's services as the module follows them: found at load, kept current by events, gone when withdrawn.
 #include <cerrno>
 #include <cstring>

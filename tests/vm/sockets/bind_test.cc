@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // bind(2), and the names and ioctls that follow from it.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // socket(2) and close(2): which sockets exist, what rule a protocol gives them, what a release leaves.
 #include <cerrno>
 #include <fstream>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // getsockopt: the statistics that clear what they read, two options that always read 0, and odd lengths.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The debug lines of setsockopt, letter by letter: operators search logs for them, spelling mistakes included.
 #include <cerrno>
 #include <string>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // setsockopt: which options there are, what they refuse, and what each leaves of the socket in the libraries.
 #include <cerrno>
 

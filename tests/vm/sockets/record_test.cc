@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The 48 bytes of the receive control record, byte by byte.
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // recvmsg(2): how much of a frame arrives, under which flags, with which name.
 #include <atomic>
 #include <cerrno>

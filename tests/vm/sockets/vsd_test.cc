@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The virtual switch device of a process is read from its working directory; only vsd 0 gets sockets.
 #include <cerrno>
 #include <filesystem>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The family "mox_capture", read by hand, and the sums that its ledgers must add up to.
 #pragma once
 

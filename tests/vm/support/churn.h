@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Unrest for the stress tests: frames for every hook, and sockets that come, change their mind, and go.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // The kernel's own failure injection, one call at a time: the n-th slab allocation or user copy that a thread makes fails.
 #pragma once
 

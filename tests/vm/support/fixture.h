@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What every test in the machine starts from, and what it must leave behind: no efbuff, no hook, no rule record, no
 // misuse of the platform.
 #pragma once

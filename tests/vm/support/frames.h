@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Frames by hand: each builder returns the whole frame with the metadata that the platform would give it.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Generic netlink by hand: every byte of a message is the test's own, because the bytes are what is tested.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // What the tests ask of the lab, in the words of the tests: one frame at one hook on one CPU, the platform's books, its
 // registrations, its failures on demand, and the module's own globals. Everything goes over /dev/moxlab.
 #pragma once

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Loading and unloading of kernel modules out of the image's module directory.
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // Sending as a process does it: one sendmsg(2) with its parts, what came of it in the process, in the module's counters
 // and texts, and in the platform.
 #pragma once

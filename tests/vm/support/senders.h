@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A thread that sends, well and badly, and what its sockets' counters must say in the end.
 #pragma once
 

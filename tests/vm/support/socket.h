@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A capture socket as a process sees it. Calls return 0 or the errno, so that a test reads as "this call, that answer".
 #pragma once
 

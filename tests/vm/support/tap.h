@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 // A real network device as a port of the platform: what leaves by it is read here, what is written here comes in by it.
 #pragma once
 

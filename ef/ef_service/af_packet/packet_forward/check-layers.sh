@@ -1,5 +1,5 @@
 #!/bin/sh
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 # Usage: check-layers.sh DIRECTORY
 #
 # Refuses an include of the module that runs up, or sideways out of the list:

@@ -1,5 +1,5 @@
 #!/bin/sh
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 # Usage: check-object.sh OBJECT NM OBJDUMP
 #
 # Refuses a C++ object that needs more than the kernel offers: static

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Load and unload: the six units, up in one order and down in two. */
 #include "base/log.hpp"
 #include "base/module_state.hpp"

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The module's shared records: the packet socket, the rule records and the
  * copy thread's state, for the C seam and for the C++ units alike.

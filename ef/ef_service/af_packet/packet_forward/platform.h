@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * Everything that the forwarding platform decides: symbols, numbers and byte
  * offsets. An integrator with another platform changes this file only.

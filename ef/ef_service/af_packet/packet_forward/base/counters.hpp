@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The counters of a socket: those that reading PACKET_STATISTICS clears, in the record's
  * and in the report's order, and its ledger, which nothing clears.

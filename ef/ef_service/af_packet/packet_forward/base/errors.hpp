@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The kernel's error, flag and command numbers that the units use. No number
  * stands here: seam/seam_sizes.c takes each from the kernel's own headers.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Holds the two views of the shared records together: what the C compiler laid
  * out with the kernel's types must be what this compiler lays out with storage

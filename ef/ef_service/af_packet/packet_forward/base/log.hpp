@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The module's log lines. All go through mox_printk; most are debug lines,
  * tagged with the CPU that prints and printed only while the general debug

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Whether the module is up, for paths that must not run before a load has succeeded. */
 #pragma once
 

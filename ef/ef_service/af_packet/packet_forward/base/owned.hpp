@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Ownership of one object that is not memory of C++: a datum, an efbuff, a buffer, a file. */
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Where report lines go: to the kernel log, or, for the task that writes the
  * dump file, into a staging buffer that is written to the file where no lock is

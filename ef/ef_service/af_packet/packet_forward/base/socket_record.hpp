@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The packet socket record: from the kernel's sock to it and back, references, flags. */
 #pragma once
 

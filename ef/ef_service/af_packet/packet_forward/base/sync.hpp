@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Lock guards: the only way in which the units take a lock. A guard is bound
  * to its scope, so that no path can forget to unlock; a block of its own ends

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Counters that nothing clears. 64-bit loads and stores of all 32-bit machines are not
  * atomic, and 64-bit atomic adds would cost every frame a loop, so a counter is two

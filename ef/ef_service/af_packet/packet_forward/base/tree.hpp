@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * An ordered tree whose links lie in the records, so that it allocates nothing:
  * a binary search tree by value that is a heap by a random priority (a treap).

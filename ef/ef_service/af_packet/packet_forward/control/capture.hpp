@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The family for reading, mox_capture. Requests run in parallel: each has a state of its
  * own, and locks for one message's work at a time.

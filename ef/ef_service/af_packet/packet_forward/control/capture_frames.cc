@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* mox_capture: the ledgers of the locations, and the queues. */
 #include "base/total.hpp"
 #include "control/capture.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* mox_capture: the module, its memory, and the copy thread. */
 #include "base/restriction.hpp"
 #include "control/capture.hpp"

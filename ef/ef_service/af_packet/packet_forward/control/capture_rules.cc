@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * mox_capture: the rules. A rule stands still while its socket is locked. It is written
  * as far as a buffer has room. Its types come in their own order, of which the first is

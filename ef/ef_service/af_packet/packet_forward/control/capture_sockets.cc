@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* mox_capture: the sockets. */
 #include "base/socket_record.hpp"
 #include "control/capture.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The capture sockets in the kernel's socket diagnosis: ss -0. */
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The dump file: every report of every location in one file, for support to collect. */
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The memory report: what rules hold, by rule type, and socket buffers. */
 #include "base/report.hpp"
 #include "base/table_order.hpp"

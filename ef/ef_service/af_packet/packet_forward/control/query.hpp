@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The attributes of a request of mox_capture, as numbers. The same checks on all kernel
  * versions: an attribute that the module does not know is refused, since a filter that

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The control unit: requests of operators over the generic netlink family, in the
  * requester's context. One at a time, and beside them one dump. A requester that

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The debug switches and the hook switch, as requests turn them. */
 #pragma once
 

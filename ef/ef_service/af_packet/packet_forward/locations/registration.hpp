@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Hook registration: which receive functions the platform calls. A location's
  * hooks are registered while its library holds a rule.

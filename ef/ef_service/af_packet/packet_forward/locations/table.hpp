@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The locations: one row each, found by index. Everything that makes one
  * location differ from another is read from its row.

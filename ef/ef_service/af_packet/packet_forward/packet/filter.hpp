@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The debug packet filter: which packets an operator who traces has asked for.
  * It changes no packet's fate and takes no lock.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * What a frame says of itself, for those who follow single frames. Unlike pkt_info it
  * holds copies, so that it outlives the frame, and reads the frame's own EtherType, so

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The summaries of a packet that rules are matched against. Hooks and delivery
  * build them with the same code: a packet must look the same to both.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The trace lines that a packet with the platform's trace mark leaves at every
  * hook and at every delivery, whatever the debug switches are.

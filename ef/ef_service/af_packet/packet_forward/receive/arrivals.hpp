@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Times of arrival. No byte of an efbuff is free for them, so they travel in a ring beside
  * each queue: the entry of a frame has the frame's number on its queue. Hooks write them

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The library's change lock, a mutex, is held while frames are delivered: rules
  * neither enter nor leave meanwhile, and a socket that is being closed waits in its

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Delivery: queued efbuffs become socket buffers on the receive queues of the
  * sockets whose rules match. The copy thread runs it and nothing else does.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The socket buffers of a frame that is delivered: each has the whole frame and the
  * control record that recvmsg hands out. All of it runs in the thread "packet-copy",

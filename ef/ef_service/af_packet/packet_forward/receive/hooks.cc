@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Each hook classifies the platform's current packet and puts it, or a clone, on
  * its own CPU's queue. The library lock, which it takes for reading if the packet

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The per-CPU queues between hooks and the copy thread. Many producers: the
  * hooks, each on its own CPU's queues. One consumer: the copy thread.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The copy thread, which drains the per-CPU queues into the sockets. */
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Traces of single frames, over mox_capture. Each trace belongs to a netlink socket, to
  * which its records go without waiting, and ends with it. What cannot be sent is counted,

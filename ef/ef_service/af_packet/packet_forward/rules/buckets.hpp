@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The hash buckets of an index (rules/index.hpp): chains of anchors in the order of
  * the rules that they lead to. Hooks read heads and present bits without a lock: each

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Budgets: how much kernel memory rules may take, and how much work they may be for a
  * frame. What a rule takes at most, its filing in a library included, is charged to its

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * One condition and one packet: an item of a rule, and a key of a filter list.
  * Read-only, without locks; the rule does not change meanwhile.

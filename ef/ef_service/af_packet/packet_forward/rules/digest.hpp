@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The conditions of a rule as one number, and those of a frame: candidates of a crowded
  * bucket that fail a condition of one value are passed over with two comparisons, however

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Editing a rule: equality of values, and adding and removing values. No lock
  * is taken: a rule is edited only while it is out of its library.

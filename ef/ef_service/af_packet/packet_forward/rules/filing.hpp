@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Filing a rule at its location: the location's library changes first, then its
  * hooks follow. The caller's running flag is set while the rule is filed.

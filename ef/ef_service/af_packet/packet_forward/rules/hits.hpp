@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Hits: how many frames delivery offered to a socket because of a value of its rule. A
  * frame counts for one value of each type, for an exact one before "any". Where no value

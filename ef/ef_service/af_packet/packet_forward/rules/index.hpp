@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The index of a library: hash buckets that say which rules a frame may match,
  * so that a frame costs the same with one rule as with thousands. The lists stay

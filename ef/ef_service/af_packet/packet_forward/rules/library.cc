@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * A library indexes each rule in its filter list: under the values of one item
  * of the rule, the key item, stands a match copy with the rule's other items,

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The rule libraries: entering a rule and withdrawing it, and the filter list
  * under whose keys match copies are filed. What is in a library changes under the

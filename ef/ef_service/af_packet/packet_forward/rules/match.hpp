@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Matching packets against one rule. Read-only, without locks or allocation of its own. */
 #pragma once
 

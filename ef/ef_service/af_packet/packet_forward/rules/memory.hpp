@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Rule memory: the libraries' life, the four caches, and the allocation counters. */
 #pragma once
 

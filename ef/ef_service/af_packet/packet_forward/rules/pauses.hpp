@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Yielding the CPU in loops over as many values as a user likes. */
 #pragma once
 

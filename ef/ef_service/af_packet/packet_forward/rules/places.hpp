@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Places: where a rule stands in its library's list, a key in the filter list, and
  * a match copy in its key's lists. Each gets numbers in the order of its list, so

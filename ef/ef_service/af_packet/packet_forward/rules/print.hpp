@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * A rule in reports. The rule stands still: the socket lock is held, or the change
  * lock of its library. A rule with many values is printed in parts.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Where a frame looks in the index of a library. Read-only. */
 #pragma once
 

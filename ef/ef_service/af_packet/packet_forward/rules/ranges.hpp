@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Ranges over the lists of rules, items, values and keys. What a const head leads to is const. */
 #pragma once
 

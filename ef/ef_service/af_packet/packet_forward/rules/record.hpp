@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The rule record of the add and delete options, read from user space and checked. */
 #pragma once
 

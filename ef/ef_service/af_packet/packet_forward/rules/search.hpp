@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The search for the first rule that a packet matches, for hooks. Read-only, without allocation. */
 #pragma once
 

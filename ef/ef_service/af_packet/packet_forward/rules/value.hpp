@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Values as two words, so that equality is one comparison: of rules, with what
  * does not count cut off, and of frames, by rule type.

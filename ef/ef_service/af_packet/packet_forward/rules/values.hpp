@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Searches by value: among the data of an item, and among those of all indexed
  * rules of a library, where equal data form a ring and one of them stands for all

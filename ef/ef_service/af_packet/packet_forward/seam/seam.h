@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The seam: what the C++ units may ask of the kernel, and what the kernel's
  * tables call in them. Plain types only; a kernel object crosses as a pointer

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The generic netlink family for reading. The module checks attributes itself, so that
  * every kernel version gives the same answers: the kernel's own checks differ, and 4.19

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The seam of the family for reading, mox_capture: requests, dumps, and the messages
  * that answer them. Rules as in seam.h.

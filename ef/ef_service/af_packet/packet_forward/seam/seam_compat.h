@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * Kernel differences, 4.19 to 6.18. The only place with version numbers.
  * Where a later kernel has no equal, what a caller observes stays that of 4.19.

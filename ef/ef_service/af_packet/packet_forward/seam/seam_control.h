@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The seam of the operators' side: the generic netlink family, the dump file,
  * and text. Rules as in seam.h.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The capture sockets in the kernel's socket diagnosis, which ss asks for family 17. The
  * message is that of the kernel's own packet sockets, which has no fields for a location

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The tables that the kernel registers, and the trampolines from its signatures. */
 #include <linux/if_packet.h>
 #include <linux/module.h>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The dump file, and text. */
 #include <linux/dcache.h>
 #include <linux/err.h>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Memory, user memory and the current task. */
 #include <linux/capability.h>
 #include <linux/dcache.h>

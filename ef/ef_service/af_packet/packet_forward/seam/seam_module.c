@@ -1,21 +1,20 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Load and unload, and what modinfo shows. */
 #include <linux/init.h>
 #include <linux/module.h>
 
+#include "mox_version.h"
 #include "seam_capture.h"
-
-#define MOX_MODULE_VERSION "1.0"
 
 MODULE_LICENSE("GPL");
 MODULE_AUTHOR("The mox_ef_socket developers");
 MODULE_DESCRIPTION("Capture sockets of protocol family 17 over the efmp forwarding platform");
-MODULE_VERSION(MOX_MODULE_VERSION);
+MODULE_VERSION(MOX_VERSION);
 MODULE_ALIAS_NETPROTO(PF_PACKET);
 
 const char *seam_module_version(void)
 {
-	return MOX_MODULE_VERSION;
+	return MOX_VERSION;
 }
 
 int init_module(void)

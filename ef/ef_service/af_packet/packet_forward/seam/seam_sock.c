@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Sockets, their receive queues, and messages. */
 #include <linux/filter.h>
 #include <linux/net.h>

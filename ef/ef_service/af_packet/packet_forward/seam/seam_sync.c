@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Processors, barriers and locks. docs/locking.md describes each lock. */
 #include <linux/cpumask.h>
 #include <linux/jiffies.h>

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The copy thread: sleeping, waking, starting and stopping. */
 #include <linux/err.h>
 #include <linux/kthread.h>

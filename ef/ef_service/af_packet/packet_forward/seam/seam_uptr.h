@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The C side of struct seam_uptr. */
 #ifndef SEAM_UPTR_H
 #define SEAM_UPTR_H

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The service unit: the platform's services that the module uses, and the slot
  * for a handler of the control hook's socket option.

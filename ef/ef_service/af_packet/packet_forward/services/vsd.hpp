@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The virtual switch device (vsd) of the calling process, as its working directory names it. */
 #pragma once
 

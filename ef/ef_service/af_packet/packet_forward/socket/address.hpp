@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The address of bind, getname, recvmsg and sendmsg. */
 #pragma once
 

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Binding a socket to an interface and, optionally, one more protocol. */
 #include "base/errors.hpp"
 #include "base/log.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* What closed sockets have counted, by the location that their rule was of. */
 #pragma once
 

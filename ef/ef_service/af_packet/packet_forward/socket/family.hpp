@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The family unit, and a packet socket's life: create, release, destructor. */
 #pragma once
 

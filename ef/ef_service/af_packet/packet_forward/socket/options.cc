@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* setsockopt: the socket's location, treatment, control records and rule data. */
 #include "base/errors.hpp"
 #include "base/log.hpp"

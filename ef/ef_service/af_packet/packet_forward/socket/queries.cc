@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* getsockopt, getname and ioctl: what a process may query of its socket. */
 #include "base/errors.hpp"
 #include "base/socket_record.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* recvmsg: one queued packet, its source address and its control record. */
 #include "base/counters.hpp"
 #include "base/errors.hpp"

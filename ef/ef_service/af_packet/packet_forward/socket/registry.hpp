@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * All capture sockets of all network namespaces, in the order in which they were opened,
  * for readers who take them a few at a time.

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Changing a socket's rule: out of its library, changed, and back in. */
 #pragma once
 

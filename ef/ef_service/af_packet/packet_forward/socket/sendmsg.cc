@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* sendmsg: one frame, straight to the platform in the sender's context. */
 #include "base/counters.hpp"
 #include "base/errors.hpp"

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Times of arrival for sockets with SO_TIMESTAMP and the like: the time at the hook. The
  * kernel does not tell when a program sets these options, so each of the family's own

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 #pragma once
 
 /** For the compiler alone: a mutant breaks the assertion. */
