@@ -9,7 +9,7 @@
 #define MOX_MAX_LINES 32
 
 /**
- * One line "mox-compat: PROGRAM: text". Left out when descriptor 2 is a socket, which a daemon may have opened after it
+ * One line "mox-compat: PROGRAM: text", the first time that a process has this text. Left out when descriptor 2 is a socket, which a daemon may have opened after it
  * closed its standard error. Keeps errno; any thread.
  */
 void mox_say(const char *format, ...) __attribute__((format(printf, 1, 2)));

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 #include "compat/fake_module.h"
 
 #include <gtest/gtest.h>

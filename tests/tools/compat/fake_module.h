@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The test's end of the relay's capture sockets: what the relay asked for, what it sent, and frames for it. */
 #ifndef FAKE_MODULE_H
 #define FAKE_MODULE_H

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* mox-relay with sockets and interfaces of the test that started it. */
 #include "compat/fake_wire.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * What the relay of the tests exchanges with the test that plays the module: its "capture sockets" are connections to
  * a socket of the test.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The preload's functions, which this program has in itself, with a relay of its own process and this test as the
  * module.

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Receive rings, as libpcap uses them. */
 #include "compat/fake_module.h"
 

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: MIT */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The records between preload and relay: their layout does not depend on the word length of the machine. */
 #include "wire.h"
 
