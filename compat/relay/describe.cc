@@ -15,8 +15,6 @@ namespace {
 constexpr std::size_t kMacs = 12; // both addresses
 constexpr std::size_t kTag = 4;
 constexpr std::uint16_t kTagType = 0x8100;
-// Below this the two bytes after the addresses are a length.
-constexpr std::uint16_t kFirstEtherType = 0x0600;
 constexpr std::uint16_t kVlanMask = 0x0fff;
 
 std::uint16_t read16(const std::uint8_t *at)
@@ -28,7 +26,7 @@ std::uint16_t read16(const std::uint8_t *at)
 std::uint16_t protocol_of(std::span<const std::uint8_t> frame)
 {
 	const std::uint16_t type = read16(&frame[kMacs]);
-	if (type >= kFirstEtherType)
+	if (type >= ETH_P_802_3_MIN) // a smaller one is a length
 		return type;
 	const bool raw_ipx = frame.size() >= kLinkHeader + 2 &&
 			     read16(&frame[kLinkHeader]) == 0xffff;

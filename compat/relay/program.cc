@@ -8,6 +8,7 @@
 #include "mox/error.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -115,6 +116,8 @@ int relay_main(int argc, char **argv, mox::SocketCalls &calls, InterfaceSource &
 			      "socket: protocol " + std::to_string(protocol) + kOpenProtocols);
 			return 1;
 		}
+		// The module's reports name a socket after the process that opened it.
+		prctl(PR_SET_NAME, argv[1]);
 		relay = std::make_unique<Relay>(
 			SocketIdentity{ type == SOCK_DGRAM, static_cast<std::uint16_t>(protocol) },
 			settings, calls, source, MOX_WIRE_CHANNEL_FD);
@@ -131,6 +134,7 @@ int relay_main(int argc, char **argv, mox::SocketCalls &calls, InterfaceSource &
 		hello(ENOMEM, 0, "mox-relay has no memory");
 		return 1;
 	}
+	prctl(PR_SET_NAME, "mox-relay");
 	hello(0, 0, {});
 	release_standard_files();
 	try {

@@ -56,8 +56,8 @@ std::optional<sockaddr_ll> address_of(std::span<const std::uint8_t> bytes)
 
 Relay::Relay(const SocketIdentity &identity, const Settings &settings, mox::SocketCalls &calls,
 	     InterfaceSource &source, int channel)
-	: identity_(identity), settings_(settings), calls_(calls), interfaces_(source),
-	  captures_(settings, calls), options_(identity, captures_, interfaces_), channel_(channel),
+	: identity_(identity), settings_(settings), interfaces_(source), captures_(settings, calls),
+	  options_(identity, captures_, interfaces_), channel_(channel),
 	  protocol_(identity.protocol),
 	  request_(sizeof(mox_wire_request) + sizeof(sockaddr_ll) + MOX_WIRE_MAX_REQUEST)
 {
@@ -142,7 +142,7 @@ bool Relay::read_frame(Captures::Capture &capture)
 }
 
 /** Sends a frame to the descriptor, or keeps it until there is room. */
-Relay::Passed Relay::pass(const Described &frame, std::size_t length)
+void Relay::pass(const Described &frame, std::size_t length)
 {
 	iovec parts[] = { { const_cast<mox_wire_frame *>(&frame.head), sizeof(frame.head) },
 			  { frame.data.data(), length } };
@@ -156,15 +156,14 @@ Relay::Passed Relay::pass(const Described &frame, std::size_t length)
 			waiting_frame_ = frame;
 			waiting_length_ = length;
 			waiting_ = true;
-			return Passed::kWaits;
+			return;
 		}
 		if (errno == EPIPE || errno == ECONNRESET || errno == ENOTCONN)
 			ended_ = true;
 		options_.count(false); // no memory
-		return Passed::kYes;
+		return;
 	}
 	options_.count(true);
-	return Passed::kYes;
 }
 
 // --- requests -----------------------------------------------------------------------------------------------------

@@ -39,8 +39,6 @@ public:
 	void run();
 
 private:
-	enum class Passed { kYes, kWaits };
-
 	void serve_request();
 	Answer answer(const mox_wire_request &request, std::span<const std::uint8_t> data);
 	Answer bind(std::span<const std::uint8_t> address);
@@ -48,12 +46,11 @@ private:
 	Answer send(std::span<const std::uint8_t> address, std::span<const std::uint8_t> frame);
 
 	bool read_frame(Captures::Capture &capture);
-	Passed pass(const Described &frame, std::size_t length);
+	void pass(const Described &frame, std::size_t length);
 	void drain(Captures::Capture &capture);
 
 	const SocketIdentity identity_;
 	const Settings &settings_;
-	mox::SocketCalls &calls_;
 	Interfaces interfaces_;
 	Captures captures_;
 	Options options_;
