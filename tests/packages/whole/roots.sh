@@ -54,7 +54,8 @@ in_root() {
 			mkdir -p "$root$dir"
 			mount --bind "$dir" "$root$dir"
 		done
-		exec chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
+		# Not as the first process of the namespace, which SIGPIPE does not end.
+		chroot "$root" /usr/bin/env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 \
 			DEBIAN_FRONTEND=noninteractive bash -euc "$command"
 	' bash "$ROOTS/$1" "$2" "${binds[@]}"
 }
