@@ -69,11 +69,16 @@ public:
 
 	ssize_t recvmsg(int fd, msghdr *message, int flags) override
 	{
-		read_drops(fd);
 		std::vector<std::uint8_t> bytes(70000);
 		const ssize_t length = ::recv(fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
 		if (length <= 0)
 			return length == 0 ? fail(EAGAIN) : -1;
+		FakeHead kind;
+		std::memcpy(&kind, bytes.data(), sizeof(kind));
+		if (kind.kind == FakeKind::kDrops) {
+			drops_ += static_cast<std::uint32_t>(kind.option);
+			return recvmsg(fd, message, flags);
+		}
 		FakeFrame frame;
 		std::memcpy(&frame, &bytes[sizeof(FakeHead)], sizeof(frame));
 		const std::size_t from = sizeof(FakeHead) + sizeof(frame);
