@@ -179,6 +179,21 @@ protected:
 		while (auto packet = socket.receive_now())
 			handle(packet->bytes);
 	}
+	/// A daemon with a socket of its own, counted once that traps.
+	void serve_own_socket()
+	{
+		Socket socket = armed_socket();
+		if (socket.fd() < 0)
+			return;
+		++fates_->armed;
+		serve(socket);
+	}
+	/// Waits until the daemons have handled so many frames more.
+	bool served_more(uint32_t frames)
+	{
+		uint32_t served = fates_->served;
+		return eventually([&] { return fates_->served > served + frames; });
+	}
 	void handle(const Bytes &frame)
 	{
 		uint32_t number = number_of(frame);
@@ -220,8 +235,7 @@ TEST_F(Restart, a_supervisor_holds_the_descriptor__nothing_is_forwarded_and_fram
 		for (uint32_t i = 0; i < kRestarts; ++i) {
 			traffic.start();
 			pid_t worker = begin([&] { serve(socket); });
-			uint32_t before = fates_->served;
-			ASSERT_TRUE(eventually([&] { return fates_->served > before + 50; }));
+			ASSERT_TRUE(served_more(50));
 			end(worker, SIGKILL);
 			traffic.stop();
 			// No process reads now.
@@ -273,22 +287,14 @@ TEST_F(Restart, a_worker_that_peeks_first_leaves_its_frame_to_the_next)
 TEST_F(Restart, overlapping__the_new_socket_is_armed_before_the_old_one_is_read_empty_and_closed)
 {
 	constexpr uint32_t kRestarts = 20;
-	auto daemon = [&] {
-		Socket socket = armed_socket();
-		if (socket.fd() < 0)
-			return;
-		++fates_->armed;
-		serve(socket);
-	};
 	{
 		Traffic traffic(*fates_);
-		pid_t old = begin(daemon);
+		pid_t old = begin([&] { serve_own_socket(); });
 		ASSERT_TRUE(eventually([&] { return fates_->armed == 1; }));
 		traffic.start();
 		for (uint32_t i = 0; i < kRestarts; ++i) {
-			uint32_t served = fates_->served;
-			ASSERT_TRUE(eventually([&] { return fates_->served > served + 50; }));
-			pid_t young = begin(daemon);
+			ASSERT_TRUE(served_more(50));
+			pid_t young = begin([&] { serve_own_socket(); });
 			ASSERT_TRUE(eventually([&] { return fates_->armed == i + 2; }));
 			end(old, SIGTERM);
 			old = young;
@@ -328,25 +334,17 @@ TEST_F(Restart, overlapping__an_old_socket_that_is_closed_unread_takes_its_queue
 TEST_F(Restart, plain__frames_are_forwarded_until_the_new_process_has_its_socket)
 {
 	constexpr uint32_t kRestarts = 5;
-	auto daemon = [&] {
-		Socket socket = armed_socket();
-		if (socket.fd() < 0)
-			return;
-		++fates_->armed;
-		serve(socket);
-	};
 	{
 		Traffic traffic(*fates_);
-		pid_t worker = begin(daemon);
+		pid_t worker = begin([&] { serve_own_socket(); });
 		ASSERT_TRUE(eventually([&] { return fates_->armed == 1; }));
 		traffic.start();
 		for (uint32_t i = 0; i < kRestarts; ++i) {
-			uint32_t served = fates_->served;
-			ASSERT_TRUE(eventually([&] { return fates_->served > served + 50; }));
+			ASSERT_TRUE(served_more(50));
 			end(worker, SIGTERM);
 			uint32_t sent = fates_->sent;
 			ASSERT_TRUE(eventually([&] { return fates_->sent > sent + 10; }));
-			worker = begin(daemon);
+			worker = begin([&] { serve_own_socket(); });
 			ASSERT_TRUE(eventually([&] { return fates_->armed == i + 2; }));
 		}
 		traffic.stop();
