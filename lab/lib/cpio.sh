@@ -31,12 +31,13 @@ stage_libraries() {
 }
 
 # stage_strip STAGE: drops debugging information, which would only fill the virtual machine's memory. Modules keep
-# their symbols (the kernel needs them), and lose nothing else that an oops would show.
+# their symbols (the kernel needs them), and lose nothing else that an oops would show. Signed ones were stripped before,
+# and objcopy would drop the signature, which stands behind the file's last section.
 stage_strip() {
 	local file
 	while IFS= read -r -d '' file; do
 		case $file in
-		*.ko) "${CROSS}objcopy" --strip-debug "$file" ;;
+		*.ko) [ "$(tail -c 28 "$file" | tr -d '\0')" = '~Module signature appended~' ] || "${CROSS}objcopy" --strip-debug "$file" ;;
 		*) "$CROSS_VM-strip" "$file" 2>/dev/null || true ;; # a script
 		esac
 	done < <(find "$1" -type f \( -perm -u+x -o -name '*.ko' \) -print0)
