@@ -6,17 +6,53 @@
 
 namespace moxctl {
 
+namespace {
+
+/** The bytes of the UTF-8 character that text, not empty, begins with; 0 if it is none, or a control character. */
+std::size_t character_length(std::string_view text)
+{
+	auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+	const unsigned char lead = byte(0);
+	if (lead < 0x80)
+		return lead >= ' ' && lead != 0x7f ? 1 : 0;
+	const std::size_t length = lead >= 0xf0 ? 4 : lead >= 0xe0 ? 3 : 2;
+	if (lead < 0xc2 || lead > 0xf4 || text.size() < length)
+		return 0;
+	for (std::size_t i = 1; i < length; ++i)
+		if ((byte(i) & 0xc0) != 0x80)
+			return 0;
+	// Beyond the lead: C1 controls, forms that are too long, surrogates, what is above U+10FFFF.
+	if ((lead == 0xc2 && byte(1) < 0xa0) || (lead == 0xe0 && byte(1) < 0xa0) ||
+	    (lead == 0xed && byte(1) > 0x9f) || (lead == 0xf0 && byte(1) < 0x90) ||
+	    (lead == 0xf4 && byte(1) > 0x8f))
+		return 0;
+	return length;
+}
+
+/** Cuts the text to so many bytes, or to fewer so that no character is cut. */
+void shorten(std::string &text, std::size_t bytes)
+{
+	while (bytes > 0 && (static_cast<unsigned char>(text[bytes]) & 0xc0) == 0x80)
+		--bytes;
+	text.resize(bytes);
+}
+
+} // namespace
+
 std::string printable(std::string_view text)
 {
 	constexpr char digits[] = "0123456789abcdef";
 	std::string safe;
 	safe.reserve(text.size());
-	for (char c : text) {
-		auto byte = static_cast<unsigned char>(c);
-		if (byte >= ' ' && byte != 0x7f)
-			safe += c;
-		else
+	while (!text.empty()) {
+		const std::size_t length = character_length(text);
+		if (length != 0) {
+			safe += text.substr(0, length);
+		} else {
+			auto byte = static_cast<unsigned char>(text[0]);
 			safe += std::string("\\x") + digits[byte >> 4] + digits[byte & 15];
+		}
+		text.remove_prefix(std::max<std::size_t>(length, 1));
 	}
 	return safe;
 }
@@ -39,7 +75,7 @@ void TextTable::add(std::string_view text)
 	std::size_t column = cells_.size() % columns_.size();
 	std::string cell = printable(text);
 	if (cell.size() > kWidestColumn && column + 1 < columns_.size()) {
-		cell.resize(kWidestColumn - 1);
+		shorten(cell, kWidestColumn - 1);
 		cell += '+';
 	}
 	widths_[column] = std::max(widths_[column], cell.size());

@@ -9,7 +9,10 @@
 
 namespace moxctl {
 
-/** Process names hold any bytes, and a terminal executes control characters: those become \xNN. */
+/**
+ * Process names hold any bytes, and a terminal executes control characters, of one byte too: those, and what is not UTF-8,
+ * become \xNN.
+ */
 std::string printable(std::string_view text);
 
 /** Characters of a column at most, but of the last one; a longer cell ends in "+". */
