@@ -24,7 +24,7 @@ Bytes record(uint16_t type, const Bytes &body)
 
 std::string tagged(const std::string &text)
 {
-	return "[MOX-PACKET(" + std::to_string(kAskingCpu) + ")]: " + text;
+	return "[MOX-PACKET(" + std::to_string(cpu_for(kAskingCpu)) + ")]: " + text;
 }
 
 std::string said()

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "contract/control.h"
+#include "support/cpus.h"
 #include "support/fixture.h"
 #include "support/genl.h"
 

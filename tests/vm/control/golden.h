@@ -3,6 +3,7 @@
 #pragma once
 
 #include "contract/reports.h"
+#include "support/cpus.h"
 #include "support/socket.h"
 
 namespace vm {
@@ -17,16 +18,14 @@ using contract::Pieces;
 using contract::RuleText;
 using contract::SocketText;
 
-inline constexpr int kCpus = 4;
-
 inline Pieces queue_pieces(uint32_t location)
 {
-	return contract::queue_pieces(location, kCpus);
+	return contract::queue_pieces(location, vm::present_cpus());
 }
 inline Pieces location_pieces(uint32_t location, const std::vector<SocketText> &sockets = {},
 			      const std::vector<EntryText> &entries = {})
 {
-	return contract::location_pieces(location, kCpus, sockets, entries);
+	return contract::location_pieces(location, vm::present_cpus(), sockets, entries);
 }
 
 /// A rule as its socket's report prints it.

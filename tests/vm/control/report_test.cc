@@ -167,10 +167,6 @@ TEST_F(Report, counters_follow_the_traffic)
 
 TEST_F(Report, queues_of_every_cpu_that_is_present)
 {
-	std::ifstream in("/sys/devices/system/cpu/present");
-	std::string present;
-	in >> present;
-	ASSERT_EQ(present, "0-3");
 	Pieces wanted;
 	for (unsigned location = 1; location <= 8; ++location)
 		append(wanted, queue_pieces(location));
@@ -179,6 +175,8 @@ TEST_F(Report, queues_of_every_cpu_that_is_present)
 
 TEST_F(Report, a_cpu_that_is_present_and_offline_is_listed)
 {
+	if (present_cpus() != 4)
+		GTEST_SKIP() << "of the CPUs of this machine CPU 3 is none";
 	std::ifstream in("/sys/devices/system/cpu/online");
 	std::string online;
 	in >> online;
@@ -202,18 +200,18 @@ TEST_F(Report, a_queue_that_fills)
 		while (!stop)
 			lab::flood(Hook::Lev2, plain(), 300, 2);
 	});
+	const std::string count = "cpu " + std::to_string(cpu_for(2)) + " efbuff cnt:      ";
 	bool filled = false;
 	std::string wrong;
 	auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
 	while (!filled && std::chrono::steady_clock::now() < end) {
 		std::string text = answer(MOX_MSG_SHOW_QUEUES);
-		size_t at = text.find("location: PACKET_LEV2_LOC\n"),
-		       cpu = text.find("cpu 2 efbuff cnt:      ", at);
-		filled = text.compare(cpu, 24, "cpu 2 efbuff cnt:      0") != 0;
+		size_t at = text.find("location: PACKET_LEV2_LOC\n"), cpu = text.find(count, at);
+		filled = text.compare(cpu, count.size() + 1, count + "0") != 0;
 		// Of all the other queues none holds anything, ever.
 		size_t line = text.find('\n', cpu);
 		if (filled)
-			text.replace(cpu, line - cpu, "cpu 2 efbuff cnt:      0");
+			text.replace(cpu, line - cpu, count + "0");
 		Pieces wanted;
 		for (unsigned location = 1; location <= 8; ++location)
 			append(wanted, queue_pieces(location));

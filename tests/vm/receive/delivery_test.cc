@@ -7,6 +7,7 @@
 
 #include <linux/filter.h>
 
+#include "support/cpus.h"
 #include "support/fixture.h"
 
 namespace {
@@ -304,6 +305,8 @@ TEST_F(Delivery, more_than_a_thousand_frames_at_once)
 
 TEST_F(Delivery, a_hook_that_finds_the_thread_running_prints_it_under_its_locations_switch)
 {
+	VM_NEEDS_TWO_CPUS(
+		"the lab's frames come from processes, which run while the thread does not");
 	Socket socket = socket_of();
 	lab::poke8("mox_packet_debug", 0, 1);
 	lab::poke8("mox_packet_debug", PACKET_LEV2_LOC, 1);

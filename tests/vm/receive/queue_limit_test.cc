@@ -11,6 +11,7 @@
 
 #include "support/capture.h"
 #include "support/copy_thread.h"
+#include "support/cpus.h"
 #include "support/fixture.h"
 
 namespace {
@@ -83,6 +84,7 @@ protected:
 	{
 		VmTest::SetUp();
 		backlog_ = read_word(kBacklog);
+		VM_NEEDS_TWO_CPUS("these tests keep one busy, which stops the copy thread");
 		pin(2);
 	}
 	void TearDown() override

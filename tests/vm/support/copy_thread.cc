@@ -11,18 +11,16 @@
 
 #include <gtest/gtest.h>
 
+#include "support/cpus.h"
+
 namespace vm {
 
 namespace {
 
-/// Bit n of `cpus`: the task may run on CPU n.
-void allow(pid_t task, unsigned cpus)
+/// Lets the task run on one CPU, or with -1 on all of them.
+void allow(pid_t task, int cpu)
 {
-	cpu_set_t set;
-	CPU_ZERO(&set);
-	for (int cpu = 0; cpu < 4; ++cpu)
-		if (cpus >> cpu & 1)
-			CPU_SET(cpu, &set);
+	const cpu_set_t set = affinity_for(cpu);
 	EXPECT_EQ(::sched_setaffinity(task, sizeof set, &set), 0) << strerror(errno);
 }
 
@@ -42,12 +40,12 @@ pid_t copy_thread()
 CopyThreadOn::CopyThreadOn(int cpu) : pid_(copy_thread())
 {
 	EXPECT_GT(pid_, 0) << "no copy thread";
-	allow(pid_, 1u << cpu);
+	allow(pid_, cpu);
 }
 
 CopyThreadOn::~CopyThreadOn()
 {
-	allow(pid_, 0xf);
+	allow(pid_, -1);
 }
 
 } // namespace vm

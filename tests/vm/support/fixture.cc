@@ -6,17 +6,14 @@
 
 #include <pthread.h>
 
+#include "support/cpus.h"
 #include "support/module.h"
 
 namespace vm {
 
 void pin(int cpu, pthread_t thread)
 {
-	cpu_set_t set;
-	CPU_ZERO(&set);
-	for (int i = 0; i < 4; ++i)
-		if (cpu < 0 || cpu == i)
-			CPU_SET(i, &set);
+	const cpu_set_t set = affinity_for(cpu);
 	ASSERT_EQ(pthread_setaffinity_np(thread, sizeof set, &set), 0);
 }
 
@@ -98,12 +95,13 @@ bool fits(std::string_view line, std::string_view text)
 {
 	for (const std::string &line : lines) {
 		int printed = -1;
-		if (untagged(without_end(line), printed) == text && (cpu < 0 || printed == cpu))
+		if (untagged(without_end(line), printed) == text &&
+		    (cpu < 0 || printed == cpu_for(cpu)))
 			return ::testing::AssertionSuccess();
 	}
 	return ::testing::AssertionFailure()
 	       << "no line \"" << text << "\"" << (cpu >= 0 ? " of CPU " : "")
-	       << (cpu >= 0 ? std::to_string(cpu) : "") << " among\n"
+	       << (cpu >= 0 ? std::to_string(cpu_for(cpu)) : "") << " among\n"
 	       << joined(lines);
 }
 

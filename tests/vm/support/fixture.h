@@ -17,7 +17,7 @@
 
 namespace vm {
 
-/// Pins a thread, by default the calling one, to one CPU; -1 gives all four back.
+/// Pins a thread, by default the calling one, to the CPU that stands for `cpu` (see cpus.h); -1 allows all of them.
 void pin(int cpu, pthread_t thread = pthread_self());
 
 /// The module's debug lines of byte 0 of mox_packet_debug, switched on for the life of the object.

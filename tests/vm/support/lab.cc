@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/cpus.h"
 #include "support/symbols.h"
 
 #include "moxlab.h"
@@ -60,7 +61,7 @@ moxlab_inject request_of(Hook hook, const Frame &frame, int cpu)
 {
 	moxlab_inject in{};
 	in.point = kPoints[size_t(hook)];
-	in.cpu = cpu < 0 ? MOXLAB_ANY_CPU : uint32_t(cpu);
+	in.cpu = cpu < 0 ? MOXLAB_ANY_CPU : uint32_t(vm::cpu_for(cpu));
 	std::strncpy(in.symbol, symbol(hook), sizeof in.symbol - 1);
 	in.frame = reinterpret_cast<uintptr_t>(frame.bytes.data());
 	in.frame_len = uint32_t(frame.bytes.size());
@@ -188,7 +189,7 @@ uint32_t inject(Hook hook, const Frame &frame, int cpu)
 	if (in.hooks_run != 1)
 		throw std::runtime_error(std::string(symbol(hook)) + " is not registered");
 	if (cpu >= 0) {
-		EXPECT_EQ(in.ran_on_cpu, uint32_t(cpu));
+		EXPECT_EQ(in.ran_on_cpu, in.cpu);
 	}
 	// The platform keeps the records of the last 128 freed buffers: while others flood, that can be too few.
 	forward_reason = in.header_valid ? in.header_out[43] : -1;
