@@ -486,7 +486,7 @@ TEST_F(Rcv, full__copies_of_a_location_do_not_crowd_out_traps)
 	EXPECT_EQ(taken, 100u);
 }
 
-// A clone that cannot be had leaves no trace in the counts.
+// A clone that fails leaves no trace in the counts.
 TEST_F(Rcv, full__a_failed_clone_is_not_held)
 {
 	fake::max_backlog = 4;

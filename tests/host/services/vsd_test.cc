@@ -56,7 +56,7 @@ TEST_F(Vsd, current__by_working_directory)
 	EXPECT_EQ(kernel().text(), "");
 }
 
-TEST_F(Vsd, current__path_that_cannot_be_had_is_none)
+TEST_F(Vsd, current__without_a_path_is_none)
 {
 	kernel().cwd = "/data/var/run/vsd/3";
 	kernel().cwd_renders = false;
@@ -94,7 +94,7 @@ TEST_F(Vsd, getcwd__moves_the_path_to_the_buffers_start)
 }
 
 // Callers look for a negative answer, which never comes.
-TEST_F(Vsd, getcwd__answers_0_and_an_empty_text_for_a_path_that_cannot_be_had)
+TEST_F(Vsd, getcwd__without_a_path_answers_0_and_an_empty_text)
 {
 	std::vector<char> buf(4096, 'z');
 	kernel().cwd_renders = false;

@@ -291,7 +291,7 @@ protected:
 	}
 };
 
-TEST_F(DeliveryFailure, a_socket_buffer_that_cannot_be_had)
+TEST_F(DeliveryFailure, without_a_socket_buffer)
 {
 	pid_t thread = copy_thread();
 	ASSERT_GT(thread, 0) << "no kernel thread named packet-copy";

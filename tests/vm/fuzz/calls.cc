@@ -407,7 +407,7 @@ void Player::capture(Input &input)
 		message.payload.resize(NLMSG_ALIGN(message.payload.size()));
 	}
 	genl_->send(message.bytes());
-	// A dump that nobody reads any more ends with its socket.
+	// A dump that no client reads any more ends with its socket.
 	if (how & 64)
 		genl_->drain();
 	else

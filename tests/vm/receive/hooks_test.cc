@@ -97,7 +97,7 @@ TEST_F(Hooks, a_copy_asks_no_drop_service)
 	EXPECT_EQ(lab::rnfp_calls(false) + lab::rnfp_calls(true), 0u);
 }
 
-TEST_F(Hooks, a_clone_that_cannot_be_had_loses_the_copy_only)
+TEST_F(Hooks, a_clone_that_fails_loses_the_copy_only)
 {
 	for (Point point : kTakers) {
 		Socket socket = capture(point.location, PACKET_COPY, all());

@@ -235,7 +235,7 @@ TEST_F(Local, a_debug_send_is_traced_by_the_hook)
 	listener.drain();
 }
 
-TEST_F(Local, a_clone_that_cannot_be_had_costs_the_listener_its_copy_and_nothing_else)
+TEST_F(Local, a_clone_that_fails_costs_the_listener_its_copy_and_nothing_else)
 {
 	Socket sender(SOCK_RAW), listener = capture(PACKET_LOCAL_LOC, PACKET_COPY, all());
 	lab::fail(lab::Fail::Clone, 1);

@@ -2,7 +2,7 @@
 /*
  * Budgets: how much kernel memory rules may take, and how much work they may be for a
  * frame. What a rule takes at most, its filing in a library included, is charged to its
- * socket when a value is added, so that filing never meets a limit.
+ * socket when a value is added, so that filing never reaches a limit.
  *
  *   who                           memory, of the machine's   work, in instructions
  *   a socket                      1/32                       that of all
