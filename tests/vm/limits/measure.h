@@ -33,6 +33,10 @@ FrameCost frame_cost(const lab::Frame &frame, const std::vector<Socket *> &reade
 
 double median(std::vector<double> values);
 
+/// What longest_ms() returns when no timer interrupt came, as happens when the emulator waits for the host: more than
+/// any limit.
+inline constexpr double kNotMeasured = 1e9;
+
 /// The longest time in milliseconds for which bottom halves were off on the CPU of the caller, which must be pinned,
 /// while `act` ran.
 double longest_ms(const std::function<void()> &act);
