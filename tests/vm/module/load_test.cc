@@ -151,7 +151,11 @@ TEST_F(Load, every_failure_of_a_load_leaves_nothing)
 		EXPECT_EQ(socket_error(), EAFNOSUPPORT);
 		for (const std::string &line : lab::printk_lines())
 			lines.push_back(line);
-		library = bool(HasLine(lines, "PACKET-REGULAR init failed"));
+		// Behind the first that fails the rule library, the ones next to it.
+		if (!library && HasLine(lines, "PACKET-REGULAR init failed")) {
+			library = true;
+			each = std::max(each, 10u);
+		}
 	}
 	EXPECT_GT(refused, 4);
 	EXPECT_TRUE(HasLine(lines, "PACKET-REGULAR init failed"));
