@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Loading and unloading: what is refused, what a failed load leaves, and unloading with frames on their way.
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -126,13 +125,12 @@ TEST_F(Load, every_failure_of_a_load_leaves_nothing)
 	std::vector<std::string> lines;
 	int refused = 0;
 	// There may be hundreds for a cache's files in sysfs, which a load can do without: behind 40 of those in a row
-	// only every eighth is tried, until the next refusal.
-	constexpr unsigned kInARow = 40;
+	// only every eighth is tried until one is refused, and then each one around that.
+	constexpr unsigned kInARow = 40, kStride = 8;
 	unsigned each = kInARow, accepted = 0, step = 1;
 	bool library = false;
 	for (unsigned nth = total; nth > step && (each > 0 || !library); nth -= step) {
 		each -= refused > 0 && each > 0;
-		step = accepted < kInARow ? 1 : 8;
 		lab::clear_printk();
 		injector.arm(nth);
 		int error = load_module(kModule);
@@ -140,22 +138,23 @@ TEST_F(Load, every_failure_of_a_load_leaves_nothing)
 		if (error == 0) {
 			EXPECT_EQ(socket_error(), 0);
 			ASSERT_EQ(unload_module(kModule), 0);
-			++accepted;
+			step = ++accepted < kInARow ? 1 : kStride;
 			continue;
 		}
 		++refused;
 		accepted = 0;
+		if (step == kStride) {
+			nth += kStride;
+			each = kInARow;
+			step = 1;
+		}
 		EXPECT_TRUE(error == EPERM || error == ENOMEM || error == EFAULT)
 			<< strerror(error);
 		EXPECT_FALSE(module_present(kModule));
 		EXPECT_EQ(socket_error(), EAFNOSUPPORT);
 		for (const std::string &line : lab::printk_lines())
 			lines.push_back(line);
-		// Behind the first that fails the rule library, the ones next to it.
-		if (!library && HasLine(lines, "PACKET-REGULAR init failed")) {
-			library = true;
-			each = std::max(each, 10u);
-		}
+		library = bool(HasLine(lines, "PACKET-REGULAR init failed"));
 	}
 	EXPECT_GT(refused, 4);
 	EXPECT_TRUE(HasLine(lines, "PACKET-REGULAR init failed"));
