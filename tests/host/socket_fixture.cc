@@ -61,6 +61,21 @@ void SocketTest::TearDown()
 	ModuleTest::TearDown();
 }
 
+void CreatedSocketTest::SetUp()
+{
+	SocketTest::SetUp();
+	debug();
+	ASSERT_EQ(s.create(), 0);
+	lines();
+}
+
+void CreatedSocketTest::TearDown()
+{
+	if (s.sk)
+		s.release();
+	SocketTest::TearDown();
+}
+
 Strings SocketTest::lines()
 {
 	const std::string tag = tagged("");

@@ -69,3 +69,13 @@ protected:
 
 	::net other_ns;
 };
+
+// With a socket that is there before the test, and debug lines on; those of its creation are read.
+class CreatedSocketTest : public SocketTest {
+protected:
+	void SetUp() override;
+	// A test may have released it.
+	void TearDown() override;
+
+	Sock s;
+};

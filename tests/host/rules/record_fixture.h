@@ -40,20 +40,12 @@ inline std::vector<oracle::Value> values(const Bytes &bytes, size_t stride)
 	return out;
 }
 
-class RuleRecordTest : public SocketTest {
+class RuleRecordTest : public CreatedSocketTest {
 protected:
-	void SetUp() override
-	{
-		SocketTest::SetUp();
-		debug();
-		ASSERT_EQ(s.create(), 0);
-		lines();
-	}
 	void TearDown() override
 	{
 		kernel().cwd = "/root";
-		s.release();
-		SocketTest::TearDown();
+		CreatedSocketTest::TearDown();
 	}
 	// In the layer-2 library with one datum.
 	void run()
@@ -76,6 +68,4 @@ protected:
 	{
 		return s.setsockopt(option, record, MOX_SOL_PACKET, len, fault_at);
 	}
-
-	Sock s;
 };

@@ -27,30 +27,24 @@ int hook_handler(unsigned int command, void *buffer)
 	return g_hooked.result;
 }
 
-class ControlHook : public SocketTest {
+class ControlHook : public CreatedSocketTest {
 protected:
 	void SetUp() override
 	{
-		SocketTest::SetUp();
-		debug();
-		ASSERT_EQ(s.create(), 0);
-		lines();
+		CreatedSocketTest::SetUp();
 		g_hooked = {};
 		ASSERT_EQ(packet_reg_cpp_ioctl(hook_handler), 0);
 	}
 	void TearDown() override
 	{
 		mox_packet_cpp_ioctl_func = nullptr;
-		s.release();
-		SocketTest::TearDown();
+		CreatedSocketTest::TearDown();
 	}
 	int call(size_t len, size_t fault_at = SIZE_MAX)
 	{
 		return s.setsockopt(MOX_PACKET_CONTROL_HOOK, Bytes(len, 0x5a), MOX_SOL_PACKET, len,
 				    fault_at);
 	}
-
-	Sock s;
 };
 
 // Nothing is read and nothing is refused.

@@ -6,21 +6,8 @@
 
 namespace {
 
-class Setsockopt : public SocketTest {
+class Setsockopt : public CreatedSocketTest {
 protected:
-	void SetUp() override
-	{
-		SocketTest::SetUp();
-		debug();
-		ASSERT_EQ(s.create(), 0);
-		lines();
-	}
-	void TearDown() override
-	{
-		if (s.sk)
-			s.release();
-		SocketTest::TearDown();
-	}
 	void stopped(u32 location)
 	{
 		EXPECT_FALSE(s.running());
@@ -29,8 +16,6 @@ protected:
 			EXPECT_EQ(filed(l), 0u);
 		EXPECT_EQ(s.po().regular.location, location);
 	}
-
-	Sock s;
 };
 
 TEST_F(Setsockopt, option__every_number)
