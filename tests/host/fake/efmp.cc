@@ -270,7 +270,10 @@ using fake::Point;
 void *lsm_get_intfcb(u32 ifindex)
 {
 	auto it = efmp().interfaces.find(ifindex);
-	return it == efmp().interfaces.end() ? nullptr : it->second;
+	void *found = it == efmp().interfaces.end() ? nullptr : it->second;
+
+	kernel().event(Point::kFindIntf, &ifindex);
+	return found;
 }
 
 int efmp_reg_module(void *descriptor)

@@ -34,6 +34,7 @@ namespace fake {
 	X(kReceive, "a datagram is about to be taken off a receive queue [sock]")         \
 	X(kCopyFromMsg, "data of a message have been read [msghdr]")                      \
 	X(kOutput, "an efbuff has been handed to the platform [efbuff]")                  \
+	X(kFindIntf, "an interface has been looked up [its index]")                       \
 	X(kOpen, "the dump file is about to be opened")                                   \
 	X(kWrite, "the dump file has been written to [file]")                             \
 	X(kRegModule, "efmp_reg_module")                                                  \

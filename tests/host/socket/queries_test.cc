@@ -4,21 +4,13 @@
 
 namespace {
 
-class SockoptGet : public SocketTest {
+class SockoptGet : public CreatedSocketTest {
 protected:
-	void SetUp() override
-	{
-		SocketTest::SetUp();
-		debug();
-		ASSERT_EQ(s.create(), 0);
-		lines();
-	}
 	void TearDown() override
 	{
 		EXPECT_EQ(lines(), Strings{}) << "reading prints nothing";
 		debug(false);
-		s.release();
-		SocketTest::TearDown();
+		CreatedSocketTest::TearDown();
 	}
 	// The call's result; the user's buffer and length are left in value and len.
 	int get(int option, int wanted, int level = MOX_SOL_PACKET)
@@ -44,7 +36,6 @@ protected:
 		return skb;
 	}
 
-	Sock s;
 	fake::UserBuf value{ 16, 0xcc }, len{ sizeof(int) };
 };
 
@@ -256,6 +247,23 @@ TEST_F(SockoptGet, getname__interface_that_has_gone)
 	Name name;
 	EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), 0), 12);
 	EXPECT_EQ(name.head(12), (Bytes{ 17, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0 }));
+}
+
+TEST_F(SockoptGet, getname__while_another_thread_binds_is_of_one_interface)
+{
+	const u8 mac[6] = { 2, 1, 0xaa, 0xbb, 0xcc, 0xdd };
+	efmp().add_interface(5, "near", mac);
+	ASSERT_EQ(s.bind(5), 0);
+	lines();
+	kernel().at[Point::kFindIntf] = [&](const void *) {
+		on_other_cpu([&] { EXPECT_EQ(s.bind(7), 0); });
+	};
+	Name name;
+	EXPECT_EQ(mox_packet_getname(&s.socket, name.addr(), 0), 18);
+	kernel().at.erase(Point::kFindIntf);
+	lines();
+	EXPECT_EQ(name.head(18),
+		  (Bytes{ 17, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 6, 2, 1, 0xaa, 0xbb, 0xcc, 0xdd }));
 }
 
 TEST_F(SockoptGet, getname__unbound_where_the_platform_has_interface_0)

@@ -74,14 +74,15 @@ int mox_packet_getname(struct socket *socket, sockaddr *addr, int peer)
 {
 	if (peer)
 		return err::kOpNotSupp;
-	const mox_packet_sock *po = po_of(seam_socket_sk(socket));
-	const void *intf = lsm_get_intfcb(po->ifindex);
+	/* Once: another thread may bind meanwhile, and index and MAC are those of one interface. */
+	const u32 ifindex = load(po_of(seam_socket_sk(socket))->ifindex);
+	const void *intf = lsm_get_intfcb(ifindex);
 	auto *name = reinterpret_cast<link_layer_address *>(addr);
 
 	/* Also clears the packet type, which has no meaning here: the buffer is kernel stack. */
 	*name = link_layer_address{};
 	name->family = MOX_PACKET_FAMILY;
-	name->ifindex = po->ifindex;
+	name->ifindex = ifindex;
 	if (!intf)
 		return kAddressHead;
 	name->address_len = 6;
