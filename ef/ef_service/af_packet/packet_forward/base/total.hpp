@@ -43,7 +43,7 @@ inline void count_shared(mox_total &total, u32 more = 1)
 	__atomic_fetch_add(reinterpret_cast<Word *>(&total), u64{ more }, __ATOMIC_RELAXED);
 }
 
-/** The total of now; one that is written meanwhile may be a count behind. Any context. */
+/** The current total; a part that is written meanwhile may be a count behind. Any context. */
 inline u64 read_total(const mox_total &total)
 {
 	for (;;) {

@@ -34,7 +34,7 @@
  *   output     output function that is registered, or null
  *   recv       receive function that is registered, or null
  *   answers    kHookAnswers, or kRecvAnswers for a receive function
- *   services   drop services are asked, and the forward reason is written, for a taken packet
+ *   services   drop services are called, and the forward reason is written, for a taken packet
  *   summary    the summary of a packet that its rules are matched against
  *
  * SHARED: a location whose rules are in the library of another one, and see only

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * The debug packet filter: which packets an operator who traces has asked for.
+ * The debug packet filter: the packets that an operator has chosen to trace.
  * It changes no packet's fate and takes no lock.
  */
 #pragma once

@@ -79,7 +79,7 @@ FrameHeaders read_headers(const void *efbuff)
 		headers.ether_type = big16(bytes + 12);
 	}
 	copy_padded(efbuff, net_header(efbuff), bytes, sizeof(bytes));
-	/* Without a layer-2 header the version says it. */
+	/* Without a layer-2 header only the version tells the protocols apart. */
 	const u8 version = bytes[0] >> 4;
 	const bool bare = !headers.has_macs;
 	if (version == 4 && (bare || headers.ether_type == kIpv4))

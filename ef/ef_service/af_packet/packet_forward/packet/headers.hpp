@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 /*
- * What a frame says of itself, for those who follow single frames. Unlike pkt_info it
- * holds copies, so that it outlives the frame, and reads the frame's own EtherType, so
- * that it also serves frames that a program sends.
+ * The headers of a frame, for traces. Unlike pkt_info it holds copies, so that it
+ * outlives the frame, and it reads the frame's own EtherType, so that it also serves
+ * frames that a program sends.
  */
 #pragma once
 

@@ -12,7 +12,7 @@ constexpr size_t kRingSize = sizeof(u32) * kEntries * CPU_QUEUES;
 constexpr u32 kNoTick = 0;
 
 constinit seam_mutex g_arrivals_mutex{};
-/* Those who need times. */
+/* Sockets and traces that use times of arrival. */
 constinit u32 g_needs SEAM_GUARDED_BY(g_arrivals_mutex) = 0;
 /* The rings of each possible CPU, once they were needed. */
 constinit u32 *g_rings[CPU_QUEUE_SLOTS]{};
@@ -45,7 +45,7 @@ bool make_rings()
 }
 
 /*
- * What delivery has not asked for: frames that left while no times were needed. The next frame
+ * Entries that delivery has not read, of frames that left while no times were needed. The next frame
  * with such a number must not get an old time.
  */
 void clear_rings()
@@ -55,7 +55,7 @@ void clear_rings()
 			store(ring[entry], kNoTick);
 }
 
-/* Hooks of now may still note times into rings that are switched off: the rings stay. */
+/* A hook that runs now may still write to a ring that is switched off: the rings stay. */
 void switch_rings(bool on)
 {
 	for_cpus([on](int cpu) {

@@ -2,11 +2,11 @@
 /*
  * Times of arrival. No byte of an efbuff is free for them, so they travel in a ring beside
  * each queue: the entry of a frame has the frame's number on its queue. Hooks write them
- * as long as somebody needs them: a socket with SO_TIMESTAMP or the like, or a trace.
+ * while there is a user: a socket with SO_TIMESTAMP or the like, or a trace.
  *
  * A ring has as many entries as its queue may hold, so none is overwritten that still
- * counts. An entry is the lower half of the monotonic clock's 64-ns ticks: it says when a
- * frame came as long as the frame waits no more than 274 seconds.
+ * counts. An entry is the lower half of the monotonic clock's 64-ns ticks: it is exact for a
+ * frame that waits no more than 274 seconds.
  */
 #pragma once
 
@@ -32,7 +32,7 @@ void arrivals_deinit();
 bool arrivals_need();
 void arrivals_release();
 
-/** Whether somebody needs them. Any. */
+/** Whether hooks note times of arrival. Any. */
 inline bool arrivals_needed(const hook_cpu *here)
 {
 	return load(here->arrivals) != nullptr;
@@ -43,7 +43,7 @@ void arrival_note(const hook_cpu *here, u32 queue, u32 frame);
 
 /**
  * The monotonic time in nanoseconds at which a frame of a queue came, or kNoArrival. now:
- * the same of now. The frame still counts as held.
+ * the current monotonic time. The frame still counts as held.
  */
 u64 arrival_of(const efbuff_queue *queue, u32 frame, u64 now);
 

@@ -31,7 +31,7 @@ namespace {
 
 /* Frames, and sockets that get one, for which the change lock is held once. */
 constexpr u32 kWorkOfHold = 2048;
-/* Of those, how often it is asked whether another task is due. A power of two. */
+/* After so many of those, delivery checks whether another task is due. A power of two. */
 constexpr u32 kWorkOfLook = 4;
 /* Sockets that get a frame between two chances for another task. */
 constexpr u32 kSocketsOfTurn = 64;
@@ -260,8 +260,8 @@ struct LocationDelivery {
 	}
 
 	/**
-	 * Only the platform's mark prints. The filter is asked all the same while it is on, here
-	 * for every matched packet; hooks ask it for unmarked ones only.
+	 * Only packets with the platform's mark are printed. The filter is evaluated all the same
+	 * while it is on: here for every matched packet, at hooks for unmarked ones only.
 	 */
 	void trace(const packet_regular &rule, bool marked)
 	{

@@ -256,7 +256,7 @@ bool tracer_follows(const FrameHeaders &headers, u32 location)
 void tracer_record(const FrameHeaders &headers, const TraceHop &hop)
 {
 	BottomHalfReadGuard table(&g_tracer_lock);
-	/* Asked for a frame that somebody follows, once: others leave the allowance alone. */
+	/* The allowance is taken once, and only for a frame that some trace follows. */
 	bool asked = false;
 	bool may = false;
 

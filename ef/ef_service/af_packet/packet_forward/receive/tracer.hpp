@@ -73,15 +73,15 @@ int tracer_start(u32 client, const TraceFilter &filter);
 /** End it: 0, or -ENOENT without one. Process. */
 int tracer_stop(u32 client);
 
-/* 1 while somebody traces. */
+/* 1 while there is a trace. */
 extern u32 g_tracing;
 
-/** Whether somebody traces. Any. */
+/** Whether there is a trace. Any. */
 inline bool tracer_on()
 {
 	return load(g_tracing) != 0;
 }
-/** Whether somebody follows a frame. Any. */
+/** Whether a trace follows a frame. Any. */
 bool tracer_follows(const FrameHeaders &headers, u32 location);
 /** Send a record of a hop to all that follow the frame. Any. */
 void tracer_record(const FrameHeaders &headers, const TraceHop &hop);

@@ -39,7 +39,7 @@ void budget_init(u32 frame_work = kFrameWork);
 /** The two budgets. */
 enum class BudgetOf { kBytes, kWork };
 
-/** A budget of now: what is used, where it ends, and the calls that it refused. */
+/** The state of a budget: what is used, its limit, and the calls that it refused. */
 struct BudgetState {
 	u32 used;
 	u32 all;

@@ -24,7 +24,7 @@ namespace mox {
 u32 filter_frame(const pkt_info &info, packet_regular_lib *lib);
 u32 filter_frame(const pkt_wlan_info &info, packet_regular_lib *lib);
 
-/** What decides at a hook, for those who follow a frame. */
+/** What decides at a hook, for traces. */
 struct Decision {
 	u32 treatment; /* 0: no rule matches */
 	u32 key_type;

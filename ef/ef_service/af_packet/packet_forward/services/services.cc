@@ -27,7 +27,7 @@ template <auto *pointer> void set_pointer(void *entry)
 	store(*pointer, reinterpret_cast<Func>(entry));
 }
 
-/* In the order in which they are asked for at start. */
+/* In the order in which they are looked up at start. */
 constexpr Followed kFollowed[] = {
 	{ platform::kLocalMacService, set_pointer<&mox_packet_get_local> },
 	{ platform::kDropService, set_pointer<&pkt_rnfp> },

@@ -20,7 +20,7 @@ struct ClosedSockets {
 void closed_init();
 /** Add a socket that nothing counts for any more to the row of its location. Process. */
 void closed_add(const mox_packet_sock *po);
-/** A row of now. Process. */
+/** A copy of a row. Process. */
 ClosedSockets closed_read(u32 row);
 
 } // namespace mox
