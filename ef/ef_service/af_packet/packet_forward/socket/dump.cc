@@ -16,7 +16,7 @@ void dump_socket_begin(mox_packet_sock *po)
 	REPORT_LINE("pid:           %d\n", po->pid);
 	REPORT_LINE("running:       %s\n", po_flag(po, PO_RUNNING) ? "running" : "stop");
 	REPORT_LINE("ctrldata:      %s\n", po_flag(po, PO_CTRL_INFO) ? "require" : "unrequire");
-	REPORT_LINE("ifindex:       %u\n", po->ifindex);
+	REPORT_LINE("ifindex:       %u\n", load(po->ifindex));
 	REPORT_LINE("regulars:\n");
 }
 
