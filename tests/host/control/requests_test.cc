@@ -292,6 +292,16 @@ TEST_F(Msg, show_name__is_compared_whole)
 	}
 }
 
+// The longest name that an attribute holds. The log cuts the heading long before its end.
+TEST_F(Msg, show_name__of_any_length)
+{
+	for (size_t length : { 1023, 1024, 1025, 32767, 32768, 40000, 65000 }) {
+		ask(11, Bytes(length, 'x'));
+		const std::string shown(std::min<size_t>(length, 1024), 'x');
+		EXPECT_EQ(answer(), "show process " + shown + " regular:\n") << length;
+	}
+}
+
 TEST_F(Msg, show_pid__heading_and_the_sockets_of_that_process)
 {
 	Sock a, b, c;

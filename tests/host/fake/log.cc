@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // mox_printk: renders what the module logs, with the kernel's pointer formats.
+#include <gtest/gtest.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -43,6 +45,13 @@ std::string pointer(const char *&f, const void *p)
 	return print("%08lx", reinterpret_cast<unsigned long>(p) & 0xffffffffUL);
 }
 
+// A width or a precision: the kernel keeps them in 16 bits, and warns of one that does not fit.
+std::string number(int value)
+{
+	EXPECT_LE(value, 0x7fff) << "a width or precision of printk";
+	return std::to_string(value);
+}
+
 } // namespace
 
 namespace fake {
@@ -57,7 +66,7 @@ std::string render(const char *f, va_list args)
 		}
 		std::string spec = "%";
 		for (f++; *f && std::strchr("-+ #0123456789.*lhz", *f); f++)
-			spec += *f == '*' ? std::to_string(va_arg(args, int)) : std::string(1, *f);
+			spec += *f == '*' ? number(va_arg(args, int)) : std::string(1, *f);
 		bool is_long = spec.find('l') != std::string::npos ||
 			       spec.find('z') != std::string::npos;
 		char c = *f++;

@@ -52,6 +52,12 @@ void show_process(u32 kind, const char *name, s32 pid)
 	}
 }
 
+/**
+ * What of a requested name is printed. The log cuts a line before that, and the kernel warns of
+ * a printed length that fills 16 bits.
+ */
+constexpr u32 kNamePrinted = 1024;
+
 /** The name of a request: up to its NUL, or to the end of the message without one. */
 struct RequestedName {
 	const char *text; /* not terminated */
@@ -73,7 +79,9 @@ void show_process_by_name(const RequestedName &asked)
 	/* One character more than any process has: a longer name is cut to one that matches none. */
 	char name[MOX_PACKET_NAME_SIZE + 1]{};
 	__builtin_memcpy(name, asked.text, asked.len < sizeof(name) ? asked.len : sizeof(name) - 1);
-	mox_printk("show process %.*s regular:\n", static_cast<int>(asked.len), asked.text);
+	mox_printk("show process %.*s regular:\n",
+		   static_cast<int>(asked.len < kNamePrinted ? asked.len : kNamePrinted),
+		   asked.text);
 	show_process(MOX_MSG_SHOW_NAME, name, 0);
 }
 
