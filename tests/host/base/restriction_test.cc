@@ -68,12 +68,15 @@ TEST_F(Restriction, request__needs_net_admin_while_it_is_in_force)
 {
 	debug();
 	const u32 received = g_packet_msg_recv;
-	kernel().net_admin = false;
 	kernel().net_raw = true;
 	// Nothing of the message is looked at, not even its length.
 	restriction_set(true);
-	for (u16 type = 0; type <= 18; type++) {
-		SCOPED_TRACE(type);
+	for (u16 n = 0; n <= 3 * 18 + 2; n++) {
+		const u16 type = n / 3;
+		// A privileged program may have got the socket from a process that is not.
+		kernel().net_admin = n % 3 == 1;
+		kernel().opener_net_admin = n % 3 == 2;
+		SCOPED_TRACE(n);
 		const auto before = switches();
 		const auto filter = filter_bytes();
 		kernel().log.clear();
@@ -86,9 +89,9 @@ TEST_F(Restriction, request__needs_net_admin_while_it_is_in_force)
 		EXPECT_TRUE(kernel().disk.empty());
 	}
 	EXPECT_EQ(g_packet_msg_recv, received);
-	kernel().net_admin = true;
+	kernel().net_admin = kernel().opener_net_admin = true;
 	EXPECT_EQ(receive(message(record(17))), 0);
-	kernel().net_admin = false;
+	kernel().net_admin = kernel().opener_net_admin = false;
 	restriction_set(false);
 	EXPECT_EQ(receive(message(record(17))), 0);
 	EXPECT_EQ(g_packet_msg_recv, received + 2);

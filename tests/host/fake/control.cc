@@ -64,6 +64,12 @@ const void *seam_genl_message(const genl_info *info)
 {
 	return info->message.data();
 }
+int seam_genl_from_admin(const sk_buff *)
+{
+	kernel().may_sleep("netlink_capable");
+	return kernel().net_admin && kernel().opener_net_admin;
+}
+
 u32 seam_genl_client(const genl_info *info)
 {
 	return info->client;

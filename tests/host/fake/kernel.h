@@ -140,9 +140,10 @@ struct Kernel {
 	int schedules = 0;
 	static constexpr uint64_t kTotalMemory = 1ull << 32;
 	uint64_t total_memory = kTotalMemory;
-	bool net_admin = true;    // the current task holds CAP_NET_ADMIN
-	bool net_raw = true;      // the same of CAP_NET_RAW
-	bool need_resched = true; // another task is due
+	bool net_admin = true;        // the current task holds CAP_NET_ADMIN
+	bool opener_net_admin = true; // so does who opened its netlink socket
+	bool net_raw = true;          // the same of CAP_NET_RAW
+	bool need_resched = true;     // another task is due
 	int cond_rescheds = 0;
 	std::vector<std::pair<size_t, size_t>> user_reads; // of setsockopt arguments: from, bytes
 	std::vector<size_t> vzallocs;                      // bytes of each vzalloc

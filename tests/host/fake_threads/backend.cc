@@ -452,6 +452,10 @@ const void *seam_genl_message(const genl_info *info)
 {
 	return info->message.data();
 }
+int seam_genl_from_admin(const sk_buff *)
+{
+	return 1;
+}
 u32 seam_genl_client(const genl_info *)
 {
 	return 1;

@@ -227,9 +227,9 @@ void mox_packet_msg_deinit(void)
 	mox_packet_msg_inited = 0;
 }
 
-int mox_packet_msg_recv(sk_buff *, genl_info *info)
+int mox_packet_msg_recv(sk_buff *request, genl_info *info)
 {
-	if (restriction_on() && !seam_capable_net_admin())
+	if (restriction_on() && !seam_genl_from_admin(request))
 		return err::kPerm;
 	const void *message = seam_genl_message(info);
 	u32 len = field<u32>(message, kMessageLen);

@@ -29,6 +29,11 @@ int seam_genl_register(void);
 void seam_genl_unregister(void);
 /** The request: its netlink header and as many bytes as nlmsg_len says. */
 const void *seam_genl_message(const struct genl_info *info);
+/**
+ * Whether CAP_NET_ADMIN is held by the sending process as well as by whoever opened the socket:
+ * that may be another one, which hands the socket to a privileged program to write to. Process.
+ */
+int seam_genl_from_admin(const struct sk_buff *request);
 /** The port of the socket that sent the request. */
 u32 seam_genl_client(const struct genl_info *info);
 

@@ -62,6 +62,11 @@ const void *seam_genl_message(const struct genl_info *info)
 	return info->nlhdr;
 }
 
+int seam_genl_from_admin(const struct sk_buff *request)
+{
+	return netlink_capable(request, CAP_NET_ADMIN);
+}
+
 u32 seam_genl_client(const struct genl_info *info)
 {
 	return info->snd_portid;
