@@ -3,6 +3,7 @@
 #include "capture_fixture.h"
 #include "contract/ledger.h"
 #include "fake/backlog.h"
+#include "read_trap.h"
 #include "services/services.hpp"
 #include "socket/closed.hpp"
 
@@ -389,6 +390,51 @@ TEST_F(CaptureFrames, queues__what_they_hold)
 	EXPECT_EQ(length, 0u);
 	EXPECT_GT(held, 0u);
 	EXPECT_EQ(queue(PACKET_LEV2_LOC, 1).u32(MOX_CAPTURE_QUEUE_CPU_HELD), 0u);
+}
+
+// A frame comes, is delivered and freed while the reader is between the two words.
+TEST_F(CaptureFrames, queues__what_they_hold_while_frames_pass)
+{
+	Sock s;
+	s.capture(PACKET_LEV2_LOC, PACKET_COPY);
+	hook_only(PACKET_LEV2_LOC, 1, lldp);
+	drain();
+	HeldCount &count = g_cpu_held[1].queues[kHooks[contract::kLev2Hook].queue];
+	for (const u32 *word : { &count.queued, &count.freed }) {
+		u32 passed = 0;
+		capture::Message m;
+		{
+			ReadTrap trap(word, [&] {
+				if (std::exchange(passed, 1) == 0)
+					on_other_cpu([&] {
+						hook_only(PACKET_LEV2_LOC, 1, lldp);
+						drain();
+					});
+			});
+			m = queue(PACKET_LEV2_LOC, 1);
+		}
+		EXPECT_EQ(passed, 1u);
+		EXPECT_EQ(m.u32(MOX_CAPTURE_QUEUE_HELD), 0u);
+		EXPECT_EQ(m.u32(MOX_CAPTURE_QUEUE_COPIES), 0u);
+	}
+}
+
+// Frames that pass all the time: the reader ends, with a number that may be too high.
+TEST_F(CaptureFrames, queues__what_they_hold_while_frames_pass_without_an_end)
+{
+	Sock s;
+	s.capture(PACKET_LEV2_LOC, PACKET_COPY);
+	HeldCount &count = g_cpu_held[1].queues[kHooks[contract::kLev2Hook].queue];
+	u32 passed = 0;
+	{
+		ReadTrap trap(&count.freed, [&] {
+			passed++;
+			__atomic_fetch_add(&count.queued, 1 | 1 << 16, __ATOMIC_RELAXED);
+			__atomic_fetch_add(&count.freed, 1 | 1 << 16, __ATOMIC_RELAXED);
+		});
+		EXPECT_EQ(held_now(count), 1u | 1 << 16);
+	}
+	EXPECT_EQ(passed, kHeldReads + 2);
 }
 
 TEST_F(CaptureFrames, queues__limits_follow_the_kernels)

@@ -132,8 +132,8 @@ bool put_queue(sk_buff *skb, const seam_request *request, u32 location, int cpu)
 	const u32 number = location_row(location).queue;
 	efbuff_queue *queue = &g_cpu_pkt_que[cpu][number];
 	const CpuHeld &held = g_cpu_held[cpu];
-	const u32 in_queue = load(held.queues[number].queued) - load(held.queues[number].freed);
-	const u32 in_all = load(held.all.queued) - load(held.all.freed);
+	const u32 in_queue = held_now(held.queues[number]);
+	const u32 in_all = held_now(held.all);
 	const u32 limit = queue_limit();
 	u32 length;
 	{

@@ -52,6 +52,28 @@ struct alignas(128) CpuHeld {
 
 extern CpuHeld g_cpu_held[CPU_QUEUE_SLOTS];
 
+/** How often held_now() reads anew what changes while it reads. */
+inline constexpr u32 kHeldReads = 8;
+
+/**
+ * What a count holds, for any other CPU: without a lock, so by the last of kHeldReads it may be
+ * what was queued meanwhile too many, and is never below what it was. Any context.
+ */
+inline u32 held_now(const HeldCount &count)
+{
+	u32 freed = load(count.freed);
+	for (u32 reads = kHeldReads;; reads--) {
+		/* What was freed was queued before. */
+		seam_smp_mb();
+		const u32 queued = load(count.queued);
+		seam_smp_mb();
+		const u32 now = load(count.freed);
+		if (now == freed || reads == 0)
+			return queued - freed;
+		freed = now;
+	}
+}
+
 /** The most efbuffs that one queue holds now. Negative numbers of the administrator's are 0. */
 inline u32 queue_limit()
 {
