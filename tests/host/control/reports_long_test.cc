@@ -234,6 +234,37 @@ TEST_F(LongReport, race__the_key_that_is_printed)
 	EXPECT_EQ(text.find("    process:", text.find(next)), text.find(next) + next.size());
 }
 
+// A local fetch rule goes in front of all rules of its key, also of those a report has not begun.
+TEST_F(LongReport, race__a_local_fetch_rule_that_comes)
+{
+	open_sockets(100);
+	std::vector<std::unique_ptr<Sock>> local;
+	for (u32 treatment : { PACKET_COPY_LOCAL, PACKET_FETCH_LOCAL, PACKET_COPY_LOCAL }) {
+		local.push_back(std::make_unique<Sock>());
+		kernel().comm = "local" + std::to_string(local.size());
+		local.back()->capture(PACKET_LEV2_LOC, treatment);
+	}
+	kernel().at[Point::kCondResched] = [&](const void *) {
+		if (local.size() > 3 || kernel().holds(fake::LockKind::kChange) ||
+		    !kernel().count_said("    process:"))
+			return;
+		EXPECT_EQ(kernel().count_said("    process:      local"), 0u) << "too late";
+		local.push_back(std::make_unique<Sock>());
+		kernel().comm = "late";
+		local.back()->capture(PACKET_LEV2_LOC, PACKET_FETCH_LOCAL);
+	};
+	const std::string text = printed([] { pkt_show_filter_list(&g_lev2_packet_regular_lib); });
+	kernel().at.clear();
+	kernel().comm = "captured";
+	ASSERT_EQ(local.size(), 4u);
+	size_t at = text.find("    process:      p99\n");
+	ASSERT_NE(at, std::string::npos);
+	for (const char *name : { "local2", "local1", "local3" }) {
+		at = text.find("    process:      " + std::string(name) + "\n", at);
+		ASSERT_NE(at, std::string::npos) << name;
+	}
+}
+
 // A socket that goes before its report has begun must not end that of the next one, whose values
 // fill several pages.
 TEST_F(LongReport, race__a_socket_that_goes_in_front_of_a_long_one)

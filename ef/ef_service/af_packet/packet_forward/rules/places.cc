@@ -58,13 +58,14 @@ rule_place behind_place(const packet_regular *trap, u64 number)
 
 constexpr u64 kSpan = 1ull << 62;
 
-/** Places in an entry's lists: traps, then fetches, both newest first, then copies. */
+/** Places in an entry's lists: traps, then fetches, local ones too, newest first, then copies. */
 u64 place_among_copies(u32 treatment, u64 number)
 {
 	switch (treatment) {
 	case PACKET_TRAP:
 		return kSpan - number;
 	case PACKET_FETCH:
+	case PACKET_FETCH_LOCAL:
 		return 2 * kSpan - number;
 	default:
 		return 2 * kSpan + number;
