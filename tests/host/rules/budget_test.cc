@@ -127,6 +127,30 @@ TEST_F(Budget, values_that_are_there__cost_nothing)
 	EXPECT_EQ(g_packet_rule_bytes, charged);
 }
 
+TEST_F(Budget, item_without_a_value_that_is_there__costs_nothing)
+{
+	Sock s;
+	ASSERT_EQ(s.create(), 0);
+	ASSERT_EQ(s.add(PACKET_IPv4_MCAST_TRAFFIC, 1), 0);
+	// As many conditions as fit: one more key, with a copy of them, would not.
+	constexpr u32 kMore = 100;
+	u32 count = 0;
+	const auto pids = [&count] {
+		Bytes out;
+		for (u32 n = count; n < count + kMore; n++)
+			out = out + u32_bytes(n);
+		return out;
+	};
+	while (s.add(PACKET_PID_T, kMore, pids()) == 0)
+		count += kMore;
+	ASSERT_GT(count, 10 * kMore);
+	const u32 charged = s.po().rule_bytes, refused = g_packet_rule_refused;
+	EXPECT_EQ(s.add(PACKET_IPv4_MCAST_TRAFFIC, 1), 0);
+	EXPECT_EQ(s.add(PACKET_IPv4_MCAST_TRAFFIC, 7), 0);
+	EXPECT_EQ(s.po().rule_bytes, charged);
+	EXPECT_EQ(g_packet_rule_refused, refused);
+}
+
 TEST_F(Budget, deletion_and_close__give_back)
 {
 	Sock s, other;

@@ -203,7 +203,9 @@ int RuleRecord::charge(mox_packet_sock *po) const
 	if (head_.count == 0)
 		return 0;
 	if (stride == 0)
-		return budget_charge(po, head_.type, 1);
+		return mox_packet_search_item_from_regular(head_.type, &po->regular)
+			       ? 0
+			       : budget_charge(po, head_.type, 1);
 	/* Usually all of them fit, and need not be looked at. */
 	if (budget_fits(po, head_.type, head_.count))
 		return budget_charge(po, head_.type, head_.count);
