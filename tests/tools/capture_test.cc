@@ -7,6 +7,7 @@
 #include "frames.h"
 #include "mox/error.h"
 #include "pcapng_reader.h"
+#include "pending_signal.h"
 #include "stored_file.h"
 
 #include <gtest/gtest.h>
@@ -214,6 +215,33 @@ TEST_F(Capture, run__a_flood_does_not_outlast_the_duration)
 	};
 	moxcap::Counters counters = run(socket, to);
 	EXPECT_GT(counters.captured, 1u);
+	EXPECT_EQ(calls.queued(), 0u);
+}
+
+TEST_F(Capture, run__a_flood_does_not_outlast_a_signal)
+{
+	constexpr int enough = 5000;
+	options.quiet = true;
+	mox::CaptureSocket socket = moxcap::prepare_socket(options, calls);
+	auto to = recorder();
+	PendingSignal signal;
+	// As above; a run that the signal does not end gets no more after many batches.
+	calls.queue(arp_frame(7));
+	int received = 0;
+	bool in_location = true;
+	calls.on_receive = [&] {
+		if (++received == enough)
+			PendingSignal::stopped = 1;
+		if (in_location)
+			calls.queue(arp_frame(7));
+	};
+	calls.on_option = [&](const OptionCall &call) {
+		in_location = in_location && call.option != 17;
+	};
+	moxcap::Counters counters = moxcap::run_capture(socket, options, to, PendingSignal::stopped,
+							signal.waiting);
+	EXPECT_GE(counters.captured, 1u);
+	EXPECT_LT(counters.captured, enough);
 	EXPECT_EQ(calls.queued(), 0u);
 }
 

@@ -1,6 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 #include "common/ending.h"
 
+#include <poll.h>
+
+#include <ctime>
+
 namespace tool {
 namespace {
 
@@ -27,6 +31,12 @@ sigset_t catch_ending_signals(std::initializer_list<int> signals)
 	for (int number : signals)
 		sigdelset(&before, number);
 	return before;
+}
+
+void deliver_pending_signals(const sigset_t &waiting)
+{
+	const timespec none{};
+	ppoll(nullptr, 0, &none, &waiting);
 }
 
 } // namespace tool

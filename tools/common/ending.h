@@ -18,6 +18,13 @@ extern volatile std::sig_atomic_t stop_requested;
  */
 sigset_t catch_ending_signals(std::initializer_list<int> signals);
 
+/**
+ * Runs the handlers of the caught signals that are pending, and returns immediately. waiting: what
+ * catch_ending_signals returned. The kernel delivers no signal in a ppoll that finds a descriptor ready, so a loop
+ * whose input may never pause calls this once a batch.
+ */
+void deliver_pending_signals(const sigset_t &waiting);
+
 /** Prints the text of a command line that ends the program (help, version, an error) and returns the exit status. */
 template <typename Ending> int end_at_once(const Ending &ending)
 {

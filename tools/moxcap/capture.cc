@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 #include "capture.h"
 
+#include "common/ending.h"
 #include "mox/error.h"
 #include "pcap_file.h"
 #include "pcapng_file.h"
@@ -212,6 +213,7 @@ Counters run_capture(mox::CaptureSocket &socket, const Options &options, Recorde
 			      { recorder.file() ? recorder.file()->fd() : -1, 0, 0 } };
 	for (;;) {
 		drain(socket, recorder, drops, buffer, kBatch);
+		tool::deliver_pending_signals(waiting);
 		if (stop || recorder.complete())
 			break;
 		std::optional<timespec> left = end ? until(*end) : std::nullopt;

@@ -1,6 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 #include "netlink_socket.h"
 
+#include "common/ending.h"
+
 #include <linux/netlink.h>
 #include <netlink/errno.h>
 #include <netlink/netlink.h>
@@ -69,6 +71,8 @@ public:
 				      .tv_nsec = static_cast<long>(time.count() % 1000 * 1000000) };
 		if (ppoll(&poll_for, 1, &limit, waiting_ ? &*waiting_ : nullptr) <= 0)
 			return {};
+		if (waiting_)
+			tool::deliver_pending_signals(*waiting_);
 		sockaddr_nl from{};
 		unsigned char *bytes = nullptr;
 		int length = nl_recv(socket_.get(), &from, &bytes, nullptr);

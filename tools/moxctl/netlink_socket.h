@@ -33,8 +33,8 @@ public:
 };
 
 /**
- * A generic netlink socket of the calling process's network namespace. waiting is the signal mask while it waits;
- * null: the process's own.
+ * A generic netlink socket of the calling process's network namespace. waiting is the signal mask while it waits,
+ * and after the wait for a moment; null: the process's own.
  */
 std::unique_ptr<NetlinkSocket> open_netlink(const sigset_t *waiting = nullptr);
 
