@@ -9,7 +9,7 @@
 
 namespace tool {
 
-/** Not zero when the program shall end: a caught signal sets it, and so may code whose output has no reader left. */
+/** Not zero when the program shall end: a caught signal sets it, and so does an Output that cannot be written. */
 extern volatile std::sig_atomic_t stop_requested;
 
 /**

@@ -1,26 +1,21 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 #include "capture_file.h"
 
+#include "common/output.h"
+
 #include <pcap/dlt.h>
 
 #include <cerrno>
-#include <cstring>
 
 namespace moxcap {
 
 void CaptureFile::fail_to_write(int error) const
 {
-	std::string text = "cannot write to " +
-			   (path_ == "-" ? "standard output" : "\"" + path_ + "\"") + ": ";
-	switch (error) {
-	case EPIPE:
-		throw FileError(text + "the program that reads the capture has ended");
-	case ENOSPC:
-	case EDQUOT:
-		throw FileError(text + std::strerror(error) + " (is the disk full?)");
-	default:
-		throw FileError(text + std::strerror(error));
-	}
+	std::string file = path_ == "-" ? "standard output" : "\"" + path_ + "\"";
+	if (error == EPIPE)
+		throw FileError("cannot write to " + file +
+				": the program that reads the capture has ended");
+	throw FileError(tool::write_failure(file, error));
 }
 
 void CaptureFile::fail_without_reader() const

@@ -2,6 +2,7 @@
 /* moxcap: captures frames from the forwarding platform. */
 #include "capture.h"
 #include "common/ending.h"
+#include "common/output.h"
 #include "mox/error.h"
 #include "format.h"
 #include "options.h"
@@ -9,10 +10,9 @@
 #include <net/if.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 
 namespace {
 
@@ -22,18 +22,14 @@ std::string interface_name(std::uint32_t index)
 	return if_indextoname(index, name) ? name : "";
 }
 
-/** One write for the whole text: printed at once, and not mixed with the lines of other programs. */
-void print_to(int fd, const std::string &text)
+/** Complains of a text that was not printed; returns the exit status. */
+int status_of(const tool::Output &output)
 {
-	std::size_t done = 0;
-	while (done < text.size()) {
-		ssize_t written = write(fd, text.data() + done, text.size() - done);
-		if (written < 0 && errno != EINTR) {
-			tool::stop_requested = 1; // the reader has ended
-			return;
-		}
-		done += written > 0 ? static_cast<std::size_t>(written) : 0;
-	}
+	std::string failure = output.failure();
+	if (failure.empty())
+		return 0;
+	std::fprintf(stderr, "moxcap: %s\n", failure.c_str());
+	return moxcap::kSystemStatus;
 }
 
 } // namespace
@@ -44,28 +40,27 @@ int main(int argc, char **argv)
 	if (auto ending = moxcap::read_options(argc, argv, mox::system_interface_index, options))
 		return tool::end_at_once(*ending);
 
-	// With the capture file on standard output the text has to go elsewhere.
-	int text_fd = options.file == "-" ? STDERR_FILENO : STDOUT_FILENO;
 	signal(SIGPIPE, SIG_IGN);
 	sigset_t waiting = tool::catch_ending_signals({ SIGINT, SIGTERM, SIGHUP });
+	// With the capture file on standard output the text has to go elsewhere.
+	tool::Output text(options.file == "-" ? STDERR_FILENO : STDOUT_FILENO, waiting);
+	tool::Output remarks(STDERR_FILENO, waiting);
 	try {
 		mox::CaptureSocket socket = moxcap::prepare_socket(options);
 		moxcap::Recorder recorder(options, interface_name,
-					  [text_fd](const std::string &text) {
-						  print_to(text_fd, text);
-					  });
+					  [&text](const std::string &line) { text.print(line); });
 		socket.set_location(options.location);
 		if (!options.quiet)
-			print_to(STDERR_FILENO, moxcap::format_opening(options));
+			remarks.print(moxcap::format_opening(options));
 		moxcap::Counters counters = moxcap::run_capture(socket, options, recorder,
 								tool::stop_requested, waiting);
 		if (!options.quiet)
-			print_to(STDERR_FILENO, moxcap::format_summary(options.label, counters));
+			remarks.print(moxcap::format_summary(options.label, counters));
 		if (options.counters)
-			print_to(text_fd, moxcap::format_counters(options.label, counters));
+			text.print(moxcap::format_counters(options.label, counters));
 	} catch (const std::exception &error) {
 		std::fprintf(stderr, "moxcap: %s\n", error.what());
 		return moxcap::kSystemStatus;
 	}
-	return 0;
+	return std::max(status_of(text), status_of(remarks));
 }

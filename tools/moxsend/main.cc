@@ -1,6 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 /* moxsend: sends frames out through the forwarding platform. */
 #include "common/ending.h"
+#include "common/output.h"
 #include "format.h"
 #include "hex.h"
 #include "mox/error.h"
@@ -72,27 +73,25 @@ private:
 	std::optional<std::uint64_t> total_;
 };
 
-moxsend::Deliver printer()
+/** Prints frames instead of sending them. A failed write requests the stop: an endless run would not end otherwise. */
+moxsend::Deliver printer(tool::Output &output)
 {
-	return [last = std::string()](const mox::SendRequest &request) mutable {
+	return [&output, last = std::string()](const mox::SendRequest &request) mutable {
 		std::string heading = moxsend::format_request(request);
-		if (heading != last)
-			std::fputs(heading.c_str(), stdout);
+		std::string line = moxsend::to_hex(request.bytes) + "\n";
+		output.print(heading != last ? heading + line : line);
 		last = heading;
-		// If the reader has ended, stop: an endless run would not end otherwise.
-		if (std::printf("%s\n", moxsend::to_hex(request.bytes).c_str()) < 0 ||
-		    std::fflush(stdout) != 0)
-			tool::stop_requested = 1;
 	};
 }
 
 int send_all(const moxsend::Options &options, const sigset_t &waiting)
 {
 	auto source = open_source(options);
+	tool::Output output(STDOUT_FILENO, waiting), remarks(STDERR_FILENO, waiting);
 	std::optional<mox::PacketSocket> socket;
 	moxsend::Deliver deliver;
 	if (options.dry_run) {
-		deliver = printer();
+		deliver = printer(output);
 	} else {
 		socket.emplace(moxsend::prepare_socket(options));
 		deliver = [&socket](const mox::SendRequest &request) { socket->send(request); };
@@ -119,11 +118,18 @@ int send_all(const moxsend::Options &options, const sigset_t &waiting)
 		std::fputs(moxsend::format_summary(counters).c_str(), stderr);
 	}
 	if (options.counters)
-		std::fputs(moxsend::format_counters(counters).c_str(),
-			   options.dry_run ? stderr : stdout);
-	return !error.empty()         ? moxsend::kSystemStatus
-	       : counters.failed != 0 ? moxsend::kPartialStatus
-				      : 0;
+		(options.dry_run ? remarks : output).print(moxsend::format_counters(counters));
+	bool printed = true;
+	for (const tool::Output *each : { &output, &remarks }) {
+		std::string failure = each->failure();
+		if (failure.empty())
+			continue;
+		std::fprintf(stderr, "moxsend: %s\n", failure.c_str());
+		printed = false;
+	}
+	return !error.empty() || !printed ? moxsend::kSystemStatus
+	       : counters.failed != 0     ? moxsend::kPartialStatus
+					  : 0;
 }
 
 } // namespace
