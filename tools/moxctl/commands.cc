@@ -115,6 +115,17 @@ std::vector<std::string> lines_of(const std::string &text)
 	return lines;
 }
 
+/** The text without what would control a terminal; its ends of lines stay as they are. */
+std::string printable_lines(const std::string &text)
+{
+	std::string safe;
+	for (const std::string &line : lines_of(text))
+		safe += printable(line) + "\n";
+	if (!safe.empty() && !text.ends_with('\n'))
+		safe.pop_back();
+	return safe;
+}
+
 Status tech(const Options &options, const World &world)
 {
 	DumpFile file(vsd_of(world.working_directory()), world.root);
@@ -130,7 +141,7 @@ Status tech(const Options &options, const World &world)
 
 	std::string text = file.read();
 	if (options.output.empty())
-		world.print(text);
+		world.print(world.terminal ? printable_lines(text) : text);
 	else
 		write_file(options.output, text);
 	// The module drops lines silently where its buffer is full between two writes to the file.

@@ -149,8 +149,8 @@ std::string to_json(const Report &report, unsigned kind)
 		object["thread"] = json_of(report.thread);
 	object["complete"] = report.problems.empty();
 	object["problems"] = report.problems;
-	// A process name may hold any bytes.
-	return object.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+	// A process name may hold any bytes, among them controls of a terminal: ASCII alone has none that JSON leaves.
+	return object.dump(2, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
 } // namespace moxctl

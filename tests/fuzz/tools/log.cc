@@ -59,4 +59,5 @@ void fuzz_case(fuzz::Input input)
 							   1 + input.below(8));
 	const std::string json = moxctl::to_json(report, kind);
 	EXPECT_TRUE(nlohmann::json::accept(json)) << json;
+	expect_printable(json);
 }

@@ -330,4 +330,15 @@ TEST(ctl_json, names_with_any_bytes_stay_json)
 	EXPECT_EQ(report["sockets"][0]["process"], "a\"\\\xef\xbf\xbd\x01");
 }
 
+TEST(ctl_json, names_control_no_terminal)
+{
+	std::string text = arpwatch_socket();
+	text.replace(text.find("arpwatch"), 8,
+		     "\xc2\x9b"
+		     "2J\x7f\xc3\xa9");
+	std::string printed = moxctl::to_json(parse(text, moxctl::report_process, 0),
+					      moxctl::report_process);
+	EXPECT_NE(printed.find("\"\\u009b2J\\u007f\\u00e9\""), std::string::npos) << printed;
+}
+
 } // namespace

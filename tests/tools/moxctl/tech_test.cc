@@ -54,6 +54,43 @@ TEST_F(Commands, tech__a_dump_with_dropped_lines_is_saved_and_called_incomplete)
 	EXPECT_NE(complaints.find("moxctl show rules LOCATION"), std::string::npos) << complaints;
 }
 
+TEST_F(Commands, tech__only_a_terminal_is_kept_from_control_characters)
+{
+	options.action = Action::kTech;
+	std::string text = dump_file_text();
+	// A process names itself, with an escape sequence, C1's CSI in UTF-8 or any bytes.
+	const std::string name = "arpwatch", evil = "\x1b[2J\xc2\x9b"
+						    "H\xff";
+	const std::string safe = "\\x1b[2J\\xc2\\x9bH\\xff";
+	std::size_t at = text.find(name);
+	ASSERT_NE(at, std::string::npos);
+	std::string shown = text;
+	shown.replace(at, name.size(), safe);
+	text.replace(at, name.size(), evil);
+	will_write(text);
+
+	run();
+	EXPECT_EQ(printed, text) << "a pipe gets what the module wrote";
+	printed.clear();
+	terminal = true;
+	run();
+	EXPECT_EQ(printed, shown);
+	printed.clear();
+	options.output = root / "saved";
+	run();
+	EXPECT_EQ(contents(options.output), text);
+	EXPECT_EQ(printed, "");
+}
+
+TEST_F(Commands, tech__a_line_that_was_cut_gets_no_end)
+{
+	options.action = Action::kTech;
+	terminal = true;
+	will_write("one\n\ntwo\x07");
+	run();
+	EXPECT_EQ(printed, "one\n\ntwo\\x07");
+}
+
 TEST_F(Commands, tech__no_file)
 {
 	options.action = Action::kTech;
