@@ -2,6 +2,7 @@
 #define _GNU_SOURCE
 #include "preload/table.h"
 
+#include "preload/owner.h"
 #include "preload/ring.h"
 #include "preload/say.h"
 #include "wire.h"
@@ -24,7 +25,7 @@ bool mox_mark(int fd)
 		errno = EMFILE;
 		return false;
 	}
-	if (mox_is_ours(fd))
+	if (mox_is_ours(fd) || !mox_owns_memory())
 		return true;
 	if (__atomic_fetch_add(&in_use, 1, __ATOMIC_RELAXED) >= MOX_MAX_SOCKETS) {
 		__atomic_fetch_sub(&in_use, 1, __ATOMIC_RELAXED);
@@ -39,7 +40,7 @@ bool mox_mark(int fd)
 
 bool mox_unmark(int fd)
 {
-	if (!mox_is_ours(fd) ||
+	if (!mox_is_ours(fd) || !mox_owns_memory() ||
 	    !__atomic_exchange_n(&mox_sockets[fd].ours, false, __ATOMIC_RELAXED))
 		return false;
 	__atomic_fetch_sub(&in_use, 1, __ATOMIC_RELAXED);

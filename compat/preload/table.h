@@ -3,7 +3,8 @@
  * Which descriptors of this process are packet sockets with a relay.
  *
  * The table is a hint of this process: the state of a socket is its relay's. So processes that come by a descriptor
- * through fork, exec or SCM_RIGHTS need to know no more than that it is one.
+ * through fork, exec or SCM_RIGHTS need to know no more than that it is one. A child of vfork leaves the table, which is
+ * its parent's, as it is (owner.h).
  */
 #ifndef MOX_PRELOAD_TABLE_H
 #define MOX_PRELOAD_TABLE_H

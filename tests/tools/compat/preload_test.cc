@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
@@ -212,6 +213,79 @@ TEST(CompatPreload, fork_and_passing__other_processes_have_the_socket)
 	EXPECT_TRUE(module.is_closed());
 	close(pair[0]);
 	close(pair[1]);
+}
+
+/** What a child of fork does: its number of the socket becomes a pipe's. */
+bool closes_and_reuses(int fd)
+{
+	int pipes[2];
+	char byte = 0;
+	return close(fd) == 0 && pipe(pipes) == 0 && pipes[0] == fd &&
+	       write(pipes[1], "x", 1) == 1 && read(pipes[0], &byte, 1) == 1 && byte == 'x';
+}
+
+TEST(CompatPreload, vfork__the_child_closes_nothing_of_its_parent)
+{
+	FakeModule module;
+	const int fd = open_socket(module);
+	int (*const closes[])(int) = {
+		[](int socket) { return close(socket); },
+		[](int socket) {
+			return close_range(static_cast<unsigned>(socket),
+					   static_cast<unsigned>(socket), 0);
+		},
+		[](int socket) { return dup2(2, socket) < 0 ? -1 : 0; },
+		// The copies that a child makes are none of its parent.
+		[](int socket) { return dup2(socket, 300) < 0 || dup(socket) < 0 ? -1 : 0; },
+	};
+	for (auto each : closes) {
+		const pid_t child = vfork();
+		if (child == 0)
+			_exit(each(fd) == 0 ? 0 : 1);
+		int status = -1;
+		ASSERT_EQ(waitpid(child, &status, 0), child);
+		EXPECT_EQ(status, 0);
+
+		const Bytes frame = frame_of(kArp);
+		module.frame(frame);
+		Bytes buffer(100);
+		ASSERT_EQ(recv(fd, buffer.data(), buffer.size(), 0), 60);
+		buffer.resize(60);
+		EXPECT_EQ(buffer, frame);
+	}
+	int pipes[2];
+	ASSERT_EQ(pipe(pipes), 0);
+	ASSERT_EQ(dup2(pipes[0], 300), 300);
+	char byte = 0;
+	EXPECT_EQ(write(pipes[1], "x", 1), 1);
+	EXPECT_EQ(read(300, &byte, 1), 1) << "a pipe is no packet socket";
+	EXPECT_EQ(byte, 'x');
+	for (const int each : { 300, pipes[0], pipes[1], fd })
+		close(each);
+	EXPECT_TRUE(module.is_closed());
+}
+
+TEST(CompatPreload, fork__the_child_has_a_table_of_its_own)
+{
+	FakeModule module;
+	const int fd = open_socket(module);
+	long (*const forks[])() = {
+		[]() -> long { return fork(); },
+		// Without the C library's handlers.
+		[]() -> long { return syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0); },
+	};
+	for (auto each : forks) {
+		const long child = each();
+		if (child == 0)
+			_exit(closes_and_reuses(fd) ? 0 : 1);
+		int status = -1;
+		ASSERT_EQ(waitpid(static_cast<pid_t>(child), &status, 0), child);
+		EXPECT_EQ(status, 0);
+		module.frame(frame_of(kArp));
+		Bytes buffer(100);
+		ASSERT_EQ(recv(fd, buffer.data(), buffer.size(), 0), 60);
+	}
+	close(fd);
 }
 
 TEST(CompatPreload, waiting__by_epoll_select_and_timeout)

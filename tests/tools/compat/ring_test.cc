@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -183,6 +184,19 @@ TEST(CompatRing, program_unmaps__nothing_is_written_there)
 	char byte;
 	ring.module.frame(numbered(2));
 	EXPECT_EQ(recv(ring.fd, &byte, 1, MSG_TRUNC), 60); // an ordinary socket again
+}
+
+TEST(CompatRing, vfork__a_child_that_closes_leaves_the_ring)
+{
+	Ring ring;
+	const pid_t child = vfork();
+	if (child == 0)
+		_exit(close(ring.fd) == 0 ? 0 : 1);
+	int status = -1;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	ring.module.frame(numbered(7));
+	EXPECT_EQ(ring.take(), 7);
 }
 
 TEST(CompatRing, requests__are_checked)
