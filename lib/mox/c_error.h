@@ -5,6 +5,8 @@
 
 #include "mox/error.h"
 
+#include <pthread.h>
+
 #include <cerrno>
 #include <exception>
 #include <new>
@@ -15,10 +17,26 @@ namespace mox {
 /** Sets errno and the text of mox_error. Keeps the first 4095 bytes of it. */
 void note_failure(int error, const char *text) noexcept;
 
+/**
+ * Keeps the thread from being cancelled as long as it exists: the end of a cancelled thread, which glibc makes an
+ * exception of, would have to pass functions that let none out. A request stays pending.
+ */
+class Uncancelled {
+public:
+	Uncancelled() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+	~Uncancelled() { pthread_setcancelstate(before_, nullptr); }
+	Uncancelled(const Uncancelled &) = delete;
+	Uncancelled &operator=(const Uncancelled &) = delete;
+
+private:
+	int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
 /** Runs a function of the C API: its result, or `failed` after an exception. */
 template <typename Function, typename Result>
 Result guarded(Result failed, const Function &function) noexcept
 {
+	Uncancelled uncancelled;
 	try {
 		return function();
 	} catch (const SocketError &error) {

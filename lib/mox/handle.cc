@@ -144,6 +144,7 @@ int mox_release(mox_socket *s)
 
 void mox_free(mox_socket *s)
 {
+	Uncancelled uncancelled;
 	int before = errno;
 	delete s;
 	errno = before;

@@ -11,7 +11,8 @@
  * Functions that return int return 0 or a count when they succeed, and -1 when they fail; those that return a pointer
  * return NULL when they fail. After a failure errno has the reason, and mox_error() a text that names the thing and the
  * remedy. EINVAL is a name, a value or an order of calls that is not valid; ENOMEM also means that there was no memory.
- * No function prints, and none ends the program.
+ * No function prints, and none ends the program. None is a cancellation point: pthread_cancel takes effect after it, so
+ * a thread that waits for a frame ends with a limit of time, or with a signal (EINTR).
  *
  * A handle belongs to one thread at a time. All numbers are in host byte order unless stated otherwise. Names, numbers
  * and records of the kernel's interface are in mox_packet.h. libmox(3) describes every function.

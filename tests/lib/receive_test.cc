@@ -3,6 +3,7 @@
 #include "fixture.h"
 
 #include <arpa/inet.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/time.h>
 
@@ -268,6 +269,72 @@ TEST_F(Receive, statistics__add_up)
 	EXPECT_EQ(mox_read_statistics(s, &now), -1);
 	EXPECT_EQ(errno, EFAULT);
 	EXPECT_EQ(now.frames, 5u) << "not changed";
+}
+
+/** Runs in a thread of its own, which is cancelled after it or within; whether body ended. */
+template <typename Body> bool ends_before_its_thread(const Body &body)
+{
+	struct Work {
+		const Body &body;
+		bool ended;
+	} work{ body, false };
+	pthread_t thread;
+	auto start = [](void *of) -> void * {
+		auto &work = *static_cast<Work *>(of);
+		work.body();
+		work.ended = true;
+		pthread_testcancel();
+		return nullptr;
+	};
+	EXPECT_EQ(pthread_create(&thread, nullptr, start, &work), 0);
+	void *result = nullptr;
+	EXPECT_EQ(pthread_join(thread, &result), 0);
+	EXPECT_EQ(result, PTHREAD_CANCELED) << "the request is kept";
+	return work.ended;
+}
+
+TEST_F(Receive, cancelled_thread__the_call_ends_first)
+{
+	start("all");
+	EXPECT_TRUE(ends_before_its_thread([this] {
+		pthread_cancel(pthread_self());
+		EXPECT_EQ(mox_receive(s, &frame, 10), 0);
+		EXPECT_EQ(errno, EAGAIN);
+	}));
+	calls.queue({ Bytes(20, 0xaa), sample_record() });
+	EXPECT_TRUE(ends_before_its_thread([this] {
+		pthread_cancel(pthread_self());
+		EXPECT_EQ(mox_receive_many(s, &frame, 1, 10), 1);
+	}));
+	EXPECT_EQ(captured(), Bytes(20, 0xaa));
+}
+
+TEST_F(Receive, cancelled_thread__free_closes_the_socket)
+{
+	start("all");
+	EXPECT_TRUE(ends_before_its_thread([this] {
+		pthread_cancel(pthread_self());
+		mox_free(s);
+		s = nullptr;
+	}));
+	EXPECT_FALSE(calls.is_open());
+}
+
+TEST_F(Receive, cancelled_thread__the_programs_own_setting_stays)
+{
+	start("all");
+	EXPECT_TRUE(ends_before_its_thread([this] {
+		int before = -1;
+		pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
+		EXPECT_EQ(before, PTHREAD_CANCEL_ENABLE);
+		mox_receive(s, &frame, MOX_NO_WAIT);
+		pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before);
+		EXPECT_EQ(before, PTHREAD_CANCEL_DISABLE);
+		mox_receive(s, nullptr, MOX_NO_WAIT); // fails
+		pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &before);
+		EXPECT_EQ(before, PTHREAD_CANCEL_ENABLE);
+		pthread_cancel(pthread_self());
+	}));
 }
 
 } // namespace
