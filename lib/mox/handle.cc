@@ -6,6 +6,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <set>
+#include <utility>
 
 namespace mox {
 namespace {
@@ -33,6 +36,42 @@ Rule rule_of(std::uint32_t type, const void *elements, std::size_t count)
 		rule.add_element(row.width == 0 ? std::span<const std::uint8_t>()
 						: std::span(bytes + i * row.width, row.width));
 	return rule;
+}
+
+/** The elements of a rule, each as its bytes. */
+std::vector<std::vector<std::uint8_t>> elements_of(const Rule &rule)
+{
+	const std::vector<std::uint8_t> record = rule.record();
+	const std::size_t width = rule.type().width;
+	std::vector<std::vector<std::uint8_t>> elements;
+	for (std::size_t i = 0; i < rule.count(); ++i) {
+		auto from = record.begin() +
+			    static_cast<std::ptrdiff_t>(sizeof(mox_packet_rule) + i * width);
+		elements.emplace_back(from, from + static_cast<std::ptrdiff_t>(width));
+	}
+	return elements;
+}
+
+/** The noted rules without the values, as the module deletes them: by type and bytes, and "all" by its type. */
+std::vector<Rule> without(const std::vector<Rule> &noted, const Rule &values)
+{
+	const auto deleted_elements = elements_of(values);
+	const std::set<std::vector<std::uint8_t>> deleted(deleted_elements.begin(),
+							  deleted_elements.end());
+	std::vector<Rule> left;
+	for (const Rule &rule : noted) {
+		if (rule.type().value != values.type().value) {
+			left.push_back(rule);
+			continue;
+		}
+		Rule rest(rule.type().value);
+		for (const auto &element : elements_of(rule))
+			if (!deleted.contains(element))
+				rest.add_element(element);
+		if (rest.count() != 0)
+			left.push_back(rest);
+	}
+	return left;
 }
 
 void open(mox_socket &s)
@@ -185,7 +224,10 @@ int mox_delete_rule(mox_socket *s, const char *rule)
 		if (!s->has_rules)
 			throw UsageError(
 				"the socket has no rules yet: they are added by mox_start");
+		// First what needs memory, then what the kernel may refuse: a failure changes nothing.
+		std::vector<Rule> noted = without(s->rules, values);
 		s->open_socket().delete_rule(values);
+		s->rules = std::move(noted);
 	});
 }
 

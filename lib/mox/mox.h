@@ -172,7 +172,10 @@ MOX_API int mox_add_rule_numbers(mox_socket *s, uint32_t type, const uint32_t *n
  */
 MOX_API int mox_add_rule_elements(mox_socket *s, uint32_t type, const void *elements, size_t count);
 
-/** Deletes rule values, text as for mox_add_rule; those that the socket does not have are ignored. */
+/**
+ * Deletes rule values, text as for mox_add_rule, also those noted since mox_stop; those that the socket does not have are
+ * ignored. EINVAL before the first mox_start.
+ */
 MOX_API int mox_delete_rule(mox_socket *s, const char *rule);
 
 /** Where: enum mox_packet_location. */

@@ -288,6 +288,67 @@ TEST_F(Handle, stop_and_start__keep_the_rules)
 	EXPECT_EQ(calls.options[3].u32(), static_cast<unsigned>(PACKET_LEV2_LOC));
 }
 
+TEST_F(Handle, delete_rule__also_of_those_noted_since_the_stop)
+{
+	struct {
+		const char *what;
+		std::vector<const char *> noted;
+		const char *deleted;
+		std::vector<Bytes> added; // by the next start
+	} const cases[] = {
+		{ "the only one", { "eth=lldp" }, "eth=lldp", {} },
+		{ "one of two values",
+		  { "eth=lldp,888e" },
+		  "eth=lldp",
+		  { { 3, 0, 2, 0, 1, 0, 0x88, 0x8e } } },
+		{ "of two rules of the type",
+		  { "eth=888e", "eth=lldp", "eth=lldp" },
+		  "eth=lldp,1234",
+		  { { 3, 0, 2, 0, 1, 0, 0x88, 0x8e } } },
+		{ "another type",
+		  { "eth=888e" },
+		  "snap=888e",
+		  { { 3, 0, 2, 0, 1, 0, 0x88, 0x8e } } },
+		{ "a type without values", { "mcast" }, "mcast", {} },
+		{ "a value that frames are not compared with",
+		  { "wps", "wps=7" },
+		  "wps",
+		  { { 15, 0, 1, 0, 1, 0, 7 } } },
+		{ "all", { "all" }, "all", {} },
+	};
+	for (const auto &each : cases) {
+		SCOPED_TRACE(each.what);
+		start("arp=request");
+		ASSERT_EQ(mox_stop(s), 0);
+		calls.options.clear();
+		for (const char *rule : each.noted)
+			ASSERT_EQ(mox_add_rule(s, rule), 0) << error();
+		ASSERT_EQ(mox_delete_rule(s, each.deleted), 0) << error();
+		EXPECT_EQ(calls.option_order(), std::vector<int>{ kDelete })
+			<< "the socket's own value goes, too";
+		calls.options.clear();
+		ASSERT_EQ(mox_start(s), 0) << error();
+		std::vector<Bytes> added;
+		for (const OptionCall &call : calls.options)
+			if (call.option == kAdd)
+				added.push_back(call.value);
+		EXPECT_EQ(added, each.added);
+	}
+}
+
+TEST_F(Handle, delete_rule__that_the_kernel_refuses_changes_nothing)
+{
+	start("arp=request");
+	ASSERT_EQ(mox_stop(s), 0);
+	ASSERT_EQ(mox_add_rule(s, "eth=lldp"), 0);
+	calls.option_errors = { { kDelete, ENOMEM } };
+	EXPECT_EQ(mox_delete_rule(s, "eth=lldp"), -1);
+	EXPECT_EQ(errno, ENOMEM);
+	calls.options.clear();
+	ASSERT_EQ(mox_start(s), 0) << error();
+	EXPECT_EQ(calls.options[0].option, kAdd);
+}
+
 TEST_F(Handle, names)
 {
 	EXPECT_EQ(mox_location("lev2"), PACKET_LEV2_LOC);
