@@ -69,6 +69,23 @@ void Agent::send(PortState &port, const Lldpdu &pdu)
 	port.send_error = error;
 }
 
+void Agent::log_left_out(PortState &port, Time now)
+{
+	std::uint64_t left_out = port.lines.take_left_out(now);
+	if (left_out != 0)
+		log_(port.port.name + ": " + std::to_string(left_out) +
+		     (left_out == 1 ? " more line about neighbours was"
+				    : " more lines about neighbours were") +
+		     " left out within a minute");
+}
+
+void Agent::log_neighbour(PortState &port, const std::string &line, Time now)
+{
+	log_left_out(port, now);
+	if (port.lines.admit(now))
+		log_(port.port.name + ": " + line);
+}
+
 void Agent::run(Time now)
 {
 	if (!next_announcement_ || *next_announcement_ <= now) {
@@ -79,19 +96,31 @@ void Agent::run(Time now)
 	}
 	for (const auto &gone : neighbours_.age(now)) {
 		const auto &[ifindex, chassis, port] = gone.key();
-		if (PortState *state = find(ifindex))
-			++state->counters.aged;
-		log_(port_name(ifindex) + ": lost " + who(chassis, port, &gone.mapped().pdu) +
-		     ": not heard for its TTL of " + std::to_string(gone.mapped().pdu.ttl) + " s");
+		PortState *state = find(ifindex);
+		if (!state)
+			continue;
+		++state->counters.aged;
+		log_neighbour(*state,
+			      "lost " + who(chassis, port, &gone.mapped().pdu) +
+				      ": not heard for its TTL of " +
+				      std::to_string(gone.mapped().pdu.ttl) + " s",
+			      now);
 	}
+	for (PortState &port : ports_)
+		log_left_out(port, now);
 }
 
 Time Agent::due() const
 {
 	if (!next_announcement_)
 		return Time::min();
-	auto expiry = neighbours_.next_expiry();
-	return expiry ? std::min(*expiry, *next_announcement_) : *next_announcement_;
+	Time due = *next_announcement_;
+	if (auto expiry = neighbours_.next_expiry())
+		due = std::min(due, *expiry);
+	for (const PortState &port : ports_)
+		if (auto end = port.lines.due())
+			due = std::min(due, *end);
+	return due;
 }
 
 void Agent::receive(std::uint32_t ifindex, View frame, Time now)
@@ -116,13 +145,13 @@ void Agent::receive(std::uint32_t ifindex, View frame, Time now)
 	Id chassis = decoded.pdu->chassis, port_id = decoded.pdu->port;
 	switch (neighbours_.update(ifindex, *decoded.pdu, now)) {
 	case Change::kAdded:
-		log_(port->port.name + ": found " + who(chassis, port_id, &*decoded.pdu));
+		log_neighbour(*port, "found " + who(chassis, port_id, &*decoded.pdu), now);
 		break;
 	case Change::kChanged:
-		log_(port->port.name + ": changed: " + who(chassis, port_id, &*decoded.pdu));
+		log_neighbour(*port, "changed: " + who(chassis, port_id, &*decoded.pdu), now);
 		break;
 	case Change::kRemoved:
-		log_(port->port.name + ": left: " + who(chassis, port_id));
+		log_neighbour(*port, "left: " + who(chassis, port_id), now);
 		break;
 	case Change::kRefused:
 		++port->counters.refused;
@@ -135,8 +164,10 @@ void Agent::receive(std::uint32_t ifindex, View frame, Time now)
 
 void Agent::shut_down()
 {
-	for (PortState &port : ports_)
+	for (PortState &port : ports_) {
 		send(port, shutdown_of(announcement_of(port)));
+		log_left_out(port, Time::max());
+	}
 }
 
 PortState *Agent::find(std::uint32_t ifindex)

@@ -3,6 +3,7 @@
 #ifndef LLDPAGENT_AGENT_H
 #define LLDPAGENT_AGENT_H
 
+#include "line_limit.h"
 #include "neighbours.h"
 
 #include <functional>
@@ -51,6 +52,7 @@ struct PortState {
 	Mac mac{};
 	int send_error = 0; /**< of the last send; 0: it went well */
 	Counters counters;
+	LineLimit lines; /**< about neighbours: a station can cause one with every frame */
 };
 
 class Agent {
@@ -70,7 +72,7 @@ public:
 	/** A frame that came in on an interface. One of an interface that is no port counts as stray. */
 	void receive(std::uint32_t ifindex, View frame, Time now);
 
-	/** Announces a shutdown on every port. */
+	/** Announces a shutdown on every port, and logs how many lines were left out until then. */
 	void shut_down();
 
 	const Identity &identity() const { return identity_; }
@@ -83,6 +85,10 @@ public:
 private:
 	Lldpdu announcement_of(const PortState &port) const;
 	void send(PortState &port, const Lldpdu &pdu);
+	/** Logs a line about a neighbour, if the port's limit allows it. */
+	void log_neighbour(PortState &port, const std::string &line, Time now);
+	/** Logs how many lines were left out, if the minute is over. */
+	void log_left_out(PortState &port, Time now);
 	PortState *find(std::uint32_t ifindex);
 
 	Identity identity_;

@@ -217,6 +217,83 @@ TEST_F(AgentTest, receive__counts_what_it_cannot_use)
 	EXPECT_EQ(counters(0).refused, 2u);
 }
 
+TEST_F(AgentTest, log__a_flood_of_changes_has_a_limit_and_a_count)
+{
+	agent.run(start);
+	lldp::Lldpdu pdus[] = { sample_pdu(), sample_pdu() };
+	pdus[1].system_name = "other";
+	for (int i = 0; i < 1000; ++i)
+		hear(3, pdus[i % 2], start);
+	ASSERT_EQ(lines.size(), lldp::kMostLinesAMinute);
+	EXPECT_EQ(lines.front(), "port1: found mac 02:00:00:00:03:01 ifname eth0 (switch)");
+	EXPECT_EQ(lines.back(), "port1: changed: mac 02:00:00:00:03:01 ifname eth0 (other)");
+	EXPECT_EQ(agent.neighbours().all().begin()->second.pdu.system_name, "other");
+	EXPECT_EQ(counters(0).received, 1000u);
+
+	// The other port has a limit of its own.
+	hear(7, sample_pdu(), start + 1s);
+	ASSERT_EQ(lines.size(), lldp::kMostLinesAMinute + 1);
+	EXPECT_EQ(lines.back(), "port2: found mac 02:00:00:00:03:01 ifname eth0 (switch)");
+
+	// The agent prints the count when the minute ends, also when no frame comes.
+	agent.run(start + 58s);
+	lines.clear();
+	agent.run(start + 60s - 1ns);
+	EXPECT_EQ(lines, std::vector<std::string>{});
+	EXPECT_EQ(agent.due(), start + 60s);
+	agent.run(start + 60s);
+	EXPECT_EQ(lines,
+		  std::vector<std::string>{
+			  "port1: 900 more lines about neighbours were left out within a minute" });
+	EXPECT_EQ(agent.due(), start + 63s);
+	agent.run(start + 61s);
+	EXPECT_EQ(lines.size(), 1u) << "once";
+}
+
+TEST_F(AgentTest, log__the_count_stands_before_the_next_line)
+{
+	lldp::Lldpdu pdus[] = { sample_pdu(), sample_pdu() };
+	pdus[1].system_name = "other";
+	for (std::size_t i = 0; i <= lldp::kMostLinesAMinute; ++i)
+		hear(3, pdus[i % 2], start);
+	lines.clear();
+	hear(3, pdus[1], start + 60s);
+	EXPECT_EQ(lines, (std::vector<std::string>{
+				 "port1: 1 more line about neighbours was left out within a minute",
+				 "port1: changed: mac 02:00:00:00:03:01 ifname eth0 (other)" }));
+	// A new minute has begun, with all of its lines.
+	for (std::size_t i = 0; i < 2 * lldp::kMostLinesAMinute; ++i)
+		hear(3, pdus[i % 2], start + 61s);
+	EXPECT_EQ(lines.size(), 1 + lldp::kMostLinesAMinute);
+}
+
+TEST_F(AgentTest, log__a_shutdown_prints_the_count)
+{
+	lldp::Lldpdu pdus[] = { sample_pdu(), sample_pdu() };
+	pdus[1].system_name = "other";
+	for (std::size_t i = 0; i < lldp::kMostLinesAMinute + 5; ++i)
+		hear(3, pdus[i % 2], start);
+	agent.shut_down();
+	EXPECT_EQ(lines.back(),
+		  "port1: 5 more lines about neighbours were left out within a minute");
+}
+
+TEST_F(AgentTest, log__neighbours_that_age_count_as_well)
+{
+	for (int i = 0; i < 300; ++i) {
+		lldp::Lldpdu brief = sample_pdu();
+		brief.ttl = 1;
+		hear(3, brief, start + i * 100ms);
+		agent.run(start + i * 100ms + 1s);
+	}
+	// In 30 seconds 300 were found and 300 lost.
+	EXPECT_EQ(lines.size(), lldp::kMostLinesAMinute);
+	wire.errors[3] = ENETDOWN;
+	agent.run(start + 40s);
+	EXPECT_EQ(lines.back(), "port1: cannot announce: Network is down")
+		<< "at most one an interval: not limited";
+}
+
 // --- how it is shown -------------------------------------------------------------------------------------------------
 
 TEST_F(AgentTest, state__as_text)
