@@ -435,4 +435,47 @@ TEST_F(Capture, sequence__of_a_change_that_is_under_way)
 	}
 }
 
+// One that is over before the change is. A release takes the rule out long before the socket.
+TEST_F(Capture, sequence__of_a_dump_within_a_change)
+{
+	const struct {
+		const char *name;
+		Point point;
+		std::function<int(Sock &)> change;
+	} rows[] = {
+		{ "location", Point::kLock,
+		  [](Sock &s) { return s.set(PACKET_LOCATION, PACKET_WLAN_LOC); } },
+		{ "value", Point::kLock,
+		  [](Sock &s) {
+			  return s.add(PACKET_ETH_PROT_EQUAL, 1, { 8, 6 });
+		  } },
+		{ "bind", Point::kLock, [](Sock &s) { return s.bind(7, 0x0608); } },
+		{ "release", Point::kOrphan, [](Sock &s) { return s.release(); } },
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.name);
+		Sock s;
+		s.capture(PACKET_LEV2_LOC, PACKET_COPY);
+		Reader reader(MOX_CAPTURE_CMD_SOCKETS);
+		u32 first = 0;
+		kernel().at[row.point] = [&](const void *) {
+			if (first || s.running())
+				return;
+			on_other_cpu([&] {
+				EXPECT_GT(reader.fill(8192), 0);
+				EXPECT_FALSE(reader.last[0].has(MOX_CAPTURE_SOCKET_RUNNING));
+				first = reader.sequence;
+				EXPECT_EQ(reader.fill(8192), 0);
+			});
+		};
+		EXPECT_EQ(row.change(s), 0);
+		kernel().at.clear();
+		ASSERT_NE(first, 0u);
+		EXPECT_NE(reader.sequence, first);
+		// At rest the number stays.
+		const u32 rest = registry_changes();
+		EXPECT_EQ(registry_changes(), rest);
+	}
+}
+
 } // namespace

@@ -12,6 +12,7 @@
 #include "rules/filing.hpp"
 #include "services/vsd.hpp"
 #include "socket/registry.hpp"
+#include "socket/rule_change.hpp"
 #include "socket/stamps.hpp"
 
 extern "C" {
@@ -206,6 +207,8 @@ int mox_packet_release(struct socket *socket)
 		seam_prot_inuse_add(net, -1);
 	}
 	stamps_release(po);
+	/* Without its rule, and listed until the end. */
+	ChangeNote note;
 	{
 		/* A dump of the rules that holds the socket reads its rule under this lock. */
 		SockGuard guard(sk);

@@ -12,12 +12,21 @@ constinit u64 g_opened SEAM_GUARDED_BY(g_registry_mutex) = 0;
 constinit u32 g_departures SEAM_GUARDED_BY(g_registry_mutex) = 0;
 constinit u32 g_size = 0;
 constinit u32 g_changes = 1;
+constinit u32 g_changing = 0; /* rule changes and releases under way */
 
 mox_packet_sock *socket_at(list_head *link)
 {
 	/* The record begins with the kernel's sock, and is no standard layout in C++. */
 	return reinterpret_cast<mox_packet_sock *>(reinterpret_cast<unsigned char *>(link) -
 						   offsetof(mox_packet_sock, registered));
+}
+
+/** A new number of changes: never 0, which would mean to the kernel that a dump has not begun. */
+u32 note_change()
+{
+	const u32 changes = __atomic_add_fetch(&g_changes, 1u, __ATOMIC_RELAXED);
+
+	return changes ? changes : __atomic_add_fetch(&g_changes, 1u, __ATOMIC_RELAXED);
 }
 
 /** The first socket behind a place. */
@@ -50,7 +59,7 @@ void registry_add(mox_packet_sock *po)
 	po->serial = ++g_opened;
 	list_link(&po->registered, g_sockets.prev);
 	store(g_size, g_size + 1);
-	registry_note_change();
+	note_change();
 }
 
 void registry_remove(mox_packet_sock *po)
@@ -61,20 +70,31 @@ void registry_remove(mox_packet_sock *po)
 	g_departures++;
 	store(g_size, g_size - 1);
 	closed_add(po);
-	registry_note_change();
+	note_change();
 }
 
-void registry_note_change()
+void registry_change_begins()
 {
-	/* 0 would mean to the kernel that a dump has not begun. */
-	if (__atomic_add_fetch(&g_changes, 1u, __ATOMIC_RELAXED) == 0)
-		__atomic_fetch_add(&g_changes, 1u, __ATOMIC_RELAXED);
+	__atomic_fetch_add(&g_changing, 1u, __ATOMIC_RELAXED);
+	/* Who sees its number sees that it is under way, or over. */
+	seam_smp_mb();
+	note_change();
+}
+
+void registry_change_ends()
+{
+	note_change();
+	seam_smp_mb();
+	__atomic_fetch_sub(&g_changing, 1u, __ATOMIC_RELAXED);
 }
 
 u32 registry_changes()
 {
 	const u32 changes = load(g_changes);
 
+	seam_smp_mb();
+	if (load(g_changing) != 0)
+		return note_change();
 	return changes ? changes : 1;
 }
 

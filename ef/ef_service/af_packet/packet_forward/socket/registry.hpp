@@ -17,9 +17,16 @@ void registry_add(mox_packet_sock *po);
 /** Take out a socket that is being released, and add what it counted to its location. Process. */
 void registry_remove(mox_packet_sock *po);
 
-/** Note that a socket's rule is about to change, or has. Any. */
-void registry_note_change();
-/** How often sockets came or went, or rules changed: never 0. Any. */
+/**
+ * A socket's rule is about to change, or has: each begin has its end. A list that is written
+ * in between, even all of it, is of neither state. Any.
+ */
+void registry_change_begins();
+void registry_change_ends();
+/**
+ * How often sockets came or went, or rules changed: never 0, and another number with each call
+ * while a change is under way. Any.
+ */
 u32 registry_changes();
 
 /** A place in the registry: behind the sockets that were opened up to serial. */

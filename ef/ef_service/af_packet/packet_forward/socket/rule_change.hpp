@@ -26,11 +26,11 @@ inline void stop_running(mox_packet_sock *po, seam_spinlock *lock)
 /** Which lock of the socket is held while the rule's fields and the running flag change. */
 enum class ChangeLock { kRule, kBind };
 
-/** Notes a change when it begins and when it is over: a list written between is of neither state. */
+/** Notes that a change is under way, as long as it exists. */
 class ChangeNote : Pinned {
 public:
-	ChangeNote() { registry_note_change(); }
-	~ChangeNote() { registry_note_change(); }
+	ChangeNote() { registry_change_begins(); }
+	~ChangeNote() { registry_change_ends(); }
 };
 
 /**
