@@ -10,8 +10,11 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <linux/net_tstamp.h>
 #include <linux/netlink.h>
+#include <linux/sockios.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -134,6 +137,37 @@ TEST_F(Capture, other_network_namespaces_have_no_such_family)
 		return int(genl_family_id(socket, MOX_CAPTURE_NAME) != 0);
 	});
 	EXPECT_EQ(found, 0);
+}
+
+TEST_F(Capture, socket_gets_times_of_arrival_while_it_asks_for_them)
+{
+	Socket socket = capture(PACKET_LEV2_LOC, PACKET_COPY, ethertype(0x88b5));
+	const uint64_t cookie = cookie_of(socket);
+	const auto stamped = [&] {
+		const CaptureReply reply = capture_request(
+			MOX_CAPTURE_CMD_SOCKETS,
+			capture_number(MOX_CAPTURE_REQUEST_COOKIE, cookie, 8));
+		return reply.messages.size() == 1 &&
+		       reply.messages[0].has(MOX_CAPTURE_SOCKET_TIMESTAMPS);
+	};
+	EXPECT_FALSE(stamped());
+	for (int option : { SO_TIMESTAMP, SO_TIMESTAMPNS, SO_TIMESTAMPING })
+		for (int round = 0; round < 2; ++round) {
+			SCOPED_TRACE(option);
+			const int on = option == SO_TIMESTAMPING ? SOF_TIMESTAMPING_RX_SOFTWARE : 1;
+			const int off = 0;
+			ASSERT_EQ(socket.option_raw(SOL_SOCKET, option, &on, sizeof on), 0);
+			EXPECT_TRUE(stamped());
+			ASSERT_EQ(socket.option_raw(SOL_SOCKET, option, &off, sizeof off), 0);
+			EXPECT_FALSE(stamped()) << "not needed any more";
+		}
+	// Of the time of reading.
+	timeval time{};
+	put(lab::Hook::Lev2, frames::plain(0x88b5));
+	::usleep(100000);
+	socket.drain();
+	EXPECT_EQ(::ioctl(socket.fd(), SIOCGSTAMP, &time), 0);
+	EXPECT_FALSE(stamped());
 }
 
 TEST_F(Capture, sockets_of_all_namespaces_with_what_they_are)

@@ -137,7 +137,8 @@ int seam_sk_filtered(const struct sock *sk)
 
 int seam_sk_stamped(const struct sock *sk)
 {
-	return (sk->sk_flags & (1UL << SOCK_TIMESTAMP | 1UL << SOCK_TIMESTAMPING_RX_SOFTWARE)) != 0;
+	/* SOCK_TIMESTAMP stays once it is set, and SIOCGSTAMP sets it too. */
+	return (sk->sk_flags & (1UL << SOCK_RCVTSTAMP | 1UL << SOCK_TIMESTAMPING_RX_SOFTWARE)) != 0;
 }
 
 int seam_sock_get_timestamp(struct sock *sk, void *user_to)
