@@ -31,8 +31,8 @@
 #define seam_compat_get_timestampns(sk, to) sock_get_timestampns(sk, to)
 #endif
 
-/* bind's address is of a type without a size of its own since 6.18. */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 18, 0)
+/* bind's address is of a type without a size of its own since 6.18 (Kbuild looks). */
+#ifdef SEAM_HAS_SOCKADDR_UNSIZED
 #define SEAM_BIND_ADDR struct sockaddr_unsized
 #else
 #define SEAM_BIND_ADDR struct sockaddr
@@ -120,8 +120,11 @@
 #define SEAM_CAPTURE_RESV_START
 #endif
 
-/* A handler of socket diagnosis names its module since 6.9. */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 9, 0)
+/*
+ * A handler of socket diagnosis names its module since 6.9, and in later versions of the stable
+ * kernels before (Kbuild looks). Such a kernel keeps the module loaded by nothing else.
+ */
+#ifdef SEAM_HAS_DIAG_OWNER
 #define SEAM_DIAG_OWNER .owner = THIS_MODULE,
 #else
 #define SEAM_DIAG_OWNER

@@ -39,6 +39,10 @@ static const struct sock_diag_handler mox_packet_diag_handler = { .family = AF_P
 
 int seam_diag_register(void)
 {
+#ifndef SEAM_HAS_DIAG_OWNER
+	/* What else would stand in front of it is an owner that Kbuild has missed. */
+	BUILD_BUG_ON(offsetof(struct sock_diag_handler, family) != 0);
+#endif
 	return sock_diag_register(&mox_packet_diag_handler);
 }
 
