@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // From the queue to the socket: what a frame becomes, and the three ways a socket loses one.
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <thread>
 
 #include <linux/filter.h>
+#include <sys/utsname.h>
 
 #include "support/cpus.h"
 #include "support/fixture.h"
@@ -67,6 +69,32 @@ TEST_F(Delivery, a_layer_2_length_beyond_the_frame_does_no_harm)
 	auto cut = dgram.receive();
 	ASSERT_TRUE(cut);
 	EXPECT_LE(cut->bytes.size(), 60u);
+}
+
+// Of the platform's id a filter reads the number, and whether the kernel's own mark is set.
+TEST_F(Delivery, what_a_filter_reads_of_the_vlan)
+{
+	utsname kernel{};
+	ASSERT_EQ(::uname(&kernel), 0);
+	unsigned major = 0, minor = 0;
+	ASSERT_EQ(std::sscanf(kernel.release, "%u.%u", &major, &minor), 2);
+	// Later kernels have no mark beside the number.
+	const bool marks = major > 6 || (major == 6 && minor >= 2);
+	for (uint16_t id : { 0, 1, 100, 4094 })
+		for (bool number : { true, false }) {
+			SCOPED_TRACE(std::to_string(id) + (number ? ", number" : ", mark"));
+			Socket socket = socket_of();
+			// Drops what has it.
+			const int what = number ? SKF_AD_VLAN_TAG : SKF_AD_VLAN_TAG_PRESENT;
+			attach(socket,
+			       { BPF_STMT(BPF_LD | BPF_W | BPF_ABS, uint32_t(SKF_AD_OFF + what)),
+				 BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number ? id : 1u, 0, 1),
+				 BPF_STMT(BPF_RET | BPF_K, 0xffff), BPF_STMT(BPF_RET | BPF_K, 0) });
+			Frame frame = plain(0x88b5, 60);
+			frame.vlan_tci = id;
+			put(Hook::Lev2, frame);
+			EXPECT_EQ(socket.receive().has_value(), !(number || (marks && id != 0)));
+		}
 }
 
 TEST_F(Delivery, frames_of_every_size)
