@@ -211,6 +211,37 @@ TEST_F(LongReport, race__the_socket_that_is_printed)
 	}
 }
 
+// The same in a namespace that goes with it.
+TEST_F(LongReport, race__the_namespace_of_the_socket_that_is_printed)
+{
+	socks.push_back(std::make_unique<Sock>());
+	ASSERT_EQ(socks[0]->create(kRaw, 0, &other_ns), 0);
+	give_values(2000);
+	ASSERT_EQ(socks[0]->set(PACKET_TREATMENT, PACKET_COPY), 0);
+	ASSERT_EQ(socks[0]->set(PACKET_LOCATION, PACKET_LEV2_LOC), 0);
+	const int refs = other_ns.refs;
+	u32 freed = 0;
+	kernel().at[Point::kSockPut] = [&](const void *of) {
+		const auto *sk = static_cast<const sock *>(of);
+		if (sk->refs > 1)
+			return;
+		freed++;
+		EXPECT_EQ(sk->ns, &other_ns);
+		EXPECT_EQ(other_ns.refs, refs) << "the kernel looks at it";
+	};
+	kernel().at[Point::kCondResched] = [&](const void *) {
+		if (socks.empty() || kernel().holds(fake::LockKind::kChange) ||
+		    !kernel().count_said("PACKET_IPv4_DEST_PORT_EQUAL"))
+			return;
+		socks.clear();
+		EXPECT_EQ(other_ns.refs, refs) << "the report's";
+	};
+	mox_packet_show_regular_spec(12, 2, nullptr, 4711);
+	kernel().at.clear();
+	EXPECT_EQ(freed, 1u);
+	EXPECT_EQ(other_ns.refs, refs - 1);
+}
+
 // A key that goes while its rules are printed ends there, and the next key follows.
 TEST_F(LongReport, race__the_key_that_is_printed)
 {

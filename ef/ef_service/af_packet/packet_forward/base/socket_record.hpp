@@ -17,6 +17,25 @@ inline mox_packet_sock *po_of(sock *sk)
 	return reinterpret_cast<mox_packet_sock *>(sk);
 }
 
+/**
+ * A reference on a socket and on its namespace, which a socket in use has: its last put looks at
+ * the namespace. Ends with put_socket_in_use. Any.
+ */
+inline void hold_socket_in_use(mox_packet_sock *po)
+{
+	seam_net_get(seam_sk_net(sk_of(po)));
+	seam_sock_hold(sk_of(po));
+}
+
+/** Undo hold_socket_in_use; it may free the socket and the namespace. Process. */
+inline void put_socket_in_use(mox_packet_sock *po)
+{
+	net *net = seam_sk_net(sk_of(po));
+
+	seam_sock_put(sk_of(po));
+	seam_net_put(net);
+}
+
 /** A reference on a socket for a scope. */
 class SockRef : Pinned {
 public:

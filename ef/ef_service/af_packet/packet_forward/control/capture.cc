@@ -163,19 +163,16 @@ bool rule_entered(mox_packet_sock *po)
 
 void hold_socket(Dump *dump, mox_packet_sock *po)
 {
-	seam_net_get(seam_sk_net(sk_of(po)));
-	seam_sock_hold(sk_of(po));
+	hold_socket_in_use(po);
 	dump->held = po;
 }
 
 void drop_socket(Dump *dump)
 {
-	sock *sk = sk_of(dump->held);
-	net *net = seam_sk_net(sk);
+	mox_packet_sock *po = dump->held;
 
 	dump->held = nullptr;
-	seam_sock_put(sk);
-	seam_net_put(net);
+	put_socket_in_use(po);
 }
 
 } // namespace mox

@@ -101,7 +101,7 @@ public:
 			}
 			/* Behind the page: the last reference may free the socket. */
 			if (po_ && (finished_ || !more)) {
-				seam_sock_put(sk_of(po_));
+				put_socket_in_use(po_);
 				po_ = nullptr;
 			}
 			seam_cond_resched();
@@ -133,7 +133,7 @@ private:
 				dump_socket_begin(po);
 				position_ = RulePosition(&po->regular);
 				if (!dump_rule_items(&po->regular, &position_)) {
-					seam_sock_hold(sk_of(po));
+					hold_socket_in_use(po);
 					po_ = po;
 					finished_ = false;
 					return true;
