@@ -11,15 +11,19 @@ summarise() {
 	COUNTED=$SECONDS
 }
 
-# account NAME STATUS LOG ALLOW_NONE: adds what LOG's last line counts. A suite that ends badly without a failed test,
-# or without a count, is one failure; one without any test too, unless ALLOW_NONE (a filter may match nothing).
+# account NAME STATUS LOG NONE: adds what LOG's last line counts. A suite that ends badly without a failed test, or
+# without a count, is one failure; one that passed no test too, unless a filter may match nothing: NONE is then the
+# status with which the suite may end instead of 0, and otherwise empty.
 account() {
-	local name=$1 status=$2 log=$3 allow_none=$4 last p=0 f=0
+	local name=$1 status=$2 log=$3 none=$4 last p=0 f=0
 	last=$(tail -n 1 "$log" 2>/dev/null || true)
 	if [[ $last =~ ^([0-9]+)\ passed,\ ([0-9]+)\ failed ]]; then
 		p=${BASH_REMATCH[1]} f=${BASH_REMATCH[2]}
-		if [ "$f" -eq 0 ] && [ "$status" -ne 0 ] && { [ "$p" -gt 0 ] || [ -z "$allow_none" ]; }; then
+		if [ "$p" -eq 0 ] && [ "$f" -eq 0 ] && [ -n "$none" ] && { [ "$status" -eq 0 ] || [ "$status" -eq "$none" ]; }; then
+			: # nothing that the filter matches
+		elif [ "$f" -eq 0 ] && { [ "$status" -ne 0 ] || [ "$p" -eq 0 ]; }; then
 			f=1
+			last+=" (status $status): 1 failed"
 		fi
 	else
 		f=1
