@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "cases.h"
 #include "kcov.h"
 #include "support/capture.h"
 #include "support/churn.h"
@@ -107,18 +108,19 @@ protected:
 	std::vector<pid_t> workers_;
 };
 
-std::vector<Bytes> cases_of(unsigned cpu)
+/// The cases to play again, of all workers; none without such a file. A line that is no case fails the test, which plays
+/// the others all the same.
+std::vector<fuzz::Case> cases_to_play()
 {
-	std::vector<Bytes> cases;
-	const char *file = std::getenv("MOX_FUZZ_CASES");
-	if (!file)
-		return cases;
-	std::ifstream in(file);
-	unsigned of;
-	for (std::string text; in >> of >> text;)
-		if (of == cpu)
-			cases.push_back(fuzz::from_hex(text));
-	return cases;
+	const char *name = std::getenv("MOX_FUZZ_CASES");
+	if (!name)
+		return {};
+	std::ifstream in(name);
+	fuzz::CaseFile file = fuzz::read_cases(in, kWorkers);
+	for (const std::string &line : file.named)
+		ADD_FAILURE() << name << ": no case in " << line;
+	EXPECT_EQ(file.bad, 0u) << "lines that are no case";
+	return std::move(file.cases);
 }
 
 TEST_F(Fuzz, random_calls_on_four_cpus)
@@ -141,23 +143,25 @@ TEST_F(Fuzz, random_calls_on_four_cpus)
 	ASSERT_NE(plan.families.control, 0);
 	ASSERT_NE(plan.families.capture, 0);
 	hook_traffic();
-	uint64_t planned = 0;
+	const std::vector<fuzz::Case> planned = cases_to_play();
 	for (plan.cpu = 0; plan.cpu < kWorkers; ++plan.cpu) {
 		plan.operates = plan.cpu == kWorkers - 1;
-		plan.cases = cases_of(plan.cpu);
-		planned += plan.cases.size();
+		plan.cases.clear();
+		for (const fuzz::Case &one : planned)
+			if (one.cpu == plan.cpu)
+				plan.cases.push_back(one.bytes);
 		if (!again || !plan.cases.empty())
 			start(plan);
 	}
 	if (again) {
-		ASSERT_GT(planned, 0u) << "no case in the file";
+		ASSERT_FALSE(planned.empty()) << "no case in the file";
 	}
 
 	const auto begin = Clock::now();
 	const auto step = std::max(length / 20, seconds(5));
 	auto next = begin + step, moved = begin;
 	uint64_t before = 0;
-	while (again ? sum(&fuzz::Progress::Worker::cases) < planned
+	while (again ? sum(&fuzz::Progress::Worker::cases) < planned.size()
 		     : Clock::now() < begin + length) {
 		std::this_thread::sleep_for(std::chrono::milliseconds(100));
 		const uint64_t cases = sum(&fuzz::Progress::Worker::cases);

@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "cases.h"
 #include "corpus.h"
 #include "kcov.h"
 #include "support/fixture.h"
@@ -32,25 +33,6 @@ bool drop_privileges(uint64_t keep)
 
 } // namespace
 
-std::string hex(const Bytes &bytes)
-{
-	static const char kDigits[] = "0123456789abcdef";
-	std::string text;
-	for (uint8_t byte : bytes) {
-		text += kDigits[byte >> 4];
-		text += kDigits[byte & 15];
-	}
-	return text;
-}
-
-Bytes from_hex(const std::string &text)
-{
-	Bytes bytes;
-	for (size_t at = 0; at + 1 < text.size(); at += 2)
-		bytes.push_back(uint8_t(std::stoul(text.substr(at, 2), nullptr, 16)));
-	return bytes;
-}
-
 void work(const Plan &plan, Progress &progress)
 {
 	Progress::Worker &mine = progress.workers[plan.cpu];
@@ -68,7 +50,7 @@ void work(const Plan &plan, Progress &progress)
 	for (size_t n = 0; !progress.stop && (plan.cases.empty() || n < plan.cases.size()); ++n) {
 		const Bytes bytes = plan.cases.empty() ? corpus.next() : plan.cases[n];
 		if (plan.log >= 0) {
-			const std::string line = std::to_string(plan.cpu) + " " + hex(bytes) + "\n";
+			const std::string line = line_of({ plan.cpu, bytes });
 			if (::write(plan.log, line.data(), line.size()) < 0)
 				std::perror("worker: cases");
 		}

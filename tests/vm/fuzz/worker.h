@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <string>
 #include <vector>
 
 #include "calls.h"
@@ -27,7 +26,7 @@ struct Plan {
 	Families families;
 	/// Cases to play again, in this order; none: the worker makes its own.
 	std::vector<Bytes> cases;
-	/// Where each case is written before it is played, as "CPU HEX" lines; -1: nowhere.
+	/// Where each case is written before it is played, as a line of a file of cases; -1: nowhere.
 	int log = -1;
 	/// Whether the worker keeps CAP_NET_ADMIN, CAP_NET_RAW and CAP_SYS_RESOURCE; otherwise it has
 	/// none at all.
@@ -36,8 +35,5 @@ struct Plan {
 
 /// Runs in a process of its own until progress.stop; never returns.
 [[noreturn]] void work(const Plan &plan, Progress &progress);
-
-std::string hex(const Bytes &bytes);
-Bytes from_hex(const std::string &text);
 
 } // namespace fuzz
