@@ -64,8 +64,8 @@ private:
 /**
  * Captures with a socket whose location is set, until the count or the duration is reached or `stop` is set by a signal
  * handler; such signals have to be blocked outside of this call, and are let through as `waiting` says while it
- * waits and after each batch of frames. Takes the socket out of its location, ends the capture file and returns what was counted. Throws FileError if
- * the file is a pipe whose reader has ended, also while no frame comes.
+ * waits and after each batch of frames. Takes the socket out of its location, ends the capture file and returns what
+ * was counted. Throws FileError if the file is a pipe whose reader has ended, also while no frame comes.
  */
 Counters run_capture(mox::CaptureSocket &socket, const Options &options, Recorder &recorder,
 		     const volatile std::sig_atomic_t &stop, const sigset_t &waiting);
