@@ -2,6 +2,7 @@
 #include "capture_reasons.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace moxctl {
 namespace {
@@ -111,21 +112,25 @@ constexpr Balance kBalances[] = {
 	{ Set::kCounters, "sends", kSendsSum, kSends, false },
 };
 
-/** What sum has beyond parts; nothing when counters are absent. */
-bool difference(const Record &ledger, const Balance &balance, std::int64_t &frames)
+/**
+ * What the sum has beyond its parts, of which waiting is one; nothing when counters are absent. Counters begin again
+ * at 0 behind their last number, and so does the sum of two: differences of unsigned numbers are right all the same.
+ */
+std::optional<std::int64_t> difference(const Record &ledger, const Balance &balance,
+				       std::uint64_t waiting)
 {
-	frames = 0;
+	std::uint64_t frames = 0;
 	for (std::uint16_t each : balance.sum) {
 		if (!ledger.has(each))
-			return false;
-		frames += static_cast<std::int64_t>(ledger.number(each));
+			return std::nullopt;
+		frames += ledger.number(each);
 	}
 	for (std::uint16_t each : balance.parts) {
 		if (!ledger.has(each))
-			return false;
-		frames -= static_cast<std::int64_t>(ledger.number(each));
+			return std::nullopt;
+		frames -= ledger.number(each);
 	}
-	return true;
+	return static_cast<std::int64_t>(frames - waiting);
 }
 
 } // namespace
@@ -165,14 +170,13 @@ std::vector<InFlight> in_flight(const Record &record)
 	if (!ledger)
 		return found;
 	for (const Balance &balance : kBalances) {
-		std::int64_t frames;
-		if (balance.set != ledger->set() || !difference(*ledger, balance, frames))
+		if (balance.set != ledger->set())
 			continue;
-		if (balance.with_queue)
-			frames -= static_cast<std::int64_t>(
-				record.number(MOX_CAPTURE_SOCKET_QUEUE));
-		if (frames != 0)
-			found.push_back({ balance.name, frames });
+		std::uint64_t waiting = balance.with_queue ? record.number(MOX_CAPTURE_SOCKET_QUEUE)
+							   : 0;
+		std::optional<std::int64_t> frames = difference(*ledger, balance, waiting);
+		if (frames.value_or(0) != 0)
+			found.push_back({ balance.name, *frames });
 	}
 	return found;
 }

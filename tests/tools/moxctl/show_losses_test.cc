@@ -113,6 +113,27 @@ TEST_F(Show, losses__in_flight)
 	}
 }
 
+/** The sum of two counters begins again at 0 as a counter does: 2^64 - 2 frames of which 2^64 - 5 are delivered. */
+TEST_F(Show, losses__in_flight_where_counters_begin_again)
+{
+	auto location = sample_location();
+	for (unsigned attribute : { MOX_CAPTURE_LOCATION_CLONED, MOX_CAPTURE_LOCATION_TAKEN })
+		location.u64(attribute, INT64_MAX);
+	for (unsigned attribute : { MOX_CAPTURE_LOCATION_UNKEPT, MOX_CAPTURE_LOCATION_UNMATCHED,
+				    MOX_CAPTURE_LOCATION_FREED, MOX_CAPTURE_LOCATION_QUEUED })
+		location.u64(attribute, 0);
+	location.u64(MOX_CAPTURE_LOCATION_KEPT, UINT64_MAX - 4);
+	module.entries[MOX_CAPTURE_CMD_LOCATIONS] = { location };
+	json report = show_json(Action::kShowLosses);
+	bool found = false;
+	for (const json &each : report["locations"][0]["in_flight"])
+		if (each["sum"] == "cloned + taken") {
+			EXPECT_EQ(each["frames"], 3);
+			found = true;
+		}
+	EXPECT_TRUE(found) << report;
+}
+
 TEST_F(Show, reasons__every_verdict_and_every_counter_of_lost_frames_has_one)
 {
 	for (const moxctl::VerdictRow &verdict : moxctl::capture_verdicts())
